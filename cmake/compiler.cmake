@@ -1,0 +1,32 @@
+# The language, the warnings and the sanitizers of every target.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo)
+endif()
+
+add_compile_definitions(_GNU_SOURCE)
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+
+# The frame lists swap a pointer and its change counter as one 128-bit unit.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64")
+  add_compile_options(-mcx16)
+endif()
+
+find_package(Threads REQUIRED)
+
+if(TARNIK_SANITIZE)
+  # Only clang links the sanitizer runtime into the program itself, where it gets along with the
+  # preloaded driver stand-in.
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "TARNIK_SANITIZE needs clang: use the asan or tsan preset")
+  endif()
+  set(TARNIK_SANITIZE_OPTIONS -fsanitize=${TARNIK_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_compile_options(${TARNIK_SANITIZE_OPTIONS})
+  add_link_options(${TARNIK_SANITIZE_OPTIONS})
+endif()

@@ -1,0 +1,40 @@
+# One target a folder. A folder's headers are included by their path from the top of the project
+# ("base/log.h"), but only a target that links the folder finds them: each folder is put, by a
+# link, into an include directory of its own.
+function(tarnik_headers target folder)
+  set(root ${PROJECT_BINARY_DIR}/include/${target})
+  cmake_path(GET folder PARENT_PATH parent)
+  file(MAKE_DIRECTORY ${root}/${parent})
+  file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${folder} ${root}/${folder} SYMBOLIC)
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL INTERFACE_LIBRARY)
+    target_include_directories(${target} INTERFACE ${root})
+  else()
+    target_include_directories(${target} PUBLIC ${root})
+  endif()
+endfunction()
+
+# tarnik_test(NAME file.cc... [LINKS target...] [ROOT] [SERIAL] [TIMEOUT seconds] [ARGS arg...])
+# A GoogleTest program and its CTest entry. With ROOT it runs in a private root, where the
+# daemon's fixed paths are its own.
+function(tarnik_test name)
+  if(NOT TARNIK_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(PARSE_ARGV 1 T "ROOT;SERIAL" "TIMEOUT" "LINKS;ARGS")
+  add_executable(${name} ${T_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE ${T_LINKS} GTest::gmock GTest::gtest_main)
+  set(command $<TARGET_FILE:${name}> ${T_ARGS})
+  if(T_ROOT)
+    set(command ${PROJECT_SOURCE_DIR}/platform/private-root/private-root
+        --build ${PROJECT_BINARY_DIR} -- ${command})
+  endif()
+  add_test(NAME ${name} COMMAND ${command})
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 120)
+  endif()
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT} SKIP_RETURN_CODE 77)
+  if(T_SERIAL)
+    set_tests_properties(${name} PROPERTIES RUN_SERIAL TRUE)
+  endif()
+endfunction()

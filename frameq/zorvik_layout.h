@@ -1,0 +1,255 @@
+/* zorvik_layout.h - what crosses between the zorvik driver and its applications: device nodes,
+ * ioctl requests and shared-memory layouts. The only header that a driver and the frame library
+ * share. C11 and C++. All numbers are little-endian; everything read from these structures was
+ * written by another process and is to be bounded before use.
+ */
+#ifndef ZORVIK_LAYOUT_H
+#define ZORVIK_LAYOUT_H
+
+#include <assert.h>
+#include <linux/ioctl.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+#define ZORVIK_ASSERT(condition) static_assert(condition, #condition)
+#else
+#define ZORVIK_ASSERT(condition) _Static_assert(condition, #condition)
+#endif
+
+/* ---- Device nodes -----------------------------------------------------------------------*/
+
+#define ZORVIK_DEV_DIR "/dev/zorvik"
+#define ZORVIK_CTL_NODE "/dev/zorvik/ctl"           /* the driver's control node */
+#define ZORVIK_NET_DATA_NODE "/dev/zorvik/net_data" /* payload memory of every group */
+#define ZORVIK_IFG_CTL "ctl"                        /* in the group's directory: its control node */
+#define ZORVIK_IFG_FRM_DESC "frm_desc"              /* and its frame descriptors */
+
+#define ZORVIK_NAME_MAX 16u /* characters of a group's or queue's name, NUL not counted */
+#define ZORVIK_ENUM_MAX 32u /* records of an enumeration */
+
+/* ---- Requests on a group's control node -------------------------------------------------*/
+
+/* With count 0: the group's flags are returned in flags. With count = capacity: the group's
+ * interfaces are written to the array of struct zorvik_if_record at address `flags`, count
+ * becomes their number, and the request's result is a cookie that is 0 for an empty group. */
+struct zorvik_ifg_query {
+  uint64_t flags;
+  uint32_t count;
+  uint32_t reserved;
+};
+
+struct zorvik_q_record {
+  uint32_t id;
+  uint32_t type;
+  uint32_t entries;
+  uint32_t reserved;
+  char name[ZORVIK_NAME_MAX]; /* not terminated when 16 characters long */
+  uint32_t requested;         /* size asked for at creation */
+};
+
+struct zorvik_q_enum {
+  uint32_t count; /* capacity in, number out */
+  struct zorvik_q_record records[ZORVIK_ENUM_MAX];
+};
+
+struct zorvik_q_create {
+  uint32_t type; /* ZORVIK_Q_... */
+  uint32_t size; /* entries wanted; the driver rounds up to a power of two */
+  uint64_t reserved[2];
+  char name[ZORVIK_NAME_MAX];
+  uint64_t reserved2;
+};
+
+/* Types of queues. Applications create 3 to 6. */
+enum {
+  ZORVIK_Q_INGRESS = 1, /* reads set the data pointer and take the frame's reference */
+  ZORVIK_Q_EGRESS = 2,
+  ZORVIK_Q_SHARED = 3, /* reads add a frame reference */
+  ZORVIK_Q_FANOUT = 4, /* writes add a queue reference */
+  ZORVIK_Q_APP = 5,    /* writes add a queue reference */
+  ZORVIK_Q_RAW = 6,
+};
+
+/* ---- Requests on a group's frm_desc node ------------------------------------------------*/
+
+struct zorvik_frm_desc_size {
+  uint32_t reserved;
+  uint32_t size; /* bytes of the descriptor memory */
+};
+
+struct zorvik_frm_free {
+  uint64_t reserved;
+  uint32_t frame_id;
+  uint32_t reserved2;
+};
+
+#define ZORVIK_FRM_ALLOC_MAX 62u
+
+/* Takes up to `count` frames with room for `size` bytes out of the pool; count becomes their
+ * number, at least 1 (ENOBUFS when there is none, EMSGSIZE when no buffer is that large). Each
+ * has its descriptor valid, both lengths, tag and flags' packet bits 0, reference count 1. */
+struct zorvik_frm_alloc {
+  uint32_t count;
+  uint32_t size;
+  uint32_t frame_ids[ZORVIK_FRM_ALLOC_MAX];
+};
+
+/* ---- Requests on a queue's node ---------------------------------------------------------*/
+
+struct zorvik_q_stat {
+  uint32_t id;
+  uint32_t type;
+  uint32_t entries;
+  uint32_t mem_size; /* bytes of the queue memory */
+  uint32_t reserved[6];
+};
+
+struct zorvik_q_wait {
+  uint32_t kresq_handle;
+  uint32_t timeout_ms; /* 0: no limit */
+};
+
+struct zorvik_q_wake {
+  uint32_t kresq_handle;
+  uint32_t reserved;
+};
+
+/* ---- Requests on the driver's control node ----------------------------------------------*/
+
+struct __attribute__((packed)) zorvik_ifg_create {
+  char name[ZORVIK_NAME_MAX + 1u];
+};
+
+/* ---- Request numbers --------------------------------------------------------------------
+ * The size of the number is that of the structure, but for the queue enumeration, whose number
+ * counts its first word only.
+ */
+#define ZORVIK_IOC 0xbf
+#define ZORVIK_IFG_CREATE _IOW(ZORVIK_IOC, 0xa0, struct zorvik_ifg_create)
+#define ZORVIK_IFG_QUERY _IOWR(ZORVIK_IOC, 0xa3, struct zorvik_ifg_query)
+#define ZORVIK_IFG_SET_FLAGS _IO(ZORVIK_IOC, 0xa4) /* the flags are the argument */
+#define ZORVIK_Q_CREATE _IOW(ZORVIK_IOC, 0xa6, struct zorvik_q_create)
+#define ZORVIK_FRM_DATA_CREATE _IOW(ZORVIK_IOC, 0xa7, uint32_t) /* descriptors wanted */
+#define ZORVIK_FRM_DESC_SIZE _IOR(ZORVIK_IOC, 0xa9, struct zorvik_frm_desc_size)
+#define ZORVIK_Q_REMOVE _IOW(ZORVIK_IOC, 0xaa, uint32_t) /* the queue's id */
+#define ZORVIK_Q_ENUM _IOWR(ZORVIK_IOC, 0xab, uint32_t)  /* struct zorvik_q_enum */
+#define ZORVIK_Q_STAT _IOW(ZORVIK_IOC, 0xac, struct zorvik_q_stat)
+#define ZORVIK_NET_DATA_SIZE _IOW(ZORVIK_IOC, 0xad, uint32_t) /* filled: bytes of payload memory */
+#define ZORVIK_FRM_ALLOC _IOWR(ZORVIK_IOC, 0xaf, struct zorvik_frm_alloc)
+#define ZORVIK_FRM_FREE _IOW(ZORVIK_IOC, 0xb0, struct zorvik_frm_free)
+#define ZORVIK_Q_WAIT _IOW(ZORVIK_IOC, 0xb1, struct zorvik_q_wait)
+#define ZORVIK_Q_WAKE _IOW(ZORVIK_IOC, 0xb2, struct zorvik_q_wake)
+#define ZORVIK_GET_LOG_MASK _IOWR(ZORVIK_IOC, 0xb5, uint64_t)
+#define ZORVIK_SET_LOG_MASK _IOWR(ZORVIK_IOC, 0xb6, uint64_t)
+
+ZORVIK_ASSERT(ZORVIK_IFG_CREATE == 0x4011bfa0u);
+ZORVIK_ASSERT(ZORVIK_IFG_QUERY == 0xc010bfa3u);
+ZORVIK_ASSERT(ZORVIK_IFG_SET_FLAGS == 0xbfa4u);
+ZORVIK_ASSERT(ZORVIK_Q_CREATE == 0x4030bfa6u);
+ZORVIK_ASSERT(ZORVIK_FRM_DATA_CREATE == 0x4004bfa7u);
+ZORVIK_ASSERT(ZORVIK_FRM_DESC_SIZE == 0x8008bfa9u);
+ZORVIK_ASSERT(ZORVIK_Q_REMOVE == 0x4004bfaau);
+ZORVIK_ASSERT(ZORVIK_Q_ENUM == 0xc004bfabu);
+ZORVIK_ASSERT(ZORVIK_Q_STAT == 0x4028bfacu);
+ZORVIK_ASSERT(ZORVIK_NET_DATA_SIZE == 0x4004bfadu);
+ZORVIK_ASSERT(ZORVIK_FRM_FREE == 0x4010bfb0u);
+ZORVIK_ASSERT(ZORVIK_Q_WAIT == 0x4008bfb1u);
+ZORVIK_ASSERT(ZORVIK_Q_WAKE == 0x4008bfb2u);
+ZORVIK_ASSERT(ZORVIK_GET_LOG_MASK == 0xc008bfb5u);
+ZORVIK_ASSERT(ZORVIK_SET_LOG_MASK == 0xc008bfb6u);
+ZORVIK_ASSERT(sizeof(struct zorvik_q_record) == 36);
+ZORVIK_ASSERT(sizeof(struct zorvik_q_enum) == 1156);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_record, name) == 16);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_create, name) == 24);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc_size, size) == 4);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_free, frame_id) == 8);
+
+/* ---- Queue memory -----------------------------------------------------------------------
+ * A ring of frame identifiers, mapped from offset 0 of the queue's node. Producer and consumer
+ * each have a wait/wake record. Every access to the words is atomic with full barriers.
+ */
+enum {
+  ZORVIK_RESQ_WOKEN = 1u << 0,    /* a wake-up was posted to this side */
+  ZORVIK_RESQ_SHUTDOWN = 1u << 2, /* this side is shut down */
+};
+
+struct zorvik_resq {
+  uint32_t tag;
+  uint32_t flags;
+  uint32_t kresq_handle; /* names this record in wait and wake requests */
+  uint8_t reserved[52];
+};
+
+struct zorvik_qmem {
+  struct zorvik_resq presq; /* producer */
+  struct zorvik_resq cresq; /* consumer */
+  uint32_t enqueue;         /* next slot the producer fills, masked */
+  uint8_t reserved1[60];
+  uint32_t dequeue; /* next slot the consumer empties, masked */
+  uint8_t reserved2[60];
+  uint32_t max_elements; /* slots, a power of two; one always stays empty */
+  uint32_t mask;         /* slots - 1 */
+  uint8_t reserved3[56];
+  __extension__ uint64_t entries[]; /* 0: empty; else a frame identifier in the low 32 bits */
+};
+
+ZORVIK_ASSERT(offsetof(struct zorvik_qmem, cresq) == 64);
+ZORVIK_ASSERT(offsetof(struct zorvik_qmem, enqueue) == 128);
+ZORVIK_ASSERT(offsetof(struct zorvik_qmem, dequeue) == 192);
+ZORVIK_ASSERT(offsetof(struct zorvik_qmem, max_elements) == 256);
+ZORVIK_ASSERT(offsetof(struct zorvik_qmem, mask) == 260);
+ZORVIK_ASSERT(sizeof(struct zorvik_qmem) == 320);
+
+/* ---- Frame descriptors ------------------------------------------------------------------*/
+
+#define ZORVIK_FRM_INDEX_MASK 0x00ffffffu /* of a frame identifier; index 0 is never valid */
+#define ZORVIK_FRM_GENERATION_SHIFT 24u
+
+#define ZORVIK_FRM_VALID 0x0001u
+#define ZORVIK_FRM_PKT_FLAG_1 0x4000u /* packet flag 1 */
+#define ZORVIK_FRM_PKT_FLAG_4 0x8000u /* packet flag 4: the capture's last frame */
+
+#define ZORVIK_IF_LOCAL (-1)
+#define ZORVIK_Q_UNKNOWN (-1)
+
+struct zorvik_frm_desc {
+  uint32_t wire_len; /* bytes on the wire */
+  uint32_t cap_len;  /* bytes captured, at data_off */
+  uint32_t ts_sec;
+  uint32_t ts_usec;
+  uint64_t data; /* address in the reader's process, set on reads from queues of type 1 */
+  uint64_t assoc_buf;
+  uint8_t reserved1[16];
+  uint16_t frame_size; /* bytes, for the payload bound */
+  uint8_t reserved2[2];
+  uint32_t buf_size; /* bytes of the frame's buffer */
+  int16_t if_in;     /* interface number or ZORVIK_IF_LOCAL */
+  int16_t if_out;
+  int16_t q_idx; /* queue pair or ZORVIK_Q_UNKNOWN */
+  uint8_t reserved3[10];
+  uint64_t tag; /* from producer to consumer: the capture identifier */
+  uint32_t data_off; /* of the frame's data in the payload memory */
+  uint32_t index;    /* the descriptor's own */
+  uint8_t reserved4[8];
+  uint8_t generation; /* changes when the frame is freed */
+  uint8_t reserved5[4];
+  uint8_t qref_cnt; /* queue references (types 4 and 5) */
+  uint8_t ref_cnt;
+  uint8_t eng_ref_cnt;
+  uint16_t flags; /* ZORVIK_FRM_... */
+  uint8_t reserved6[22];
+};
+
+ZORVIK_ASSERT(sizeof(struct zorvik_frm_desc) == 128);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, data) == 16);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, frame_size) == 48);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, tag) == 72);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, data_off) == 80);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, index) == 84);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, generation) == 96);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, qref_cnt) == 101);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, ref_cnt) == 102);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, flags) == 104);
+
+#endif
