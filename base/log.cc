@@ -12,15 +12,23 @@ namespace {
 
 // The level is a plain variable of the SDK. Relaxed: it orders nothing, a line more or less while
 // it changes is harmless.
-std::atomic_ref<unsigned> level() noexcept { return std::atomic_ref<unsigned>(OrloLogDebugLevel); }
+std::atomic_ref<unsigned> level() noexcept {
+  return std::atomic_ref<unsigned>(OrloLogDebugLevel);
+}
 
 }  // namespace
 
-unsigned debugLevel() noexcept { return level().load(std::memory_order_relaxed); }
+unsigned debugLevel() noexcept {
+  return level().load(std::memory_order_relaxed);
+}
 
-void setDebugLevel(unsigned value) noexcept { level().store(value, std::memory_order_relaxed); }
+void setDebugLevel(unsigned value) noexcept {
+  level().store(value, std::memory_order_relaxed);
+}
 
-void raiseDebugLevel() noexcept { level().fetch_add(1, std::memory_order_relaxed); }
+void raiseDebugLevel() noexcept {
+  level().fetch_add(1, std::memory_order_relaxed);
+}
 
 void logLine(int priority, const char* format, ...) noexcept {
   const int savedErrno = errno;

@@ -22,10 +22,10 @@ void raiseDebugLevel() noexcept;
 
 // Writes a debug line when the debug level is above `threshold`; its arguments are evaluated
 // only then, so that a quiet frame path costs one load and one branch.
-#define TARNIK_DEBUG(threshold, ...)                        \
-  do {                                                      \
-    if (::tarnik::debugLevel() > (threshold)) [[unlikely]]  \
-      ::tarnik::logLine(LOG_DEBUG, __VA_ARGS__);            \
+#define TARNIK_DEBUG(threshold, ...)                       \
+  do {                                                     \
+    if (::tarnik::debugLevel() > (threshold)) [[unlikely]] \
+      ::tarnik::logLine(LOG_DEBUG, __VA_ARGS__);           \
   } while (false)
 #define TARNIK_INFO(...) ::tarnik::logLine(LOG_INFO, __VA_ARGS__)
 #define TARNIK_WARNING(...) ::tarnik::logLine(LOG_WARNING, __VA_ARGS__)

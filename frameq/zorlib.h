@@ -26,108 +26,108 @@ enum { ZORLIB_READ = 0, ZORLIB_WRITE = 1 };
 /* ---- Interface groups -------------------------------------------------------------------*/
 
 /* Opens the group `name` (1 to 16 characters, else ENAMETOOLONG). *ifg is set on success only. */
-int zorlib_ifg_open(const char *name, zorlib_ifg **ifg);
+int zorlib_ifg_open(const char* name, zorlib_ifg** ifg);
 
 /* The first half of zorlib_ifg_open: a handle on which only the driver's control node is open.
  * Null with errno on failure. */
-zorlib_ifg *zorlib_ifg_alloc(const char *name);
+zorlib_ifg* zorlib_ifg_alloc(const char* name);
 
 /* Gives a reference back; the last one returns cached frames to the driver, closes the nodes,
  * unmaps the frame memory and frees the handle. */
-int zorlib_ifg_close(zorlib_ifg *ifg);
+int zorlib_ifg_close(zorlib_ifg* ifg);
 
 /* Waits up to 1.5 s until the node at `path` is there (appear 1) or gone (appear 0). */
-int zorlib_ifg_devnode_wait(const char *path, int appear);
+int zorlib_ifg_devnode_wait(const char* path, int appear);
 
 /* Maps the group's descriptors and the payload memory, once a handle, and takes a reference
  * (given back with zorlib_ifg_close). Sizes in bytes. */
-int zorlib_map_frm_data(zorlib_ifg *ifg, struct zorvik_frm_desc **frmDesc, uint32_t *frmDescSize,
-                        uint8_t **payload, uint32_t *payloadSize);
+int zorlib_map_frm_data(zorlib_ifg* ifg, struct zorvik_frm_desc** frmDesc, uint32_t* frmDescSize,
+                        uint8_t** payload, uint32_t* payloadSize);
 
 /* The group's queues, in a buffer that the caller frees with free(3). */
-int zorlib_ifg_q_enum(zorlib_ifg *ifg, struct zorvik_q_enum **list);
+int zorlib_ifg_q_enum(zorlib_ifg* ifg, struct zorvik_q_enum** list);
 
 /* Removes queue `id`; EBUSY while it is open somewhere. */
-int zorlib_ifg_q_remove(zorlib_ifg *ifg, uint32_t id);
+int zorlib_ifg_q_remove(zorlib_ifg* ifg, uint32_t id);
 
 /* Reads the group's 64 flag bits. */
-int zorlib_ifg_get_flags(zorlib_ifg *ifg, uint64_t *flags);
+int zorlib_ifg_get_flags(zorlib_ifg* ifg, uint64_t* flags);
 
 /* Sets them. 0 even when the driver refused, which only the log tells. */
-int zorlib_ifg_set_flags(zorlib_ifg *ifg, uint64_t flags);
+int zorlib_ifg_set_flags(zorlib_ifg* ifg, uint64_t flags);
 
 /* Clear, or set, bit 0 of the flags and leave the others. */
-int zorlib_ifg_disable(zorlib_ifg *ifg);
-int zorlib_ifg_enable(zorlib_ifg *ifg);
+int zorlib_ifg_disable(zorlib_ifg* ifg);
+int zorlib_ifg_enable(zorlib_ifg* ifg);
 
 /* ---- Application queues -----------------------------------------------------------------*/
 
 /* Creates the queue `name` (at most 16 characters) of `type` 3 to 6 with `size` entries
  * (10 to 16000000; 0: the group's parameters say, else 100000). EEXIST when it is there. */
-int zorlib_ifg_create_q_app(zorlib_ifg *ifg, const char *name, uint32_t type, uint32_t size);
+int zorlib_ifg_create_q_app(zorlib_ifg* ifg, const char* name, uint32_t type, uint32_t size);
 
 /* Issues the create request and waits for the queue's node. The last two are reserved, 0. */
-int zorlib_ifg_q_create(zorlib_ifg *ifg, const char *name, uint32_t type, uint32_t size,
+int zorlib_ifg_q_create(zorlib_ifg* ifg, const char* name, uint32_t type, uint32_t size,
                         uint64_t reserved1, uint64_t reserved2);
 
 /* Removes the queue `name` (in any case): ENOENT when there is none, EBUSY while it is open. */
-int zorlib_ifg_remove_q_app(zorlib_ifg *ifg, const char *name);
+int zorlib_ifg_remove_q_app(zorlib_ifg* ifg, const char* name);
 
 /* Opens the queue `name` as consumer (ZORLIB_READ) or producer (ZORLIB_WRITE) and ends that
  * side's shutdown. Waits have no limit until zorlib_q_set_timeout. */
-int zorlib_q_app_open(zorlib_ifg *ifg, const char *name, uint32_t mode, zorlib_q **q);
+int zorlib_q_app_open(zorlib_ifg* ifg, const char* name, uint32_t mode, zorlib_q** q);
 
 /* Closes the queue and gives its reference on the group back. */
-int zorlib_q_close(zorlib_q *q);
+int zorlib_q_close(zorlib_q* q);
 
 /* Shuts this handle's side of the queue down: every read (or write) of that side, blocked or to
  * come, fails with ESHUTDOWN until the side is opened again. Always 0. */
-int zorlib_q_shutdown(zorlib_q *q);
+int zorlib_q_shutdown(zorlib_q* q);
 
 /* Takes the next frame, waiting up to the queue's timeout, or `ms` milliseconds (UINT32_MAX: no
  * limit). The frame is the caller's, to be freed exactly once. EAGAIN when nothing came,
  * ESHUTDOWN, EINTR, ENXIO for an identifier that names no valid frame. *frame is null on
  * failure. The limit is a budget, not a clock: up to 2000 ms it never sleeps. */
-int zorlib_q_read(zorlib_q *q, struct zorvik_frm_desc **frame);
-int zorlib_q_read_timeout(zorlib_q *q, struct zorvik_frm_desc **frame, uint32_t ms);
+int zorlib_q_read(zorlib_q* q, struct zorvik_frm_desc** frame);
+int zorlib_q_read_timeout(zorlib_q* q, struct zorvik_frm_desc** frame, uint32_t ms);
 
 /* Puts `frame` on the queue, waiting for room up to the queue's timeout. On success the frame
  * is the consumer's. EAGAIN when there was no room, ESHUTDOWN. */
-int zorlib_q_write(zorlib_q *q, struct zorvik_frm_desc *frame);
+int zorlib_q_write(zorlib_q* q, struct zorvik_frm_desc* frame);
 
 /* Drops a reference on `frame` and, with the last one, writes it to the egress queue `q`. */
-int zorlib_q_free(zorlib_q *q, struct zorvik_frm_desc *frame);
+int zorlib_q_free(zorlib_q* q, struct zorvik_frm_desc* frame);
 
 /* Returns `frame` to the driver's pool. */
-int zorlib_frm_free(zorlib_ifg *ifg, struct zorvik_frm_desc *frame);
+int zorlib_frm_free(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 
 /* Sets the wait of reads and writes: milliseconds, negative for no limit. Always 0. */
-int zorlib_q_set_timeout(zorlib_q *q, int32_t ms);
+int zorlib_q_set_timeout(zorlib_q* q, int32_t ms);
 
 /* The queue's descriptor, -1 with EBADR or ENOTCONN. Logs nothing. */
-int zorlib_q_get_fd(zorlib_q *q);
+int zorlib_q_get_fd(zorlib_q* q);
 
 /* The queue's number of entries. Logs nothing. */
-int zorlib_q_get_size(zorlib_q *q, uint32_t *entries);
+int zorlib_q_get_size(zorlib_q* q, uint32_t* entries);
 
 /* Where the data of `frame` lies in this process, or null when its offset and length reach
  * beyond the payload memory. */
-uint8_t *zorlib_q_frm_data(zorlib_q *q, struct zorvik_frm_desc *frame);
+uint8_t* zorlib_q_frm_data(zorlib_q* q, struct zorvik_frm_desc* frame);
 
 /* Writes the handle and its queue memory to the log, at debug level above 0. */
-void zorlib_q_dump(zorlib_q *q);
+void zorlib_q_dump(zorlib_q* q);
 
 /* ---- Frame allocation -------------------------------------------------------------------*/
 
 /* Takes up to `count` frames whose buffers hold `size` bytes; their number, at least 1, or -1:
  * ENOBUFS when the pool is empty, EMSGSIZE when no buffer is that large. What the driver gives
  * beyond `count` waits in the handle's lists for the next call. */
-int zorlib_batch_alloc(zorlib_ifg *ifg, uint32_t size, struct zorvik_frm_desc **frames,
+int zorlib_batch_alloc(zorlib_ifg* ifg, uint32_t size, struct zorvik_frm_desc** frames,
                        uint32_t count);
 
 /* Where a frame's buffer lies in this process, with room for frame->buf_size bytes; null when it
  * does not lie inside the payload memory. The group must be mapped (a queue open). */
-uint8_t *zorlib_ifg_frm_data(zorlib_ifg *ifg, struct zorvik_frm_desc *frame);
+uint8_t* zorlib_ifg_frm_data(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 
 #ifdef __cplusplus
 }

@@ -135,7 +135,8 @@ struct __attribute__((packed)) zorvik_ifg_create {
 #define ZORVIK_Q_REMOVE _IOW(ZORVIK_IOC, 0xaa, uint32_t) /* the queue's id */
 #define ZORVIK_Q_ENUM _IOWR(ZORVIK_IOC, 0xab, uint32_t)  /* struct zorvik_q_enum */
 #define ZORVIK_Q_STAT _IOW(ZORVIK_IOC, 0xac, struct zorvik_q_stat)
-#define ZORVIK_NET_DATA_SIZE _IOW(ZORVIK_IOC, 0xad, uint32_t) /* filled: bytes of payload memory */
+#define ZORVIK_NET_DATA_SIZE _IOW(ZORVIK_IOC, 0xad, uint32_t) /* filled: bytes of payload memory \
+                                                               */
 #define ZORVIK_FRM_ALLOC _IOWR(ZORVIK_IOC, 0xaf, struct zorvik_frm_alloc)
 #define ZORVIK_FRM_FREE _IOW(ZORVIK_IOC, 0xb0, struct zorvik_frm_free)
 #define ZORVIK_Q_WAIT _IOW(ZORVIK_IOC, 0xb1, struct zorvik_q_wait)
@@ -191,8 +192,13 @@ struct zorvik_qmem {
   uint32_t max_elements; /* slots, a power of two; one always stays empty */
   uint32_t mask;         /* slots - 1 */
   uint8_t reserved3[56];
-  __extension__ uint64_t entries[]; /* 0: empty; else a frame identifier in the low 32 bits */
 };
+
+/* The slots, behind the structure: 0 for an empty one, else a frame identifier in the low 32 bits.
+ */
+static inline uint64_t* zorvik_qmem_entries(struct zorvik_qmem* qmem) {
+  return (uint64_t*)(void*)(qmem + 1);
+}
 
 ZORVIK_ASSERT(offsetof(struct zorvik_qmem, cresq) == 64);
 ZORVIK_ASSERT(offsetof(struct zorvik_qmem, enqueue) == 128);
@@ -228,7 +234,7 @@ struct zorvik_frm_desc {
   int16_t if_out;
   int16_t q_idx; /* queue pair or ZORVIK_Q_UNKNOWN */
   uint8_t reserved3[10];
-  uint64_t tag; /* from producer to consumer: the capture identifier */
+  uint64_t tag;      /* from producer to consumer: the capture identifier */
   uint32_t data_off; /* of the frame's data in the payload memory */
   uint32_t index;    /* the descriptor's own */
   uint8_t reserved4[8];

@@ -30,20 +30,20 @@ extern "C" {
  * `value` is the signal number, the timer's interval in seconds, or the readable descriptor.
  * A callback's result is ignored.
  */
-typedef int (*OrloLoopCallback)(int value, void *userData);
+typedef int (*OrloLoopCallback)(int value, void* userData);
 
 /* Runs `callback` in the loop, never in signal context, whenever signal `signo` arrives.
  * The signal is blocked in the calling thread from here on, so start threads afterwards.
  * A second call for the same signal replaces the callback. 0, or -1 with errno. */
-int OrloLoopSignalAdd(int signo, OrloLoopCallback callback, void *userData);
+int OrloLoopSignalAdd(int signo, OrloLoopCallback callback, void* userData);
 
 /* Runs `callback` every `seconds` seconds, first after one interval. Expiries missed while a
  * callback was slow are delivered once, not made up for. 0, or -1 with errno (EINVAL below 1). */
-int OrloLoopTimerAdd(int64_t seconds, OrloLoopCallback callback, void *userData);
+int OrloLoopTimerAdd(int64_t seconds, OrloLoopCallback callback, void* userData);
 
 /* Runs `callback` whenever `fd` is readable (level-triggered). The descriptor stays the
  * caller's. 0, or -1 with errno. */
-int OrloLoopFdAdd(int fd, OrloLoopCallback callback, void *userData);
+int OrloLoopFdAdd(int fd, OrloLoopCallback callback, void* userData);
 
 /* Runs callbacks until one calls OrloLoopQuit. 0, or -1 with errno when waiting failed. */
 int OrloLoop(void);
@@ -68,22 +68,22 @@ typedef struct OrloCmdSender {
 /* Opens the command socket of the daemon `name`. A socket file that nobody listens on is
  * replaced; a live one is refused. `flags` is reserved, 0. 0, or an error code for
  * OrloCmdError. */
-int OrloCmdInit(const char *name, int flags);
+int OrloCmdInit(const char* name, int flags);
 
 /* The socket's descriptor, non-blocking, or -1 before OrloCmdInit and after OrloCmdFini. */
 int OrloCmdFd(void);
 
 /* Receives one datagram without blocking: its number of bytes (at most `size`: what is longer
  * is cut), 0 when there was none or it was empty. `flags` is reserved, 0. */
-size_t OrloCmdRecv(void *buffer, size_t size, OrloCmdSender *sender, int flags);
+size_t OrloCmdRecv(void* buffer, size_t size, OrloCmdSender* sender, int flags);
 
 /* Sends `length` bytes to `sender` without blocking: the bytes sent, or a negative errno
  * (-EDESTADDRREQ for a sender without a name). */
-int OrloCmdResp(const void *bytes, uint16_t length, const OrloCmdSender *sender);
+int OrloCmdResp(const void* bytes, uint16_t length, const OrloCmdSender* sender);
 
 /* A text for a code of OrloCmdInit that says what failed and what to do; "no error" for 0.
  * Borrowed: valid until the next call of OrloCmdInit or OrloCmdError. */
-const char *OrloCmdError(int code);
+const char* OrloCmdError(int code);
 
 /* Closes the socket and removes its file. Harmless when it is not open. */
 void OrloCmdFini(void);
@@ -92,19 +92,21 @@ void OrloCmdFini(void);
 
 /* Opens syslog for `name` (facility daemon, with the process id); with `foreground` non-zero
  * every line goes to standard error as well. 0, or -1. `name` is copied. */
-int OrloLogInit(const char *name, unsigned foreground);
+int OrloLogInit(const char* name, unsigned foreground);
 
 /* How chatty debug logging is; 0 is silent. The daemon both reads and assigns it. Threads that
  * share it use atomic accesses. */
 extern unsigned OrloLogDebugLevel;
 
-/* The journal of events, one JSON object a line: {"time","ident","pid","event","category","args"}. */
+/* The journal of events, one JSON object a line: {"time","ident","pid","event","category","args"}.
+ */
 #define ORLO_EVENT_JOURNAL ORLO_RUN_DIR "/events.jsonl"
 
 /* Raises the platform event `event` of `category`; the arguments are formatted with `format`.
  * The event goes to syslog (notice) and to the journal. Any thread. Never fails. */
-void OrloLogEvent(const char *event, const char *category, const char *format, ...) ORLO_PRINTF(3, 4);
-void OrloLogEventNoArg(const char *event, const char *category);
+void OrloLogEvent(const char* event, const char* category, const char* format, ...)
+    ORLO_PRINTF(3, 4);
+void OrloLogEventNoArg(const char* event, const char* category);
 
 /* ---- Tuning files -----------------------------------------------------------------------
  * One setting a line: `key = value`, `key=value` or `key value`. `#` starts a comment at the
@@ -119,7 +121,7 @@ typedef struct OrloTuning OrloTuning;
 
 /* A parser that reads `stream` from where it stands; the stream stays the caller's. None when
  * memory is short or `stream` is null. */
-OrloTuning *OrloTuningAlloc(FILE *stream);
+OrloTuning* OrloTuningAlloc(FILE* stream);
 
 /* Result of OrloTuningParseLine. */
 enum {
@@ -130,25 +132,25 @@ enum {
 
 /* Reads on to the next setting (comments and blank lines are passed over). *key and *value
  * belong to the parser and are valid until its next call. */
-int OrloTuningParseLine(OrloTuning *tuning, const char **key, const char **value);
+int OrloTuningParseLine(OrloTuning* tuning, const char** key, const char** value);
 
 /* The 1-based number of the line last read; 0 before the first. */
-int OrloTuningCurrLine(const OrloTuning *tuning);
+int OrloTuningCurrLine(const OrloTuning* tuning);
 
 /* Releases the parser; null is ignored. */
-void OrloTuningRelease(OrloTuning *tuning);
+void OrloTuningRelease(OrloTuning* tuning);
 
 /* The part of `key` behind `prefix`, a pointer into `key`; null when it does not begin so.
  * Case matters. Any thread. */
-const char *OrloMatchPrefix(const char *key, const char *prefix);
+const char* OrloMatchPrefix(const char* key, const char* prefix);
 
 /* true|false, yes|no, on|off, enable|disable, enabled|disabled, 1|0, in any case and with white
  * space around. Any thread. */
-bool OrloParseBool(const char *text, bool *result);
+bool OrloParseBool(const char* text, bool* result);
 
 /* A decimal, or 0x hexadecimal, integer within [minimum, maximum], with an optional sign and
  * white space around, and nothing else. Any thread. */
-bool OrloParseInt(const char *text, int64_t minimum, int64_t maximum, int64_t *result);
+bool OrloParseInt(const char* text, int64_t minimum, int64_t maximum, int64_t* result);
 
 /* ---- CSV files --------------------------------------------------------------------------
  * RFC 4180 with LF or CRLF: fields parted by commas, a field in double quotes may hold commas,
@@ -160,16 +162,16 @@ typedef struct CsvRecord CsvRecord;
 /* The next record of `stream`, to be destroyed by the caller; null at the end of the file. A
  * record that breaks the rules (a quote inside a bare field, text after a closing quote, an
  * unclosed quote, a NUL byte, over 16 MiB) is returned too, and every read from it fails. */
-CsvRecord *CsvRecordRead(FILE *stream);
+CsvRecord* CsvRecordRead(FILE* stream);
 
 /* Column `column` (from 0) as an unsigned decimal number of 32 bits: digits only, with white
  * space around. False when there is no such column or it is no such number. */
-bool OrloCsvReadUInt(const CsvRecord *record, size_t column, uint32_t *result);
+bool OrloCsvReadUInt(const CsvRecord* record, size_t column, uint32_t* result);
 
 /* Column `column` as text, which lives as long as the record. False when there is none. */
-bool OrloCsvReadStr(const CsvRecord *record, size_t column, const char **result);
+bool OrloCsvReadStr(const CsvRecord* record, size_t column, const char** result);
 
-void CsvRecordDestroy(CsvRecord *record);
+void CsvRecordDestroy(CsvRecord* record);
 
 /* ---- Watchdog ---------------------------------------------------------------------------*/
 
@@ -179,7 +181,7 @@ void CsvRecordDestroy(CsvRecord *record);
 /* Detaches the process from its terminal (unless ORLO_FOREGROUND is set) and registers it with
  * the supervisor: ORLO_RUN_DIR "/NAME.pid" holds its process id, its name and `description`.
  * 0, or -1 with errno. Call it before any thread is started. */
-int OrloWatchdogDaemon(const char *name, const char *description, unsigned flags);
+int OrloWatchdogDaemon(const char* name, const char* description, unsigned flags);
 
 /* A virtual watchdog timer. `elapsed` counts the seconds since its owner last stored 0 there;
  * storing 0 (tickling) is how the owner says that it is alive. */
@@ -189,14 +191,14 @@ typedef struct OrloWatchdogTimer {
 } OrloWatchdogTimer;
 
 /* A new timer, not armed; null with errno when it cannot be had. One a process. */
-OrloWatchdogTimer *OrloWatchdogTimerVirtCreate(void);
+OrloWatchdogTimer* OrloWatchdogTimerVirtCreate(void);
 
 /* Arms `timer`: once `elapsed` passes `seconds` the process is ended (SIGABRT) with a
  * syslog line that says why. `seconds` below 1 disarms. 0, or -1 with errno. */
-int OrloWatchdogTimerVirtSet(OrloWatchdogTimer *timer, int64_t seconds);
+int OrloWatchdogTimerVirtSet(OrloWatchdogTimer* timer, int64_t seconds);
 
 /* Disarms and releases the timer; null is ignored. */
-void OrloWatchdogTimerVirtDestroy(OrloWatchdogTimer *timer);
+void OrloWatchdogTimerVirtDestroy(OrloWatchdogTimer* timer);
 
 /* ---- Statistics areas -------------------------------------------------------------------
  * Named memory that other processes read while its owner updates it: the file
@@ -212,7 +214,8 @@ typedef struct OrloStatsHeader {
   uint64_t size;       /* bytes of the area */
   int32_t ownerPid;
   uint32_t reserved;
-  uint64_t ownerStart; /* the owner's start time in clock ticks, so that a reused pid is told apart */
+  uint64_t
+      ownerStart; /* the owner's start time in clock ticks, so that a reused pid is told apart */
   char name[ORLO_STATS_NAME_MAX + 1u];
 } OrloStatsHeader;
 
@@ -220,10 +223,10 @@ typedef struct OrloStats OrloStats;
 
 /* Creates the area `name` of `size` bytes, all zero, replacing one of the same name. The result
  * lives until the process ends. Null with errno on failure. Any thread. */
-OrloStats *OrloStatsProdInit(const char *name, size_t size);
+OrloStats* OrloStatsProdInit(const char* name, size_t size);
 
 /* The area's first byte, aligned to 64. Null for a null argument. Any thread. */
-void *OrloStatsArea(OrloStats *stats);
+void* OrloStatsArea(OrloStats* stats);
 
 #ifdef __cplusplus
 }
