@@ -2,10 +2,14 @@
 // holds "tarnik:"; the key then ends in a reference (a response's name or a rule's UUID), and
 // every setting whose key mentions that reference belongs to the rule.
 //
-// Main thread. Both functions end the process when no parser can be had.
+// Main thread. Whatever reads a file here returns false, with a log line, when the file cannot be
+// opened or a line is malformed (what was found before it is kept), and ends the process with
+// status 1 when no parser can be had.
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -14,11 +18,38 @@ namespace tarnik {
 using References = std::vector<std::string>;
 using Rules = std::vector<std::pair<std::string, std::string>>;  // key, value
 
-// Appends the file's references in their order. False, with a log line, when the file cannot be
-// opened or a line is malformed; what was found before it is kept.
+// Appends the file's references in their order, duplicates kept.
 [[nodiscard]] bool getTarnikReferences(const char* path, References& references);
 
-// Appends every setting whose key holds `reference`. False as above.
+// Appends every setting whose key holds `reference`.
 [[nodiscard]] bool getTarnikRules(const char* path, const std::string& reference, Rules& rules);
+
+// getTarnikRules for many references of one file, with the same results and log lines, but from a
+// single read: with hundreds of references in a large policy, a read for each would keep the main
+// thread busy for longer than the watchdog allows.
+class RulesByReference {
+ public:
+  // Both arguments are borrowed.
+  RulesByReference(const char* path, const References& references);
+
+  // As getTarnikRules for `reference`, one of those given. The first call reads the file.
+  [[nodiscard]] bool get(const std::string& reference, Rules& rules);
+
+ private:
+  struct Entry {
+    std::string_view reference;
+    std::size_t prefix;              // the longest other entry that this one begins with, or kNone
+    std::vector<std::size_t> rules;  // settings_ that mention it, ascending
+  };
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+  bool read();
+  void add(std::string_view key, std::string_view value);
+
+  const char* path_;
+  std::vector<Entry> entries_;  // ordered by reference, each once
+  Rules settings_;              // those that mention a reference, in file order
+  bool read_ = false;
+};
 
 }  // namespace tarnik

@@ -1,10 +1,11 @@
 // IPS issue identifiers and their names, from the analysis module's "issues.csv".
 //
-// Thread safety: filled on the main thread, looked up on the capture thread; a mutex guards the
-// map. A reload fills a map of its own and swaps it in, so that a look-up never meets one that is
-// half filled, and no guard is held while a file is read.
+// Thread safety: one thread, the main thread, fills the map; any thread looks up. A mutex guards
+// it. A load fills a map aside and swaps it in, so that a look-up waits for no file and never
+// meets a map that is half filled.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -18,7 +19,7 @@ class IssueMap {
   // with a log line, when the file cannot be opened or a record cannot be read; the records
   // before it are kept.
   [[nodiscard]] bool PopulateIssueMap(const char* path);
-  // Empties the map, then populates it.
+  // As PopulateIssueMap, but what the map held before goes, also on failure.
   [[nodiscard]] bool Reload(const std::string& path);
   // Copies the issue's name out and returns true, or returns false and leaves `name` alone.
   [[nodiscard]] bool LookupIssueName(std::uint32_t id, std::string& name) const;
@@ -27,6 +28,8 @@ class IssueMap {
  private:
   using Names = std::map<std::uint32_t, std::string>;
   static bool populate(const char* path, Names& names);
+  Names snapshot() const;
+  void replace(Names& names);
 
   mutable std::mutex mutex_;  // guards names_
   Names names_;

@@ -1,0 +1,58 @@
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+#include "base/log.h"
+#include "base/owned.h"
+#include "base/paths.h"
+#include "policy/capture_info.h"
+
+namespace tarnik {
+
+bool writeInfoTemplate(const char* path, const Rules& rules) {
+  const Stream stream(std::fopen(path, "we"));
+  if (!stream) {
+    TARNIK_ERROR("Error: %s: Failed to open: %s, errno=%d", "writeInfoTemplate", path, errno);
+    return false;
+  }
+  for (const auto& [key, value] : rules) {
+    std::fprintf(stream.get(), "%s=%s\n", key.c_str(), value.c_str());
+  }
+  return true;
+}
+
+bool createIpsInfoTemplate() {
+  References references;
+  if (!getTarnikReferences(kIpsPolicyPath, references)) {
+    return false;
+  }
+  if (references.empty()) {
+    return true;
+  }
+  RulesByReference byReference(kIpsPolicyPath, references);
+  Rules rules;
+  for (const std::string& reference : references) {
+    if (!byReference.get(reference, rules)) {
+      return false;
+    }
+  }
+  return writeInfoTemplate(kIpsTemplatePath, rules);
+}
+
+bool createNapInfoTemplates() {
+  References references;
+  if (!getTarnikReferences(kNapPolicyPath, references)) {
+    return false;
+  }
+  RulesByReference byReference(kNapPolicyPath, references);
+  for (const std::string& reference : references) {
+    Rules rules;
+    const std::string path = kNapTemplatePrefix + reference;
+    if (!byReference.get(reference, rules) || !writeInfoTemplate(path.c_str(), rules)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace tarnik
