@@ -117,6 +117,8 @@ struct zorvik_q_wake {
 
 /* ---- Requests on the driver's control node ----------------------------------------------*/
 
+/* Also the argument of the group's removal (ENOENT when there is none, EBUSY while a process
+ * holds it or one of its queues open; its queues go with it). */
 struct __attribute__((packed)) zorvik_ifg_create {
   char name[ZORVIK_NAME_MAX + 1u];
 };
@@ -127,6 +129,7 @@ struct __attribute__((packed)) zorvik_ifg_create {
  */
 #define ZORVIK_IOC 0xbf
 #define ZORVIK_IFG_CREATE _IOW(ZORVIK_IOC, 0xa0, struct zorvik_ifg_create)
+#define ZORVIK_IFG_REMOVE _IOW(ZORVIK_IOC, 0xa1, struct zorvik_ifg_create)
 #define ZORVIK_IFG_QUERY _IOWR(ZORVIK_IOC, 0xa3, struct zorvik_ifg_query)
 #define ZORVIK_IFG_SET_FLAGS _IO(ZORVIK_IOC, 0xa4) /* the flags are the argument */
 #define ZORVIK_Q_CREATE _IOW(ZORVIK_IOC, 0xa6, struct zorvik_q_create)
@@ -145,6 +148,7 @@ struct __attribute__((packed)) zorvik_ifg_create {
 #define ZORVIK_SET_LOG_MASK _IOWR(ZORVIK_IOC, 0xb6, uint64_t)
 
 ZORVIK_ASSERT(ZORVIK_IFG_CREATE == 0x4011bfa0u);
+ZORVIK_ASSERT(ZORVIK_IFG_REMOVE == 0x4011bfa1u);
 ZORVIK_ASSERT(ZORVIK_IFG_QUERY == 0xc010bfa3u);
 ZORVIK_ASSERT(ZORVIK_IFG_SET_FLAGS == 0xbfa4u);
 ZORVIK_ASSERT(ZORVIK_Q_CREATE == 0x4030bfa6u);
