@@ -1,0 +1,119 @@
+#include "daemon/command_handlers.h"
+
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+#include "base/log.h"
+#include "capture/meta_cache.h"
+#include "daemon/callbacks.h"
+#include "daemon/settings.h"
+#include "daemon/state.h"
+
+namespace tarnik {
+namespace {
+
+constexpr int kRefused = 1;
+constexpr int kSendFailed = 2;
+constexpr int kSentShort = 3;
+constexpr std::uint16_t kStatusReloadFailed = 12;
+
+static_assert(sizeof(SenderAddress) == 116 && offsetof(sockaddr_un, sun_path) == 2);
+
+// Empty for a sender without a name. The longest path fills its field without a closing NUL.
+std::string nameOf(const SenderAddress& sender) {
+  const char* const path = sender.address.sun_path;
+  return {path, strnlen(path, sizeof sender.address.sun_path)};
+}
+
+int dispatch(const MessageView& message, std::uint32_t received, const SenderAddress& sender) {
+  const std::uint16_t type = readHeader(message).requestType;
+  switch (type) {
+    case kReloadRequest:
+      return processReloadRequest(getMessageId(message), sender);
+    case kGetStateRequest:
+      return processGetStateRequest(getMessageId(message), sender);
+    case kDumpRequest:
+      dumpSettings(getSettings());
+      TarnikMetaCache::instance().dump();
+      return 0;
+    case kMetadataRequest:
+      return processMetadata(message, received);
+    default:
+      TARNIK_DEBUG(2, "Debug: %s: Unsupported request %d from %s", "processMessage", type,
+                   nameOf(sender).c_str());
+      return kRefused;
+  }
+}
+
+}  // namespace
+
+void processMessage() {
+  SenderAddress sender{};
+  std::array<std::uint8_t, kMaxMessage> buffer{};
+  const auto received =
+      static_cast<std::uint32_t>(OrloCmdRecv(buffer.data(), buffer.size(), &sender, 0));
+  if (received == 0) {
+    TARNIK_ERROR("Error: %s: Failed to receive message: %d", "processMessage", 0);
+    return;
+  }
+  const MessageView message(buffer.data(), static_cast<std::uint16_t>(received));
+  // Whatever passes is a request: its flags have bit 0 set.
+  if (validateMessage(message, received) != 0) {
+    TARNIK_ERROR("Error: %s: Invalid message from %s", "processMessage", nameOf(sender).c_str());
+    return;
+  }
+  const int result = dispatch(message, received, sender);
+  if (result != 0) {
+    TARNIK_ERROR("Error: %s: Failed to process message: %d", "processMessage", result);
+  }
+}
+
+int processReloadRequest(std::uint64_t messageId, const SenderAddress& sender) {
+  TARNIK_DEBUG(0, "Debug: %s: entry", "processReloadRequest");
+  std::uint16_t status = 0;
+  if (onReload(0, nullptr) != 1) {
+    TARNIK_ERROR("Error: %s: Failed to reload tarnikd config", "processReloadRequest");
+    status = kStatusReloadFailed;
+  }
+  std::uint8_t response[kReloadResponseSize];
+  writeReloadResponse(response, messageId, status);
+  return clientResp(response, sizeof response, sender);
+}
+
+int processGetStateRequest(std::uint64_t messageId, const SenderAddress& sender) {
+  TARNIK_DEBUG(0, "Debug: %s: entry", "processGetStateRequest");
+  std::uint8_t response[kStateResponseSize];
+  writeStateResponse(response, messageId, DaemonState);
+  return clientResp(response, sizeof response, sender);
+}
+
+int processMetadata(const MessageView& message, std::uint32_t received) {
+  TARNIK_DEBUG(3, "Debug: %s: entry", "processMetadata");
+  if (received != kMetadataSize) {
+    TARNIK_ERROR("Error: %s: Invalid message length, got %d, exp %d", "processMetadata",
+                 static_cast<int>(received), static_cast<int>(kMetadataSize));
+    return kRefused;
+  }
+  const CaptureMetadata metadata = readMetadata(message);
+  TARNIK_DEBUG(0, "Debug: %s: Adding 0x%lx flowId=0x%lx triggerId=0x%x", "processMetadata",
+               metadata.captureId, metadata.flowId, metadata.triggerId);
+  TarnikMetaCache::instance().add(metadata.captureId, metadata.flowId, metadata.triggerId);
+  return 0;
+}
+
+int clientResp(const std::uint8_t* response, std::uint16_t length, const SenderAddress& sender) {
+  const int sent = OrloCmdResp(response, length, &sender);
+  if (sent < 0) {
+    TARNIK_ERROR("Error: %s: Socket comms failed: %d ", "clientResp", sent);
+    return kSendFailed;
+  }
+  if (sent == length) {
+    return 0;
+  }
+  TARNIK_ERROR("Error: %s: Socket comms error sending %d, sent %d", "clientResp", length, sent);
+  return kSentShort;
+}
+
+}  // namespace tarnik

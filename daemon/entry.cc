@@ -1,0 +1,162 @@
+#include "daemon/entry.h"
+
+#include <fcntl.h>
+#include <orlo_sdk.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/log.h"
+#include "base/paths.h"
+#include "daemon/callbacks.h"
+#include "daemon/options.h"
+#include "daemon/settings.h"
+#include "daemon/state.h"
+
+namespace tarnik {
+namespace {
+
+constexpr std::int64_t kTickleInterval = 3;  // seconds
+
+// Also kept here, beside the loop context, so that a debugger or a core file finds it.
+OrloWatchdogTimer* watchdogTimer = nullptr;
+
+void readCommandLine(int argc, char** argv) {
+  if (parseOptions(argc, argv, options.flags) != 0) {
+    usage();
+    std::exit(EXIT_FAILURE);
+  }
+}
+
+void unblockSignals() {
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// Every open capture holds a file, and a busy sensor has more captures than the usual soft limit.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
+void addSignals(LoopContext& context) {
+  for (const int signal : {SIGTERM, SIGQUIT, SIGINT}) {
+    if (OrloLoopSignalAdd(signal, onTerminate, &context) != 0) {
+      TARNIK_FATAL("Fatal error: %s: Failed to add termination signal callback", kProgramName);
+      std::exit(EXIT_FAILURE);
+    }
+  }
+  if (OrloLoopSignalAdd(SIGHUP, onReload, &context) != 0) {
+    TARNIK_FATAL("Fatal error: %s: Failed to add reload signal callback", kProgramName);
+    std::exit(EXIT_FAILURE);
+  }
+  if (OrloLoopSignalAdd(SIGUSR1, onRestart, &context) != 0) {
+    TARNIK_FATAL("Fatal error: %s: Failed to add restart signal callback", kProgramName);
+    std::exit(EXIT_FAILURE);
+  }
+}
+
+void addTimers(LoopContext& context) {
+  if (OrloLoopTimerAdd(kTickleInterval, onTimeout, &context) != 0) {
+    TARNIK_FATAL("Fatal error: %s: Failed to add watchdog timer callback", kProgramName);
+    std::exit(EXIT_FAILURE);
+  }
+  if (OrloLoopTimerAdd(getSettings().brund.interval, onCacheExpiry, nullptr) != 0) {
+    TARNIK_FATAL("Fatal error: Failed to add meta cache expiry callback");
+    std::exit(EXIT_FAILURE);
+  }
+}
+
+void armWatchdog(LoopContext& context) {
+  watchdogTimer = OrloWatchdogTimerVirtCreate();
+  context.watchdogTimer = watchdogTimer;
+  if (watchdogTimer != nullptr) {
+    [[maybe_unused]] const int armed =
+        OrloWatchdogTimerVirtSet(watchdogTimer, options.watchdogTime);
+  }
+  tickleWatchdog(&context);
+}
+
+void openCommandSocket(LoopContext& context) {
+  const int error = OrloCmdInit(kProgramName, 0);
+  if (error != 0) {
+    setState(kFailedToStart);
+    TARNIK_FATAL("Fatal error: %s: Failed to create command interface: %s", "main",
+                 OrloCmdError(error));
+    std::exit(EXIT_FAILURE);
+  }
+  if (OrloLoopFdAdd(OrloCmdFd(), onCommand, &context) != 0) {
+    // The text for code 0: the line says which step failed, and the loop has no code of its own.
+    TARNIK_FATAL("Fatal error: %s: Failed to create command callback: %s", kProgramName,
+                 OrloCmdError(0));
+    std::exit(EXIT_FAILURE);
+  }
+}
+
+void loadConfiguration(LoopContext& context) {
+  if (onReload(0, &context) == 0) {
+    TARNIK_FATAL("Fatal error: %s: Failed to load the configuration", kProgramName);
+    std::exit(EXIT_FAILURE);
+  }
+}
+
+// Without a place to write, every capture fails later, one line a frame; say it once, and first.
+void checkCaptureDirectory() {
+  if (faccessat(AT_FDCWD, kCaptureDir, W_OK | X_OK, AT_EACCESS) != 0) {
+    TARNIK_ERROR("Error: %s: Cannot write to [%s]: %s", "main", kCaptureDir, std::strerror(errno));
+  }
+}
+
+void startCapture() {
+  // A failed Init or start is logged by them; the daemon goes on and answers commands.
+  applyCaptureSettings(&CaptureManager::Init);
+  captureThread.start(static_cast<std::uint64_t>(getSettings().brund.qtimeout));
+}
+
+void shutDown(const LoopContext& context) {
+  tickleWatchdog(&context);
+  setState(kStopping);
+  captureThread.join();
+  tickleWatchdog(&context);
+  OrloWatchdogTimerVirtDestroy(context.watchdogTimer);
+  OrloCmdFini();
+  setState(kStopped);
+}
+
+}  // namespace
+
+int tarnikMain(int argc, char** argv) {
+  setState(kStarting);
+  readCommandLine(argc, argv);
+  unblockSignals();
+  [[maybe_unused]] const int logged = OrloLogInit(kProgramName, options.flags & kNoDaemon);
+  [[maybe_unused]] const int detached =
+      OrloWatchdogDaemon(kProgramName, "packet capture daemon", options.flags);
+  std::int32_t exitStatus = 0;
+  LoopContext context{nullptr, &exitStatus};
+  umask(0);
+  raiseDescriptorLimit();
+  addSignals(context);
+  addTimers(context);
+  armWatchdog(context);
+  openCommandSocket(context);
+  loadConfiguration(context);
+  checkCaptureDirectory();
+  startCapture();
+  [[maybe_unused]] const int served = OrloLoop();
+  shutDown(context);
+  TARNIK_DEBUG(0, "Debug: %s: exit status=%d", kProgramName, *context.exitStatus);
+  return *context.exitStatus;
+}
+
+}  // namespace tarnik

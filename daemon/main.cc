@@ -1,0 +1,5 @@
+#include "daemon/entry.h"
+
+int main(int argc, char** argv) {
+  return tarnik::tarnikMain(argc, argv);
+}

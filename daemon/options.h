@@ -1,0 +1,32 @@
+// The command line.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "base/paths.h"
+
+namespace tarnik {
+
+inline constexpr char kProgramName[] = "tarnikd";
+
+// Bit of the option flags: stay in the foreground.
+inline constexpr std::uint32_t kNoDaemon = 0x1;
+
+// What the command line says; one instance, written by parseOptions before anything reads it.
+struct Options {
+  std::uint32_t flags = 0;
+  std::int64_t watchdogTime = 50;  // in the unit of the platform's watchdog
+  std::string moduleDir = kDefaultModuleDir;
+  std::string issuesPath;  // empty until the command line is parsed
+};
+extern Options options;
+
+// Parses the command line into `options` and `flags`, and counts -v into the platform's debug
+// level. 0, or 12 when it is not acceptable; it is read to its end all the same. Prints nothing.
+[[nodiscard]] int parseOptions(int argc, char** argv, std::uint32_t& flags);
+
+// Writes the usage line to standard error.
+void usage();
+
+}  // namespace tarnik
