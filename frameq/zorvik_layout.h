@@ -28,7 +28,41 @@
 #define ZORVIK_NAME_MAX 16u /* characters of a group's or queue's name, NUL not counted */
 #define ZORVIK_ENUM_MAX 32u /* records of an enumeration */
 
+/* The pool's buffers come in three sizes; a frame's own is in its descriptor's buf_size. */
+#define ZORVIK_FRM_CLASSES 3u
+#define ZORVIK_FRM_SMALL 256u
+#define ZORVIK_FRM_MEDIUM 2048u
+#define ZORVIK_FRM_LARGE 65536u
+
 /* ---- Requests on a group's control node -------------------------------------------------*/
+
+#define ZORVIK_IF_MAX 32u /* interfaces of a group */
+
+/* How an interface treats its traffic. */
+enum {
+  ZORVIK_IF_INLINE = 1,  /* frames pass from an interface to its mate */
+  ZORVIK_IF_PASSIVE = 2, /* frames are only seen */
+  ZORVIK_IF_BYPASS = 3,  /* frames pass unseen */
+};
+
+struct zorvik_if_record {
+  uint32_t kern_if; /* the kernel's interface index */
+  uint32_t mate;    /* the other interface of the pair, by its place in the group */
+  uint32_t mode;
+  uint32_t sub_mode;       /* 0 to 4 */
+  uint32_t fwd_unanalyzed; /* 1: frames pass when nobody analyses them */
+  uint32_t prop_link;      /* 1: a link that goes down takes its mate's down */
+  uint32_t prop_link_time; /* after so many milliseconds */
+  uint32_t reserved;
+};
+
+/* The group's interfaces; replaces those it had. EINVAL for more than ZORVIK_IF_MAX. */
+struct zorvik_ifg_config {
+  uint32_t num_ifs;
+  uint16_t link_config; /* bits 0 to 5, or 0xffff: as it was */
+  uint16_t reserved;
+  struct zorvik_if_record ifs[ZORVIK_IF_MAX];
+};
 
 /* With count 0: the group's flags are returned in flags. With count = capacity: the group's
  * interfaces are written to the array of struct zorvik_if_record at address `flags`, count
@@ -71,6 +105,25 @@ enum {
   ZORVIK_Q_RAW = 6,
 };
 
+/* A queue pair: which interfaces' frames it takes and which processors serve it. Numbered from 0;
+ * EINVAL from ZORVIK_QPAIR_MAX on. One that was never set is all zero. */
+#define ZORVIK_QPAIR_MAX 32u
+struct zorvik_qpair_cfg {
+  uint32_t index;
+  uint32_t size; /* entries */
+  uint64_t if_mask;
+  uint64_t cpu_mask;
+};
+
+/* Counters since the group was created. */
+struct zorvik_ifg_stats {
+  uint32_t frm_count;                    /* descriptors of the pool, index 0 not counted */
+  uint32_t frm_free[ZORVIK_FRM_CLASSES]; /* of them free now, by buffer size */
+  uint64_t frm_allocs;                   /* frames given out */
+  uint64_t frm_frees;                    /* frames taken back */
+  uint64_t frm_alloc_failures;           /* requests that found none */
+};
+
 /* ---- Requests on a group's frm_desc node ------------------------------------------------*/
 
 struct zorvik_frm_desc_size {
@@ -105,6 +158,10 @@ struct zorvik_q_stat {
   uint32_t reserved[6];
 };
 
+/* Returns at once with the whole time when the record's flags have a bit set: a wake-up or a
+ * shutdown may come between the waiter's last look and this request. Otherwise until a wake
+ * request, which wakes every waiter of the record, or the end of the time. The result is the
+ * time that remains, 0 when it ran out. EINTR when a signal came. */
 struct zorvik_q_wait {
   uint32_t kresq_handle;
   uint32_t timeout_ms; /* 0: no limit */
@@ -123,6 +180,16 @@ struct __attribute__((packed)) zorvik_ifg_create {
   char name[ZORVIK_NAME_MAX + 1u];
 };
 
+/* The driver's groups. */
+#define ZORVIK_IFG_NIL_NAME "_nil_ifg" /* the name of a record whose group is going away */
+struct zorvik_ifg_enum {
+  uint32_t count; /* capacity in, number out */
+  struct {
+    uint32_t num_ifs;
+    char name[ZORVIK_NAME_MAX]; /* not terminated when 16 characters long */
+  } records[ZORVIK_ENUM_MAX];
+};
+
 /* ---- Request numbers --------------------------------------------------------------------
  * The size of the number is that of the structure, but for the queue enumeration, whose number
  * counts its first word only.
@@ -130,20 +197,25 @@ struct __attribute__((packed)) zorvik_ifg_create {
 #define ZORVIK_IOC 0xbf
 #define ZORVIK_IFG_CREATE _IOW(ZORVIK_IOC, 0xa0, struct zorvik_ifg_create)
 #define ZORVIK_IFG_REMOVE _IOW(ZORVIK_IOC, 0xa1, struct zorvik_ifg_create)
+#define ZORVIK_IFG_CONFIGURE _IOW(ZORVIK_IOC, 0xa2, struct zorvik_ifg_config)
 #define ZORVIK_IFG_QUERY _IOWR(ZORVIK_IOC, 0xa3, struct zorvik_ifg_query)
 #define ZORVIK_IFG_SET_FLAGS _IO(ZORVIK_IOC, 0xa4) /* the flags are the argument */
+#define ZORVIK_IFG_ENUM _IOWR(ZORVIK_IOC, 0xa5, struct zorvik_ifg_enum)
 #define ZORVIK_Q_CREATE _IOW(ZORVIK_IOC, 0xa6, struct zorvik_q_create)
 #define ZORVIK_FRM_DATA_CREATE _IOW(ZORVIK_IOC, 0xa7, uint32_t) /* descriptors wanted */
+#define ZORVIK_QPAIR_SET _IOW(ZORVIK_IOC, 0xa8, struct zorvik_qpair_cfg)
 #define ZORVIK_FRM_DESC_SIZE _IOR(ZORVIK_IOC, 0xa9, struct zorvik_frm_desc_size)
 #define ZORVIK_Q_REMOVE _IOW(ZORVIK_IOC, 0xaa, uint32_t) /* the queue's id */
 #define ZORVIK_Q_ENUM _IOWR(ZORVIK_IOC, 0xab, uint32_t)  /* struct zorvik_q_enum */
 #define ZORVIK_Q_STAT _IOW(ZORVIK_IOC, 0xac, struct zorvik_q_stat)
-#define ZORVIK_NET_DATA_SIZE _IOW(ZORVIK_IOC, 0xad, uint32_t) /* filled: bytes of payload memory \
-                                                               */
+/* Filled by the driver: bytes of payload memory. */
+#define ZORVIK_NET_DATA_SIZE _IOW(ZORVIK_IOC, 0xad, uint32_t)
+#define ZORVIK_QPAIR_GET _IOWR(ZORVIK_IOC, 0xae, struct zorvik_qpair_cfg)
 #define ZORVIK_FRM_ALLOC _IOWR(ZORVIK_IOC, 0xaf, struct zorvik_frm_alloc)
 #define ZORVIK_FRM_FREE _IOW(ZORVIK_IOC, 0xb0, struct zorvik_frm_free)
 #define ZORVIK_Q_WAIT _IOW(ZORVIK_IOC, 0xb1, struct zorvik_q_wait)
 #define ZORVIK_Q_WAKE _IOW(ZORVIK_IOC, 0xb2, struct zorvik_q_wake)
+#define ZORVIK_IFG_STATS _IOR(ZORVIK_IOC, 0xb3, struct zorvik_ifg_stats)
 #define ZORVIK_GET_LOG_MASK _IOWR(ZORVIK_IOC, 0xb5, uint64_t)
 #define ZORVIK_SET_LOG_MASK _IOWR(ZORVIK_IOC, 0xb6, uint64_t)
 
@@ -158,11 +230,17 @@ ZORVIK_ASSERT(ZORVIK_Q_REMOVE == 0x4004bfaau);
 ZORVIK_ASSERT(ZORVIK_Q_ENUM == 0xc004bfabu);
 ZORVIK_ASSERT(ZORVIK_Q_STAT == 0x4028bfacu);
 ZORVIK_ASSERT(ZORVIK_NET_DATA_SIZE == 0x4004bfadu);
+ZORVIK_ASSERT(ZORVIK_FRM_ALLOC == 0xc100bfafu);
 ZORVIK_ASSERT(ZORVIK_FRM_FREE == 0x4010bfb0u);
 ZORVIK_ASSERT(ZORVIK_Q_WAIT == 0x4008bfb1u);
 ZORVIK_ASSERT(ZORVIK_Q_WAKE == 0x4008bfb2u);
 ZORVIK_ASSERT(ZORVIK_GET_LOG_MASK == 0xc008bfb5u);
 ZORVIK_ASSERT(ZORVIK_SET_LOG_MASK == 0xc008bfb6u);
+ZORVIK_ASSERT(ZORVIK_IFG_CONFIGURE == 0x4408bfa2u);
+ZORVIK_ASSERT(ZORVIK_IFG_ENUM == 0xc284bfa5u);
+ZORVIK_ASSERT(ZORVIK_QPAIR_SET == 0x4018bfa8u);
+ZORVIK_ASSERT(ZORVIK_QPAIR_GET == 0xc018bfaeu);
+ZORVIK_ASSERT(ZORVIK_IFG_STATS == 0x8028bfb3u);
 ZORVIK_ASSERT(sizeof(struct zorvik_q_record) == 36);
 ZORVIK_ASSERT(sizeof(struct zorvik_q_enum) == 1156);
 ZORVIK_ASSERT(offsetof(struct zorvik_q_record, name) == 16);
