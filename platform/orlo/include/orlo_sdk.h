@@ -38,18 +38,21 @@ typedef int (*OrloLoopCallback)(int value, void* userData);
 int OrloLoopSignalAdd(int signo, OrloLoopCallback callback, void* userData);
 
 /* Runs `callback` every `seconds` seconds, first after one interval. Expiries missed while a
- * callback was slow are delivered once, not made up for. 0, or -1 with errno (EINVAL below 1). */
+ * callback was slow are delivered once, not made up for. 0, or -1 with errno (EINVAL below 1 and
+ * above INT_MAX). */
 int OrloLoopTimerAdd(int64_t seconds, OrloLoopCallback callback, void* userData);
 
 /* Runs `callback` whenever `fd` is readable (level-triggered). The descriptor stays the
- * caller's. 0, or -1 with errno. */
+ * caller's; closing it ends the callbacks. 0, or -1 with errno (EEXIST for one that is watched,
+ * EPERM for a regular file). */
 int OrloLoopFdAdd(int fd, OrloLoopCallback callback, void* userData);
 
 /* Runs callbacks until one calls OrloLoopQuit. 0, or -1 with errno when waiting failed. */
 int OrloLoop(void);
 
-/* Makes OrloLoop return once the current callback has returned. Any thread. A call made while
- * no loop runs makes the next OrloLoop return at once. */
+/* Makes OrloLoop return once the current callback has returned. Any thread, a signal handler too
+ * once something has been added. A call made while no loop runs makes the next OrloLoop return at
+ * once. */
 void OrloLoopQuit(void);
 
 /* ---- Command socket ---------------------------------------------------------------------
@@ -65,8 +68,10 @@ typedef struct OrloCmdSender {
   uint32_t addressLength; /* as recvfrom gave it, so that a response goes back unchanged */
 } OrloCmdSender;
 
-/* Opens the command socket of the daemon `name`. A socket file that nobody listens on is
- * replaced; a live one is refused. `flags` is reserved, 0. 0, or an error code for
+/* Opens the command socket of the daemon `name` (1 to 64 of letters, digits and "._-", the first
+ * no dot), creating ORLO_RUN_DIR when it is missing. A socket file that nobody listens on is
+ * replaced; a live one is refused. Instances are told apart by a lock on ORLO_RUN_DIR
+ * "/NAME.lock", which stays behind. `flags` is reserved, 0. 0, or an error code for
  * OrloCmdError. */
 int OrloCmdInit(const char* name, int flags);
 
@@ -74,11 +79,13 @@ int OrloCmdInit(const char* name, int flags);
 int OrloCmdFd(void);
 
 /* Receives one datagram without blocking: its number of bytes (at most `size`: what is longer
- * is cut), 0 when there was none or it was empty. `flags` is reserved, 0. */
+ * is cut), 0 when there was none or it was empty. *sender, which may be null, is set unless there
+ * was none. `flags` is reserved, 0. */
 size_t OrloCmdRecv(void* buffer, size_t size, OrloCmdSender* sender, int flags);
 
 /* Sends `length` bytes to `sender` without blocking: the bytes sent, or a negative errno
- * (-EDESTADDRREQ for a sender without a name). */
+ * (-EDESTADDRREQ for a sender without a name, -ECONNREFUSED or -ENOENT for one that is gone,
+ * -EAGAIN for one that does not read). */
 int OrloCmdResp(const void* bytes, uint16_t length, const OrloCmdSender* sender);
 
 /* A text for a code of OrloCmdInit that says what failed and what to do; "no error" for 0.
@@ -91,19 +98,23 @@ void OrloCmdFini(void);
 /* ---- Logging and events -----------------------------------------------------------------*/
 
 /* Opens syslog for `name` (facility daemon, with the process id); with `foreground` non-zero
- * every line goes to standard error as well. 0, or -1. `name` is copied. */
+ * every line goes to standard error as well. 0, or -1 for an empty name. `name` is copied (at
+ * most 63 bytes). Call it before any thread is started. */
 int OrloLogInit(const char* name, unsigned foreground);
 
 /* How chatty debug logging is; 0 is silent. The daemon both reads and assigns it. Threads that
  * share it use atomic accesses. */
 extern unsigned OrloLogDebugLevel;
 
-/* The journal of events, one JSON object a line: {"time","ident","pid","event","category","args"}.
- */
+/* The journal of events, one JSON object a line with the members "time" (UTC, for example
+ * "2024-05-01T12:00:00.000123Z"), "ident", "pid", "event", "category" and "args" (text, empty for
+ * an event without arguments). */
 #define ORLO_EVENT_JOURNAL ORLO_RUN_DIR "/events.jsonl"
 
-/* Raises the platform event `event` of `category`; the arguments are formatted with `format`.
- * The event goes to syslog (notice) and to the journal. Any thread. Never fails. */
+/* Raises the platform event `event` of `category`; the arguments are formatted with `format` and
+ * cut at 4095 bytes. The event goes to syslog, at priority notice, as "Event: CATEGORY: EVENT" and,
+ * if there are arguments, ": ARGUMENTS"; and to the journal. Any thread. Never fails; errno is
+ * preserved. */
 void OrloLogEvent(const char* event, const char* category, const char* format, ...)
     ORLO_PRINTF(3, 4);
 void OrloLogEventNoArg(const char* event, const char* category);
@@ -154,14 +165,16 @@ bool OrloParseInt(const char* text, int64_t minimum, int64_t maximum, int64_t* r
 
 /* ---- CSV files --------------------------------------------------------------------------
  * RFC 4180 with LF or CRLF: fields parted by commas, a field in double quotes may hold commas,
- * line ends and "" for a quote. A UTF-8 byte-order mark before the first record is passed over.
- * An empty line is a record of one empty field.
+ * line ends and "" for a quote. A UTF-8 byte-order mark before a record is passed over, so that
+ * files can be joined. An empty line is a record of one empty field. The last line end may be
+ * missing. A CR elsewhere is data.
  */
 typedef struct CsvRecord CsvRecord;
 
-/* The next record of `stream`, to be destroyed by the caller; null at the end of the file. A
- * record that breaks the rules (a quote inside a bare field, text after a closing quote, an
- * unclosed quote, a NUL byte, over 16 MiB) is returned too, and every read from it fails. */
+/* The next record of `stream`, to be destroyed by the caller; null at the end of the file, when
+ * nothing could be read, or when memory is short. A record that breaks the rules (a quote inside a
+ * bare field, text after a closing quote, an unclosed quote, a NUL byte, over 16 MiB) or that a
+ * read error cut short is returned too, and every read from it fails. */
 CsvRecord* CsvRecordRead(FILE* stream);
 
 /* Column `column` (from 0) as an unsigned decimal number of 32 bits: digits only, with white
@@ -179,8 +192,14 @@ void CsvRecordDestroy(CsvRecord* record);
 #define ORLO_FOREGROUND 0x1u
 
 /* Detaches the process from its terminal (unless ORLO_FOREGROUND is set) and registers it with
- * the supervisor: ORLO_RUN_DIR "/NAME.pid" holds its process id, its name and `description`.
- * 0, or -1 with errno. Call it before any thread is started. */
+ * the supervisor: ORLO_RUN_DIR "/NAME.pid" holds its process id, its name and `description`, one a
+ * line; it is left behind at the end, and not written where this process may not write.
+ *
+ * Detaching: the calling process exits with status 0 once a new one stands, in a session of its
+ * own, with "/" as working directory, standard input, output and error on /dev/null, and
+ * registered; the call returns there. In the foreground, standard descriptors that are closed are
+ * put on /dev/null. 0, or -1 with errno, in the calling process. Call it before any thread is
+ * started and before the loop, the command socket and the watchdog are used. */
 int OrloWatchdogDaemon(const char* name, const char* description, unsigned flags);
 
 /* A virtual watchdog timer. `elapsed` counts the seconds since its owner last stored 0 there;
@@ -190,11 +209,14 @@ typedef struct OrloWatchdogTimer {
   uint32_t elapsed; /* offset 28; written by owner and platform, so access it atomically */
 } OrloWatchdogTimer;
 
-/* A new timer, not armed; null with errno when it cannot be had. One a process. */
+/* A new timer, not armed; null with errno when it cannot be had. One a process (EBUSY). Counting
+ * needs no thread: a signal, SIGRTMAX - 1 with SA_RESTART, interrupts the calling thread once a
+ * second. Time for which the process is stopped is not counted. */
 OrloWatchdogTimer* OrloWatchdogTimerVirtCreate(void);
 
-/* Arms `timer`: once `elapsed` passes `seconds` the process is ended (SIGABRT) with a
- * syslog line that says why. `seconds` below 1 disarms. 0, or -1 with errno. */
+/* Arms `timer`: once `elapsed` passes `seconds` the process is ended (SIGABRT) with a syslog line
+ * that says why, at priority crit: "Watchdog: no sign of life for N seconds (limit SECONDS), ending
+ * the process". `elapsed` is left as it stands. `seconds` below 1 disarms. 0, or -1 with errno. */
 int OrloWatchdogTimerVirtSet(OrloWatchdogTimer* timer, int64_t seconds);
 
 /* Disarms and releases the timer; null is ignored. */
@@ -202,7 +224,8 @@ void OrloWatchdogTimerVirtDestroy(OrloWatchdogTimer* timer);
 
 /* ---- Statistics areas -------------------------------------------------------------------
  * Named memory that other processes read while its owner updates it: the file
- * ORLO_STATS_DIR "/NAME", an OrloStatsHeader followed by the area.
+ * ORLO_STATS_DIR "/NAME", mode 0644, an OrloStatsHeader followed by the area. It appears with its
+ * header complete and stays behind when its owner ends, with the last counts in it.
  */
 #define ORLO_STATS_DIR ORLO_RUN_DIR "/stats"
 #define ORLO_STATS_MAGIC 0x5354414fu /* "OATS" read as bytes: 4f 41 54 53 */
@@ -221,8 +244,9 @@ typedef struct OrloStatsHeader {
 
 typedef struct OrloStats OrloStats;
 
-/* Creates the area `name` of `size` bytes, all zero, replacing one of the same name. The result
- * lives until the process ends. Null with errno on failure. Any thread. */
+/* Creates the area `name` (as for OrloCmdInit, at most ORLO_STATS_NAME_MAX bytes) of `size` bytes
+ * (1 to 1 GiB), all zero, replacing one of the same name: who has that one mapped keeps it. The
+ * result lives until the process ends. Null with errno on failure. Any thread. */
 OrloStats* OrloStatsProdInit(const char* name, size_t size);
 
 /* The area's first byte, aligned to 64. Null for a null argument. Any thread. */

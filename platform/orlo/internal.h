@@ -1,0 +1,77 @@
+// What the SDK's files share. Nothing here is exported.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+#include <utility>
+
+namespace orlo {
+
+class OwnedFd {
+ public:
+  OwnedFd() noexcept = default;
+  explicit OwnedFd(int fd) noexcept : fd_(fd) {}
+  OwnedFd(OwnedFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  OwnedFd& operator=(OwnedFd&& other) noexcept {
+    if (this != &other) {
+      reset(std::exchange(other.fd_, -1));
+    }
+    return *this;
+  }
+  ~OwnedFd() { reset(); }
+
+  [[nodiscard]] int get() const noexcept { return fd_; }
+  [[nodiscard]] explicit operator bool() const noexcept { return fd_ >= 0; }
+  // Closes the held descriptor (errno is preserved) and holds `fd` from now on.
+  void reset(int fd = -1) noexcept;
+
+ private:
+  int fd_ = -1;
+};
+
+// A file that is written under a passing name beside its path and takes its path only when it is
+// complete, so that a reader sees the old content or the new, never a part. What is not published
+// is removed.
+class ReplacementFile {
+ public:
+  ReplacementFile() noexcept = default;
+  ReplacementFile(const ReplacementFile&) = delete;
+  ReplacementFile& operator=(const ReplacementFile&) = delete;
+  ~ReplacementFile();
+
+  // Creates "DIRECTORY/.NAME.XXXXXX" with mode 0644. False with errno.
+  [[nodiscard]] bool create(const char* directory, std::string_view name) noexcept;
+  [[nodiscard]] int fd() const noexcept { return fd_.get(); }
+  // Gives the file its name "DIRECTORY/NAME". False with errno.
+  [[nodiscard]] bool publish() noexcept;
+
+ private:
+  OwnedFd fd_;
+  char temporary_[192] = {};
+  char final_[192] = {};
+};
+
+// Creates the directory `path` (mode 0755) unless it is there. False with errno.
+[[nodiscard]] bool makeDirectory(const char* path) noexcept;
+
+// Whether `name` can be a file name under ORLO_RUN_DIR: 1 to 64 of letters, digits and "._-", the
+// first no dot.
+[[nodiscard]] bool validName(const char* name) noexcept;
+
+// The name given to OrloLogInit, else the program's. Any thread.
+[[nodiscard]] const char* logIdent() noexcept;
+// Whether log lines go to standard error as well. Any thread.
+[[nodiscard]] bool logForeground() noexcept;
+
+// No line of a tuning file and no CSV record is longer, so that a hostile file cannot take all
+// memory.
+inline constexpr std::size_t kMaxLineBytes = std::size_t{16} << 20;
+
+// White space, whatever the locale.
+[[nodiscard]] constexpr bool isSpace(char c) noexcept {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+// `text` without the white space around it.
+[[nodiscard]] std::string_view trimmed(std::string_view text) noexcept;
+
+}  // namespace orlo

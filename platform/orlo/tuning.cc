@@ -1,0 +1,167 @@
+#include <climits>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "include/orlo_sdk.h"
+#include "internal.h"
+
+struct OrloTuning {
+  FILE* stream = nullptr;
+  int line = 0;
+  std::string text;  // the line last read; key and value are cut out of it in place
+};
+
+namespace {
+
+using orlo::isSpace;
+
+constexpr std::size_t kMaxKeyBytes = 1023;
+
+enum class Line { End, Readable, Unreadable };
+
+// Reads the next line without its end. What is too long is read to its end, but not kept.
+Line readLine(OrloTuning& tuning) {
+  std::string& text = tuning.text;
+  text.clear();
+  bool any = false;
+  bool readable = true;
+  for (int c = getc_unlocked(tuning.stream); c != '\n'; c = getc_unlocked(tuning.stream)) {
+    if (c == EOF) {
+      if (!any || ferror(tuning.stream) != 0) {
+        return Line::End;
+      }
+      break;
+    }
+    any = true;
+    if (c == '\0' || text.size() == orlo::kMaxLineBytes) {
+      readable = false;
+    } else {
+      text.push_back(static_cast<char>(c));
+    }
+  }
+  if (tuning.line == 0 && text.starts_with("\xEF\xBB\xBF")) {
+    text.erase(0, 3);
+  }
+  if (tuning.line < INT_MAX) {
+    ++tuning.line;
+  }
+  return readable ? Line::Readable : Line::Unreadable;
+}
+
+char* skipSpace(char* at) {
+  while (isSpace(*at)) {
+    ++at;
+  }
+  return at;
+}
+
+// Unescapes the quoted value whose opening quote is at `quote`, in place. Null when the quote is
+// not closed or something other than a comment follows.
+char* quotedValue(char* quote) {
+  char* out = quote;
+  char* in = quote + 1;
+  for (; *in != '"'; ++in) {
+    if (*in == '\0') {
+      return nullptr;
+    }
+    if (in[0] == '\\' && (in[1] == '"' || in[1] == '\\')) {
+      ++in;
+    }
+    *out++ = *in;
+  }
+  char* const behind = in + 1;
+  char* const rest = skipSpace(behind);
+  if (*rest != '\0' && (*rest != '#' || rest == behind)) {
+    return nullptr;
+  }
+  *out = '\0';
+  return quote;
+}
+
+// Cuts the comment and the white space behind a bare value. The character before it, which is
+// white space or the equals sign, belongs to the line.
+char* bareValue(char* value) {
+  char* end = value;
+  for (; *end != '\0'; ++end) {
+    if (*end == '#' && isSpace(end[-1])) {
+      break;
+    }
+  }
+  while (end > value && isSpace(end[-1])) {
+    --end;
+  }
+  *end = '\0';
+  return value;
+}
+
+// Takes the setting that begins at `key` apart.
+int parseSetting(char* key, const char** keyText, const char** valueText) {
+  char* keyEnd = key;
+  while (*keyEnd != '\0' && !isSpace(*keyEnd) && *keyEnd != '=' && *keyEnd != '#' &&
+         *keyEnd != '"') {
+    ++keyEnd;
+  }
+  const auto keyBytes = static_cast<std::size_t>(keyEnd - key);
+  if (keyBytes == 0 || keyBytes > kMaxKeyBytes || *keyEnd == '#' || *keyEnd == '"') {
+    return ORLO_TUNING_MALFORMED;
+  }
+  char* value = skipSpace(keyEnd);
+  if (*value == '=') {
+    value = skipSpace(value + 1);
+  } else if (*value == '\0' || *value == '#') {
+    return ORLO_TUNING_MALFORMED;
+  }
+  value = *value == '"' ? quotedValue(value) : bareValue(value);
+  if (value == nullptr) {
+    return ORLO_TUNING_MALFORMED;
+  }
+  *keyEnd = '\0';
+  *keyText = key;
+  *valueText = value;
+  return ORLO_TUNING_SETTING;
+}
+
+}  // namespace
+
+OrloTuning* OrloTuningAlloc(FILE* stream) {
+  if (stream == nullptr) {
+    return nullptr;
+  }
+  std::unique_ptr<OrloTuning> tuning(new (std::nothrow) OrloTuning);
+  if (tuning) {
+    tuning->stream = stream;
+  }
+  return tuning.release();
+}
+
+int OrloTuningParseLine(OrloTuning* tuning, const char** key, const char** value) {
+  if (tuning == nullptr || key == nullptr || value == nullptr) {
+    return ORLO_TUNING_END;
+  }
+  try {
+    for (;;) {
+      const Line line = readLine(*tuning);
+      if (line == Line::End) {
+        return ORLO_TUNING_END;
+      }
+      if (line == Line::Unreadable) {
+        return ORLO_TUNING_MALFORMED;
+      }
+      char* const start = skipSpace(tuning->text.data());
+      if (*start != '\0' && *start != '#') {
+        return parseSetting(start, key, value);
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    return ORLO_TUNING_END;
+  }
+}
+
+int OrloTuningCurrLine(const OrloTuning* tuning) {
+  return tuning == nullptr ? 0 : tuning->line;
+}
+
+void OrloTuningRelease(OrloTuning* tuning) {
+  std::unique_ptr<OrloTuning>{tuning}.reset();
+}
