@@ -1,0 +1,21 @@
+# The account of a recording: what brund-sim queued against what the daemon's statistics area and
+# the capture files hold.
+($brund[0]) as $b | ($stats[0]) as $s | ($captures[0]) as $c
+| {
+    seen: $b.seen,
+    matched: $b.matched,
+    queued: $b.queued,
+    captures: $b.captures,
+    accepted: $s.frames_accepted,
+    refused: $s.frames_refused,
+    records: ([$c[].frames] | add // 0),
+    files: ($c | length),
+    not_queued: $b.refused
+  }
+| .differences = [
+    (select(.queued != .accepted + .refused)
+      | "queued \(.queued), but accepted + refused = \(.accepted + .refused)"),
+    (select(.records != .accepted)
+      | "accepted \(.accepted), but \(.records) records in the files")
+  ]
+| .balanced = (.differences == [])

@@ -1,0 +1,34 @@
+// The daemon's statistics area, as any other process reads it.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+namespace tarnik::ctl {
+
+inline constexpr std::size_t kCounters = 6;
+using Counters = std::array<std::uint64_t, kCounters>;
+
+// Names in the order of the area.
+inline constexpr std::array<const char*, kCounters> kCounterNames = {
+    "files_used_sum",  "disk_used_sum",  "frames_read",
+    "frames_accepted", "frames_refused", "frames_invalid"};
+
+struct Stats {
+  Counters counters{};
+  std::int32_t ownerPid = 0;
+  bool ownerAlive = false;
+};
+
+// Reads the area at `path`. On failure false, and `reason` says what is wrong and what to do.
+[[nodiscard]] bool readStats(const std::string& path, Stats& stats, std::string& reason);
+
+[[nodiscard]] std::string toText(const Stats& stats);
+[[nodiscard]] std::string toJson(const Stats& stats);
+// The text exposition format of Prometheus, version 0.0.4.
+[[nodiscard]] std::string toPrometheus(const Stats& stats);
+// What was counted between two readings `interval` seconds apart, by the second.
+[[nodiscard]] std::string toRates(const Stats& before, const Stats& after, double interval);
+
+}  // namespace tarnik::ctl
