@@ -1,0 +1,336 @@
+#include "capture/capture_manager.h"
+
+#include <orlo_sdk.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "base/log.h"
+#include "base/paths.h"
+#include "capture/file_name.h"
+#include "capture/meta_cache.h"
+#include "frameq/tarnik_if.h"
+
+namespace tarnik {
+namespace {
+
+constexpr char kEventCategory[] = "VRK_events";
+
+void reportDiskSpaceLimit(std::uint64_t diskUsed, std::uint64_t diskSpace) {
+  TARNIK_WARNING("Warning: %s: Disk space limit exceeded=[%lu/%lu ] ", "ConsumeFrame", diskUsed,
+                 diskSpace);
+  OrloLogEvent("VRKPC0001I", kEventCategory, "MaxDiskSize=%zd,DiskSizeUsed=%zd ", diskSpace,
+               diskUsed);
+}
+
+// The event gives the number in use as the maximum: its readers know it so.
+void reportFileCountLimit(std::uint64_t filesUsed, std::uint64_t fileCount) {
+  TARNIK_WARNING("Warning: %s: Files limit exceeded=[%lu/%lu ] ", "ConsumeFrame", filesUsed,
+                 fileCount);
+  OrloLogEvent("VRKPC0002I", kEventCategory, "MaxNumberOfFiles=%zd ", filesUsed);
+}
+
+// The result for a frame that `writer` did not take.
+CaptureManager::Result reportWriteFailure(const PcapWriter& writer, std::uint64_t captureId) {
+  TARNIK_ERROR("Error: %s: Failed write to 0x%lx", "ConsumeFrame", captureId);
+  if (writer.status() != kFileSizeLimit) {
+    return CaptureManager::kWriteFailed;
+  }
+  TARNIK_ERROR("Error: %s: File size limit reached for 0x%lx", "ConsumeFrame", captureId);
+  return CaptureManager::kFileSizeExceeded;
+}
+
+void raiseFileSizeEvent(CaptureManager::Result result, std::int64_t maxFileSize) {
+  if (result == CaptureManager::kFileSizeExceeded) {
+    OrloLogEvent("VRKPC0003I", kEventCategory, "MaxFileSize=%zd ", maxFileSize);
+  }
+}
+
+}  // namespace
+
+CaptureManager& CaptureManager::instance() {
+  static CaptureManager manager;
+  return manager;
+}
+
+int CaptureManager::Init(const std::string& issuesPath, std::int64_t maxTimeout,
+                         std::uint64_t diskSpace, std::uint64_t fileCount, std::int64_t maxFileSize,
+                         std::int64_t eventInterval, std::uint32_t eventThreshold) {
+  const int result =
+      configure("Init", false, issuesPath,
+                {maxTimeout, diskSpace, fileCount, maxFileSize, eventInterval, eventThreshold});
+  if (result == kOk) {
+    nameTime_ = std::time(nullptr);
+    nameSeq_ = 0;
+    diskUsed_ = 0;
+    filesUsed_ = 0;
+  }
+  return result;
+}
+
+int CaptureManager::Reload(const std::string& issuesPath, std::int64_t maxTimeout,
+                           std::uint64_t diskSpace, std::uint64_t fileCount,
+                           std::int64_t maxFileSize, std::int64_t eventInterval,
+                           std::uint32_t eventThreshold) {
+  return configure("Reload", true, issuesPath,
+                   {maxTimeout, diskSpace, fileCount, maxFileSize, eventInterval, eventThreshold});
+}
+
+int CaptureManager::configure(const char* operation, bool reload, const std::string& issuesPath,
+                              const Limits& limits) {
+  TARNIK_DEBUG(1,
+               "Debug: %s: path=%s, maxTimeout=%ld, diskSpace=%zd fileCount=%zd, "
+               "eventInterval=%zd, eventThreshold=%zd",
+               operation, issuesPath.c_str(), limits.maxTimeout, limits.diskSpace, limits.fileCount,
+               limits.eventInterval, std::size_t{limits.eventThreshold});
+  // Each of the two messages names the other's map: that is how they are known in the field.
+  if (!(reload ? napMap_.Reload() : napMap_.Load())) {
+    TARNIK_ERROR("Error: %s: Loading of IPS lookup failed", operation);
+    return kNapMapFailed;
+  }
+  if (!(reload ? issueMap_.Reload(issuesPath) : issueMap_.PopulateIssueMap(issuesPath.c_str()))) {
+    TARNIK_ERROR("Error: %s: Loading of NAP lookup failed ", operation);
+    return kIssueMapFailed;
+  }
+  const std::lock_guard guard(mutex_);
+  limits_ = limits;
+  diskEvent_ = {.armed = true};
+  filesEvent_ = {.armed = filesEvent_.armed};  // armed by the frames that pass its test only
+  return kOk;
+}
+
+CaptureManager::Limits CaptureManager::limits() const {
+  const std::lock_guard guard(mutex_);
+  return limits_;
+}
+
+CaptureManager::LimitEvent::Verdict CaptureManager::LimitEvent::test(bool exceeded, std::time_t now,
+                                                                     const Limits& limits) {
+  if (exceeded && armed) {
+    *this = {.deadline = now + limits.eventInterval};
+    return Verdict::kRaise;
+  }
+  ++count;
+  if (count > limits.eventThreshold || now > deadline) {
+    armed = true;
+  }
+  return exceeded ? Verdict::kQuiet : Verdict::kWithin;
+}
+
+CaptureManager::Admission CaptureManager::admit(std::time_t now) {
+  const std::lock_guard guard(mutex_);
+  Admission admission{.limits = limits_};
+  admission.disk = diskEvent_.test(diskUsed_ > limits_.diskSpace, now, limits_);
+  if (admission.disk == LimitEvent::Verdict::kWithin) {
+    admission.files = filesEvent_.test(filesUsed_ > limits_.fileCount, now, limits_);
+  }
+  return admission;
+}
+
+int CaptureManager::ConsumeFrame(std::uint64_t captureId, const zorvik_frm_desc& frame,
+                                 const std::uint8_t* data, std::uint32_t flags) {
+  using enum LimitEvent::Verdict;
+  const Admission admission = admit(std::time(nullptr));
+  const Limits& limits = admission.limits;
+  TARNIK_DEBUG(1, "Debug: %s: captureId=0x%lx, flags=0x%x, %zd/%zd %zd/%zd", "ConsumeFrame",
+               captureId, flags, filesUsed_, limits.fileCount, diskUsed_, limits.diskSpace);
+  if (admission.disk != kWithin) {
+    if (admission.disk == kRaise) {
+      reportDiskSpaceLimit(diskUsed_, limits.diskSpace);
+    }
+    return kDiskSpaceExceeded;
+  }
+  if (admission.files != kWithin) {
+    if (admission.files == kRaise) {
+      reportFileCountLimit(filesUsed_, limits.fileCount);
+    }
+    return kFileCountExceeded;
+  }
+
+  Writer writer;
+  WriterTable::iterator position;
+  if (!LookupConnWriter(captureId, writer, position)) {
+    return consumeFirst(captureId, frame, data, flags, limits.maxFileSize);
+  }
+  TARNIK_DEBUG(3, "Debug: %s: Cached writer: 0x%lx", "ConsumeFrame", captureId);
+  if (!writer->Write(frame, data)) {
+    const Result result = reportWriteFailure(*writer, captureId);
+    EraseConnWriter(position);
+    raiseFileSizeEvent(result, limits.maxFileSize);
+    return result;
+  }
+  TarnikMetaCache::instance().update(captureId);
+  if (ProcessMetaData(*writer, captureId) && (flags & kPktLastFrame) != 0) {
+    EraseConnWriter(position);
+  }
+  return kOk;
+}
+
+int CaptureManager::consumeFirst(std::uint64_t captureId, const zorvik_frm_desc& frame,
+                                 const std::uint8_t* data, std::uint32_t flags,
+                                 std::int64_t maxFileSize) {
+  TARNIK_DEBUG(3, "Debug: %s: New writer: 0x%lx", "ConsumeFrame", captureId);
+  char name[17];
+  std::snprintf(name, sizeof name, "%lx", captureId);
+  const Writer writer = std::make_shared<PcapWriter>(std::string(kCaptureDir) + name,
+                                                     static_cast<std::uint64_t>(maxFileSize));
+  if (!writer->Open()) {
+    TARNIK_ERROR("Error: %s: Open [%s] failed", "ConsumeFrame", name);
+    return kOpenFailed;
+  }
+  if (!writer->Write(frame, data)) {
+    const Result result = reportWriteFailure(*writer, captureId);
+    raiseFileSizeEvent(result, maxFileSize);
+    return result;
+  }
+  TarnikMetaCache::instance().update(captureId);
+  const bool complete = ProcessMetaData(*writer, captureId) && (flags & kPktLastFrame) != 0;
+  if (!complete) {
+    PushConnWriter(captureId, writer);
+  }
+  return kOk;
+}
+
+bool CaptureManager::ProcessMetaData(PcapWriter& writer, std::uint64_t captureId) {
+  TARNIK_DEBUG(3, "Debug: %s: captureId=0x%lx", "ProcessMetaData", captureId);
+  if (writer.named()) {
+    return true;
+  }
+  std::uint64_t flowId = 0;
+  std::uint32_t triggerId = 0;
+  if (!TarnikMetaCache::instance().lookup(captureId, flowId, triggerId)) {
+    TARNIK_DEBUG(3, "Debug: %s: No metadata: 0x%lx", "ProcessMetaData", flowId);
+    return false;
+  }
+  TARNIK_DEBUG(3, "Debug: %s: Found metadata: 0x%lx", "ProcessMetaData", flowId);
+  if (!UpdateWriter(writer, static_cast<std::int32_t>(triggerId), flowId)) {
+    TARNIK_ERROR("Error: %s: Failed to update writer: 0x%lx", "ProcessMetaData", captureId);
+    return false;
+  }
+  return true;
+}
+
+bool CaptureManager::UpdateWriter(PcapWriter& writer, std::int32_t triggerId,
+                                  std::uint64_t flowId) {
+  TARNIK_DEBUG(3, "Debug: %s: triggerId=%d", "UpdateWriter", triggerId);
+  const std::time_t now = std::time(nullptr);
+  if (now != nameTime_) {
+    nameTime_ = now;
+    nameSeq_ = 0;
+  } else {
+    ++nameSeq_;
+  }
+  std::tm utc{};
+  if (::gmtime_r(&now, &utc) == nullptr) {
+    TARNIK_ERROR("Error: %s: Failed to get timestamp: %d", "UpdateWriter", errno);
+    return false;
+  }
+  std::string policyName;  // an issue's name, a rule's UUID, or nothing
+  switch (classifyTrigger(triggerId)) {
+    case TriggerClass::kIpsIssue:
+      if (!findIssue(triggerId, policyName)) {
+        return false;
+      }
+      break;
+    case TriggerClass::kNapRule:
+      if (!findRule(triggerId, policyName)) {
+        return false;
+      }
+      break;
+    case TriggerClass::kUnknown:
+      break;
+  }
+  const std::string path = captureFileName(utc, triggerId, policyName, nameSeq_);
+  TARNIK_DEBUG(0, "Debug: %s: %s", "UpdateWriter", path.c_str());
+  writer.Update(path, static_cast<std::uint32_t>(triggerId), policyName,
+                static_cast<std::int64_t>(flowId));
+  return true;
+}
+
+bool CaptureManager::findIssue(std::int32_t issueId, std::string& name) const {
+  const auto id = static_cast<std::uint32_t>(issueId);
+  TARNIK_DEBUG(3, "Debug: %s: issueId=0x%x", "LookupIssueName", id);
+  if (!issueMap_.LookupIssueName(id, name)) {
+    TARNIK_DEBUG(0, "Debug: %s: No UUID for issueId %d", "LookupIssueName", issueId);
+    TARNIK_ERROR("Error: %s: Failed issue name lookup: 0x%x", "UpdateWriter", id);
+    return false;
+  }
+  TARNIK_DEBUG(0, "Debug: %s: %d=%s ", "LookupIssueName", issueId, name.c_str());
+  return true;
+}
+
+bool CaptureManager::findRule(std::int32_t priority, std::string& uuid) const {
+  const auto id = static_cast<std::uint32_t>(priority);
+  TARNIK_DEBUG(3, "Debug: %s: rulePriority=0x%x", "LookupNapUuid", id);
+  if (!napMap_.LookupNapUuid(id, uuid)) {
+    TARNIK_DEBUG(0, "Debug: %s: No UUID for NAP rule %d", "LookupNapUuid", priority);
+    TARNIK_ERROR("Error: %s: Failed nap name lookup: 0x%x", "UpdateWriter", id);
+    return false;
+  }
+  TARNIK_DEBUG(0, "Debug: %s: %d=%s ", "LookupNapUuid", priority, uuid.c_str());
+  return true;
+}
+
+bool CaptureManager::LookupConnWriter(std::uint64_t captureId, Writer& writer,
+                                      WriterTable::iterator& position) {
+  TARNIK_DEBUG(3, "Debug: %s: captureId=0x%lx", "LookupConnWriter", captureId);
+  position = writers_.find(captureId);
+  if (position == writers_.end()) {
+    TARNIK_DEBUG(3, "Debug: %s: Not found captureId=0x%lx", "LookupConnWriter", captureId);
+    return false;
+  }
+  writer = position->second;
+  TARNIK_DEBUG(3, "Debug: %s: Found captureId=0x%lx", "LookupConnWriter", captureId);
+  return true;
+}
+
+void CaptureManager::PushConnWriter(std::uint64_t captureId, Writer writer) {
+  TARNIK_DEBUG(3, "Debug: %s: captureId=0x%lx", "PushConnWriter", captureId);
+  writers_[captureId] = std::move(writer);
+}
+
+void CaptureManager::EraseConnWriter(WriterTable::iterator& position) {
+  if (position == writers_.end()) {
+    return;
+  }
+  TARNIK_DEBUG(3, "Debug: %s: captureId=0x%lx", "EraseConnWriter", position->first);
+  writers_.erase(position);
+  position = writers_.end();
+}
+
+void CaptureManager::ExpireWriters() {
+  TARNIK_DEBUG(3, "Debug: %s: Expiring writers", "ExpireWriters");
+  const std::time_t now = std::time(nullptr);
+  const std::int64_t maxTimeout = limits().maxTimeout;
+  for (auto position = writers_.begin(); position != writers_.end();) {
+    if (now - position->second->lastWriteTime() <= maxTimeout) {
+      ++position;
+    } else {
+      position = closeWriter("ExpireWriters", position);
+    }
+  }
+}
+
+void CaptureManager::CloseWriters() {
+  TARNIK_DEBUG(3, "Debug: %s: Closing writers", "CloseWriters");
+  for (auto position = writers_.begin(); position != writers_.end();) {
+    position = closeWriter("CloseWriters", position);
+  }
+}
+
+// The last chance for metadata that came late; then the file is closed.
+CaptureManager::WriterTable::iterator CaptureManager::closeWriter(const char* operation,
+                                                                  WriterTable::iterator position) {
+  const auto [captureId, writer] = *position;
+  if (!ProcessMetaData(*writer, captureId)) {
+    TARNIK_DEBUG(0, "Debug: %s: No metadata for flow 0x%lx", operation, captureId);
+  }
+  return writers_.erase(position);
+}
+
+void CaptureManager::UpdateUsageCounters() {
+  usage_.update(diskUsed_, filesUsed_);
+}
+
+}  // namespace tarnik

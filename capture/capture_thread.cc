@@ -1,0 +1,196 @@
+#include "capture/capture_thread.h"
+
+#include <orlo_sdk.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "base/log.h"
+#include "capture/capture_manager.h"
+
+namespace tarnik {
+
+void CaptureThread::start(std::uint64_t queueTimeout) {
+  queueTimeout_ = queueTimeout;
+  stopRequested_ = false;  // no thread yet that could read it
+  TARNIK_DEBUG(3, "Debug: %s: Packet capture starting", "start");
+  const int error = ::pthread_create(&thread_, nullptr, &CaptureThread::threadFunc, this);
+  if (error != 0) {
+    TARNIK_ERROR("Error: Failed to create analysis thread: %s", std::strerror(error));
+    return;
+  }
+  started_ = true;
+}
+
+void CaptureThread::stop() {
+  TARNIK_DEBUG(0, "Debug: %s: Packet capture stop", "stop");
+  const std::lock_guard guard(mutex_);
+  stopRequested_ = true;
+  running_.store(false, std::memory_order_relaxed);
+  if (captureIf_) {
+    captureIf_->Shutdown();
+  }
+}
+
+void CaptureThread::join() {
+  TARNIK_DEBUG(3, "Debug: %s: Packet capture stopping", "join");
+  if (!started_) {
+    return;
+  }
+  const int error = ::pthread_join(thread_, nullptr);
+  if (error != 0) {
+    TARNIK_ERROR("Error: Failed to join analysis thread: %s", std::strerror(error));
+  }
+  started_ = false;
+}
+
+void* CaptureThread::threadFunc(void* self) {
+  static_cast<CaptureThread*>(self)->run();
+  return nullptr;
+}
+
+void CaptureThread::run() {
+  if (!initCaptureQueue(false)) {
+    TARNIK_ERROR("Error: %s: Failed initialize the thread for capture", "threadFunc");
+    return;
+  }
+  if (initStatistics()) {
+    processFrames();
+  }
+}
+
+bool CaptureThread::initStatistics() {
+  if (counters_ == nullptr) {
+    OrloStats* const stats = ::OrloStatsProdInit("tarnik", kCounters * sizeof *counters_);
+    if (stats == nullptr) {
+      return false;
+    }
+    counters_ = static_cast<std::uint64_t*>(::OrloStatsArea(stats));
+    for (unsigned counter = 0; counter < kCounters; ++counter) {
+      std::atomic_ref(counters_[counter]).store(0, std::memory_order_relaxed);
+    }
+  }
+  return true;
+}
+
+// Relaxed: each counter stands for itself.
+void CaptureThread::count(Counter counter, std::uint64_t amount) {
+  std::atomic_ref(counters_[counter]).fetch_add(amount, std::memory_order_relaxed);
+}
+
+// The former queue goes after the mutex is free again.
+void CaptureThread::setQueue(Queue queue) {
+  const std::lock_guard guard(mutex_);
+  captureIf_.swap(queue);
+}
+
+void CaptureThread::closeQueue() {
+  Queue queue;
+  {
+    const std::lock_guard guard(mutex_);
+    queue.swap(captureIf_);
+  }
+  queue->Close();
+  queue.reset();
+  TarnikIfgClose();
+}
+
+bool CaptureThread::initCaptureQueue(bool reopen) {
+  if (reopen && captureIf_) {
+    closeQueue();
+  }
+  if (TarnikIfgOpen() != 0) {
+    TARNIK_ERROR("Error: %s: Failed to open tarnikd ifg", "initCaptureQueue");
+    return false;
+  }
+  Queue queue(TarnikIfCreate());
+  if (!queue) {
+    TARNIK_ERROR("Error: %s: Failed to create tarnikd interface", "initCaptureQueue");
+    return false;
+  }
+  const int result = queue->Open(TarnikQ::kIngress);
+  if (result != 0) {
+    TARNIK_ERROR("Error: %s: Failed to open tarnikQ: %d", "initCaptureQueue", result);
+  } else {
+    queue->SetTimeout(static_cast<std::int32_t>(queueTimeout_));
+  }
+  setQueue(std::move(queue));
+  return result == 0;
+}
+
+void CaptureThread::processFrames() {
+  CaptureManager& manager = CaptureManager::instance();
+  {
+    const std::lock_guard guard(mutex_);
+    running_.store(!stopRequested_, std::memory_order_relaxed);
+  }
+  while (running_.load(std::memory_order_relaxed)) {
+    zorvik_frm_desc* frame = nullptr;
+    std::uint8_t* data = nullptr;
+    std::uint64_t captureId = 0;
+    std::uint32_t flags = 0;
+    const int result = captureIf_->ReadPkt(&frame, &data, &captureId, &flags);
+    const int error = errno;
+    TARNIK_DEBUG(3, "Debug: %s: rv=%d (errno=%d) %p %p", "processFrames", result, error,
+                 static_cast<void*>(frame), static_cast<void*>(data));
+    if (result != 0) {
+      readFailed(manager, result, error, frame);
+    } else if (frame == nullptr) {
+      TARNIK_ERROR("Error: %s: Invalid frame", "processFrames");
+      count(kInvalidFrames, 1);
+    } else {
+      processFrame(manager, *frame, data, captureId, flags);
+    }
+  }
+  TARNIK_DEBUG(3, "Debug: %s: exiting", "processFrames");
+  manager.CloseWriters();
+  closeQueue();
+}
+
+void CaptureThread::processFrame(CaptureManager& manager, zorvik_frm_desc& frame,
+                                 const std::uint8_t* data, std::uint64_t captureId,
+                                 std::uint32_t flags) {
+  count(kFramesRead, 1);
+  const int result = manager.ConsumeFrame(captureId, frame, data, flags);
+  if (result == CaptureManager::kDiskSpaceExceeded ||
+      result == CaptureManager::kFileCountExceeded) {
+    TARNIK_DEBUG(0, "Debug: %s: Failed to capture frame (0x%lx)", "processFrames", captureId);
+  } else if (result != CaptureManager::kOk) {
+    TARNIK_ERROR("Error: %s: Failed to capture frame (0x%lx)", "processFrames", captureId);
+  }
+  count(result == CaptureManager::kOk ? kFramesAccepted : kFramesRefused, 1);
+  captureIf_->Free(&frame);
+  manager.UpdateUsageCounters();
+  count(kFilesUsedSum, manager.filesUsed());
+  count(kDiskUsedSum, manager.diskUsed());
+}
+
+void CaptureThread::readFailed(CaptureManager& manager, int result, int error,
+                               zorvik_frm_desc* frame) {
+  if (frame != nullptr) {
+    // A frame whose data cannot be reached. It is ours to free, and it is no time-out or shutdown,
+    // whatever errno was left at.
+    TARNIK_ERROR("Error: %s: ReadPkt rc=%d): errno=%d", "processFrames", result, error);
+    captureIf_->Free(frame);
+    return;
+  }
+  switch (error) {
+    case ESHUTDOWN:
+      TARNIK_DEBUG(0, "Debug: %s: Shutdown", "processFrames");
+      running_.store(false, std::memory_order_relaxed);
+      break;
+    case EINTR:
+      TARNIK_DEBUG(3, "Debug: %s: Interrupted", "processFrames");
+      break;
+    case EAGAIN:
+      TARNIK_DEBUG(3, "Debug: %s: Timeout", "processFrames");
+      manager.ExpireWriters();
+      break;
+    default:
+      TARNIK_ERROR("Error: %s: ReadPkt rc=%d): errno=%d", "processFrames", result, error);
+      break;
+  }
+}
+
+}  // namespace tarnik

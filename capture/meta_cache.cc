@@ -1,0 +1,108 @@
+#include "capture/meta_cache.h"
+
+#include "base/log.h"
+
+namespace tarnik {
+namespace {
+
+// Holds a lock that `take` has taken, for reading or for writing.
+class Guard {
+ public:
+  Guard(pthread_rwlock_t& lock, int (*take)(pthread_rwlock_t*)) : lock_(lock) { take(&lock_); }
+  ~Guard() { pthread_rwlock_unlock(&lock_); }
+  Guard(const Guard&) = delete;
+  Guard& operator=(const Guard&) = delete;
+
+ private:
+  pthread_rwlock_t& lock_;
+};
+
+}  // namespace
+
+TarnikMetaCache& TarnikMetaCache::instance() {
+  static TarnikMetaCache cache;
+  return cache;
+}
+
+TarnikMetaCache::TarnikMetaCache() : lockReady_(pthread_rwlock_init(&lock_, nullptr) == 0) {}
+
+TarnikMetaCache::~TarnikMetaCache() {
+  if (lockReady_) {
+    pthread_rwlock_destroy(&lock_);
+  }
+}
+
+// The timeout counts as unsigned: a negative one is a very long life, not a past one.
+std::time_t TarnikMetaCache::expireTimeFrom(std::time_t now) const {
+  return now + static_cast<std::uint32_t>(timeout_.load(std::memory_order_relaxed));
+}
+
+void TarnikMetaCache::config(int timeout) {
+  TARNIK_DEBUG(3, "Debug: %s: timeout=%d", "config", timeout);
+  timeout_.store(timeout, std::memory_order_relaxed);
+}
+
+void TarnikMetaCache::add(std::uint64_t captureId, std::uint64_t flowId, std::uint32_t triggerId) {
+  TARNIK_DEBUG(3, "Debug: %s: Add metatdata for 0x%lx", "add", captureId);
+  const std::time_t now = std::time(nullptr);
+  const Guard guard(lock_, pthread_rwlock_wrlock);
+  entries_[captureId] = {flowId, triggerId, expireTimeFrom(now)};
+}
+
+bool TarnikMetaCache::lookup(std::uint64_t captureId, std::uint64_t& flowId,
+                             std::uint32_t& triggerId) {
+  TARNIK_DEBUG(3, "Debug: %s: Lookup metadata for 0x%lx", "lookup", captureId);
+  flowId = 0;
+  triggerId = 0;
+  const Guard guard(lock_, pthread_rwlock_rdlock);
+  const auto found = entries_.find(captureId);
+  if (found == entries_.end()) {
+    return false;
+  }
+  flowId = found->second.flowId;
+  triggerId = found->second.triggerId;
+  return true;
+}
+
+void TarnikMetaCache::update(std::uint64_t captureId) {
+  TARNIK_DEBUG(3, "Debug: %s: Update expireTime for 0x%lx", "update", captureId);
+  const Guard guard(lock_, pthread_rwlock_wrlock);
+  const auto found = entries_.find(captureId);
+  if (found != entries_.end()) {
+    found->second.expireTime = expireTimeFrom(std::time(nullptr));
+  }
+}
+
+void TarnikMetaCache::erase(std::uint64_t captureId) {
+  TARNIK_DEBUG(3, "Debug: %s: Remove metadata for 0x%lx", "erase", captureId);
+  const Guard guard(lock_, pthread_rwlock_wrlock);
+  entries_.erase(captureId);
+}
+
+void TarnikMetaCache::expire() {
+  if (entries_.empty()) {  // no lock: nobody else changes the map's shape
+    return;
+  }
+  TARNIK_DEBUG(3, "Debug: %s: entry", "expire");
+  const std::time_t now = std::time(nullptr);
+  const Guard guard(lock_, pthread_rwlock_wrlock);
+  std::erase_if(entries_, [now](const auto& item) {
+    const auto& [captureId, entry] = item;
+    if (now <= entry.expireTime) {
+      return false;
+    }
+    TARNIK_DEBUG(3, "Debug: %s: Expiring 0x%lx (flowId=0x%lx, triggerId=0x%x)", "expire", captureId,
+                 entry.flowId, entry.triggerId);
+    return true;
+  });
+}
+
+void TarnikMetaCache::dump() {
+  const Guard guard(lock_, pthread_rwlock_rdlock);
+  TARNIK_INFO("%s: TarnikMetaCache", "dump");
+  for (const auto& [captureId, entry] : entries_) {
+    TARNIK_INFO("0x%lx: 0x%lx 0x%x", captureId, entry.flowId, entry.triggerId);
+  }
+}
+
+}  // namespace tarnik
