@@ -39,6 +39,10 @@ void StreamCloser::operator()(std::FILE* stream) const noexcept {
   errno = savedErrno;
 }
 
+bool closeStream(Stream& stream) noexcept {
+  return std::fclose(stream.release()) == 0;
+}
+
 Stream openForReading(const char* path) noexcept {
   // O_NONBLOCK: opening a pipe that nobody writes to must not wait; it changes nothing for files.
   OwnedFd fd(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));

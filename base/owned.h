@@ -70,6 +70,10 @@ struct StreamCloser {
 };
 using Stream = std::unique_ptr<std::FILE, StreamCloser>;
 
+// Closes the stream where the result matters: false, with errno, when fclose fails. `stream` is
+// empty afterwards either way, because fclose frees it even then.
+[[nodiscard]] bool closeStream(Stream& stream) noexcept;
+
 // Opens a file like fopen(path, "r"), but only a regular one: a directory fails with EISDIR, and
 // a pipe, socket or device with EINVAL, because reading one need never end. Never blocks.
 // Close-on-exec. Empty, with errno, on failure.
