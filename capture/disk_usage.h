@@ -1,0 +1,23 @@
+// How much of the capture directory is used: the bytes of all its entries, "." and ".." included,
+// and the number of entries whose name holds ".pcap". Links are followed, subdirectories are not
+// descended into.
+#pragma once
+
+#include <cstdint>
+
+namespace tarnik {
+
+// The measurement itself: lists the directory and asks for every entry's status. An entry that has
+// none counts nowhere and gets a warning. A directory that cannot be opened is an error and leaves
+// both counters as they were. Any thread.
+void scanDiskUsage(std::uint64_t& diskUsed, std::uint64_t& filesUsed);
+
+// The same measurement, repeated often. Not thread-safe.
+class DiskUsage {
+ public:
+  // Sets the counters to what scanDiskUsage would set them to at this moment, and logs what it
+  // would log.
+  void update(std::uint64_t& diskUsed, std::uint64_t& filesUsed);
+};
+
+}  // namespace tarnik

@@ -1,0 +1,239 @@
+#include "capture/pcap_writer.h"
+
+#include <fcntl.h>
+#include <stdio_ext.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "base/log.h"
+
+namespace tarnik {
+namespace {
+
+constexpr std::array<std::uint8_t, 24> kFileHeader = {
+    0xd4, 0xc3, 0xb2, 0xa1,  // magic: microseconds, little-endian
+    2,    0,    4,    0,     // version 2.4
+    0,    0,    0,    0,     // time zone
+    0,    0,    0,    0,     // accuracy
+    0xdc, 0x05, 0,    0,     // snaplen 1500, whatever the frames' lengths
+    1,    0,    0,    0,     // Ethernet
+};
+
+// Ten thousand captures may be open at once, and few of them busy: see bench/pcap_writer_bench.cc.
+constexpr std::size_t kStreamBufferSize = 16384;
+
+struct FrameWords {
+  std::uint32_t wireLength;
+  std::uint32_t capturedLength;
+  std::uint32_t seconds;
+  std::uint32_t microseconds;
+};
+
+// Volatile, so that each word is loaded once and what was checked is what is used.
+FrameWords readOnce(const volatile zorvik_frm_desc& frame) {
+  return {frame.wire_len, frame.cap_len, frame.ts_sec, frame.ts_usec};
+}
+
+// Where the last whole record of `path` ends, within `size` bytes. `from` is the end of a record
+// that is known to be complete, and the answer when the file cannot be read.
+std::uint64_t lastRecordEnd(const char* path, std::uint64_t from, std::uint64_t size) {
+  const OwnedFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+  std::array<std::uint32_t, 4> header{};
+  std::uint64_t end = from;
+  while (fd && ::pread(fd.get(), header.data(), sizeof header, static_cast<off_t>(end)) ==
+                   static_cast<ssize_t>(sizeof header)) {
+    const std::uint64_t next = end + sizeof header + header[2];
+    if (next > size) {
+      break;
+    }
+    end = next;
+  }
+  return end;
+}
+
+}  // namespace
+
+PcapWriter::PcapWriter(std::string workingPath, std::uint64_t maxFileSize)
+    : workingPath_(std::move(workingPath)), maxFileSize_(maxFileSize) {}
+
+PcapWriter::~PcapWriter() {
+  Close();
+}
+
+bool PcapWriter::Open() {
+  TARNIK_DEBUG(3, "Debug: %s: Opening [%s]", "Open", workingPath_.c_str());
+  if (stream_) {
+    return true;
+  }
+  // Close-on-exec: the shell that copies an info template has no use for the captures' files.
+  stream_.reset(std::fopen(workingPath_.c_str(), "wbe"));
+  if (!stream_) {
+    TARNIK_ERROR("Error: %s: Failed to open %s: %s", "Open", workingPath_.c_str(),
+                 std::strerror(errno));
+    return false;
+  }
+  // One thread at a time uses the writer, so the stream need not lock itself for every call.
+  __fsetlocking(stream_.get(), FSETLOCKING_BYCALLER);
+  buffer_ = std::make_unique_for_overwrite<char[]>(kStreamBufferSize);
+  std::setvbuf(stream_.get(), buffer_.get(), _IOFBF, kStreamBufferSize);
+  info_.startTime = std::time(nullptr);
+  if (!WritePCAPHeader()) {
+    return false;
+  }
+  if (std::fflush(stream_.get()) == 0) {
+    wholeOnDisk_ = kFileHeader.size();
+  } else {
+    mend();
+  }
+  lastWriteTime_ = std::time(nullptr);
+  return true;
+}
+
+bool PcapWriter::WritePCAPHeader() {
+  TARNIK_DEBUG(3, "Debug: %s: [%s]", "WritePCAPHeader", workingPath_.c_str());
+  if (std::fwrite(kFileHeader.data(), 1, kFileHeader.size(), stream_.get()) < kFileHeader.size()) {
+    TARNIK_ERROR("Error: %s: Failed to write PCAP header: %s", "WritePCAPHeader",
+                 std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+bool PcapWriter::Write(const zorvik_frm_desc& frame, const std::uint8_t* data) {
+  const FrameWords words = readOnce(frame);
+  const void* address = data;
+  TARNIK_DEBUG(0, "Debug: %s: Writing [%s] [%p] size=[%d,%d]", "Write", workingPath_.c_str(),
+               address, static_cast<int>(words.wireLength), static_cast<int>(words.capturedLength));
+  if (data == nullptr || !stream_ || words.capturedLength == 0) {
+    TARNIK_ERROR("Error: %s: frameData=%p, fileStream=%p size=%d", "Write", address,
+                 static_cast<void*>(stream_.get()), static_cast<int>(words.capturedLength));
+    return false;
+  }
+  recordHeader_ = {words.seconds, words.microseconds, words.capturedLength, words.wireLength};
+  const std::uint64_t recordSize = sizeof recordHeader_ + std::uint64_t{words.capturedLength};
+  if (maxFileSize_ < bytesWritten_ + recordSize) {
+    status_ = kStatusFull;
+    return false;
+  }
+  if (!append(&recordHeader_, sizeof recordHeader_)) {
+    TARNIK_ERROR("Error: %s: Failed to write packet header: %s", "Write", std::strerror(errno));
+    mend();
+    return false;
+  }
+  if (!append(data, words.capturedLength)) {
+    TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
+    mend();
+    return false;
+  }
+  // What still waits in the buffer is at most this record: all before it has reached the file.
+  if (__fpending(stream_.get()) <= recordSize) {
+    wholeOnDisk_ = kFileHeader.size() + bytesWritten_;
+  }
+  bytesWritten_ += recordSize;
+  lastWriteTime_ = std::time(nullptr);
+  return true;
+}
+
+bool PcapWriter::append(const void* bytes, std::size_t size) {
+  if (tornErrno_ != 0) {
+    mend();  // what is appended to half a record would be lost with it
+  }
+  if (tornErrno_ != 0) {
+    errno = tornErrno_;
+    return false;
+  }
+  return std::fwrite(bytes, size, 1, stream_.get()) == 1;
+}
+
+// After a failed write or flush: makes the file end in a whole record, behind which writing can go
+// on.
+void PcapWriter::mend() {
+  tornErrno_ = cutToWholeRecords() ? 0 : errno;
+}
+
+bool PcapWriter::cutToWholeRecords() {
+  std::FILE* const stream = stream_.get();
+  __fpurge(stream);  // the buffer may begin in the middle of a record
+  struct stat status {};
+  if (::fstat(::fileno(stream), &status) != 0) {
+    return false;
+  }
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  std::uint64_t end = 0;
+  if (size >= kFileHeader.size()) {
+    end = lastRecordEnd(workingPath_.c_str(), std::max(wholeOnDisk_, kFileHeader.size()), size);
+  }
+  if (::ftruncate(::fileno(stream), static_cast<off_t>(end)) != 0 ||
+      ::fseeko(stream, static_cast<off_t>(end), SEEK_SET) != 0) {
+    return false;
+  }
+  wholeOnDisk_ = end;
+  if (end == 0) {
+    bytesWritten_ = 0;
+    return std::fwrite(kFileHeader.data(), kFileHeader.size(), 1, stream) == 1;
+  }
+  bytesWritten_ = end - kFileHeader.size();
+  return true;
+}
+
+void PcapWriter::Update(const std::string& finalPath, std::uint32_t policyId,
+                        const std::string& policyName, std::int64_t flowId) {
+  TARNIK_DEBUG(3, "Debug: %s: [%s]", "Update", finalPath.c_str());
+  finalPath_ = finalPath;
+  info_.set(finalPath, policyId, policyName, flowId);
+  named_ = true;
+}
+
+bool PcapWriter::Close() {
+  TARNIK_DEBUG(3, "Debug: %s: Closing [%s]", "Close", workingPath_.c_str());
+  if (!stream_) {
+    return true;
+  }
+  if (std::fflush(stream_.get()) != 0 || tornErrno_ != 0) {
+    mend();
+  }
+  if (!closeStream(stream_)) {
+    TARNIK_ERROR("Error: %s: Failed to close [%s]: %s", "Close", workingPath_.c_str(),
+                 std::strerror(errno));
+    return false;
+  }
+  return Finalize();
+}
+
+bool PcapWriter::Finalize() {
+  TARNIK_DEBUG(3, "Debug: %s: Finalizing [%s] to [%s]", "Finalize", workingPath_.c_str(),
+               finalPath_.c_str());
+  if (finalPath_.empty()) {
+    TARNIK_WARNING("Warning: %s: Failed to determine capture name for [%s]", "Finalize",
+                   workingPath_.c_str());
+    if (std::remove(workingPath_.c_str()) != 0) {
+      TARNIK_DEBUG(0, "Debug: %s: Failed to remove [%s]: %s", "Finalize", workingPath_.c_str(),
+                   std::strerror(errno));
+    }
+    return true;
+  }
+  // A file that ends in half a record is not published.
+  errno = tornErrno_;
+  if (tornErrno_ != 0 || std::rename(workingPath_.c_str(), finalPath_.c_str()) != 0) {
+    TARNIK_ERROR("Error: %s: Failed to finalize [%s]: %s", "Finalize", finalPath_.c_str(),
+                 std::strerror(errno));
+    return false;
+  }
+  if (!fini(info_)) {
+    TARNIK_WARNING("Warning: %s: Failed to generate info for [%s]", "Finalize", finalPath_.c_str());
+    if (std::remove(finalPath_.c_str()) != 0) {
+      TARNIK_DEBUG(0, "Debug: %s: Failed to remove [%s]: %s", "Finalize", finalPath_.c_str(),
+                   std::strerror(errno));
+    }
+  }
+  TARNIK_DEBUG(3, "Debug: %s: Finalized [%s]", "Finalize", finalPath_.c_str());
+  return true;
+}
+
+}  // namespace tarnik
