@@ -34,7 +34,7 @@ void reportFileCountLimit(std::uint64_t filesUsed, std::uint64_t fileCount) {
 // The result for a frame that `writer` did not take.
 CaptureManager::Result reportWriteFailure(const PcapWriter& writer, std::uint64_t captureId) {
   TARNIK_ERROR("Error: %s: Failed write to 0x%lx", "ConsumeFrame", captureId);
-  if (writer.status() != kFileSizeLimit) {
+  if (writer.status() != kStatusFull) {
     return CaptureManager::kWriteFailed;
   }
   TARNIK_ERROR("Error: %s: File size limit reached for 0x%lx", "ConsumeFrame", captureId);
@@ -95,27 +95,14 @@ int CaptureManager::configure(const char* operation, bool reload, const std::str
   }
   const std::lock_guard guard(mutex_);
   limits_ = limits;
-  diskEvent_ = {.armed = true};
-  filesEvent_ = {.armed = filesEvent_.armed};  // armed by the frames that pass its test only
+  diskEvent_.arm();
+  filesEvent_.restart();  // only the frames that pass its test arm this one
   return kOk;
 }
 
-CaptureManager::Limits CaptureManager::limits() const {
+Limits CaptureManager::limits() const {
   const std::lock_guard guard(mutex_);
   return limits_;
-}
-
-CaptureManager::LimitEvent::Verdict CaptureManager::LimitEvent::test(bool exceeded, std::time_t now,
-                                                                     const Limits& limits) {
-  if (exceeded && armed) {
-    *this = {.deadline = now + limits.eventInterval};
-    return Verdict::kRaise;
-  }
-  ++count;
-  if (count > limits.eventThreshold || now > deadline) {
-    armed = true;
-  }
-  return exceeded ? Verdict::kQuiet : Verdict::kWithin;
 }
 
 CaptureManager::Admission CaptureManager::admit(std::time_t now) {

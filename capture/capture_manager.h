@@ -18,6 +18,7 @@
 #include <unordered_map>
 
 #include "capture/disk_usage.h"
+#include "capture/limits.h"
 #include "capture/pcap_writer.h"
 #include "frameq/zorvik_layout.h"
 #include "policy/issue_map.h"
@@ -39,7 +40,7 @@ class CaptureManager {
     kIssueMapFailed = 8,
     kDiskSpaceExceeded = 9,
     kFileCountExceeded = 10,
-    kFileSizeExceeded = kFileSizeLimit,
+    kFileSizeExceeded = kStatusFull,
   };
 
   static CaptureManager& instance();
@@ -88,26 +89,6 @@ class CaptureManager {
   [[nodiscard]] std::uint64_t diskUsed() const { return diskUsed_; }  // bytes
 
  private:
-  struct Limits {
-    std::int64_t maxTimeout = 0;
-    std::uint64_t diskSpace = 0;
-    std::uint64_t fileCount = 0;
-    std::int64_t maxFileSize = 0;
-    std::int64_t eventInterval = 0;
-    std::uint32_t eventThreshold = 0;
-  };
-
-  // The event of one limit: raised once, then quiet until enough frames or time have passed.
-  struct LimitEvent {
-    enum class Verdict { kWithin, kQuiet, kRaise };  // the latter two: the limit is exceeded
-    // Tests one frame; `exceeded` says whether the limit is.
-    Verdict test(bool exceeded, std::time_t now, const Limits& limits);
-
-    bool armed = false;
-    std::uint64_t count = 0;   // frames tested since the last event
-    std::time_t deadline = 0;  // end of the quiet period
-  };
-
   struct Admission {
     Limits limits;  // as they were for this frame
     LimitEvent::Verdict disk = LimitEvent::Verdict::kWithin;
