@@ -32,7 +32,8 @@ constexpr char kHelp[] =
     "  dump                          write settings and metadata to the daemon's log\n"
     "  metadata CAPTURE FLOW TRIGGER announce a capture: numbers, decimal or 0x hexadecimal\n"
     "  stats [--watch] [--json | --prometheus]\n"
-    "                                print the frame counters; --watch: rates, every second\n"
+    "                                print the frame counters; --watch: every second, as\n"
+    "                                rates unless a format is named\n"
     "  list [--json] [DIR]           list the finished captures (default /var/support/tarnik/)\n"
     "\n"
     "  --socket PATH                 the daemon's socket (default /run/orlo/tarnikd.sock)\n"
@@ -116,7 +117,11 @@ int metadata(const Options& options) {
   return sendOnly(options, Request::kMetadata, metadataPayload(captureId, flowId, triggerId));
 }
 
-int watch(Stats before) {
+std::string shown(const Options& options, const Stats& now) {
+  return options.json ? toJson(now) : options.prometheus ? toPrometheus(now) : toText(now);
+}
+
+int watch(const Options& options, Stats before) {
   std::string reason;
   for (;;) {
     ::sleep(1);
@@ -128,7 +133,8 @@ int watch(Stats before) {
       return complain(kNoDaemon, "tarnikd (process %d) has ended", after.ownerPid);
     }
     if (after.ownerPid == before.ownerPid) {
-      std::fputs(toRates(before, after, 1).c_str(), stdout);
+      const bool rates = !options.json && !options.prometheus;
+      std::fputs((rates ? toRates(before, after, 1) : shown(options, after)).c_str(), stdout);
       std::fflush(stdout);
     }
     before = after;
@@ -142,12 +148,9 @@ int stats(const Options& options) {
     return complain(kNoDaemon, "%s", reason.c_str());
   }
   if (options.watch) {
-    return watch(now);
+    return watch(options, now);
   }
-  const std::string text = options.json         ? toJson(now)
-                           : options.prometheus ? toPrometheus(now)
-                                                : toText(now);
-  std::fputs(text.c_str(), stdout);
+  std::fputs(shown(options, now).c_str(), stdout);
   if (!now.ownerAlive && !options.json && !options.prometheus) {
     std::fprintf(stderr, "tarnikctl: these are the last numbers of process %d, which has ended\n",
                  now.ownerPid);
@@ -238,14 +241,14 @@ int run(int argc, char** argv) {
     if (command.name != name) {
       continue;
     }
+    options.watch = switches.find('w') != std::string::npos;
+    options.json = switches.find('j') != std::string::npos;
+    options.prometheus = switches.find('p') != std::string::npos;
     if (options.arguments.size() < command.minArguments ||
-        options.arguments.size() > command.maxArguments || switches.size() > 1 ||
+        options.arguments.size() > command.maxArguments || (options.json && options.prometheus) ||
         switches.find_first_not_of(command.switches) != std::string::npos) {
       return usage();
     }
-    options.watch = switches == "w";
-    options.json = switches == "j";
-    options.prometheus = switches == "p";
     return command.run(options);
   }
   return usage();
