@@ -10,6 +10,7 @@ namespace {
 
 std::mutex mutex;  // guards lines
 std::vector<LogLine> lines;
+void (*lineHook)(const LogLine& line) = nullptr;
 
 void keep(int priority, const char* format, va_list arguments) {
   va_list copy;
@@ -20,6 +21,9 @@ void keep(int priority, const char* format, va_list arguments) {
   std::vsnprintf(text.data(), text.size() + 1, format, arguments);
   const std::lock_guard guard(mutex);
   lines.push_back({LOG_PRI(priority), std::move(text)});
+  if (lineHook != nullptr) {
+    lineHook(lines.back());
+  }
 }
 
 }  // namespace
@@ -42,6 +46,10 @@ std::vector<LogLine> logLinesAboveDebug() {
 void clearLog() {
   const std::lock_guard guard(mutex);
   lines.clear();
+}
+
+void onLogLine(void (*hook)(const LogLine& line)) {
+  lineHook = hook;
 }
 
 }  // namespace tarnik::test

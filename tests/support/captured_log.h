@@ -22,5 +22,8 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line);
 // Those lines without the debug ones.
 [[nodiscard]] std::vector<LogLine> logLinesAboveDebug();
 void clearLog();
+// Has `hook` called with every line as it is written, too; null ends that. Not while other threads
+// log.
+void onLogLine(void (*hook)(const LogLine& line));
 
 }  // namespace tarnik::test
