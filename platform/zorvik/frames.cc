@@ -1,0 +1,272 @@
+#include "platform/zorvik/frames.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <bit>
+#include <cerrno>
+#include <vector>
+
+#include "platform/zorvik/ring.h"
+
+namespace tarnik::zorvik {
+
+namespace {
+
+FrameClass* classOf(State& state, std::uint32_t buffer) {
+  for (std::uint32_t i = state.classes; i-- > 0;) {
+    if (buffer >= state.frameClasses[i].firstBuffer) {
+      return &state.frameClasses[i];
+    }
+  }
+  return nullptr;
+}
+
+void pushBuffer(State& state, std::uint32_t buffer) {
+  FrameClass& frameClass = *classOf(state, buffer);
+  state.bufferNext()[buffer] = frameClass.freeHead;
+  frameClass.freeHead = buffer;
+  ++frameClass.freeCount;
+}
+
+std::uint32_t popBuffer(State& state, FrameClass& frameClass) {
+  const std::uint32_t buffer = frameClass.freeHead;
+  frameClass.freeHead = state.bufferNext()[buffer];
+  --frameClass.freeCount;
+  return buffer;
+}
+
+void pushRecord(State& state, Group& group, std::uint32_t index) {
+  FrameRecord* records = state.records(group);
+  records[index].next = kNone;
+  if (group.freeHead == kNone) {
+    group.freeHead = index;
+  } else {
+    records[group.freeTail].next = index;
+  }
+  group.freeTail = index;
+  ++group.freeCount;
+}
+
+std::uint32_t popRecord(State& state, Group& group) {
+  const std::uint32_t index = group.freeHead;
+  group.freeHead = state.records(group)[index].next;
+  --group.freeCount;
+  return index;
+}
+
+// Applications may be looking at the descriptor: each word is stored whole, and the one that
+// says it is valid comes last.
+void store(zorvik_frm_desc& descriptor, const zorvik_frm_desc& value) {
+  using Words = std::array<std::uint64_t, sizeof(zorvik_frm_desc) / sizeof(std::uint64_t)>;
+  constexpr std::size_t kFlags = offsetof(zorvik_frm_desc, flags) / sizeof(std::uint64_t);
+  const Words from = std::bit_cast<Words>(value);
+  auto* to = reinterpret_cast<std::uint64_t*>(&descriptor);
+  for (std::size_t i = 0; i < from.size(); ++i) {
+    if (i != kFlags) {
+      std::atomic_ref(to[i]).store(from[i], std::memory_order_relaxed);
+    }
+  }
+  std::atomic_ref(to[kFlags]).store(from[kFlags], std::memory_order_release);
+}
+
+zorvik_frm_desc freshDescriptor(const FrameClass& frameClass, std::uint32_t buffer,
+                                std::uint32_t index, std::uint8_t generation) {
+  zorvik_frm_desc fresh{};
+  fresh.assoc_buf = std::uint64_t{buffer} + 1;
+  fresh.buf_size = frameClass.bufSize;
+  fresh.if_in = ZORVIK_IF_LOCAL;
+  fresh.if_out = ZORVIK_IF_LOCAL;
+  fresh.q_idx = ZORVIK_Q_UNKNOWN;
+  fresh.data_off = frameClass.dataOff + (buffer - frameClass.firstBuffer) * frameClass.bufSize;
+  fresh.index = index;
+  fresh.generation = generation;
+  fresh.ref_cnt = 1;
+  fresh.flags = ZORVIK_FRM_VALID;
+  return fresh;
+}
+
+// Drops one of several queue references; false when there are no others.
+bool dropQueueReference(zorvik_frm_desc& descriptor) {
+  const std::atomic_ref count(descriptor.qref_cnt);
+  std::uint8_t seen = count.load();
+  while (seen > 1) {
+    if (count.compare_exchange_weak(seen, static_cast<std::uint8_t>(seen - 1))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void returnFrame(State& state, Group& group, zorvik_frm_desc& descriptor, std::uint32_t index) {
+  FrameRecord& record = state.records(group)[index];
+  const std::uint32_t buffer = record.buffer - 1;
+  ++record.generation;
+  std::atomic_ref(descriptor.flags).store(0);
+  std::atomic_ref(descriptor.generation).store(record.generation);
+  record.buffer = 0;
+  pushBuffer(state, buffer);
+  pushRecord(state, group, index);
+}
+
+}  // namespace
+
+int createFrameData(Driver& driver, Group& group, std::uint32_t frames) {
+  if (frames == 0 || frames > kMaxFrames) {
+    return -EINVAL;
+  }
+  if (group.records != 0) {
+    return -EEXIST;
+  }
+  State& state = driver.state();
+  const Fd ctl = Fd::open(ZORVIK_CTL_NODE);
+  const Fd node = Fd::open(nodePath(group, ZORVIK_IFG_FRM_DESC));
+  if (!ctl || !node) {
+    return -errno;
+  }
+  const std::uint32_t records = frames + 1;
+  int result = commit(ctl.get(), State::recordsOffset(state.buffers, state.indexOf(group)),
+                      sizeof(FrameRecord) * records);
+  if (result == 0) {
+    result = commit(node.get(), 0, sizeof(zorvik_frm_desc) * records);
+  }
+  if (result != 0) {
+    (void)::ftruncate(node.get(), 0);
+    return result;
+  }
+  for (std::uint32_t i = 0; i < records; ++i) {
+    state.records(group)[i] = FrameRecord{};
+  }
+  group.freeHead = kNone;
+  group.freeCount = 0;
+  for (std::uint32_t i = 1; i < records; ++i) {
+    pushRecord(state, group, i);
+  }
+  group.records = records;
+  return 0;
+}
+
+int allocFrames(Driver& driver, Group& group, std::uint32_t size, std::uint32_t* frameIds,
+                std::uint32_t count) {
+  State& state = driver.state();
+  zorvik_frm_desc* descriptors = driver.descriptors(group);
+  if (descriptors == nullptr) {
+    return -ENOMEM;
+  }
+  if (size > state.frameClasses[state.classes - 1].bufSize) {
+    return -EMSGSIZE;
+  }
+  std::uint32_t taken = 0;
+  for (std::uint32_t i = 0; i < state.classes; ++i) {
+    FrameClass& frameClass = state.frameClasses[i];
+    if (size > frameClass.bufSize) {
+      continue;
+    }
+    while (taken < count && frameClass.freeCount > 0 && group.freeCount > 0) {
+      const std::uint32_t buffer = popBuffer(state, frameClass);
+      const std::uint32_t index = popRecord(state, group);
+      FrameRecord& record = state.records(group)[index];
+      record.buffer = buffer + 1;
+      store(descriptors[index], freshDescriptor(frameClass, buffer, index, record.generation));
+      frameIds[taken++] = std::uint32_t{record.generation} << ZORVIK_FRM_GENERATION_SHIFT | index;
+    }
+  }
+  return taken == 0 ? -ENOBUFS : static_cast<int>(taken);
+}
+
+int freeFrame(Driver& driver, Group& group, std::uint32_t frameId) {
+  State& state = driver.state();
+  const std::uint32_t index = frameId & ZORVIK_FRM_INDEX_MASK;
+  if (index == 0 || index >= group.records) {
+    return -EINVAL;
+  }
+  const FrameRecord& record = state.records(group)[index];
+  if (record.buffer == 0 || record.generation != frameId >> ZORVIK_FRM_GENERATION_SHIFT) {
+    return -ENOENT;
+  }
+  zorvik_frm_desc* descriptors = driver.descriptors(group);
+  if (descriptors == nullptr) {
+    return -ENOMEM;
+  }
+  if (!dropQueueReference(descriptors[index])) {
+    returnFrame(state, group, descriptors[index], index);
+  }
+  return 0;
+}
+
+int reclaimFrames(Driver& driver, Group& group) {
+  State& state = driver.state();
+  zorvik_frm_desc* descriptors = driver.descriptors(group);
+  if (descriptors == nullptr) {
+    return -ENOMEM;
+  }
+  std::vector<bool> queued(group.records);
+  for (const Queue& queue : group.queues) {
+    if (queue.life != Life::kLive) {
+      continue;
+    }
+    const std::shared_ptr<Mapping> memory = driver.queueMemory(group, queue);
+    if (memory == nullptr) {
+      return -ENOMEM;
+    }
+    const Ring ring(memory->base(), queue.slots);
+    const std::uint32_t used = ring.used();
+    for (std::uint32_t i = 0, slot = ring.dequeue(); i < used; ++i, ++slot) {
+      const auto id = static_cast<std::uint32_t>(ring.entry(slot).load());
+      const std::uint32_t index = id & ZORVIK_FRM_INDEX_MASK;
+      if (index < group.records &&
+          state.records(group)[index].generation == id >> ZORVIK_FRM_GENERATION_SHIFT) {
+        queued[index] = true;
+      }
+    }
+  }
+  int returned = 0;
+  for (std::uint32_t i = 1; i < group.records; ++i) {
+    if (state.records(group)[i].buffer != 0 && !queued[i]) {
+      returnFrame(state, group, descriptors[i], i);
+      ++returned;
+    }
+  }
+  return returned;
+}
+
+void releaseFrames(State& state, Group& group) {
+  for (std::uint32_t i = 1; i < group.records; ++i) {
+    FrameRecord& record = state.records(group)[i];
+    if (record.buffer != 0) {
+      pushBuffer(state, std::exchange(record.buffer, 0) - 1);
+    }
+  }
+  group.records = 0;
+  group.freeCount = 0;
+}
+
+void rebuildFreeLists(State& state) {
+  constexpr std::uint32_t kTaken = kNone - 1;
+  std::uint32_t* next = state.bufferNext();
+  for (std::uint32_t i = 0; i < state.buffers; ++i) {
+    next[i] = kNone;
+  }
+  for (Group& group : state.groups) {
+    group.freeHead = kNone;
+    group.freeCount = 0;
+    for (std::uint32_t i = 1; i < group.records; ++i) {
+      if (const std::uint32_t buffer = state.records(group)[i].buffer; buffer != 0) {
+        next[buffer - 1] = kTaken;
+      } else {
+        pushRecord(state, group, i);
+      }
+    }
+  }
+  for (std::uint32_t i = 0; i < state.classes; ++i) {
+    state.frameClasses[i].freeHead = kNone;
+    state.frameClasses[i].freeCount = 0;
+  }
+  for (std::uint32_t i = state.buffers; i-- > 0;) {
+    if (next[i] != kTaken) {
+      pushBuffer(state, i);
+    }
+  }
+}
+
+}  // namespace tarnik::zorvik

@@ -1,0 +1,311 @@
+#include "platform/zorvik/groups.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/zorvik/frames.h"
+#include "platform/zorvik/ring.h"
+#include "platform/zorvik/waits.h"
+
+namespace tarnik::zorvik {
+
+namespace {
+
+// Where nodes are made before they show. No group or queue has a name that begins with a dot.
+constexpr char kHidden[] = ZORVIK_DEV_DIR "/.new";
+
+bool exists(const std::string& path) {
+  return ::access(path.c_str(), F_OK) == 0;
+}
+
+// 0, or why `name` cannot name a node in a directory whose own nodes are `first` and `second`.
+int checkName(std::string_view name, std::string_view first, std::string_view second) {
+  if (name.size() > ZORVIK_NAME_MAX) {
+    return -ENAMETOOLONG;
+  }
+  const bool bad = name.empty() || name.front() == '.' ||
+                   name.find('/') != std::string_view::npos || name == first || name == second;
+  return bad ? -EINVAL : 0;
+}
+
+void setName(char (&to)[ZORVIK_NAME_MAX + 1], std::string_view name) {
+  std::memset(to, 0, sizeof(to));
+  std::memcpy(to, name.data(), name.size());
+}
+
+std::string hiddenNode(const char* node) {
+  return std::string(kHidden) + "/" + node;
+}
+
+void removeDirectory(const std::string& path) {
+  ::unlink((path + "/" ZORVIK_IFG_CTL).c_str());
+  ::unlink((path + "/" ZORVIK_IFG_FRM_DESC).c_str());
+  ::rmdir(path.c_str());
+}
+
+void discardQueue(const Group& group, Queue& queue) {
+  queue.life = Life::kPending;
+  ::unlink(kHidden);
+  ::unlink(nodePath(group, queue.name).c_str());
+  queue.life = Life::kFree;
+}
+
+void discardGroup(State& state, Group& group) {
+  group.life = Life::kPending;
+  for (Queue& queue : group.queues) {
+    if (queue.life != Life::kFree) {
+      discardQueue(group, queue);
+    }
+  }
+  removeDirectory(kHidden);
+  removeDirectory(groupPath(group));
+  releaseFrames(state, group);
+  group.life = Life::kFree;
+}
+
+int makeGroupNodes(Group& group) {
+  if (::mkdir(kHidden, 0770) != 0 || ::chmod(kHidden, 0770) != 0) {
+    return -errno;
+  }
+  const Fd ctl = Fd::create(hiddenNode(ZORVIK_IFG_CTL));
+  if (!ctl) {
+    return -errno;
+  }
+  const Fd desc = Fd::create(hiddenNode(ZORVIK_IFG_FRM_DESC));
+  if (!desc) {
+    return -errno;
+  }
+  group.ctlInode = inodeOf(ctl.get());
+  group.descInode = inodeOf(desc.get());
+  return ::rename(kHidden, groupPath(group).c_str()) == 0 ? 0 : -errno;
+}
+
+int makeQueueNode(const Group& group, Queue& queue) {
+  const Fd node = Fd::create(kHidden);
+  if (!node) {
+    return -errno;
+  }
+  if (const int result = commit(node.get(), 0, queue.memSize()); result != 0) {
+    return result;
+  }
+  const Mapping memory(node.get(), queue.memSize());
+  if (!memory) {
+    return -errno;
+  }
+  Ring(memory.base(), queue.slots).init(queue.producerHandle(), queue.consumerHandle());
+  queue.inode = inodeOf(node.get());
+  return ::rename(kHidden, nodePath(group, queue.name).c_str()) == 0 ? 0 : -errno;
+}
+
+template <typename Entry, std::size_t N>
+Entry* freeEntry(Entry (&entries)[N]) {
+  for (Entry& entry : entries) {
+    if (entry.life == Life::kFree) {
+      return &entry;
+    }
+  }
+  return nullptr;
+}
+
+template <typename Entry, std::size_t N>
+Entry* find(Entry (&entries)[N], std::string_view name) {
+  for (Entry& entry : entries) {
+    if (entry.life == Life::kLive && name == entry.name) {
+      return &entry;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+Group* findGroup(State& state, std::string_view name) {
+  return find(state.groups, name);
+}
+
+Queue* findQueue(Group& group, std::string_view name) {
+  return find(group.queues, name);
+}
+
+int createGroup(Driver& driver, std::string_view name) {
+  if (const int result = checkName(name, "ctl", "net_data"); result != 0) {
+    return result;
+  }
+  State& state = driver.state();
+  if (findGroup(state, name) != nullptr || exists(std::string(ZORVIK_DEV_DIR "/").append(name))) {
+    return -EEXIST;
+  }
+  Group* group = freeEntry(state.groups);
+  if (group == nullptr) {
+    return -ENOSPC;
+  }
+  *group = Group{};
+  group->id = ++state.lastId;
+  group->freeHead = kNone;
+  setName(group->name, name);
+  group->life = Life::kPending;
+  if (const int result = makeGroupNodes(*group); result != 0) {
+    discardGroup(state, *group);
+    return result;
+  }
+  group->life = Life::kLive;
+  return 0;
+}
+
+int removeGroup(Driver& driver, std::string_view name) {
+  Group* group = findGroup(driver.state(), name);
+  if (group == nullptr) {
+    return -ENOENT;
+  }
+  bool idle =
+      isIdle(nodePath(*group, ZORVIK_IFG_CTL)) && isIdle(nodePath(*group, ZORVIK_IFG_FRM_DESC));
+  for (const Queue& queue : group->queues) {
+    idle = idle && (queue.life != Life::kLive || isIdle(nodePath(*group, queue.name)));
+  }
+  if (!idle) {
+    return -EBUSY;
+  }
+  discardGroup(driver.state(), *group);
+  return 0;
+}
+
+int createQueue(Driver& driver, Group& group, std::string_view name, std::uint32_t type,
+                std::uint32_t size) {
+  if (type < ZORVIK_Q_INGRESS || type > ZORVIK_Q_RAW || size == 0 || size > kMaxQueueSize) {
+    return -EINVAL;
+  }
+  if (const int result = checkName(name, ZORVIK_IFG_CTL, ZORVIK_IFG_FRM_DESC); result != 0) {
+    return result;
+  }
+  if (findQueue(group, name) != nullptr || exists(nodePath(group, std::string(name).c_str()))) {
+    return -EEXIST;
+  }
+  Queue* queue = freeEntry(group.queues);
+  if (queue == nullptr) {
+    return -ENOSPC;
+  }
+  *queue = Queue{};
+  queue->id = ++driver.state().lastId;
+  queue->type = type;
+  queue->requested = size;
+  queue->slots = std::bit_ceil(size < 2 ? 2 : size);
+  setName(queue->name, name);
+  queue->life = Life::kPending;
+  if (const int result = makeQueueNode(group, *queue); result != 0) {
+    discardQueue(group, *queue);
+    return result;
+  }
+  queue->life = Life::kLive;
+  return static_cast<int>(queue->id);
+}
+
+int removeQueue(Driver& driver, Group& group, std::uint32_t id) {
+  for (Queue& queue : group.queues) {
+    if (queue.life != Life::kLive || queue.id != id) {
+      continue;
+    }
+    if (!isIdle(nodePath(group, queue.name))) {
+      return -EBUSY;
+    }
+    if (const auto memory = driver.queueMemory(group, queue); memory != nullptr) {
+      const Ring ring(memory->base(), queue.slots);
+      for (std::uint32_t i = ring.used(), slot = ring.dequeue(); i > 0; --i, ++slot) {
+        (void)freeFrame(driver, group, static_cast<std::uint32_t>(ring.entry(slot).load()));
+      }
+    }
+    discardQueue(group, queue);
+    return 0;
+  }
+  return -ENOENT;
+}
+
+int repairQueue(Driver& driver, Group& group, Queue& queue) {
+  const auto memory = driver.queueMemory(group, queue);
+  if (memory == nullptr) {
+    return -ENOMEM;
+  }
+  const Ring ring(memory->base(), queue.slots);
+  ring.restore();
+  const std::uint32_t first = ring.dequeue();
+  const std::uint32_t used = ring.used();
+  int repaired = 0;
+  std::uint32_t kept = 0;
+  for (std::uint32_t i = 0; i < queue.slots; ++i) {
+    const std::uint64_t entry = ring.entry(first + i).exchange(0);
+    if (i < used && entry != 0) {
+      ring.entry(first + kept++).store(entry);
+    } else if (i < used || entry != 0) {
+      ++repaired;
+    }
+    if (i >= used && entry != 0) {
+      (void)freeFrame(driver, group, static_cast<std::uint32_t>(entry));
+    }
+  }
+  ring.setEnqueue(first + kept);
+  ring.setDequeue(first);
+  return repaired;
+}
+
+namespace {
+
+// What keeps the users of a ring from going on, if anything.
+struct Stuck {
+  bool reading = false;  // the next slot to empty is claimed but not filled
+  bool writing = false;  // the next slot to fill is claimed but not emptied
+  std::uint32_t slot = 0;
+  std::uint64_t entry = 0;
+  bool operator==(const Stuck&) const = default;
+};
+
+Stuck stuckAt(const Ring& ring) {
+  const std::uint32_t next = ring.dequeue();
+  if (ring.used() != 0 && ring.entry(next).load() == 0) {
+    return {.reading = true, .slot = next};
+  }
+  const std::uint32_t end = ring.enqueue();
+  if (const std::uint64_t entry = ring.entry(end).load(); !ring.full() && entry != 0) {
+    return {.writing = true, .slot = end, .entry = entry};
+  }
+  return {};
+}
+
+}  // namespace
+
+int unstickQueue(Driver& driver, Group& group, Queue& queue) {
+  constexpr std::uint64_t kNoFrame = std::uint64_t{1} << ZORVIK_FRM_GENERATION_SHIFT;
+  const auto memory = driver.queueMemory(group, queue);
+  if (memory == nullptr) {
+    return -ENOMEM;
+  }
+  const Ring ring(memory->base(), queue.slots);
+  Stuck stuck = stuckAt(ring);
+  pauseMs(200);
+  if (!(stuck.reading || stuck.writing) || stuckAt(ring) != stuck ||
+      !ring.entry(stuck.slot).compare_exchange_strong(stuck.entry, stuck.reading ? kNoFrame : 0)) {
+    return 0;
+  }
+  if (stuck.writing) {
+    (void)freeFrame(driver, group, static_cast<std::uint32_t>(stuck.entry));
+  }
+  return 1;
+}
+
+void recover(State& state) {
+  for (Group& group : state.groups) {
+    if (group.life == Life::kPending) {
+      discardGroup(state, group);
+    }
+    for (Queue& queue : group.queues) {
+      if (group.life == Life::kLive && queue.life == Life::kPending) {
+        discardQueue(group, queue);
+      }
+    }
+  }
+  rebuildFreeLists(state);
+}
+
+}  // namespace tarnik::zorvik

@@ -1,0 +1,65 @@
+#include "platform/zorvik/os.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace tarnik::zorvik {
+
+Fd::~Fd() {
+  if (fd_ >= 0) {
+    const int saved = errno;
+    ::close(fd_);
+    errno = saved;
+  }
+}
+
+Fd Fd::open(const std::string& path) noexcept {
+  return Fd(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+}
+
+Fd Fd::create(const std::string& path) noexcept {
+  Fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (fd && ::fchmod(fd.get(), 0660) != 0) {
+    return Fd();
+  }
+  return fd;
+}
+
+Mapping::Mapping(int fd, std::size_t size) noexcept : size_(size) {
+  void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (base != MAP_FAILED) {
+    base_ = static_cast<std::byte*>(base);
+  }
+}
+
+Mapping::~Mapping() {
+  if (base_ != nullptr) {
+    ::munmap(base_, size_);
+  }
+}
+
+int commit(int fd, std::size_t offset, std::size_t size) noexcept {
+  return -::posix_fallocate(fd, static_cast<off_t>(offset), static_cast<off_t>(size));
+}
+
+unsigned long long inodeOf(int fd) noexcept {
+  struct stat status {};
+  return ::fstat(fd, &status) == 0 ? status.st_ino : 0;
+}
+
+void markInUse(int fd) noexcept {
+  // Never waits: who else locks the file has it in use too, and that is all the mark says.
+  (void)::flock(fd, LOCK_SH | LOCK_NB);
+}
+
+bool isIdle(const std::string& path) noexcept {
+  const Fd fd = Fd::open(path);
+  return !fd || ::flock(fd.get(), LOCK_EX | LOCK_NB) == 0;
+}
+
+}  // namespace tarnik::zorvik

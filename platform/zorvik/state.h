@@ -1,0 +1,125 @@
+// The driver's state, as it lies in the shared file behind the driver's control node. Everything
+// is guarded by `lock`, except what is marked as fixed.
+//
+// A process may die at any instruction, also while it holds the lock. So each fact has one home
+// that a single store changes:
+// - a group or queue is there when its `life` is kLive; kPending says that its nodes are being
+//   made or removed, and that whoever comes next is to finish the removal;
+// - a frame is allocated when its record names a buffer.
+// Free lists and their counts are derived from the latter, and rebuilt from it.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "frameq/zorvik_layout.h"
+
+namespace tarnik::zorvik {
+
+inline constexpr std::uint64_t kStateMagic = 0x316b6976726f7aULL;  // "zorvik1"
+inline constexpr std::uint32_t kMaxGroups = 8;
+inline constexpr std::uint32_t kMaxQueues = ZORVIK_ENUM_MAX;
+inline constexpr std::uint32_t kMaxClasses = 4;
+inline constexpr std::uint32_t kMaxFrames = 1000000;  // of a group, and of the payload memory
+inline constexpr std::uint32_t kMaxQueueSize = 16000000;
+inline constexpr std::uint32_t kNone = 0xffffffff;  // ends a free list
+
+enum class Life : std::uint32_t { kFree = 0, kPending = 1, kLive = 2 };
+
+struct Queue {
+  Life life;
+  std::uint32_t id;  // unique in the driver's life
+  std::uint32_t type;
+  std::uint32_t requested;
+  std::uint32_t slots;
+  char name[ZORVIK_NAME_MAX + 1];
+  std::uint64_t inode;
+
+  // The numbers that name the wait records of the two sides.
+  [[nodiscard]] std::uint32_t producerHandle() const { return id * 2; }
+  [[nodiscard]] std::uint32_t consumerHandle() const { return id * 2 + 1; }
+  [[nodiscard]] std::size_t memSize() const {
+    return sizeof(zorvik_qmem) + sizeof(std::uint64_t) * slots;
+  }
+};
+
+// What the driver knows of a descriptor. The generation that counts is this one: the descriptor
+// itself can be written by applications.
+struct FrameRecord {
+  std::uint32_t next;    // of the free list
+  std::uint32_t buffer;  // number of the frame's buffer + 1; 0: not allocated
+  std::uint8_t generation;
+  std::uint8_t reserved[3];
+};
+
+struct Group {
+  Life life;
+  std::uint32_t id;
+  char name[ZORVIK_NAME_MAX + 1];
+  std::uint64_t flags;
+  std::uint64_t ctlInode;
+  std::uint64_t descInode;
+  std::uint32_t records;   // descriptors, the unused first one included; 0: no frame data yet
+  std::uint32_t freeHead;  // oldest first, so that an identifier comes back as late as possible
+  std::uint32_t freeTail;
+  std::uint32_t freeCount;
+  Queue queues[kMaxQueues];
+};
+
+// Buffers of one size, one behind the other in the payload memory.
+struct FrameClass {
+  std::uint32_t bufSize;      // fixed
+  std::uint32_t count;        // fixed
+  std::uint32_t firstBuffer;  // fixed
+  std::uint32_t dataOff;      // fixed: where the first one lies
+  std::uint32_t freeHead;     // last freed first, while it is still in the cache
+  std::uint32_t freeCount;
+};
+
+struct Faults {
+  std::uint32_t slowWakeMs;  // each wake request takes this long
+  std::uint32_t dropWakes;   // so many wake requests to come do nothing
+  std::uint32_t eintrIn;     // the n-th wait request to come fails with EINTR; 0: none
+};
+
+struct State {
+  std::uint64_t magic;        // fixed
+  std::uint64_t size;         // fixed: bytes of the state file
+  std::uint64_t device;       // fixed: st_dev of all nodes
+  std::uint64_t ctlInode;     // fixed
+  std::uint64_t netInode;     // fixed
+  std::uint32_t payloadSize;  // fixed
+  std::uint32_t buffers;      // fixed: of all classes
+  std::uint32_t classes;      // fixed
+  std::uint32_t lastId;
+  std::uint64_t logMask;
+  std::uint64_t deaths;  // how often the lock was taken over from a dead process
+  pthread_mutex_t lock;
+  Faults faults;
+  FrameClass frameClasses[kMaxClasses];
+  Group groups[kMaxGroups];
+
+  // Behind the structure: a free-list link for each buffer, then the frame records of each group.
+  // Only what is in use takes memory.
+  [[nodiscard]] std::uint32_t* bufferNext() { return reinterpret_cast<std::uint32_t*>(this + 1); }
+  [[nodiscard]] static std::size_t recordsOffset(std::uint32_t buffers, std::uint32_t group) {
+    const std::size_t links = (sizeof(std::uint32_t) * buffers + 63) & ~std::size_t{63};
+    return sizeof(State) + links + sizeof(FrameRecord) * (kMaxFrames + 1) * group;
+  }
+  [[nodiscard]] static std::size_t fileSize(std::uint32_t buffers) {
+    return recordsOffset(buffers, kMaxGroups);
+  }
+  [[nodiscard]] std::uint32_t indexOf(const Group& group) const {
+    return static_cast<std::uint32_t>(&group - groups);
+  }
+  [[nodiscard]] FrameRecord* records(const Group& group) {
+    std::byte* base = reinterpret_cast<std::byte*>(this);
+    return reinterpret_cast<FrameRecord*>(base + recordsOffset(buffers, indexOf(group)));
+  }
+};
+
+static_assert(sizeof(State) % 8 == 0 && sizeof(FrameRecord) == 12);
+
+}  // namespace tarnik::zorvik
