@@ -1,0 +1,80 @@
+#include "capture/test_platform.h"
+
+#include <orlo_sdk.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <utility>
+
+namespace tarnik::test {
+namespace {
+
+constexpr std::time_t kSystem = -1;
+std::atomic<std::time_t> clockTime{kSystem};
+std::function<void()> timeHook;
+
+std::mutex mutex;  // guards raised
+std::vector<Event> raised;
+
+}  // namespace
+
+void setTime(std::time_t now) {
+  clockTime = now;
+}
+
+void useSystemTime() {
+  clockTime = kSystem;
+}
+
+void onTime(std::function<void()> hook) {
+  timeHook = std::move(hook);
+}
+
+std::ostream& operator<<(std::ostream& out, const Event& event) {
+  return out << event.id << " (" << event.category << ") " << event.text;
+}
+
+std::vector<Event> events() {
+  const std::lock_guard guard(mutex);
+  return raised;
+}
+
+void clearEvents() {
+  const std::lock_guard guard(mutex);
+  raised.clear();
+}
+
+}  // namespace tarnik::test
+
+// These take the place of the system's and the platform's in the whole program.
+extern "C" {
+
+std::time_t time(std::time_t* result) noexcept {
+  using namespace tarnik::test;
+  if (timeHook) {
+    timeHook();
+  }
+  std::time_t now = clockTime;
+  if (now == kSystem) {
+    timespec clock{};
+    clock_gettime(CLOCK_REALTIME, &clock);
+    now = clock.tv_sec;
+  }
+  if (result != nullptr) {
+    *result = now;
+  }
+  return now;
+}
+
+void OrloLogEvent(const char* event, const char* category, const char* format, ...) {
+  char text[512];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  const std::lock_guard guard(tarnik::test::mutex);
+  tarnik::test::raised.push_back({event, category, text});
+}
+}
