@@ -54,6 +54,8 @@ class TarnikQ {
   friend TarnikQ* TarnikIfCreate();
 
  private:
+  [[nodiscard]] int refuse(const char* operation, int wanted) const;
+
   [[maybe_unused]] std::uint64_t unused_ = 0;  // keeps the object's layout
   zorlib_q* q_ = nullptr;
   int mode_ = kNone;

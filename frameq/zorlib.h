@@ -50,6 +50,14 @@ int zorlib_ifg_q_enum(zorlib_ifg* ifg, struct zorvik_q_enum** list);
 /* Removes queue `id`; EBUSY while it is open somewhere. */
 int zorlib_ifg_q_remove(zorlib_ifg* ifg, uint32_t id);
 
+/* The group's interfaces. */
+struct zorlib_ifg_info {
+  uint32_t num_ifs;
+  struct zorvik_if_record ifs[ZORVIK_IF_MAX];
+};
+typedef struct zorlib_ifg_info zorlib_ifg_info;
+int zorlib_ifg_query(zorlib_ifg* ifg, zorlib_ifg_info* info);
+
 /* Reads the group's 64 flag bits. */
 int zorlib_ifg_get_flags(zorlib_ifg* ifg, uint64_t* flags);
 
@@ -81,7 +89,8 @@ int zorlib_q_app_open(zorlib_ifg* ifg, const char* name, uint32_t mode, zorlib_q
 int zorlib_q_close(zorlib_q* q);
 
 /* Shuts this handle's side of the queue down: every read (or write) of that side, blocked or to
- * come, fails with ESHUTDOWN until the side is opened again. Always 0. */
+ * come, fails with ESHUTDOWN until the side is opened again. Always 0 for a valid handle. Any
+ * thread. */
 int zorlib_q_shutdown(zorlib_q* q);
 
 /* Takes the next frame, waiting up to the queue's timeout, or `ms` milliseconds (UINT32_MAX: no
@@ -114,6 +123,10 @@ int zorlib_q_get_size(zorlib_q* q, uint32_t* entries);
  * beyond the payload memory. */
 uint8_t* zorlib_q_frm_data(zorlib_q* q, struct zorvik_frm_desc* frame);
 
+/* How many bytes lie from a frame's data to the end of the payload memory: the most that a length
+ * from the descriptor may be trusted for. 0 when the data lies outside. */
+uint32_t zorlib_q_frm_room(zorlib_q* q, struct zorvik_frm_desc* frame);
+
 /* Writes the handle and its queue memory to the log, at debug level above 0. */
 void zorlib_q_dump(zorlib_q* q);
 
@@ -128,6 +141,12 @@ int zorlib_batch_alloc(zorlib_ifg* ifg, uint32_t size, struct zorvik_frm_desc** 
 /* Where a frame's buffer lies in this process, with room for frame->buf_size bytes; null when it
  * does not lie inside the payload memory. The group must be mapped (a queue open). */
 uint8_t* zorlib_ifg_frm_data(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
+
+/* ---- Parameters -------------------------------------------------------------------------*/
+
+/* The size that the parameters give to the group's queue `queue` (10 to 16000000), or with null
+ * to the group's own queues; 0 when they give none that can be used. */
+unsigned long zorlib_ifg_lookup_qsize(zorlib_ifg* ifg, const char* queue);
 
 #ifdef __cplusplus
 }

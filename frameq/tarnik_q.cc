@@ -1,0 +1,231 @@
+// The queue's operations. Calls from one to another go through the virtual table.
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+
+#include "base/log.h"
+#include "frameq/ring.h"
+#include "frameq/tarnik_if.h"
+#include "frameq/tarnik_if_state.h"
+
+namespace tarnik {
+
+using capture_if::ifg;
+using capture_if::kQueueName;
+
+int TarnikQ::Open(int mode) {
+  zorlib_ifg* const group = ifg;
+  if (group == nullptr) {
+    TARNIK_ERROR("Error: %s: ifg handle not valid (%p)", "Open", static_cast<void*>(group));
+    return -3;
+  }
+  if (static_cast<unsigned>(mode) > kEgress) {
+    TARNIK_ERROR("Error: %s: mode not valid (%d)", "Open", mode);
+    return -4;
+  }
+  const std::lock_guard guard(capture_if::mutex);
+  if (zorlib_q_app_open(group, kQueueName, static_cast<std::uint32_t>(mode), &q_) != 0) {
+    TARNIK_ERROR("Error: %s: zorlib_q_app_open failed, errno=%d", "Open", errno);
+    TARNIK_INFO("%s: TarnikIfInit must be called", "Open");
+    return -1;
+  }
+  mode_ = mode;
+  TARNIK_DEBUG(3, "Debug: %s: zorlib_q_app_open %p", "Open", static_cast<void*>(q_));
+  return 0;
+}
+
+int TarnikQ::Close() {
+  if (q_ == nullptr) {
+    return 0;
+  }
+  Shutdown();
+  if (zorlib_q_close(q_) != 0) {
+    TARNIK_ERROR("Error: %s: zorlib_q_close failed, errno=%d", "Close", errno);
+    return -1;
+  }
+  return 0;
+}
+
+void TarnikQ::Shutdown() {
+  if (q_ != nullptr) {
+    static_cast<void>(zorlib_q_shutdown(q_));
+  }
+}
+
+int TarnikQ::getSize() {
+  if (q_ == nullptr) {
+    TARNIK_ERROR("Error: %s: TarnikIf handle not initialized", "getSize");
+    return -2;
+  }
+  std::uint32_t entries = 0;
+  if (zorlib_q_get_size(q_, &entries) != 0) {
+    TARNIK_ERROR("Error: %s: zorlib_q_get_size failed", "getSize");
+    return -1;
+  }
+  return static_cast<int>(entries);
+}
+
+int TarnikQ::getFd() {
+  if (q_ == nullptr) {
+    TARNIK_INFO("%s: TarnikIf handle not initialized", "getFd");
+    return -2;
+  }
+  const int fd = zorlib_q_get_fd(q_);
+  if (fd < 0) {
+    TARNIK_ERROR("Error: %s: zorlib_q_get_fd failed, errno=%d", "getFd", errno);
+    return -1;
+  }
+  return fd;
+}
+
+void TarnikQ::SetTimeout(std::int32_t ms) {
+  if (q_ != nullptr && zorlib_q_set_timeout(q_, ms) != 0) {
+    TARNIK_ERROR("Error: %s: zorlib_q_set_timeout failed, errno=%d", "SetTimeout", errno);
+  }
+}
+
+// -2 without a queue, -4 in another mode, else 0.
+int TarnikQ::refuse(const char* operation, int wanted) const {
+  if (q_ == nullptr) {
+    TARNIK_INFO("%s: TarnikIf handle not initialized", operation);
+    return -2;
+  }
+  if (mode_ != wanted) {
+    TARNIK_ERROR("Error: %s: Invalid mode", operation);
+    return -4;
+  }
+  return 0;
+}
+
+int TarnikQ::Read(zorvik_frm_desc** frame) {
+  if (const int refused = refuse("Read", kIngress); refused != 0) {
+    return refused;
+  }
+  if (zorlib_q_read(q_, frame) == 0) {
+    return 0;
+  }
+  if (errno == EAGAIN) {
+    return -5;
+  }
+  if (errno != ESHUTDOWN) {
+    TARNIK_ERROR("Error: %s: zorlib_q_read failed, errno=%d", "Read", errno);
+  }
+  return -1;
+}
+
+int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t* tag,
+                     std::uint32_t* flags) {
+  *tag = 0;
+  *flags = 0;
+  if (zorlib_q_read(q_, frame) != 0) {
+    if (errno == EAGAIN || errno == EINTR) {
+      return -5;
+    }
+    if (errno != ESHUTDOWN) {
+      TARNIK_ERROR("Error: %s: zorlib_q_read failed, errno=%d", "ReadPkt", errno);
+    }
+    return -1;
+  }
+  const std::uint16_t descriptorFlags = ring::load((*frame)->flags);
+  if ((descriptorFlags & ZORVIK_FRM_PKT_FLAG_1) != 0) {
+    *flags |= kPktFlag1;
+  }
+  if ((descriptorFlags & ZORVIK_FRM_PKT_FLAG_4) != 0) {
+    *flags |= kPktLastFrame;
+  }
+  *tag = ring::load((*frame)->tag);
+  *data = zorlib_q_frm_data(q_, *frame);
+  if (*data == nullptr) {
+    TARNIK_ERROR("Error: %s: Failed to get trFrame", "ReadPkt");
+    return -1;
+  }
+  return 0;
+}
+
+int TarnikQ::Write(zorvik_frm_desc* frame) {
+  if (const int refused = refuse("Write", kEgress); refused != 0) {
+    return refused;
+  }
+  if (zorlib_q_write(q_, frame) == 0) {
+    return 0;
+  }
+  TARNIK_DEBUG(0, "Debug: %s: Failed to write %p", "Write", static_cast<void*>(frame));
+  if (errno == EAGAIN) {
+    return -5;
+  }
+  TARNIK_ERROR("Error: %s: zorlib_q_read failed, errno=%d", "Write", errno);
+  return -1;
+}
+
+int TarnikQ::WritePkt(zorvik_frm_desc* frame, std::uint64_t tag, std::uint32_t flags) {
+  if (const int refused = refuse("WritePkt", kEgress); refused != 0) {
+    return refused;
+  }
+  if ((flags & kPktFlag1) != 0) {
+    ring::setFlags(frame->flags, ZORVIK_FRM_PKT_FLAG_1);
+  }
+  if ((flags & kPktLastFrame) != 0) {
+    ring::setFlags(frame->flags, ZORVIK_FRM_PKT_FLAG_4);
+  }
+  ring::store(frame->tag, tag);
+  ring::barrier();
+  return Write(frame);
+}
+
+int TarnikQ::Drain() {
+  constexpr std::uint32_t kPatience = 10000;  // milliseconds
+  if (const int refused = refuse("Drain", kIngress); refused != 0) {
+    return refused;
+  }
+  TARNIK_DEBUG(0, "Debug: %s: Draining queue elements\n", "Drain");
+  zorvik_frm_desc* frame = nullptr;
+  while (zorlib_q_read_timeout(q_, &frame, kPatience) == 0) {
+    static_cast<void>(Free(frame));
+  }
+  if (errno == EAGAIN) {
+    TARNIK_DEBUG(0, "Debug: %s: read timeout, assuming no more elements", "Drain");
+  } else {
+    TARNIK_ERROR("Error: %s: read failed, errno=%d", "Drain", errno);
+  }
+  return 0;
+}
+
+int TarnikQ::Free(zorvik_frm_desc* frame) {
+  if (const int refused = refuse("Free", kIngress); refused != 0) {
+    return refused;
+  }
+  if (zorlib_frm_free(ifg, frame) < 0) {
+    TARNIK_ERROR("Error: %s: zorlib_frm_free failed, errno=%d", "Free", errno);
+    return -1;
+  }
+  return 0;
+}
+
+void TarnikQ::Dump(zorvik_frm_desc* frame, const char* label) {
+  const auto length = static_cast<std::int32_t>(ring::load(frame->cap_len));
+  const std::uint8_t* const data = q_ == nullptr ? nullptr : zorlib_q_frm_data(q_, frame);
+  TARNIK_DEBUG(0, "Debug: %s: %s (%d bytes) %p", "Dump", label, length,
+               static_cast<const void*>(data));
+  // The length is the producer's word; the payload memory's end is ours.
+  std::uint32_t readable = 0;
+  if (length > 0 && data != nullptr) {
+    readable = std::min(static_cast<std::uint32_t>(length), zorlib_q_frm_room(q_, frame));
+  }
+  std::array<char, 120> line{};
+  char* end = line.data();
+  const auto room = [&] { return static_cast<std::size_t>(line.data() + line.size() - end); };
+  for (std::uint32_t i = 0; i < readable; ++i) {
+    if (i % 16 == 0) {
+      if (i != 0) {
+        TARNIK_DEBUG(0, "Debug: %s", line.data());
+      }
+      end = line.data();
+      end += std::snprintf(end, room(), "%04x:", i);
+    }
+    end += std::snprintf(end, room(), "%s %02x", i % 16 == 8 ? "  " : "", data[i]);
+  }
+  TARNIK_DEBUG(0, "Debug: %s", line.data());
+}
+
+}  // namespace tarnik
