@@ -1,0 +1,183 @@
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "base/paths.h"
+#include "policy/capture_info.h"
+#include "policy/policy_test.h"
+
+namespace tarnik::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::ExitedWithCode;
+using testing::IsEmpty;
+using testing::Optional;
+
+constexpr char kDirectory[] = "/var/support/tarnik";
+
+class InfoTemplateTest : public PolicyTest {
+ protected:
+  InfoTemplateTest() { clean(); }
+  ~InfoTemplateTest() override { clean(); }
+
+  static void clean() {
+    for (const auto& entry : std::filesystem::directory_iterator(kDirectory)) {
+      std::filesystem::remove_all(entry);
+    }
+    std::filesystem::remove("/etc/ips.conf");
+    std::filesystem::remove("/etc/acl.conf");
+  }
+  static bool noTemplates() { return std::filesystem::is_empty(kDirectory); }
+};
+
+TEST_F(InfoTemplateTest, OneLineForEachRuleReplacesTheFile) {
+  const std::string info = path("template");
+  writeFile(info, "old content that is longer than the new one");
+  EXPECT_TRUE(writeInfoTemplate(info.c_str(), {{"b", "2"}, {"a", "x = %s # \"y\""}, {"b", ""}}));
+  EXPECT_THAT(readFile(info), Optional(std::string("b=2\na=x = %s # \"y\"\nb=\n")));
+  EXPECT_TRUE(writeInfoTemplate(info.c_str(), {}));
+  EXPECT_THAT(readFile(info), Optional(std::string()));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(InfoTemplateTest, UnwritableTemplateIsAnError) {
+  const std::string info = path("missing/template");
+  EXPECT_FALSE(writeInfoTemplate(info.c_str(), {{"a", "1"}}));
+  EXPECT_FALSE(writeInfoTemplate("/tmp", {{"a", "1"}}));
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(errorLine("Error: writeInfoTemplate: Failed to open: " + info + ", errno=2"),
+                  errorLine("Error: writeInfoTemplate: Failed to open: /tmp, errno=21")));
+}
+
+TEST_F(InfoTemplateTest, IpsRulesOfAllReferencesGoToOneTemplate) {
+  writeFile("/etc/ips.conf",
+            "ips.rule.cap2.name = two\n"
+            "ips.responses.object.cap1 = \"tarnik: all\"\n"
+            "ips.rule.cap1.and.cap2 = both\n"
+            "ips.rule.other = none\n"
+            "ips.filter.responses._cap2 = tarnik:\n"
+            "ips.responses.object.cap1 = tarnik:\n");
+  EXPECT_TRUE(createIpsInfoTemplate());
+  const std::string one =
+      "ips.responses.object.cap1=tarnik: all\nips.rule.cap1.and.cap2=both\n"
+      "ips.responses.object.cap1=tarnik:\n";
+  const std::string two =
+      "ips.rule.cap2.name=two\nips.rule.cap1.and.cap2=both\nips.filter.responses._cap2=tarnik:\n";
+  EXPECT_THAT(readFile("/var/support/tarnik/template.ips"), Optional(one + two + one));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(InfoTemplateTest, EachNapReferenceHasATemplateOfItsOwn) {
+  writeFile("/etc/acl.conf",
+            "acl.rule.priority._6f9a = 5\n"
+            "acl.rule.responses._6f9a = tarnik:\n"
+            "acl.rule.priority._77 = 6\n"
+            "acl.rule.responses._77 = tarnik:\n"
+            "acl.rule.responses._88 = block\n");
+  EXPECT_TRUE(createNapInfoTemplates());
+  EXPECT_THAT(
+      readFile("/var/support/tarnik/template.nap.6f9a"),
+      Optional(std::string("acl.rule.priority._6f9a=5\nacl.rule.responses._6f9a=tarnik:\n")));
+  EXPECT_THAT(readFile("/var/support/tarnik/template.nap.77"),
+              Optional(std::string("acl.rule.priority._77=6\nacl.rule.responses._77=tarnik:\n")));
+  EXPECT_EQ(readFile("/var/support/tarnik/template.nap.88"), std::nullopt);
+  EXPECT_EQ(readFile("/var/support/tarnik/template.ips"), std::nullopt);
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(InfoTemplateTest, WithoutReferencesNothingIsWritten) {
+  writeFile("/etc/ips.conf", "ips.responses.object.cap1 = block\n");
+  writeFile("/etc/acl.conf", "");
+  EXPECT_TRUE(createIpsInfoTemplate());
+  EXPECT_TRUE(createNapInfoTemplates());
+  EXPECT_TRUE(noTemplates());
+  EXPECT_EQ(platform.parsersMade, 2);
+}
+
+TEST_F(InfoTemplateTest, MissingPolicyFails) {
+  EXPECT_FALSE(createIpsInfoTemplate());
+  EXPECT_FALSE(createNapInfoTemplates());
+  EXPECT_TRUE(noTemplates());
+  EXPECT_THAT(logLines(), ElementsAre(errorLine("Error: Failed to open: /etc/ips.conf"),
+                                      errorLine("Error: Failed to open: /etc/acl.conf")));
+}
+
+TEST_F(InfoTemplateTest, MalformedPolicyFailsBeforeAnyRuleIsCollected) {
+  writeFile("/etc/ips.conf", "ips.responses.object.cap1 = tarnik:\nalone\n");
+  writeFile("/etc/acl.conf", "acl.rule.responses.a = tarnik:\n\nalone\n");
+  EXPECT_FALSE(createIpsInfoTemplate());
+  EXPECT_FALSE(createNapInfoTemplates());
+  EXPECT_TRUE(noTemplates());
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(errorLine("Error: getTarnikReferences: Malformed tuning param (line=2)"),
+                  errorLine("Error: getTarnikReferences: Malformed tuning param (line=3)")));
+}
+
+TEST_F(InfoTemplateTest, PolicyThatTurnsBadBetweenTheReadsFails) {
+  const std::string good = "ips.responses.object.cap1 = tarnik:\n";
+  writeFile("/etc/ips.conf", good);
+  platform.onParser = [&] {
+    if (platform.parsersMade == 1) {
+      writeFile("/etc/ips.conf", good + "alone\n");
+    }
+  };
+  EXPECT_FALSE(createIpsInfoTemplate());
+  EXPECT_TRUE(noTemplates());
+  EXPECT_THAT(logLines(),
+              ElementsAre(errorLine("Error: getTarnikRules: Malformed tuning param (line=2)")));
+}
+
+TEST_F(InfoTemplateTest, UnwritableDirectoryFails) {
+  writeFile("/etc/ips.conf", "ips.responses.object.cap1 = tarnik:\n");
+  writeFile("/etc/acl.conf",
+            "acl.rule.responses.a1 = tarnik:\nacl.rule.responses.b1 = tarnik:\n"
+            "acl.rule.responses.c1 = tarnik:\n");
+  std::filesystem::create_directory(kIpsTemplatePath);
+  std::filesystem::create_directory(kNapTemplatePrefix + std::string("b1"));
+  EXPECT_FALSE(createIpsInfoTemplate());
+  EXPECT_FALSE(createNapInfoTemplates());
+  EXPECT_THAT(logLines(), ElementsAre(errorLine("Error: writeInfoTemplate: Failed to open: "
+                                                "/var/support/tarnik/template.ips, errno=21"),
+                                      errorLine("Error: writeInfoTemplate: Failed to open: "
+                                                "/var/support/tarnik/template.nap.b1, errno=21")));
+  EXPECT_THAT(readFile("/var/support/tarnik/template.nap.a1"),
+              Optional(std::string("acl.rule.responses.a1=tarnik:\n")));
+  EXPECT_EQ(readFile("/var/support/tarnik/template.nap.c1"), std::nullopt);
+}
+
+TEST_F(InfoTemplateTest, AReferenceNamesNoFileOutsideTheDirectory) {
+  writeFile("/etc/acl.conf", "acl.rule.responses./../../../../tmp/escaped = tarnik:\n");
+  EXPECT_FALSE(createNapInfoTemplates());
+  EXPECT_EQ(readFile("/tmp/escaped"), std::nullopt);
+}
+
+TEST_F(InfoTemplateTest, GeneratorsLogEachReference) {
+  writeFile("/etc/acl.conf", "acl.rule.responses.a = tarnik:\nacl.rule.responses.b = tarnik:\n");
+  setDebugLevel(4);
+  EXPECT_TRUE(createNapInfoTemplates());
+  EXPECT_THAT(logLines(), ElementsAre(debugLine("Debug: getTarnikReferences: /etc/acl.conf"),
+                                      debugLine("Debug: getTarnikReferences: Add a"),
+                                      debugLine("Debug: getTarnikReferences: Add b"),
+                                      debugLine("Debug: getTarnikRules: /etc/acl.conf"),
+                                      debugLine("Debug: getTarnikRules: /etc/acl.conf")));
+  EXPECT_EQ(platform.parsersMade, 2);
+}
+
+TEST_F(InfoTemplateTest, WithoutAParserTheProcessEnds) {
+  writeFile("/etc/ips.conf", "ips.responses.object.cap1 = tarnik:\n");
+  writeFile("/etc/acl.conf", "acl.rule.responses.a = tarnik:\n");
+  platform.parserToFail = 1;
+  EXPECT_EXIT((void)createIpsInfoTemplate(), ExitedWithCode(1),
+              "^<2>Fatal error: getTarnikReferences: Failed to allocate memory\n$");
+  platform.parserToFail = 2;
+  EXPECT_EXIT((void)createIpsInfoTemplate(), ExitedWithCode(1),
+              "^<2>Fatal error: getTarnikRules: Failed to allocate memory\n$");
+  EXPECT_EXIT((void)createNapInfoTemplates(), ExitedWithCode(1),
+              "^<2>Fatal error: getTarnikRules: Failed to allocate memory\n$");
+}
+
+}  // namespace
+}  // namespace tarnik::test

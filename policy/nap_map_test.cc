@@ -1,0 +1,218 @@
+#include "policy/nap_map.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <future>
+#include <thread>
+
+#include "base/paths.h"
+#include "policy/policy_test.h"
+
+namespace tarnik::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::ExitedWithCode;
+using testing::IsEmpty;
+
+class NapMapTest : public PolicyTest {
+ protected:
+  ~NapMapTest() override { std::remove(kNapPolicyPath); }
+};
+
+std::string uuidOf(const NapMap& map, std::uint32_t priority) {
+  std::string uuid;
+  return map.LookupNapUuid(priority, uuid) ? uuid : "(none)";
+}
+
+TEST_F(NapMapTest, StoresTheKeyBehindThePrefixUnderTheValue) {
+  NapMap map;
+  setDebugLevel(9);
+  EXPECT_TRUE(map.PopulateNapMap(file("acl.rule.priority.6f9a = 5\n"
+                                      "acl.rule.priority._abc = 6\n"
+                                      "acl.rule.priority.__abc = 7\n"
+                                      "acl.rule.priority.a_b_ = 8\n"
+                                      "acl.rule.priority._ = 9\n"
+                                      "acl.rule.priority. = 10\n")
+                                     .c_str()));
+  EXPECT_EQ(map.size(), 6u);
+  EXPECT_EQ(uuidOf(map, 5), "6f9a");
+  EXPECT_EQ(uuidOf(map, 6), "abc");
+  EXPECT_EQ(uuidOf(map, 7), "_abc");
+  EXPECT_EQ(uuidOf(map, 8), "a_b_");
+  EXPECT_EQ(uuidOf(map, 9), "");
+  EXPECT_EQ(uuidOf(map, 10), "");
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(NapMapTest, PriorityIsWhatDecimalConversionMakesOfTheValue) {
+  const std::pair<const char*, std::uint32_t> cases[] = {{"x", 0},
+                                                         {"\"\"", 0},
+                                                         {"-1", 4294967295},
+                                                         {"12abc", 12},
+                                                         {"0x10", 0},
+                                                         {"010", 10},
+                                                         {"+3", 3},
+                                                         {"\"  4\"", 4},
+                                                         {"4294967295", 4294967295},
+                                                         {"4294967296", 0},
+                                                         {"65535", 65535},
+                                                         {"-4294967295", 1},
+                                                         {"99999999999999999999", 4294967295}};
+  for (const auto& [value, priority] : cases) {
+    NapMap map;
+    EXPECT_TRUE(
+        map.PopulateNapMap(file(std::string("acl.rule.priority.abc = ") + value + "\n").c_str()));
+    EXPECT_EQ(uuidOf(map, priority), "abc") << value;
+    EXPECT_EQ(map.size(), 1u) << value;
+  }
+}
+
+TEST_F(NapMapTest, OtherKeysAreIgnored) {
+  NapMap map;
+  EXPECT_TRUE(map.PopulateNapMap(file("# comment\n\nacl.rule.responses.a = 1\n"
+                                      "xacl.rule.priority.b = 2\nACL.rule.priority.c = 3\n"
+                                      "acl.rule.priority = 4\nacl.rule.priorityd = 5\n")
+                                     .c_str()));
+  EXPECT_EQ(map.size(), 0u);
+  std::string uuid = "before";
+  EXPECT_FALSE(map.LookupNapUuid(1, uuid));
+  EXPECT_FALSE(map.LookupNapUuid(0, uuid));
+  EXPECT_FALSE(map.LookupNapUuid(65535, uuid));
+  EXPECT_EQ(uuid, "before");
+}
+
+TEST_F(NapMapTest, LaterRuleOfAPriorityWinsSilently) {
+  NapMap map;
+  setDebugLevel(9);
+  EXPECT_TRUE(
+      map.PopulateNapMap(file("acl.rule.priority.a = 5\nacl.rule.priority.b = 5\n").c_str()));
+  EXPECT_EQ(uuidOf(map, 5), "b");
+  EXPECT_EQ(map.size(), 1u);
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(NapMapTest, MalformedLineEndsTheReading) {
+  NapMap map;
+  EXPECT_FALSE(map.PopulateNapMap(
+      file("acl.rule.priority.a = 1\n# comment\n\nalone\nacl.rule.priority.b = 2\n").c_str()));
+  EXPECT_EQ(map.size(), 1u);
+  EXPECT_EQ(uuidOf(map, 1), "a");
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(errorLine("Error: PopulateNapMap: Malformed tuning parameter at line 4")));
+}
+
+TEST_F(NapMapTest, MissingFileIsAnErrorAndLeavesTheMap) {
+  NapMap map;
+  EXPECT_TRUE(map.PopulateNapMap(file("acl.rule.priority.a = 1\n").c_str()));
+  const std::string missing = path("missing");
+  EXPECT_FALSE(map.PopulateNapMap(missing.c_str()));
+  EXPECT_EQ(uuidOf(map, 1), "a");
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(errorLine("Error: PopulateNapMap: Could not open config file: " + missing)));
+}
+
+TEST_F(NapMapTest, PopulateAdds) {
+  NapMap map;
+  EXPECT_TRUE(map.PopulateNapMap(file("acl.rule.priority.a = 1\n").c_str()));
+  EXPECT_TRUE(map.PopulateNapMap(file("acl.rule.priority.b = 2\n").c_str()));
+  EXPECT_EQ(uuidOf(map, 1), "a");
+  EXPECT_EQ(uuidOf(map, 2), "b");
+}
+
+TEST_F(NapMapTest, LoadAddsFromTheSensorsPolicyAndReloadReplaces) {
+  NapMap map;
+  writeFile("/etc/acl.conf", "acl.rule.priority.a = 1\n");
+  EXPECT_TRUE(map.Load());
+  writeFile("/etc/acl.conf", "acl.rule.priority.b = 2\n");
+  EXPECT_TRUE(map.Load());
+  EXPECT_EQ(map.size(), 2u);
+  EXPECT_TRUE(map.Reload());
+  EXPECT_EQ(map.size(), 1u);
+  EXPECT_EQ(uuidOf(map, 2), "b");
+}
+
+TEST_F(NapMapTest, FailedReloadKeepsOnlyWhatItReadBefore) {
+  NapMap map;
+  EXPECT_TRUE(map.PopulateNapMap(file("acl.rule.priority.old = 1\n").c_str()));
+  writeFile("/etc/acl.conf", "acl.rule.priority.a = 2\nalone\nacl.rule.priority.b = 3\n");
+  EXPECT_FALSE(map.Reload());
+  EXPECT_EQ(map.size(), 1u);
+  EXPECT_EQ(uuidOf(map, 2), "a");
+  std::remove("/etc/acl.conf");
+  clearLog();
+  EXPECT_FALSE(map.Reload());
+  EXPECT_EQ(map.size(), 0u);
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(errorLine("Error: PopulateNapMap: Could not open config file: /etc/acl.conf")));
+}
+
+TEST_F(NapMapTest, WithoutAParserTheProcessEnds) {
+  NapMap map;
+  const std::string policy = file("acl.rule.priority.a = 1\n");
+  platform.parserToFail = 1;
+  EXPECT_EXIT((void)map.PopulateNapMap(policy.c_str()), ExitedWithCode(1),
+              "^<2>Fatal error: PopulateNapMap: tuning allocation failed\n$");
+}
+
+TEST_F(NapMapTest, DumpWritesTheMapInTheOrderOfPriorities) {
+  NapMap map;
+  map.Dump();
+  EXPECT_THAT(logLines(), ElementsAre(infoLine("Dump: NAP map")));
+  EXPECT_TRUE(map.PopulateNapMap(file("acl.rule.priority.c = -1\nacl.rule.priority.b = 65535\n"
+                                      "acl.rule.priority.a = 10\nacl.rule.priority.z = 0\n")
+                                     .c_str()));
+  clearLog();
+  map.Dump();
+  EXPECT_THAT(logLines(),
+              ElementsAre(infoLine("Dump: NAP map"), infoLine("0x0: z"), infoLine("0xa: a"),
+                          infoLine("0xffff: b"), infoLine("0xffffffff: c")));
+}
+
+TEST_F(NapMapTest, LookupWaitsForNoReload) {
+  NapMap map;
+  writeFile("/etc/acl.conf", "acl.rule.priority.old = 1\n");
+  EXPECT_TRUE(map.Load());
+  writeFile("/etc/acl.conf", "acl.rule.priority.new = 1\n");
+  int lookups = 0;
+  platform.onParser = [&] {
+    auto uuid = std::async(std::launch::async, [&map] { return uuidOf(map, 1); });
+    ASSERT_EQ(uuid.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(uuid.get(), "old");
+    ++lookups;
+  };
+  EXPECT_TRUE(map.Reload());
+  EXPECT_EQ(lookups, 1);
+  EXPECT_EQ(uuidOf(map, 1), "new");
+}
+
+TEST_F(NapMapTest, LookupDuringReloadsMeetsAWholeMap) {
+  NapMap map;
+  std::string settings;
+  for (int priority = 0; priority < 500; ++priority) {
+    settings += "acl.rule.priority.uuid" + std::to_string(priority) + " = " +
+                std::to_string(priority) + "\n";
+  }
+  writeFile("/etc/acl.conf", settings);
+  EXPECT_TRUE(map.Load());
+  std::atomic<bool> stop = false;
+  std::atomic<int> looked = 0;
+  std::thread reader([&] {
+    for (std::uint32_t priority = 0; !stop; priority = (priority + 1) % 500) {
+      EXPECT_EQ(uuidOf(map, priority), "uuid" + std::to_string(priority));
+      ++looked;
+    }
+  });
+  for (int round = 0; round < 50 || looked < 1000; ++round) {
+    EXPECT_TRUE(map.Reload());
+  }
+  stop = true;
+  reader.join();
+}
+
+}  // namespace
+}  // namespace tarnik::test

@@ -1,0 +1,243 @@
+#include "policy/template_copy.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "policy/capture_info.h"
+#include "policy/policy_test.h"
+
+namespace tarnik::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Optional;
+
+// Names that, in a command line, would make the shell create a file named "ran", or make it or cp
+// take one path for something else.
+const std::string kHostileNames[] = {"x; touch ran",
+                                     "x$(touch ran)",
+                                     "x`touch ran`",
+                                     "x && touch ran &&",
+                                     "x | touch ran",
+                                     "x > ran",
+                                     "x\ntouch ran\n",
+                                     "x' ; touch ran '",
+                                     "x\" ; touch ran \"",
+                                     "x -t ran",
+                                     "$HOME",
+                                     "~",
+                                     "*",
+                                     "?[a-z]{1,2}",
+                                     "#x",
+                                     "x\\",
+                                     "!!",
+                                     "x\ty",
+                                     "gr\xc3\xbc\xc3\x9f",
+                                     "x^y(z)<w>"};
+
+class TemplateCopyTest : public PolicyTest {
+ protected:
+  TemplateCopyTest() {
+    EXPECT_EQ(chdir(path("").c_str()), 0);  // where "ran" would appear
+  }
+  ~TemplateCopyTest() override { EXPECT_EQ(chdir("/"), 0); }
+};
+
+TEST_F(TemplateCopyTest, PlainPathsGoToTheShellAsTheyAre) {
+  const std::string from = path("template.nap.ABCxyz-019_@%+=,:.");
+  const std::string to = path("20240305-070809.ips.X_Y.1.info");
+  writeFile(from, "a=1\n");
+  EXPECT_EQ(copyTemplate(from, to), 0);
+  EXPECT_THAT(platform.commands, ElementsAre("cp " + from + " " + to));
+  EXPECT_THAT(readFile(to), Optional(std::string("a=1\n")));
+}
+
+TEST_F(TemplateCopyTest, TheShellsResultIsReturned) {
+  EXPECT_GT(copyTemplate(path("missing"), path("info")), 0);
+  platform.noShell = true;
+  EXPECT_EQ(copyTemplate(path("missing"), path("info")), -1);
+}
+
+TEST_F(TemplateCopyTest, EveryOtherCharacterKeepsAPathFromTheShell) {
+  const std::string plain =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./:@%+=,-";
+  for (int code = 1; code < 256; ++code) {
+    const char character = static_cast<char>(code);
+    const std::string odd = path(std::string("x") + character);
+    platform.commands.clear();
+    (void)copyTemplate(path("missing"), odd);
+    (void)copyTemplate(odd, path("info"));
+    const std::size_t expected = plain.find(character) != std::string::npos ? 2 : 0;
+    EXPECT_EQ(platform.commands.size(), expected) << code;
+  }
+}
+
+TEST_F(TemplateCopyTest, HostileNamesRunNothingAndAreCopied) {
+  for (const std::string& name : kHostileNames) {
+    writeFile(path(name), "a=1\n");
+    setDebugLevel(1);
+    clearLog();
+    EXPECT_EQ(copyTemplate(path(name), path(name + ".info")), 0);
+    EXPECT_THAT(readFile(path(name + ".info")), Optional(std::string("a=1\n"))) << name;
+    EXPECT_THAT(logLines(), ElementsAre(debugLine("Debug: fini: Executing [cp " + path(name) + " " +
+                                                  path(name + ".info") + "]")));
+  }
+  EXPECT_THAT(platform.commands, IsEmpty());
+  EXPECT_FALSE(std::filesystem::exists("ran"));
+}
+
+// What a shell would do with these names, to show that the test above can fail.
+TEST_F(TemplateCopyTest, HostileNamesWouldRun) {
+  writeFile(path("x"), "");
+  EXPECT_EQ(std::system(("cp " + path("x; touch ran") + " y").c_str()), 0);
+  EXPECT_TRUE(std::filesystem::exists("ran"));
+}
+
+TEST_F(TemplateCopyTest, HostileCaptureStillGetsItsTemplateLines) {
+  const std::string directory = "/var/support/tarnik/";
+  for (const std::string& name : kHostileNames) {
+    CaptureInfo ips;
+    ips.set(directory + "20240305-070809.ips." + name + ".1.pcap", 65536, name, 1);
+    CaptureInfo nap;
+    nap.set(directory + "20240305-070809.naprule-5.1.pcap", 5, name, 1);
+    writeFile(directory + "template.ips", "ips=1\n");
+    writeFile(directory + "template.nap." + name, "nap=1\n");
+    for (CaptureInfo* info : {&ips, &nap}) {
+      EXPECT_TRUE(fini(*info));
+      EXPECT_THAT(readFile(info->infoPath).value_or(""),
+                  testing::StartsWith(info == &ips ? "ips=1\ntime.start=" : "nap=1\ntime.start="))
+          << name;
+      std::filesystem::remove(info->infoPath);
+    }
+    std::filesystem::remove(directory + "template.nap." + name);
+  }
+  std::filesystem::remove(directory + "template.ips");
+  EXPECT_THAT(platform.commands, IsEmpty());
+  EXPECT_FALSE(std::filesystem::exists("ran"));
+}
+
+// ---- The copy made here has the effect of cp ------------------------------------------------
+
+// Prepares source and target anew for the shell ("plain") and for the copy made here ("o d d"), and
+// expects the same file, with the same mode, of both.
+class LikeCp : public TemplateCopyTest {
+ protected:
+  template <typename Prepare>
+  void expectSame(Prepare prepare) {
+    std::optional<std::string> contents[2];
+    mode_t modes[2] = {0, 0};
+    int which = 0;
+    for (const std::string name : {"plain", "o d d"}) {
+      const std::string from = path(name);
+      const std::string to = path(name + ".info");
+      prepare(from, to);
+      (void)copyTemplate(from, to);
+      struct stat status {};
+      if (lstat(to.c_str(), &status) == 0) {
+        modes[which] = status.st_mode;
+      }
+      contents[which] = std::filesystem::is_directory(to) ? std::nullopt : readFile(to);
+      ++which;
+    }
+    EXPECT_EQ(platform.commands.size(), 1u);
+    EXPECT_EQ(contents[0], contents[1]);
+    EXPECT_EQ(modes[0], modes[1]);
+  }
+};
+
+TEST_F(LikeCp, NewFileHasContentAndMode) {
+  for (const mode_t mode : {0666, 0600, 0444, 0755}) {
+    for (const mode_t mask : {0, 022, 077}) {
+      platform.commands.clear();
+      const mode_t before = umask(mask);
+      expectSame([mode](const std::string& from, const std::string& to) {
+        std::filesystem::remove(from);
+        std::filesystem::remove(to);
+        writeFile(from, "a=1\n");
+        ASSERT_EQ(chmod(from.c_str(), mode), 0);
+      });
+      umask(before);
+    }
+  }
+}
+
+TEST_F(LikeCp, LargeFileWithEveryByte) {
+  std::string content;
+  for (int i = 0; i < 300000; ++i) {
+    content += static_cast<char>(i % 251);
+  }
+  expectSame([&content](const std::string& from, const std::string&) { writeFile(from, content); });
+  EXPECT_EQ(readFile(path("o d d.info")), content);
+}
+
+TEST_F(LikeCp, ExistingFileIsReplacedAndKeepsItsMode) {
+  expectSame([](const std::string& from, const std::string& to) {
+    writeFile(from, "new\n");
+    writeFile(to, "old and longer\n");
+    ASSERT_EQ(chmod(to.c_str(), 0640), 0);
+  });
+  EXPECT_THAT(readFile(path("o d d.info")), Optional(std::string("new\n")));
+}
+
+TEST_F(LikeCp, EmptyTemplateMakesAnEmptyFile) {
+  expectSame([](const std::string& from, const std::string& to) {
+    writeFile(from, "");
+    writeFile(to, "old\n");
+  });
+  EXPECT_THAT(readFile(path("o d d.info")), Optional(std::string()));
+}
+
+TEST_F(LikeCp, MissingTemplateLeavesTheTarget) {
+  expectSame([](const std::string&, const std::string& to) { writeFile(to, "old\n"); });
+  EXPECT_THAT(readFile(path("o d d.info")), Optional(std::string("old\n")));
+}
+
+TEST_F(LikeCp, DirectoryIsNoTemplate) {
+  expectSame(
+      [](const std::string& from, const std::string&) { std::filesystem::create_directory(from); });
+  EXPECT_EQ(readFile(path("o d d.info")), std::nullopt);
+}
+
+TEST_F(LikeCp, LinkIsWrittenThroughUnlessItDangles) {
+  expectSame([](const std::string& from, const std::string& to) {
+    writeFile(from, "new\n");
+    writeFile(to + ".real", "old\n");
+    std::filesystem::create_symlink(to + ".real", to);
+  });
+  EXPECT_THAT(readFile(path("o d d.info.real")), Optional(std::string("new\n")));
+}
+
+TEST_F(LikeCp, DanglingLinkIsLeft) {
+  expectSame([](const std::string& from, const std::string& to) {
+    writeFile(from, "new\n");
+    std::filesystem::create_symlink(to + ".real", to);
+  });
+  EXPECT_EQ(readFile(path("o d d.info.real")), std::nullopt);
+}
+
+TEST_F(LikeCp, FileIsNotCopiedOntoItself) {
+  expectSame([](const std::string& from, const std::string& to) {
+    writeFile(from, "kept\n");
+    std::filesystem::create_symlink(from, to);
+  });
+  EXPECT_THAT(readFile(path("o d d")), Optional(std::string("kept\n")));
+}
+
+TEST_F(LikeCp, MissingDirectoryIsNoTarget) {
+  writeFile(path("o d d"), "a=1\n");
+  EXPECT_EQ(copyTemplate(path("o d d"), path("missing/info")), 0);
+  EXPECT_FALSE(std::filesystem::exists(path("missing")));
+}
+
+TEST_F(TemplateCopyTest, PipeIsNoTemplateAndNothingWaits) {
+  ASSERT_EQ(mkfifo(path("a pipe").c_str(), 0600), 0);
+  EXPECT_EQ(copyTemplate(path("a pipe"), path("info")), 0);
+  EXPECT_FALSE(std::filesystem::exists(path("info")));
+}
+
+}  // namespace
+}  // namespace tarnik::test
