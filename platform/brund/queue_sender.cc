@@ -1,0 +1,133 @@
+#include "platform/brund/queue_sender.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "frameq/ring.h"
+#include "frameq/zorlib.h"
+
+namespace tarnik::brund {
+namespace {
+
+constexpr char kGroup[] = "brund";
+// The library's limit is a budget of which the first look costs 1000 ms: this sleeps up to 2 s,
+// and is woken as soon as there is room.
+constexpr std::int32_t kWaitMs = 3000;
+constexpr useconds_t kPoolPollUs = 500;
+
+}  // namespace
+
+void QueueSender::CloseGroup::operator()(zorlib_ifg* group) const noexcept {
+  zorlib_ifg_close(group);
+}
+
+void QueueSender::CloseQueue::operator()(TarnikQ* queue) const noexcept {
+  queue->Close();
+  TarnikIfDestroy(queue);
+}
+
+QueueSender::~QueueSender() = default;
+
+bool QueueSender::open(std::size_t size, bool wait, std::string& reason) {
+  zorlib_ifg* group = nullptr;
+  if (zorlib_ifg_open(kGroup, &group) != 0) {
+    reason = std::string("cannot open the driver's interface group ") + kGroup + " in " +
+             ZORVIK_DEV_DIR + ": " + std::strerror(errno) + " (is the driver loaded?)";
+    return false;
+  }
+  group_.reset(group);
+  if (TarnikIfQInit2(group, size) != 0) {
+    reason = std::string("cannot create the queue: ") + std::strerror(errno);
+    return false;
+  }
+  queue_.reset(TarnikIfCreate());
+  if (!queue_ || queue_->Open(TarnikQ::kEgress) != 0) {
+    reason = std::string("cannot open the queue for writing: ") + std::strerror(errno);
+    return false;
+  }
+  queue_->SetTimeout(wait ? kWaitMs : 0);
+  return mapQueue(reason);
+}
+
+bool QueueSender::mapQueue(std::string& reason) {
+  zorvik_q_stat stat{};
+  const int fd = queue_->getFd();
+  if (ioctl(fd, ZORVIK_Q_STAT, &stat) >= 0 && stat.mem_size >= sizeof(zorvik_qmem)) {
+    memory_ = Mapping::shared(fd, stat.mem_size);
+  }
+  if (!memory_) {
+    reason = std::string("cannot map the queue: ") + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+std::uint32_t QueueSender::used() const {
+  auto* memory = static_cast<zorvik_qmem*>(memory_.base());
+  const std::uint32_t dequeue = ring::counter(memory->dequeue);
+  return (ring::counter(memory->enqueue) - dequeue) & ring::counter(memory->mask);
+}
+
+zorvik_frm_desc* QueueSender::allocate(std::uint32_t size, Patience* patience, Put& failure) {
+  zorvik_frm_desc* frame = nullptr;
+  while (zorlib_batch_alloc(group_.get(), size, &frame, 1) != 1) {
+    if (errno == EMSGSIZE) {
+      failure = Put::kTooLarge;
+      return nullptr;
+    }
+    if (errno != ENOBUFS && errno != EINTR) {
+      failure = Put::kFailed;
+      return nullptr;
+    }
+    if (patience == nullptr || !patience->goOn()) {
+      failure = Put::kNoFrame;
+      return nullptr;
+    }
+    usleep(kPoolPollUs);
+  }
+  return frame;
+}
+
+void QueueSender::giveBack(zorvik_frm_desc* frame) {
+  const int error = errno;
+  zorlib_frm_free(group_.get(), frame);
+  errno = error;
+}
+
+QueueSender::Put QueueSender::put(const Frame& frame, std::uint64_t captureId, std::uint32_t flags,
+                                  Patience* patience) {
+  const auto size = static_cast<std::uint32_t>(frame.data.size());
+  Put failure = Put::kFailed;
+  zorvik_frm_desc* desc = allocate(size, patience, failure);
+  if (desc == nullptr) {
+    return failure;
+  }
+  std::uint8_t* data = zorlib_ifg_frm_data(group_.get(), desc);
+  if (data == nullptr || desc->buf_size < size) {
+    giveBack(desc);
+    errno = EFAULT;
+    return Put::kFailed;
+  }
+  std::memcpy(data, frame.data.data(), size);
+  desc->wire_len = frame.wire_len;
+  desc->cap_len = size;
+  desc->ts_sec = frame.ts_sec;
+  desc->ts_usec = frame.ts_usec;
+  desc->frame_size = static_cast<std::uint16_t>(size);
+  for (;;) {
+    const int result = queue_->WritePkt(desc, captureId, flags);
+    if (result == 0) {
+      return Put::kQueued;
+    }
+    const bool full = result == -5 || errno == EINTR;
+    if (!full || patience == nullptr || !patience->goOn()) {
+      giveBack(desc);
+      return full ? Put::kQueueFull : Put::kFailed;
+    }
+  }
+}
+
+}  // namespace tarnik::brund

@@ -1,0 +1,64 @@
+// The producer's end of the daemon's queue: the interface group "brund" and its application queue
+// "TarnikQ", which is created when it is not there. One thread; one object a process.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "base/owned.h"
+#include "frameq/tarnik_if.h"
+#include "platform/brund/frame.h"
+
+namespace tarnik::brund {
+
+// Whether to go on waiting for room; asked after every wait that brought none.
+class Patience {
+ public:
+  virtual ~Patience() = default;
+  [[nodiscard]] virtual bool goOn() = 0;
+};
+
+class QueueSender {
+ public:
+  enum class Put : std::uint8_t {
+    kQueued,
+    kNoFrame,  // the pool is empty
+    kQueueFull,
+    kTooLarge,  // no buffer of the pool holds the frame
+    kFailed,    // the driver failed, errno says how
+  };
+
+  QueueSender() = default;
+  QueueSender(const QueueSender&) = delete;
+  QueueSender& operator=(const QueueSender&) = delete;
+  ~QueueSender();
+
+  // Opens the group and the queue, of `size` entries when it has to be created. With `wait`, put()
+  // waits for room, else never. False with a reason.
+  [[nodiscard]] bool open(std::size_t size, bool wait, std::string& reason);
+  // Queues a copy of the frame (1 to kMaxFrame bytes) with the capture identifier and packet flags.
+  // Null patience: never waits.
+  [[nodiscard]] Put put(const Frame& frame, std::uint64_t captureId, std::uint32_t flags,
+                        Patience* patience);
+  // Frames in the queue at this moment.
+  [[nodiscard]] std::uint32_t used() const;
+
+ private:
+  struct CloseGroup {
+    void operator()(zorlib_ifg* group) const noexcept;
+  };
+  struct CloseQueue {
+    void operator()(TarnikQ* queue) const noexcept;
+  };
+
+  [[nodiscard]] zorvik_frm_desc* allocate(std::uint32_t size, Patience* patience, Put& failure);
+  void giveBack(zorvik_frm_desc* frame);
+  [[nodiscard]] bool mapQueue(std::string& reason);
+
+  std::unique_ptr<zorlib_ifg, CloseGroup> group_;
+  std::unique_ptr<TarnikQ, CloseQueue> queue_;
+  Mapping memory_;  // of the queue, to see how full it is
+};
+
+}  // namespace tarnik::brund
