@@ -1,0 +1,108 @@
+// What the tests of the capture files share: frames, and what is in files and directories.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/paths.h"
+#include "frameq/zorvik_layout.h"
+
+namespace tarnik::test {
+
+using Bytes = std::string;
+
+inline zorvik_frm_desc frame(std::uint32_t wireLength, std::uint32_t capturedLength,
+                             std::uint32_t seconds = 0, std::uint32_t microseconds = 0) {
+  zorvik_frm_desc result{};
+  result.wire_len = wireLength;
+  result.cap_len = capturedLength;
+  result.ts_sec = seconds;
+  result.ts_usec = microseconds;
+  return result;
+}
+
+// Frame data that differs from frame to frame and from byte to byte.
+inline std::vector<std::uint8_t> frameData(std::size_t size, unsigned seed = 0) {
+  std::vector<std::uint8_t> data(size);
+  for (std::size_t i = 0; i < size; ++i) {
+    data[i] = static_cast<std::uint8_t>(i * 7 + seed * 31 + 1);
+  }
+  return data;
+}
+
+inline Bytes bytesOf(const std::vector<std::uint8_t>& data) {
+  return {data.begin(), data.end()};
+}
+
+inline Bytes readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+inline void writeFile(const std::string& path, const Bytes& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+// The capture directory's entries, in order of their names.
+inline std::vector<std::string> entries() {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(kCaptureDir)) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Leaves an empty capture directory behind.
+inline void emptyCaptureDir() {
+  std::filesystem::remove_all("/var/support/tarnik");
+  std::filesystem::create_directories(kCaptureDir);
+}
+
+inline std::uint32_t wordAt(const Bytes& bytes, std::size_t offset) {
+  std::uint32_t word = 0;
+  for (std::size_t i = 4; i-- > 0;) {
+    word = word << 8U | static_cast<std::uint8_t>(bytes[offset + i]);
+  }
+  return word;
+}
+
+struct Record {
+  std::uint32_t seconds;
+  std::uint32_t microseconds;
+  std::uint32_t wireLength;
+  Bytes data;
+  bool operator==(const Record&) const = default;
+};
+
+inline const Bytes kPcapHeader(
+    "\xd4\xc3\xb2\xa1\x02\x00\x04\x00\x00\x00\x00\x00\x00\x00\x00\x00\xdc\x05\x00\x00\x01\x00\x00"
+    "\x00",
+    24);
+
+// The records of a capture file, or nothing unless it is whole from its header to its last byte.
+inline std::optional<std::vector<Record>> parsePcap(const Bytes& file) {
+  if (file.substr(0, kPcapHeader.size()) != kPcapHeader) {
+    return std::nullopt;
+  }
+  std::vector<Record> records;
+  std::size_t at = kPcapHeader.size();
+  while (at < file.size()) {
+    if (file.size() - at < 16 || file.size() - at - 16 < wordAt(file, at + 8)) {
+      return std::nullopt;
+    }
+    const std::size_t length = wordAt(file, at + 8);
+    records.push_back({wordAt(file, at), wordAt(file, at + 4), wordAt(file, at + 12),
+                       file.substr(at + 16, length)});
+    at += 16 + length;
+  }
+  return records;
+}
+
+}  // namespace tarnik::test
