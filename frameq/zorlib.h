@@ -142,11 +142,51 @@ int zorlib_batch_alloc(zorlib_ifg* ifg, uint32_t size, struct zorvik_frm_desc** 
  * does not lie inside the payload memory. The group must be mapped (a queue open). */
 uint8_t* zorlib_ifg_frm_data(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 
-/* ---- Parameters -------------------------------------------------------------------------*/
+/* ---- Parameters -------------------------------------------------------------------------
+ * A process-wide list of name/value pairs, which the library looks at where the caller gives no
+ * number of its own. Names are words parted by dots under "zorvik.", in any case:
+ *   zorvik.(group).q_size           a number
+ *   zorvik.(group).(queue).q_size   a number; the queue "appq" stands for every application queue
+ *   zorvik.(group).fd_count         a number
+ *   zorvik.(group).(n).cpu_mask     hexadecimal
+ *   zorvik.(group).(n).if_mask      hexadecimal
+ */
+
+/* What a name's word must be: anything, a number, or else the word itself in any case. */
+#define ZORLIB_WORD_ANY ((const char*)0)
+#define ZORLIB_WORD_NUMBER ((const char*)1)
+
+enum {
+  ZORLIB_VALUE_NUMBER = 1,
+  ZORLIB_VALUE_STRING = 2,
+  ZORLIB_VALUE_BITMASK = 3,
+  ZORLIB_VALUE_ANY = 4
+};
+
+struct zorlib_param_spec {
+  uint32_t id;
+  uint32_t num_comps;  /* words after "zorvik.", 1 to 4 */
+  const char* comp[4]; /* stay the caller's, for the life of the process */
+  uint32_t type;       /* ZORLIB_VALUE_... */
+};
+
+/* Appends up to `count` rules to the registry of 32. 0; what did not fit is only logged, and so
+ * is every call after the library's own. */
+int zorlib_register_params(uint32_t count, const struct zorlib_param_spec* specs);
+
+/* Adds a pair to the list of at most 128; -1 (errno is not set) when no rule accepts it. Of
+ * several pairs with one name the first counts. */
+int zorlib_set_param(const char* name, const char* value);
 
 /* The size that the parameters give to the group's queue `queue` (10 to 16000000), or with null
- * to the group's own queues; 0 when they give none that can be used. */
+ * to the group's own queues (500 to 50000 times its number of interfaces); 0 when they give none
+ * that can be used. */
 unsigned long zorlib_ifg_lookup_qsize(zorlib_ifg* ifg, const char* queue);
+
+/* The interfaces, and the processors, of the group's queue pair `n`, a bit each; 0 when the
+ * parameters give none. */
+unsigned long zorlib_ifg_lookup_if_mask(zorlib_ifg* ifg, uint32_t n);
+unsigned long zorlib_ifg_lookup_cpu_mask(zorlib_ifg* ifg, uint32_t n);
 
 #ifdef __cplusplus
 }

@@ -85,7 +85,7 @@ struct zorlib_ifg {
   std::mutex mutex;               // guards the mapping of frame memory, and the making of `nodes`
   std::array<char, ZORVIK_NAME_MAX + 1> name{};
   std::array<char, 64> dir{};
-  std::uint32_t numIfs = 0;  // interfaces, as the group was made or last queried
+  std::atomic<std::uint32_t> numIfs{0};  // interfaces, as the group was made or last queried
   // One a descriptor; made by the first batch allocation, gone with the handle.
   std::unique_ptr<tarnik::FrameNode[]> nodes;
   std::atomic<std::uint32_t> refs{0};
