@@ -1,0 +1,411 @@
+// The daemon from command line to exit status, call by call.
+#include "daemon/entry.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "base/owned.h"
+#include "daemon/testing/daemon_fixture.h"
+
+namespace tarnik::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+constexpr char kUsage[] = "Usage: tarnikd [-D] [--nodaemon] [-v] [--verbose]\n";
+
+class EntryTest : public DaemonTest {
+ protected:
+  EntryTest() {
+    writeConfig("");
+    sdk().loopSteps = {[] { sdk().raise(SIGTERM); }};
+  }
+};
+
+// A start with -D and an empty configuration file, up to the loop.
+const Record kStart = {
+    "sigprocmask(SIG_SETMASK, none)",
+    "OrloLogInit(\"tarnikd\", 1)",
+    "OrloWatchdogDaemon(\"tarnikd\", \"packet capture daemon\", 1)",
+    "umask(0)",
+    "OrloLoopSignalAdd(15, onTerminate, context)",
+    "OrloLoopSignalAdd(3, onTerminate, context)",
+    "OrloLoopSignalAdd(2, onTerminate, context)",
+    "OrloLoopSignalAdd(1, onReload, context)",
+    "OrloLoopSignalAdd(10, onRestart, context)",
+    "OrloLoopTimerAdd(3, onTimeout, context)",
+    "OrloLoopTimerAdd(300, onCacheExpiry, null)",
+    "OrloWatchdogTimerVirtCreate()",
+    "OrloWatchdogTimerVirtSet(timer, 50)",
+    "tickle",
+    "OrloCmdInit(\"tarnikd\", 0)",
+    "OrloCmdFd()",
+    "OrloLoopFdAdd(77, onCommand, context)",
+    "<6>onReload: Reloading",
+    "tickle",
+    "OrloTuningAlloc(stream)",
+    "OrloTuningParseLine()",
+    "OrloTuningRelease()",
+    "CaptureManager::Reload(/usr/lib64/ruv-qan/issues.csv, 120, 53687091, 1000, 1048576, 0, 0)",
+    "system(rm -rf /var/support/tarnik/template*)",
+    "createIpsInfoTemplate()",
+    "createNapInfoTemplates()",
+    "TarnikMetaCache::config(1800)",
+    "tickle",
+    "CaptureManager::Init(/usr/lib64/ruv-qan/issues.csv, 120, 53687091, 1000, 1048576, 0, 0)",
+    "CaptureThread::start(5000000)",
+    "OrloLoop()",
+};
+
+// From the loop's end on.
+const Record kShutdown = {
+    "OrloLoop returns",
+    "tickle",
+    "CaptureThread::join()",
+    "tickle",
+    "OrloWatchdogTimerVirtDestroy(timer)",
+    "OrloCmdFini()",
+};
+
+Record joined(std::initializer_list<Record> parts) {
+  Record result;
+  for (const Record& part : parts) {
+    result.insert(result.end(), part.begin(), part.end());
+  }
+  return result;
+}
+
+// The start up to, and with, the first entry that begins with `last`.
+Record startUpTo(const std::string& last) {
+  Record result;
+  for (const std::string& entry : kStart) {
+    result.push_back(entry);
+    if (entry.starts_with(last)) {
+      break;
+    }
+  }
+  return result;
+}
+
+TEST_F(EntryTest, StartsServesAndShutsDownInOrder) {
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_EQ(outcome.errors, "");
+  EXPECT_THAT(outcome.record,
+              ElementsAreArray(joined({kStart,
+                                       {"<6>onTerminate: Received SIGTERM, exiting", "tickle",
+                                        "CaptureThread::stop()", "OrloLoopQuit()"},
+                                       kShutdown})));
+}
+
+TEST_F(EntryTest, EveryStopSignalExitsWithZero) {
+  for (const int signal : {SIGTERM, SIGQUIT, SIGINT}) {
+    sdk().loopSteps = {[signal] { sdk().raise(signal); }};
+    const Outcome outcome = runDaemon({"-D"});
+    EXPECT_EQ(outcome.exitStatus, 0) << signal;
+    EXPECT_THAT(outcome.record, Contains("<6>onTerminate: Received SIGTERM, exiting"));
+  }
+}
+
+TEST_F(EntryTest, RestartExitsWithTwoAfterTheSameShutdown) {
+  sdk().loopSteps = {[] { sdk().raise(SIGUSR1); }};
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_EQ(outcome.exitStatus, 2);
+  EXPECT_THAT(outcome.record, ElementsAreArray(joined({kStart,
+                                                       {"<6>onRestart: Restarting", "tickle",
+                                                        "CaptureThread::stop()", "OrloLoopQuit()"},
+                                                       kShutdown})));
+}
+
+TEST_F(EntryTest, TerminationAfterARestartKeepsTheRestartStatus) {
+  // Both signals were pending: the loop had both callbacks to run before it looked at the quit.
+  sdk().loopSteps = {[] {
+    sdk().raise(SIGUSR1);
+    sdk().raise(SIGTERM);
+  }};
+  EXPECT_EQ(runDaemon({"-D"}).exitStatus, 2);
+}
+
+TEST_F(EntryTest, WithoutTheOptionItDetaches) {
+  const Outcome outcome = runDaemon({});
+  EXPECT_EQ(startingWith(outcome.record, {"OrloLogInit", "OrloWatchdogDaemon"}),
+            (Record{"OrloLogInit(\"tarnikd\", 0)",
+                    "OrloWatchdogDaemon(\"tarnikd\", \"packet capture daemon\", 0)"}));
+}
+
+TEST_F(EntryTest, OptionsReachThePlatformAndTheCaptureManager) {
+  const Outcome outcome = runDaemon({"-w", "abc", "-p", "/opt/m/"});
+  EXPECT_THAT(startingWith(outcome.record, {"OrloWatchdogTimerVirtSet", "CaptureManager"}),
+              ElementsAreArray({
+                  "OrloWatchdogTimerVirtSet(timer, 0)",
+                  "CaptureManager::Reload(/opt/m//issues.csv, 120, 53687091, 1000, 1048576, 0, 0)",
+                  "CaptureManager::Init(/opt/m//issues.csv, 120, 53687091, 1000, 1048576, 0, 0)",
+              }));
+}
+
+TEST_F(EntryTest, SettingsReachTheCaptureSideInTheirOrder) {
+  writeConfig(
+      "tarnik.file.timeout=11\ntarnik.diskspace.bytes=22\ntarnik.file.maxno=33\n"
+      "tarnik.file.maxsize=4444\ntarnik.event.interval=55\ntarnik.event.threshold=66\n"
+      "tarnik.brund.qtimeout=7777777\ntarnik.brund.timeout=88\n");
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_THAT(startingWith(outcome.record, {"Capture", "TarnikMetaCache"}),
+              ElementsAreArray({
+                  "CaptureManager::Reload(/usr/lib64/ruv-qan/issues.csv, 11, 22, 33, 4444, 55, 66)",
+                  "TarnikMetaCache::config(1164)",
+                  "CaptureManager::Init(/usr/lib64/ruv-qan/issues.csv, 11, 22, 33, 4444, 55, 66)",
+                  "CaptureThread::start(7777777)",
+                  "CaptureThread::stop()",
+                  "CaptureThread::join()",
+              }));
+}
+
+TEST_F(EntryTest, IgnoresWhatThePlatformAndTheCaptureManagerAnswer) {
+  for (const char* call :
+       {"OrloLogInit", "OrloWatchdogDaemon", "OrloWatchdogTimerVirtSet", "CaptureManager::Reload",
+        "CaptureManager::Init", "system", "OrloLoop()"}) {
+    sdk().failWhere(call, call == std::string("CaptureManager::Init") ? 7 : -1);
+  }
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_THAT(startUpTo("OrloLoop()"),
+              ElementsAreArray(
+                  Record(outcome.record.begin(),
+                         outcome.record.begin() + static_cast<std::ptrdiff_t>(kStart.size()))));
+}
+
+TEST_F(EntryTest, GoesOnWithoutAWatchdogTimer) {
+  sdk().failWhere("OrloWatchdogTimerVirtCreate");
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_THAT(outcome.record, Not(Contains("tickle")));
+  EXPECT_THAT(outcome.record, Not(Contains(StartsWith("OrloWatchdogTimerVirtSet"))));
+  EXPECT_THAT(outcome.record, Contains("OrloWatchdogTimerVirtDestroy(null)"));
+}
+
+// ---- start-up failures
+
+struct FatalCase {
+  const char* failing;  // the call that is failed
+  int result;
+  Record after;  // what follows it until the end
+};
+
+class FatalTest : public EntryTest, public ::testing::WithParamInterface<FatalCase> {};
+
+TEST_P(FatalTest, LogsOneCriticalLineAndExitsWithOneAtOnce) {
+  sdk().failWhere(GetParam().failing, GetParam().result);
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_EQ(outcome.exitStatus, 1);
+  EXPECT_EQ(outcome.errors, "");
+  EXPECT_THAT(outcome.record,
+              ElementsAreArray(joined({startUpTo(GetParam().failing), GetParam().after})));
+}
+
+const char kTermination[] = "<2>Fatal error: tarnikd: Failed to add termination signal callback";
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, FatalTest,
+    ::testing::Values(
+        FatalCase{"OrloLoopSignalAdd(15", -1, {kTermination}},
+        FatalCase{"OrloLoopSignalAdd(3", -1, {kTermination}},
+        FatalCase{"OrloLoopSignalAdd(2", 1, {kTermination}},
+        FatalCase{"OrloLoopSignalAdd(1,",
+                  -1,
+                  {"<2>Fatal error: tarnikd: Failed to add reload signal callback"}},
+        FatalCase{"OrloLoopSignalAdd(10",
+                  -1,
+                  {"<2>Fatal error: tarnikd: Failed to add restart signal callback"}},
+        FatalCase{"OrloLoopTimerAdd(3,",
+                  -1,
+                  {"<2>Fatal error: tarnikd: Failed to add watchdog timer callback"}},
+        FatalCase{"OrloLoopTimerAdd(300",
+                  -1,
+                  {"<2>Fatal error: Failed to add meta cache expiry callback"}},
+        FatalCase{"OrloCmdInit",
+                  98,
+                  {"OrloLogEventNoArg(\"VRKUA0007E\", \"VRK_events\")",
+                   "<3>Error: tarnikd Daemon failed to start", "OrloCmdError(98)",
+                   "<2>Fatal error: main: Failed to create command interface: text of 98"}},
+        FatalCase{"OrloLoopFdAdd",
+                  -1,
+                  {"OrloCmdError(0)",
+                   "<2>Fatal error: tarnikd: Failed to create command callback: text of 0"}}));
+
+TEST_F(EntryTest, AnInvalidConfigurationIsFatal) {
+  writeConfig("tarnik.file.maxsize=1023\n");
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_EQ(outcome.exitStatus, 1);
+  EXPECT_THAT(
+      withoutParsing(outcome.record),
+      ElementsAreArray(joined({startUpTo("OrloLoopFdAdd"),
+                               {"<6>onReload: Reloading", "tickle",
+                                "<3>Error: loadTarnikCfg: Invalid value: maxsize=1023",
+                                "<3>Error: onReload: Failed to reload base configuration",
+                                "OrloLogEventNoArg(\"VRKUA0006E\", \"VRK_events\")",
+                                "<3>Error: tarnikd Daemon configuration invalid",
+                                "<2>Fatal error: tarnikd: Failed to load the configuration"}})));
+}
+
+TEST_F(EntryTest, AMissingConfigurationIsFatal) {
+  std::remove("/etc/tarnik.conf");
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_EQ(outcome.exitStatus, 1);
+  EXPECT_EQ(outcome.record.back(), "<2>Fatal error: tarnikd: Failed to load the configuration");
+}
+
+TEST_F(EntryTest, FailingTemplatesAreFatal) {
+  for (const char* generator : {"createIpsInfoTemplate", "createNapInfoTemplates"}) {
+    resetSdk();
+    sdk().failWhere(generator);
+    const Outcome outcome = runDaemon({"-D"});
+    EXPECT_EQ(outcome.exitStatus, 1) << generator;
+    EXPECT_EQ(outcome.record.back(), "<2>Fatal error: tarnikd: Failed to load the configuration");
+    EXPECT_THAT(outcome.record, Not(Contains(StartsWith("CaptureManager::Init"))));
+  }
+}
+
+// ---- the command line
+
+class RefusedOptionsTest : public EntryTest,
+                           public ::testing::WithParamInterface<std::vector<std::string>> {};
+
+TEST_P(RefusedOptionsTest, PrintsTheUsageLineAndDoesNothingElse) {
+  const Outcome outcome = runDaemon(GetParam());
+  EXPECT_EQ(outcome.exitStatus, 1);
+  EXPECT_EQ(outcome.errors, kUsage);
+  EXPECT_EQ(outcome.record, Record{});
+}
+
+INSTANTIATE_TEST_SUITE_P(CommandLines, RefusedOptionsTest,
+                         ::testing::Values(std::vector<std::string>{"-x"},
+                                           std::vector<std::string>{"--help"},
+                                           std::vector<std::string>{"--version"},
+                                           std::vector<std::string>{"-D", "extra"},
+                                           std::vector<std::string>{"-w"},
+                                           std::vector<std::string>{"-p"}));
+
+// ---- debug level and states
+
+TEST_F(EntryTest, TheFirstStateIsGatedByTheLevelBeforeTheOptions) {
+  const Outcome quiet = runDaemon({"-D", "-v"});
+  EXPECT_THAT(quiet.record, Not(Contains(HasSubstr("Daemon starting"))));
+  OrloLogDebugLevel = 1;
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_EQ(outcome.record.front(), "<7>Debug: tarnikd Daemon starting...");
+  EXPECT_EQ(outcome.record.at(1), "sigprocmask(SIG_SETMASK, none)");
+}
+
+TEST_F(EntryTest, TheConfiguredLevelReplacesThatOfTheOptions) {
+  const Outcome outcome = runDaemon({"-D", "-vv"});
+  EXPECT_THAT(outcome.record, Contains("<7>Debug: tarnikd Daemon configuration reloading"));
+  EXPECT_THAT(outcome.record, Not(Contains(HasSubstr("Daemon started"))));
+  EXPECT_THAT(outcome.record, Not(Contains(HasSubstr("exit status"))));
+}
+
+TEST_F(EntryTest, AtLevelOneTheStatesAndTheExitStatusAreLogged) {
+  writeConfig("tarnik.debuglevel=1\n");
+  sdk().loopSteps = {[] { sdk().raise(SIGUSR1); }};
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_THAT(Record(outcome.record.end() - 10, outcome.record.end()),
+              ElementsAreArray({
+                  "OrloLoopQuit()",
+                  "OrloLoop returns",
+                  "tickle",
+                  "<7>Debug: tarnikd Daemon stopping...",
+                  "CaptureThread::join()",
+                  "tickle",
+                  "OrloWatchdogTimerVirtDestroy(timer)",
+                  "OrloCmdFini()",
+                  "<7>Debug: tarnikd Daemon stopped",
+                  "<7>Debug: tarnikd: exit status=2",
+              }));
+  EXPECT_EQ(startingWith(outcome.record, {"<7>Debug: tarnikd Daemon"}),
+            (Record{"<7>Debug: tarnikd Daemon started", "<7>Debug: tarnikd Daemon stopping...",
+                    "<7>Debug: tarnikd Daemon stopped"}));
+}
+
+// ---- the process itself
+
+TEST_F(EntryTest, UnblocksAllSignalsAndClearsTheUmask) {
+  sdk().loopSteps = {[] {
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    sdk().record(sigisemptyset(&mask) != 0 ? "nothing blocked" : "something blocked");
+    const OwnedFd file(::open("/tmp/umask-probe", O_CREAT | O_RDWR | O_EXCL, 0777));
+    struct stat status {};
+    ::fstat(file.get(), &status);
+    sdk().record("mode " + std::to_string(status.st_mode & 0777));
+    ::unlink("/tmp/umask-probe");
+  }};
+  sigset_t blocked;
+  sigset_t former;
+  sigfillset(&blocked);
+  pthread_sigmask(SIG_SETMASK, &blocked, &former);
+  const Outcome outcome = runDaemon({"-D"});
+  pthread_sigmask(SIG_SETMASK, &former, nullptr);
+  EXPECT_THAT(outcome.record, AllOf(Contains("nothing blocked"), Contains("mode 511")));
+}
+
+TEST_F(EntryTest, RaisesTheLimitOnOpenFilesToTheHardOne) {
+  rlimit former{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
+  const rlimit low{64, former.rlim_max};
+  sdk().loopSteps = {[] {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    sdk().record("limit " + std::to_string(limit.rlim_cur));
+  }};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  const Outcome outcome = runDaemon({"-D"});
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &former), 0);
+  EXPECT_THAT(outcome.record, Contains("limit " + std::to_string(former.rlim_max)));
+}
+
+TEST_F(EntryTest, SaysThatTheCaptureDirectoryIsMissing) {
+  ASSERT_EQ(::rmdir("/var/support/tarnik"), 0);
+  const Outcome outcome = runDaemon({"-D"});
+  ASSERT_EQ(::mkdir("/var/support/tarnik", 0755), 0);
+  EXPECT_EQ(outcome.exitStatus, 0);
+  Record expected = kStart;
+  expected.insert(
+      expected.end() - 3,
+      "<3>Error: main: Cannot write to [/var/support/tarnik/]: No such file or directory");
+  EXPECT_THAT(Record(outcome.record.begin(),
+                     outcome.record.begin() + static_cast<std::ptrdiff_t>(expected.size())),
+              ElementsAreArray(expected));
+}
+
+TEST_F(EntryTest, SaysThatTheCaptureDirectoryIsNone) {
+  ASSERT_EQ(::rmdir("/var/support/tarnik"), 0);
+  { const OwnedFd file(::open("/var/support/tarnik", O_CREAT | O_WRONLY, 0777)); }
+  const Outcome outcome = runDaemon({"-D"});
+  ASSERT_EQ(::unlink("/var/support/tarnik"), 0);
+  ASSERT_EQ(::mkdir("/var/support/tarnik", 0755), 0);
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_THAT(outcome.record,
+              Contains("<3>Error: main: Cannot write to [/var/support/tarnik/]: Not a directory"));
+}
+
+TEST_F(EntryTest, TheRecordingPlatformIsTheOnlyOne) {
+  const Stream maps(std::fopen("/proc/self/maps", "r"));
+  if (!maps) {
+    GTEST_SKIP() << "no /proc in this private root";
+  }
+  std::string text(1 << 20, '\0');
+  text.resize(std::fread(text.data(), 1, text.size(), maps.get()));
+  EXPECT_THAT(text, Not(HasSubstr("liborlo_sdk")));
+}
+
+}  // namespace
+}  // namespace tarnik::test

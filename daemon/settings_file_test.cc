@@ -1,0 +1,140 @@
+// Which files are read, how far, and what the daemon asks of the platform's parser.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+
+#include "base/owned.h"
+#include "daemon/settings.h"
+#include "daemon/testing/daemon_fixture.h"
+
+namespace tarnik::test {
+namespace {
+
+using ::testing::ElementsAre;
+
+class SettingsFileTest : public DaemonTest {
+ protected:
+  SettingsFileTest() {
+    char name[] = "/tmp/settings-XXXXXX";
+    directory_ = ::mkdtemp(name);
+    path_ = directory_ + "/tarnik.conf";
+  }
+  ~SettingsFileTest() override {
+    std::remove(path_.c_str());
+    std::remove(directory_.c_str());
+  }
+
+  int loadText(const std::string& text) {
+    std::ofstream(path_) << text;
+    return load(getSettings(), path_.c_str());
+  }
+  // What cannot be opened is told at debug level 1 and above, and changes nothing.
+  void cannotBeOpened() {
+    OrloLogDebugLevel = 0;
+    sdk().clear();
+    EXPECT_EQ(load(getSettings(), path_.c_str()), 1);
+    EXPECT_EQ(sdk().entries(), Record{});
+    OrloLogDebugLevel = 1;
+    EXPECT_EQ(load(getSettings(), path_.c_str()), 1);
+    EXPECT_EQ(sdk().entries(), Record{"<7>Debug: load: Failed to open config: " + path_});
+  }
+
+  std::string directory_;
+  std::string path_;
+};
+
+TEST_F(SettingsFileTest, Missing) {
+  cannotBeOpened();
+}
+
+TEST_F(SettingsFileTest, Directory) {
+  ASSERT_EQ(::mkdir(path_.c_str(), 0755), 0);
+  cannotBeOpened();
+}
+
+TEST_F(SettingsFileTest, PipeThatNobodyWrites) {
+  ASSERT_EQ(::mkfifo(path_.c_str(), 0644), 0);
+  cannotBeOpened();
+}
+
+TEST_F(SettingsFileTest, Device) {
+  ASSERT_EQ(::symlink("/dev/zero", path_.c_str()), 0);
+  cannotBeOpened();
+}
+
+TEST_F(SettingsFileTest, Unreadable) {
+  std::ofstream(path_) << "tarnik.file.maxno=20\n";
+  ASSERT_EQ(::chmod(path_.c_str(), 0), 0);
+  if (::access(path_.c_str(), R_OK) == 0) {
+    GTEST_SKIP() << "this user may read everything";
+  }
+  cannotBeOpened();
+}
+
+TEST_F(SettingsFileTest, ReadsToTheEndAndReleasesTheParser) {
+  EXPECT_EQ(loadText("tarnik.file.maxno=20\nother.key=1\n"), 0);
+  EXPECT_THAT(sdk().entries(),
+              ElementsAre("OrloTuningAlloc(stream)", "OrloTuningParseLine()",
+                          "OrloParseInt(\"20\", 10, 20000)", "OrloTuningParseLine()",
+                          "OrloTuningParseLine()", "OrloTuningRelease()"));
+}
+
+TEST_F(SettingsFileTest, LinesWithoutASettingAreSkippedWhateverTheirCode) {
+  EXPECT_EQ(loadText("?1\n?-2\n?255\ntarnik.file.maxno=20\n?2147483647\n"), 0);
+  EXPECT_EQ(getSettings().file.maxno, 20);
+}
+
+TEST_F(SettingsFileTest, MinusOneIsTheEnd) {
+  EXPECT_EQ(loadText("tarnik.file.maxno=20\n?-1\ntarnik.file.maxno=30\n"), 0);
+  EXPECT_EQ(getSettings().file.maxno, 20);
+}
+
+TEST_F(SettingsFileTest, StopsAtARejectedLineAndKeepsTheEarlierOnes) {
+  EXPECT_EQ(loadText("tarnik.file.maxno=20\ntarnik.file.maxsize=1023\ntarnik.brund.qsize=60\n"), 1);
+  EXPECT_EQ(getSettings().file.maxno, 20);
+  EXPECT_EQ(getSettings().file.maxsize, 1048576);
+  EXPECT_EQ(getSettings().brund.qsize, 5000);
+  EXPECT_THAT(
+      sdk().entries(),
+      ElementsAre("OrloTuningAlloc(stream)", "OrloTuningParseLine()",
+                  "OrloParseInt(\"20\", 10, 20000)", "OrloTuningParseLine()",
+                  "OrloParseInt(\"1023\", 1024, 10485760)",
+                  "<3>Error: loadTarnikCfg: Invalid value: maxsize=1023", "OrloTuningRelease()"));
+}
+
+TEST_F(SettingsFileTest, TheDebugLineOfARejectionComesBeforeTheRelease) {
+  OrloLogDebugLevel = 1;
+  EXPECT_EQ(loadText("tarnik.enabled=maybe\n"), 1);
+  EXPECT_THAT(
+      sdk().entries(),
+      ElementsAre("OrloTuningAlloc(stream)", "OrloTuningParseLine()", "OrloParseBool(\"maybe\")",
+                  "<7>Debug: load: Failed to load base cfg", "OrloTuningRelease()"));
+}
+
+TEST_F(SettingsFileTest, NoParserToBeHad) {
+  sdk().failWhere("OrloTuningAlloc");
+  EXPECT_EQ(loadText("tarnik.file.maxno=20\n"), 1);
+  EXPECT_THAT(sdk().entries(), ElementsAre("OrloTuningAlloc(stream)"));
+  sdk().clear();
+  OrloLogDebugLevel = 1;
+  EXPECT_EQ(load(getSettings(), path_.c_str()), 1);
+  EXPECT_THAT(sdk().entries(), ElementsAre("OrloTuningAlloc(stream)",
+                                           "<7>Debug: load: Failed to allocate orlo tuning"));
+  EXPECT_EQ(getSettings().file.maxno, 1000);
+}
+
+TEST_F(SettingsFileTest, NoDescriptorStaysOpen) {
+  const OwnedFd before(::dup(0));
+  EXPECT_EQ(loadText("tarnik.file.maxno=20\n"), 0);
+  EXPECT_EQ(loadText("tarnik.file.maxno=9\n"), 1);
+  sdk().failWhere("OrloTuningAlloc");
+  EXPECT_EQ(loadText(""), 1);
+  const OwnedFd after(::dup(0));
+  EXPECT_EQ(after.get(), before.get() + 1);
+}
+
+}  // namespace
+}  // namespace tarnik::test

@@ -1,0 +1,131 @@
+#include "daemon/testing/daemon_fixture.h"
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+#include "base/owned.h"
+#include "base/paths.h"
+#include "daemon/callbacks.h"
+#include "daemon/entry.h"
+#include "daemon/options.h"
+#include "daemon/settings.h"
+#include "daemon/state.h"
+#include "tests/support/captured_log.h"
+
+namespace tarnik::test {
+namespace {
+
+int recordFd = -1;
+
+void writeRecord() {
+  for (const std::string& entry : sdk().entries()) {
+    dprintf(recordFd, "%s\n", entry.c_str());
+  }
+}
+
+[[noreturn]] void runInChild(const std::vector<std::string>& arguments) {
+  std::atexit(writeRecord);
+  std::vector<std::string> texts{"/usr/sbin/tarnikd"};
+  texts.insert(texts.end(), arguments.begin(), arguments.end());
+  std::vector<char*> pointers;
+  for (std::string& text : texts) {
+    pointers.push_back(text.data());
+  }
+  pointers.push_back(nullptr);
+  std::exit(tarnikMain(static_cast<int>(texts.size()), pointers.data()));
+}
+
+std::string readAll(int fd) {
+  std::string text;
+  std::array<char, 4096> buffer{};
+  for (;;) {
+    const ssize_t count = ::read(fd, buffer.data(), buffer.size());
+    if (count <= 0) {
+      return text;
+    }
+    text.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+}
+
+}  // namespace
+
+DaemonTest::DaemonTest() {
+  resetSdk();
+  options = Options();
+  getSettings() = TarnikSettings();
+  DaemonState = 0;
+  optind = 0;  // makes the option library start anew
+  clearLog();
+  onLogLine([](const LogLine& line) {
+    sdk().record("<" + std::to_string(line.priority) + ">" + line.text);
+  });
+  sdk().nameOf(onTerminate, "onTerminate");
+  sdk().nameOf(onReload, "onReload");
+  sdk().nameOf(onRestart, "onRestart");
+  sdk().nameOf(onTimeout, "onTimeout");
+  sdk().nameOf(onCacheExpiry, "onCacheExpiry");
+  sdk().nameOf(onCommand, "onCommand");
+}
+
+DaemonTest::~DaemonTest() {
+  onLogLine(nullptr);
+}
+
+Record withoutParsing(const Record& record) {
+  Record result = record;
+  std::erase_if(result, [](const std::string& entry) {
+    return entry.starts_with("OrloTuning") || entry.starts_with("OrloParse");
+  });
+  return result;
+}
+
+Record startingWith(const Record& record, const std::vector<std::string>& prefixes) {
+  Record result;
+  std::copy_if(record.begin(), record.end(), std::back_inserter(result),
+               [&prefixes](const std::string& entry) {
+                 return std::any_of(
+                     prefixes.begin(), prefixes.end(),
+                     [&entry](const std::string& prefix) { return entry.starts_with(prefix); });
+               });
+  return result;
+}
+
+Outcome runDaemon(const std::vector<std::string>& arguments) {
+  const OwnedFd errors(::open("/tmp", O_TMPFILE | O_RDWR, 0600));
+  const OwnedFd record(::open("/tmp", O_TMPFILE | O_RDWR, 0600));
+  EXPECT_TRUE(errors && record);
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    recordFd = record.get();
+    ::dup2(errors.get(), STDERR_FILENO);
+    runInChild(arguments);
+  }
+  int status = 0;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  ::lseek(errors.get(), 0, SEEK_SET);
+  ::lseek(record.get(), 0, SEEK_SET);
+  Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, {}, readAll(errors.get())};
+  const std::string text = readAll(record.get());
+  for (std::size_t begin = 0; begin < text.size();) {
+    const std::size_t end = text.find('\n', begin);
+    outcome.record.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return outcome;
+}
+
+void writeConfig(std::string_view text) {
+  std::remove(kConfigPath);
+  std::ofstream(kConfigPath) << text;
+}
+
+}  // namespace tarnik::test
