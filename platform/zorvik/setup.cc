@@ -158,6 +158,9 @@ int unload() {
   }
   ::unlink(ZORVIK_CTL_NODE);
   ::unlink(ZORVIK_NET_DATA_NODE);
+  // Processes that keep this state mapped are to find none of a later driver's nodes in it.
+  driver->state().ctlInode = 0;
+  driver->state().netInode = 0;
   return 0;
 }
 

@@ -85,11 +85,11 @@ struct Faults {
 };
 
 struct State {
-  std::uint64_t magic;        // fixed
-  std::uint64_t size;         // fixed: bytes of the state file
-  std::uint64_t device;       // fixed: st_dev of all nodes
-  std::uint64_t ctlInode;     // fixed
-  std::uint64_t netInode;     // fixed
+  std::uint64_t magic;     // fixed
+  std::uint64_t size;      // fixed: bytes of the state file
+  std::uint64_t device;    // fixed: st_dev of all nodes
+  std::uint64_t ctlInode;  // fixed until unloaded, then 0; the next too
+  std::uint64_t netInode;
   std::uint32_t payloadSize;  // fixed
   std::uint32_t buffers;      // fixed: of all classes
   std::uint32_t classes;      // fixed
