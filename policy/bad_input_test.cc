@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 
 #include "policy/capture_info.h"
@@ -170,6 +171,20 @@ TEST_F(BadInputTest, DuplicateKeysAreKept) {
   EXPECT_EQ(found.rules.size(), 4u);
 }
 
+// Each of 2,000 equal lines asks for capture of all 2,000: four million lines of template.
+TEST_F(BadInputTest, DuplicateReferencesMultiplyInTheTemplateAlone) {
+  std::string content;
+  for (int line = 0; line < 2000; ++line) {
+    content += "ips.responses.object.cap1 = tarnik:\n";
+  }
+  writeFile("/etc/ips.conf", content);
+  expectWithin(4, [] { return createIpsInfoTemplate(); });
+  const std::string line = "ips.responses.object.cap1=tarnik:\n";
+  EXPECT_EQ(std::filesystem::file_size("/var/support/tarnik/template.ips"), 4000000 * line.size());
+  std::filesystem::remove("/var/support/tarnik/template.ips");
+  std::filesystem::remove("/etc/ips.conf");
+}
+
 TEST_F(BadInputTest, AMillionSettingsThatAskForNothingTakeNoMemory) {
   std::string content;
   for (int line = 0; line < 1000000; ++line) {
@@ -186,8 +201,8 @@ TEST_F(BadInputTest, AMillionSettingsThatAskForNothingTakeNoMemory) {
       return false;
     }
     RulesByReference byReference(policy.c_str(), references);
-    Rules rules;
-    return byReference.get("u1", rules) && rules.size() == 2;
+    std::vector<RuleSpan> rules;
+    return byReference.get("u1", rules) && rules[0].size() == 2;
   });
 }
 
@@ -205,9 +220,9 @@ TEST_F(BadInputTest, AMillionReferencesFromOneRead) {
     }
     RulesByReference byReference(policy.c_str(), references);
     for (const std::string& reference : references) {
-      Rules rules;
-      if (!byReference.get(reference, rules) || rules.size() != 1 ||
-          rules[0].first != "ips.responses.object." + reference) {
+      std::vector<RuleSpan> rules;
+      if (!byReference.get(reference, rules) || rules[0].size() != 1 ||
+          rules[0][0]->first != "ips.responses.object." + reference) {
         return false;
       }
     }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <span>
 #include <string>
 
 #include "policy/capture_rules.h"
@@ -29,8 +30,9 @@ struct CaptureInfo {
            std::int64_t flow);
 };
 
-// Writes "key=value" lines, replacing the file. False, with a log line, when it cannot be opened.
-[[nodiscard]] bool writeInfoTemplate(const char* path, const Rules& rules);
+// Writes the rules of all spans as "key=value" lines, replacing the file. False, with a log line,
+// when it cannot be opened. A full disk cuts the file short.
+[[nodiscard]] bool writeInfoTemplate(const char* path, std::span<const RuleSpan> rules);
 
 // Main thread. Write the template of all IPS captures, and one template for each NAP rule that
 // asks for capture; without such rules nothing is written, which is success.

@@ -3,6 +3,8 @@
 #include <orlo_sdk.h>
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
 #include <cstring>
 
 #include "base/log.h"
@@ -91,16 +93,29 @@ RulesByReference::RulesByReference(const char* path, const References& reference
     }
     entries_.push_back({reference, prefix, {}});
   }
+  window_ = sizeof(std::uint64_t);
+  for (const Entry& entry : entries_) {
+    window_ = std::min(window_, entry.reference.size());
+  }
+  begins_.resize(std::bit_ceil(16 * entries_.size() + 1024));
+  for (const Entry& entry : entries_) {
+    begins_[hash(entry.reference)] = true;
+  }
 }
 
-bool RulesByReference::get(const std::string& reference, Rules& rules) {
+std::size_t RulesByReference::hash(std::string_view text) const {
+  std::uint64_t word = 0;
+  std::memcpy(&word, text.data(), window_);
+  const std::uint64_t mixed = word * 0x9e3779b97f4a7c15;
+  return static_cast<std::size_t>(mixed >> 32) & (begins_.size() - 1);
+}
+
+bool RulesByReference::get(const std::string& reference, std::vector<RuleSpan>& rules) {
   TARNIK_DEBUG(3, "Debug: %s: %s", "getTarnikRules", path_);
   const bool whole = read_ || read();
   const auto entry = std::ranges::lower_bound(entries_, reference, {}, &Entry::reference);
   if (entry != entries_.end() && entry->reference == reference) {
-    for (const std::size_t rule : entry->rules) {
-      rules.push_back(settings_[rule]);
-    }
+    rules.emplace_back(entry->rules);
   }
   return whole;
 }
@@ -111,26 +126,31 @@ bool RulesByReference::read() {
   return read_;
 }
 
-// Finds every reference in the key. The references that a text begins with are all prefixes of
-// the last entry that is not behind the text in the order, or that entry itself: what lies in the
-// order between a prefix of the text and the text begins with that prefix, too.
+// Finds every reference in the key. Where none can begin, as almost everywhere, the hash tells so.
+// Elsewhere the order of the entries finds them: the references that a text begins with are all
+// prefixes of the last entry that is not behind the text in the order, or that entry itself: what
+// lies in the order between a prefix of the text and the text begins with that prefix, too.
 void RulesByReference::add(std::string_view key, std::string_view value) {
-  const std::size_t rule = settings_.size();
-  bool mentioned = false;
-  for (std::string_view text = key; !text.empty(); text.remove_prefix(1)) {
+  const Rule* rule = nullptr;
+  for (std::string_view text = key; !text.empty() && text.size() >= window_;
+       text.remove_prefix(1)) {
+    if (!begins_[hash(text)]) {
+      continue;
+    }
     const auto behind = std::ranges::upper_bound(entries_, text, {}, &Entry::reference);
     auto at = static_cast<std::size_t>(behind - entries_.begin()) - 1;  // kNone before the first
     for (; at != kNone; at = entries_[at].prefix) {
       Entry& entry = entries_[at];
-      const bool known = !entry.rules.empty() && entry.rules.back() == rule;
-      if (!known && text.starts_with(entry.reference)) {
+      if (!text.starts_with(entry.reference)) {
+        continue;
+      }
+      if (rule == nullptr) {
+        rule = &rules_.emplace_back(key, value);
+      }
+      if (entry.rules.empty() || entry.rules.back() != rule) {
         entry.rules.push_back(rule);
-        mentioned = true;
       }
     }
-  }
-  if (mentioned) {
-    settings_.emplace_back(key, value);
   }
 }
 

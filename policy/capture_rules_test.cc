@@ -1,6 +1,7 @@
 #include "policy/capture_rules.h"
 
 #include <algorithm>
+#include <iterator>
 #include <random>
 
 #include "policy/policy_test.h"
@@ -179,26 +180,35 @@ TEST_F(CaptureRulesTest, RulesBeforeAMalformedLineStay) {
 
 // ---- Many references from one read ----------------------------------------------------------
 
+Rules flat(const std::vector<RuleSpan>& spans) {
+  Rules rules;
+  for (const RuleSpan span : spans) {
+    std::ranges::transform(span, std::back_inserter(rules), [](const Rule* rule) { return *rule; });
+  }
+  return rules;
+}
+
 TEST_F(CaptureRulesTest, OneReadServesEveryReference) {
   const std::string policy = file("cap1.a = 1\ncap2.cap1 = 2\nother = 3\ncap1cap1 = 4\n");
   const References references = {"cap2", "cap1", "missing", "cap1"};
   RulesByReference byReference(policy.c_str(), references);
   EXPECT_EQ(platform.parsersMade, 0);
-  Rules rules = {{"before", "0"}};
+  std::vector<RuleSpan> rules;
   for (const std::string& reference : references) {
     EXPECT_TRUE(byReference.get(reference, rules));
   }
   EXPECT_EQ(platform.parsersMade, 1);
-  EXPECT_THAT(rules, ElementsAre(Pair("before", "0"), Pair("cap2.cap1", "2"), Pair("cap1.a", "1"),
-                                 Pair("cap2.cap1", "2"), Pair("cap1cap1", "4"), Pair("cap1.a", "1"),
-                                 Pair("cap2.cap1", "2"), Pair("cap1cap1", "4")));
+  EXPECT_THAT(flat(rules),
+              ElementsAre(Pair("cap2.cap1", "2"), Pair("cap1.a", "1"), Pair("cap2.cap1", "2"),
+                          Pair("cap1cap1", "4"), Pair("cap1.a", "1"), Pair("cap2.cap1", "2"),
+                          Pair("cap1cap1", "4")));
 }
 
 TEST_F(CaptureRulesTest, OneReadLogsLikeOneForEachReference) {
   const std::string policy = file("a = 1\n");
   const References references = {"a", "b"};
   RulesByReference byReference(policy.c_str(), references);
-  Rules rules;
+  std::vector<RuleSpan> rules;
   setDebugLevel(4);
   EXPECT_TRUE(byReference.get("a", rules));
   EXPECT_TRUE(byReference.get("b", rules));
@@ -210,13 +220,13 @@ TEST_F(CaptureRulesTest, OneReadFailsLikeTheFirstOfMany) {
   const References references = {"cap1", "cap2"};
   const std::string policy = file("cap1 = 1\ncap2 = 2\nalone\ncap1 = 3\n");
   RulesByReference malformed(policy.c_str(), references);
-  Rules rules;
+  std::vector<RuleSpan> rules;
   EXPECT_FALSE(malformed.get("cap1", rules));
-  EXPECT_THAT(rules, ElementsAre(Pair("cap1", "1")));
+  EXPECT_THAT(flat(rules), ElementsAre(Pair("cap1", "1")));
   const std::string missing = path("missing");
   RulesByReference nowhere(missing.c_str(), references);
   EXPECT_FALSE(nowhere.get("cap1", rules));
-  EXPECT_THAT(rules, ElementsAre(Pair("cap1", "1")));
+  EXPECT_THAT(flat(rules), ElementsAre(Pair("cap1", "1")));
   EXPECT_THAT(logLines(),
               ElementsAre(errorLine("Error: getTarnikRules: Malformed tuning param (line=3)"),
                           errorLine("Error: Failed to open: " + missing)));
@@ -227,7 +237,7 @@ TEST_F(CaptureRulesTest, OneReadFailsLikeTheFirstOfMany) {
 }
 
 // References and keys from a small alphabet overlap in every way: one within, before, behind or
-// equal to another.
+// equal to another. The shortest reference of a round has 0 to 11 bytes.
 TEST_F(CaptureRulesTest, OneReadFindsWhatManyReadsFind) {
   std::mt19937 random(4);
   const auto word = [&random](std::size_t shortest, std::size_t longest) {
@@ -235,25 +245,32 @@ TEST_F(CaptureRulesTest, OneReadFindsWhatManyReadsFind) {
     std::ranges::generate(text, [&random] { return "ab_\xc3"[random() % 4]; });
     return text;
   };
-  for (int round = 0; round < 200; ++round) {
+  std::size_t mentions = 0;
+  for (std::size_t round = 0; round < 240; ++round) {
+    const std::size_t shortest = round % 12;
     std::string content;
-    for (int line = 0; line < 40; ++line) {
-      content += word(1, 9) + " = " + std::to_string(line) + "\n";
-    }
     References references;
-    for (std::size_t count = random() % 30; count > 0; --count) {
-      references.push_back(word(0, 5));
+    for (unsigned line = 0; line < 40; ++line) {
+      const std::string key = word(1, 16);
+      content += key + " = " + std::to_string(line) + "\n";
+      if (random() % 3 == 0 && key.size() > shortest) {
+        references.push_back(key.substr(random() % (key.size() - shortest), shortest + line % 3));
+      } else if (random() % 3 == 0) {
+        references.push_back(word(shortest, shortest + 4));
+      }
     }
     const std::string policy = file(content);
     RulesByReference byReference(policy.c_str(), references);
     for (const std::string& reference : references) {
       Rules expected;
-      Rules found;
+      std::vector<RuleSpan> spans;
       ASSERT_TRUE(getTarnikRules(policy.c_str(), reference, expected));
-      ASSERT_TRUE(byReference.get(reference, found));
-      ASSERT_EQ(found, expected) << reference << " in\n" << content;
+      ASSERT_TRUE(byReference.get(reference, spans));
+      ASSERT_EQ(flat(spans), expected) << reference << " in\n" << content;
+      mentions += expected.size();
     }
   }
+  EXPECT_GT(mentions, 2000u);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "base/log.h"
 #include "base/owned.h"
@@ -9,14 +10,18 @@
 
 namespace tarnik {
 
-bool writeInfoTemplate(const char* path, const Rules& rules) {
+bool writeInfoTemplate(const char* path, std::span<const RuleSpan> rules) {
   const Stream stream(std::fopen(path, "we"));
   if (!stream) {
     TARNIK_ERROR("Error: %s: Failed to open: %s, errno=%d", "writeInfoTemplate", path, errno);
     return false;
   }
-  for (const auto& [key, value] : rules) {
-    std::fprintf(stream.get(), "%s=%s\n", key.c_str(), value.c_str());
+  for (const RuleSpan span : rules) {
+    for (const Rule* rule : span) {
+      if (std::fprintf(stream.get(), "%s=%s\n", rule->first.c_str(), rule->second.c_str()) < 0) {
+        return true;
+      }
+    }
   }
   return true;
 }
@@ -30,7 +35,7 @@ bool createIpsInfoTemplate() {
     return true;
   }
   RulesByReference byReference(kIpsPolicyPath, references);
-  Rules rules;
+  std::vector<RuleSpan> rules;
   for (const std::string& reference : references) {
     if (!byReference.get(reference, rules)) {
       return false;
@@ -46,7 +51,7 @@ bool createNapInfoTemplates() {
   }
   RulesByReference byReference(kNapPolicyPath, references);
   for (const std::string& reference : references) {
-    Rules rules;
+    std::vector<RuleSpan> rules;
     const std::string path = kNapTemplatePrefix + reference;
     if (!byReference.get(reference, rules) || !writeInfoTemplate(path.c_str(), rules)) {
       return false;

@@ -34,8 +34,12 @@ class InfoTemplateTest : public PolicyTest {
 TEST_F(InfoTemplateTest, OneLineForEachRuleReplacesTheFile) {
   const std::string info = path("template");
   writeFile(info, "old content that is longer than the new one");
-  EXPECT_TRUE(writeInfoTemplate(info.c_str(), {{"b", "2"}, {"a", "x = %s # \"y\""}, {"b", ""}}));
-  EXPECT_THAT(readFile(info), Optional(std::string("b=2\na=x = %s # \"y\"\nb=\n")));
+  const Rule rules[] = {{"b", "2"}, {"a", "x = %s # \"y\""}, {"b", ""}};
+  const Rule* const first[] = {&rules[0], &rules[1]};
+  const Rule* const second[] = {&rules[2], &rules[0]};
+  const RuleSpan spans[] = {first, {}, second};
+  EXPECT_TRUE(writeInfoTemplate(info.c_str(), spans));
+  EXPECT_THAT(readFile(info), Optional(std::string("b=2\na=x = %s # \"y\"\nb=\nb=2\n")));
   EXPECT_TRUE(writeInfoTemplate(info.c_str(), {}));
   EXPECT_THAT(readFile(info), Optional(std::string()));
   EXPECT_THAT(logLines(), IsEmpty());
@@ -43,8 +47,8 @@ TEST_F(InfoTemplateTest, OneLineForEachRuleReplacesTheFile) {
 
 TEST_F(InfoTemplateTest, UnwritableTemplateIsAnError) {
   const std::string info = path("missing/template");
-  EXPECT_FALSE(writeInfoTemplate(info.c_str(), {{"a", "1"}}));
-  EXPECT_FALSE(writeInfoTemplate("/tmp", {{"a", "1"}}));
+  EXPECT_FALSE(writeInfoTemplate(info.c_str(), {}));
+  EXPECT_FALSE(writeInfoTemplate("/tmp", {}));
   EXPECT_THAT(
       logLines(),
       ElementsAre(errorLine("Error: writeInfoTemplate: Failed to open: " + info + ", errno=2"),
