@@ -15,10 +15,12 @@ using namespace tarnik::zorlib;
 namespace {
 
 FrameList& listFor(zorlib_ifg& ifg, std::uint32_t bufferSize) noexcept {
-  if (bufferSize <= ZORVIK_FRM_SMALL) {
+  constexpr std::uint32_t kSmall = 2048;
+  constexpr std::uint32_t kMedium = 16384;
+  if (bufferSize <= kSmall) {
     return ifg.cached[0];
   }
-  return ifg.cached[bufferSize <= ZORVIK_FRM_MEDIUM ? 1 : 2];
+  return ifg.cached[bufferSize <= kMedium ? 1 : 2];
 }
 
 // The lists' nodes, one a descriptor; null without memory.

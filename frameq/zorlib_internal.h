@@ -89,7 +89,7 @@ struct zorlib_ifg {
   // One a descriptor; made by the first batch allocation, gone with the handle.
   std::unique_ptr<tarnik::FrameNode[]> nodes;
   std::atomic<std::uint32_t> refs{0};
-  std::array<tarnik::FrameList, ZORVIK_FRM_CLASSES> cached;  // one a buffer size
+  std::array<tarnik::FrameList, 3> cached;  // small, medium and large buffers
 };
 
 struct zorlib_q {

@@ -28,12 +28,6 @@
 #define ZORVIK_NAME_MAX 16u /* characters of a group's or queue's name, NUL not counted */
 #define ZORVIK_ENUM_MAX 32u /* records of an enumeration */
 
-/* The pool's buffers come in three sizes; a frame's own is in its descriptor's buf_size. */
-#define ZORVIK_FRM_CLASSES 3u
-#define ZORVIK_FRM_SMALL 256u
-#define ZORVIK_FRM_MEDIUM 2048u
-#define ZORVIK_FRM_LARGE 65536u
-
 /* ---- Requests on a group's control node -------------------------------------------------*/
 
 #define ZORVIK_IF_MAX 32u /* interfaces of a group */
@@ -115,13 +109,15 @@ struct zorvik_qpair_cfg {
   uint64_t cpu_mask;
 };
 
-/* Counters since the group was created. */
+/* The counters count from the group's creation. */
 struct zorvik_ifg_stats {
-  uint32_t frm_count;                    /* descriptors of the pool, index 0 not counted */
-  uint32_t frm_free[ZORVIK_FRM_CLASSES]; /* of them free now, by buffer size */
-  uint64_t frm_allocs;                   /* frames given out */
-  uint64_t frm_frees;                    /* frames taken back */
-  uint64_t frm_alloc_failures;           /* requests that found none */
+  uint32_t frm_count;          /* descriptors, the unused first one not counted */
+  uint32_t frm_free;           /* of them free now */
+  uint32_t buf_count;          /* buffers, of every group */
+  uint32_t buf_free;           /* of them free now */
+  uint64_t frm_allocs;         /* frames given out */
+  uint64_t frm_frees;          /* frames taken back */
+  uint64_t frm_alloc_failures; /* requests that found none */
 };
 
 /* ---- Requests on a group's frm_desc node ------------------------------------------------*/

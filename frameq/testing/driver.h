@@ -1,0 +1,63 @@
+// What the tests of this folder share: the driver stand-in inside the test program, with every
+// request recorded and a hand on its answers, and a hand on a few calls of the system library.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <ostream>
+#include <vector>
+
+#include "frameq/zorlib.h"
+#include "tests/support/captured_log.h"
+
+namespace tarnik::test {
+
+// Answers a request in the driver's place: with a result, or -errno. Nothing: the driver does it.
+using Answer = std::function<std::optional<int>(int fd, void* argument)>;
+void answer(unsigned long request, Answer with);
+void refuse(unsigned long request, int error);
+void answerNothing();
+
+// The numbers of the requests since the last clearRequests().
+[[nodiscard]] std::vector<unsigned long> requests();
+[[nodiscard]] int count(unsigned long request);
+void clearRequests();
+
+// The library's calls of the system.
+struct SystemCalls {
+  // access and usleep: counted; with `fakeNode` they touch nothing, and the node is there from
+  // the look `appearsAt` on and gone from `vanishesAt` on (counted from 1).
+  std::atomic<bool> fakeNode{false};
+  std::atomic<int> looks{0};
+  std::atomic<int> sleeps{0};
+  std::atomic<unsigned> longestSleep{0};  // microseconds
+  std::atomic<int> appearsAt{0};
+  std::atomic<int> vanishesAt{0};
+  // calloc, strdup and nothrow new fail with ENOMEM when this many more have been made.
+  std::atomic<int> allocationsLeft{-1};
+};
+extern SystemCalls systemCalls;
+
+// A loaded driver with the group "brund", nothing logged, debug level 0.
+class DriverTest : public ::testing::Test {
+ protected:
+  static constexpr std::uint32_t kFrames = 256;
+
+  void SetUp() override;
+  void TearDown() override;
+
+  static zorlib_ifg* openGroup();
+  static void createQueue(zorlib_ifg* ifg, std::uint32_t type = ZORVIK_Q_APP,
+                          std::uint32_t size = 16, const char* name = "TarnikQ");
+  static zorlib_q* openQueue(zorlib_ifg* ifg, std::uint32_t mode, const char* name = "TarnikQ");
+  static zorvik_frm_desc* allocFrame(zorlib_ifg* ifg, std::uint32_t size = 64);
+  // A further mapping of the queue's memory, as another process has it.
+  static zorvik_qmem* sharedMemory(zorlib_q* q);
+};
+
+}  // namespace tarnik::test
