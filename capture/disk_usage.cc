@@ -1,30 +1,21 @@
 #include "capture/disk_usage.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "base/log.h"
 #include "base/paths.h"
+#include "capture/directory.h"
 
 namespace tarnik {
-namespace {
-
-struct DirectoryCloser {
-  void operator()(DIR* directory) const noexcept { ::closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, DirectoryCloser>;
-
-}  // namespace
 
 void scanDiskUsage(std::uint64_t& diskUsed, std::uint64_t& filesUsed) {
   const Directory directory(::opendir(kCaptureDir));
   if (!directory) {
-    TARNIK_ERROR("Error: %s: Failed to open [%s]: %s", "UpdateUsageCounters", kCaptureDir,
+    TARNIK_ERROR("Error: %s: Failed to open [%s]: %s", kUsageOperation, kCaptureDir,
                  std::strerror(errno));
     return;
   }
@@ -35,19 +26,23 @@ void scanDiskUsage(std::uint64_t& diskUsed, std::uint64_t& filesUsed) {
     path.assign(kCaptureDir).append(entry->d_name);
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0) {
-      TARNIK_WARNING("Warning: %s: Failed to get disk size for [%s]: %s", "UpdateUsageCounters",
-                     path.c_str(), std::strerror(errno));
+      warnOfMissingStatus(path.c_str(), errno);
       continue;
     }
     diskUsed += static_cast<std::uint64_t>(status.st_size);
-    if (path.find(".pcap") != std::string::npos) {
+    if (isCaptureFile(path.c_str())) {
       ++filesUsed;
     }
   }
 }
 
 void DiskUsage::update(std::uint64_t& diskUsed, std::uint64_t& filesUsed) {
-  scanDiskUsage(diskUsed, filesUsed);
+  if (!ledger_.refresh()) {
+    scanDiskUsage(diskUsed, filesUsed);
+    return;
+  }
+  diskUsed = ledger_.bytes();
+  filesUsed = ledger_.captures();
 }
 
 }  // namespace tarnik
