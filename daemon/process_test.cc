@@ -1,0 +1,302 @@
+// The real daemon: starting, signals, reloading, stopping.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "daemon/testing/daemon_process.h"
+
+namespace tarnik::test {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace fs = std::filesystem;
+
+constexpr char kConfig[] = "/etc/tarnik.conf";
+
+// The lines of the daemon itself, without those of the capture side that finds no driver here.
+std::vector<std::string> ownLines(std::vector<std::string> lines) {
+  std::erase_if(lines, [](const std::string& line) {
+    return line.find("onReload") == std::string::npos && line.find("Daemon") == std::string::npos &&
+           line.find("Event: ") == std::string::npos &&
+           line.find("onTerminate") == std::string::npos &&
+           line.find("onRestart") == std::string::npos &&
+           line.find("exit status") == std::string::npos;
+  });
+  return lines;
+}
+
+class ProcessTest : public ::testing::Test {
+ protected:
+  ProcessTest() {
+    prepareRoot();
+    writeFile(kConfig, "tarnik.debuglevel = 1\n");
+  }
+
+  static std::uint8_t state() {
+    const Client client;
+    const std::optional<Bytes> response = client.ask(Message().bytes());
+    return response && response->size() == 23 ? response->at(21) : 255;
+  }
+};
+
+// A daemon that answers.
+struct Running : DaemonProcess {
+  Running() { waitFor("Daemon started"); }
+};
+
+TEST_F(ProcessTest, StartsAndStops) {
+  Running daemon;
+  EXPECT_EQ(state(), 2);
+  EXPECT_TRUE(fs::is_socket("/run/orlo/tarnikd.sock"));
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_FALSE(fs::exists("/run/orlo/tarnikd.sock"));
+  EXPECT_THAT(
+      ownLines(daemon.log()),
+      ElementsAre("onReload: Reloading", "Debug: tarnikd Daemon started",
+                  "onTerminate: Received SIGTERM, exiting", "Debug: tarnikd Daemon stopping...",
+                  "Debug: tarnikd Daemon stopped", "Debug: tarnikd: exit status=0"));
+}
+
+TEST_F(ProcessTest, ExitStatusBySignal) {
+  const struct {
+    int signal;
+    int status;
+    const char* line;
+  } cases[] = {
+      {SIGTERM, 0, "onTerminate: Received SIGTERM, exiting"},
+      {SIGQUIT, 0, "onTerminate: Received SIGTERM, exiting"},
+      {SIGINT, 0, "onTerminate: Received SIGTERM, exiting"},
+      {SIGUSR1, 2, "onRestart: Restarting"},
+  };
+  for (const auto& [signal, status, line] : cases) {
+    Running daemon;
+    daemon.signal(signal);
+    EXPECT_EQ(daemon.wait(), status) << signal;
+    EXPECT_THAT(daemon.log(), Contains(line));
+    EXPECT_EQ(daemon.log().back(), "Debug: tarnikd: exit status=" + std::to_string(status));
+  }
+}
+
+TEST_F(ProcessTest, HangupReloadsAndRegeneratesTheTemplates) {
+  Running daemon;
+  writeFile("/var/support/tarnik/template.old", "");
+  writeFile("/etc/ips.conf", "ips.responses.object.one=tarnik:x\n");
+  daemon.mark();
+  daemon.signal(SIGHUP);
+  ASSERT_TRUE(daemon.waitFor("Daemon started"));
+  EXPECT_THAT(ownLines(daemon.newLog()),
+              ElementsAre("onReload: Reloading", "Debug: tarnikd Daemon configuration reloading",
+                          "Debug: tarnikd Daemon started"));
+  EXPECT_FALSE(fs::exists("/var/support/tarnik/template.old"));
+  EXPECT_TRUE(fs::exists("/var/support/tarnik/template.ips"));
+  EXPECT_EQ(state(), 2);
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(ProcessTest, AnInvalidReloadLeavesItRunningInStateSeven) {
+  Running daemon;
+  writeFile(kConfig, "tarnik.debuglevel=0\ntarnik.file.maxsize=1023\n");
+  daemon.mark();
+  daemon.signal(SIGHUP);
+  ASSERT_TRUE(daemon.waitFor("configuration invalid"));
+  EXPECT_THAT(
+      ownLines(daemon.newLog()),
+      ElementsAre("onReload: Reloading", "Debug: tarnikd Daemon configuration reloading",
+                  "Error: onReload: Failed to reload base configuration",
+                  "Event: VRK_events: VRKUA0006E", "Error: tarnikd Daemon configuration invalid"));
+  EXPECT_THAT(daemon.newLog(), Contains("Error: loadTarnikCfg: Invalid value: maxsize=1023"));
+  EXPECT_EQ(state(), 7);
+  writeFile(kConfig, "tarnik.debuglevel=1\n");
+  daemon.signal(SIGHUP);
+  ASSERT_TRUE(daemon.waitFor("Daemon started"));
+  EXPECT_EQ(state(), 2);
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(ProcessTest, AReloadFailsAtEachTemplateGenerator) {
+  Running daemon;
+  fs::remove("/etc/ips.conf");
+  daemon.signal(SIGHUP);
+  EXPECT_TRUE(daemon.waitFor("Error: onReload: Failed to generated IPS info template"));
+  EXPECT_EQ(state(), 7);
+  writeFile("/etc/ips.conf", "");
+  fs::remove("/etc/acl.conf");
+  daemon.signal(SIGHUP);
+  EXPECT_TRUE(daemon.waitFor("Error: onReload: Failed to generated NAP info templates"));
+  EXPECT_EQ(state(), 7);
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(ProcessTest, AReloadRequestAndAHangupTogether) {
+  Running daemon;
+  daemon.mark();
+  const Client client;
+  daemon.signal(SIGSTOP);
+  client.send(Message{.type = 1}.bytes());
+  daemon.signal(SIGHUP);
+  daemon.signal(SIGCONT);
+  EXPECT_TRUE(client.receive().has_value());
+  EXPECT_TRUE(daemon.waitFor("Daemon started", 2));
+  EXPECT_EQ(state(), 2);
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(ProcessTest, OpensAsManyFilesAsItMay) {
+  rlimit former{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
+  const rlimit low{256, former.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  Running daemon;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &former), 0);
+  rlimit limit{};
+  ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+  EXPECT_EQ(limit.rlim_cur, former.rlim_max);
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(ProcessTest, ASecondOneIsRefused) {
+  Running daemon;
+  DaemonProcess second;
+  EXPECT_EQ(second.wait(), 1);
+  const std::vector<std::string> log = second.log();
+  ASSERT_EQ(log.size(), 3U);
+  EXPECT_EQ(log[0], "Event: VRK_events: VRKUA0007E");
+  EXPECT_EQ(log[1], "Error: tarnikd Daemon failed to start");
+  EXPECT_THAT(log[2], ::testing::StartsWith(
+                          "Fatal error: main: Failed to create command interface: another "
+                          "tarnikd runs"));
+  EXPECT_EQ(state(), 2);
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(ProcessTest, RefusedCommandLine) {
+  DaemonProcess daemon({"-D", "--help"});
+  EXPECT_EQ(daemon.wait(), 1);
+  EXPECT_THAT(daemon.log(), ElementsAre("Usage: tarnikd [-D] [--nodaemon] [-v] [--verbose]"));
+}
+
+TEST_F(ProcessTest, DetachesAndServes) {
+  DaemonProcess launcher{std::vector<std::string>()};
+  EXPECT_EQ(launcher.wait(), 0);
+  int pid = 0;
+  std::ifstream("/run/orlo/tarnikd.pid") >> pid;
+  ASSERT_GT(pid, 1);
+  for (int i = 0; i < 1000 && !fs::exists("/run/orlo/tarnikd.sock"); ++i) {
+    ::usleep(10000);
+  }
+  EXPECT_EQ(state(), 2);
+  EXPECT_EQ(::getsid(pid) == ::getsid(0), false);
+  ASSERT_EQ(::kill(pid, SIGTERM), 0);
+  for (int i = 0; i < 1000 && fs::exists("/run/orlo/tarnikd.sock"); ++i) {
+    ::usleep(10000);
+  }
+  EXPECT_FALSE(fs::exists("/run/orlo/tarnikd.sock"));
+  EXPECT_THAT(launcher.log(), ::testing::IsEmpty());
+}
+
+// ---- what stands where the configuration should be
+
+class BadConfigurationTest : public ProcessTest {
+ protected:
+  BadConfigurationTest() { fs::remove(kConfig); }
+
+  // It cannot be read: a start fails, and a running daemon goes on.
+  static void refused() {
+    DaemonProcess failing;
+    EXPECT_EQ(failing.wait(), 1);
+    EXPECT_THAT(
+        failing.log(),
+        ElementsAre("onReload: Reloading", "Error: onReload: Failed to reload base configuration",
+                    "Event: VRK_events: VRKUA0006E", "Error: tarnikd Daemon configuration invalid",
+                    "Fatal error: tarnikd: Failed to load the configuration"));
+    const fs::path aside = "/etc/tarnik.conf.aside";
+    if (fs::exists(kConfig)) {
+      fs::rename(kConfig, aside);
+    }
+    writeFile(kConfig, "tarnik.debuglevel=1\n");
+    Running daemon;
+    fs::remove(kConfig);
+    if (fs::exists(aside)) {
+      fs::rename(aside, kConfig);
+    }
+    daemon.signal(SIGHUP);
+    EXPECT_TRUE(daemon.waitFor("Debug: load: Failed to open config: /etc/tarnik.conf"));
+    EXPECT_EQ(state(), 7);
+    EXPECT_EQ(daemon.stop(), 0);
+  }
+};
+
+TEST_F(BadConfigurationTest, Missing) {
+  refused();
+}
+
+TEST_F(BadConfigurationTest, Directory) {
+  fs::create_directory(kConfig);
+  refused();
+}
+
+TEST_F(BadConfigurationTest, PipeThatNobodyWrites) {
+  ASSERT_EQ(::mkfifo(kConfig, 0644), 0);
+  refused();
+}
+
+TEST_F(BadConfigurationTest, Device) {
+  fs::create_symlink("/dev/zero", kConfig);
+  refused();
+}
+
+// Lines that carry no setting are passed over, however long they are.
+TEST_F(BadConfigurationTest, OneGibibyteOfOneLine) {
+  writeFile(kConfig, "tarnik.file.maxno=20\n");
+  fs::resize_file(kConfig, 1UL << 30);
+  DaemonProcess daemon;
+  ASSERT_TRUE(daemon.waitFor("onReload: Reloading"));
+  EXPECT_EQ(state(), 2);
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_LT(daemon.usage().ru_maxrss, 512 * 1024) << "KiB";
+}
+
+TEST_F(BadConfigurationTest, Binary) {
+  std::ofstream file(kConfig, std::ios::binary);
+  std::uint32_t random = 1;
+  for (int i = 0; i < 1 << 20; ++i) {
+    random = random * 1664525 + 1013904223;
+    file.put(static_cast<char>(random >> 24));
+  }
+  file << "\ntarnik.file.maxno=20\n";
+  file.close();
+  DaemonProcess daemon;
+  ASSERT_TRUE(daemon.waitFor("onReload: Reloading"));
+  EXPECT_EQ(state(), 2);
+  daemon.mark();
+  const Client client;
+  client.send(Message{.type = 3}.bytes());
+  EXPECT_TRUE(daemon.waitFor("tarnik.file.maxno=20"));
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(ProcessTest, SaysThatItCannotWrite) {
+  fs::remove_all("/var/support/tarnik");
+  Running daemon;
+  EXPECT_TRUE(daemon.waitFor(
+      "Error: main: Cannot write to [/var/support/tarnik/]: No such file or directory"));
+  EXPECT_EQ(state(), 2);
+  EXPECT_EQ(daemon.stop(), 0);
+  fs::create_directory("/var/support/tarnik");
+  Running content;
+  EXPECT_EQ(state(), 2);
+  EXPECT_EQ(content.stop(), 0);
+  EXPECT_THAT(content.log(), Not(Contains(HasSubstr("Cannot write to"))));
+}
+
+}  // namespace
+}  // namespace tarnik::test
