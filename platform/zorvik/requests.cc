@@ -8,6 +8,7 @@
 
 #include "platform/zorvik/frames.h"
 #include "platform/zorvik/groups.h"
+#include "platform/zorvik/repair.h"
 #include "platform/zorvik/waits.h"
 
 namespace tarnik::zorvik {

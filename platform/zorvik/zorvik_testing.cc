@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <sstream>
 
+#include "platform/zorvik/groups.h"
+
 namespace tarnik::zorvik {
 
 namespace {
@@ -99,6 +101,20 @@ std::string inconsistencies() {
   checkPool(driver->state(), out);
   checkNodes(driver->state(), out);
   return out.str();
+}
+
+void removeAllBut(const std::string& name) {
+  const Lock lock(Driver::get()->state());
+  for (Group& group : Driver::get()->state().groups) {
+    for (const Queue& queue : group.queues) {
+      if (queue.life == Life::kLive) {
+        EXPECT_EQ(removeQueue(*Driver::get(), group, queue.id), 0);
+      }
+    }
+    if (group.life == Life::kLive && name != group.name) {
+      EXPECT_EQ(removeGroup(*Driver::get(), std::string(group.name)), 0);
+    }
+  }
 }
 
 }  // namespace tarnik::zorvik

@@ -144,6 +144,9 @@ class Child {
 // Whether pool, tables and nodes are consistent; what is wrong, a line each.
 std::string inconsistencies();
 
+// Removes every queue, and every group but `name`.
+void removeAllBut(const std::string& name);
+
 // A driver with 8 + 4 + 2 buffers and the group "brund" with 12 frames.
 class DriverTest : public ::testing::Test {
  protected:

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "platform/zorvik/groups.h"
+#include "platform/zorvik/repair.h"
 #include "platform/zorvik/zorvik_testing.h"
 
 namespace tarnik::zorvik {

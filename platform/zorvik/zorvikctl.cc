@@ -12,6 +12,7 @@
 
 #include "platform/zorvik/frames.h"
 #include "platform/zorvik/groups.h"
+#include "platform/zorvik/repair.h"
 #include "platform/zorvik/setup.h"
 #include "platform/zorvik/status.h"
 
