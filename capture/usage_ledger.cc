@@ -147,10 +147,10 @@ void UsageLedger::unwatch(Node& node) {
 }
 
 void UsageLedger::visitAlways(Node& node) {
+  sorted_ = false;  // also a name that stays may have changed its place
   if (!node.second.revisited) {
     node.second.revisited = true;
     revisited_.push_back(&node);
-    sorted_ = false;
   }
 }
 
