@@ -1,9 +1,7 @@
 // The PCAP writer against every call that fails: result, message, and what is on disk.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <memory>
 
 #include "base/log.h"
@@ -297,93 +295,6 @@ TEST_F(PcapWriterFailureTest, DeletingTheCaptureWithoutInfoFails) {
                 "permitted"})),
         level > 0);
   }
-}
-
-// A true device of limited size, of every size: the kernel takes a part of what is written and
-// refuses the rest.
-class LimitedSize {
- public:
-  explicit LimitedSize(rlim_t bytes) {
-    ::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit{bytes, before_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  LimitedSize(const LimitedSize&) = delete;
-  LimitedSize& operator=(const LimitedSize&) = delete;
-  ~LimitedSize() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-
- private:
-  rlimit before_{};
-};
-
-// Writes until the writer refuses, or `count` frames, and closes.
-void fill(unsigned count, std::uint32_t frameSize) {
-  writeFile("/var/support/tarnik/template.nap.uuid", "");
-  PcapWriter writer(kWorking, kNoLimit);
-  ASSERT_TRUE(writer.Open());
-  writer.Update(kFinal, 7, "uuid", 12);
-  for (unsigned i = 0; i < count; ++i) {
-    const auto data = frameData(frameSize + i % 7, i);
-    if (!writer.Write(frame(2000, frameSize + i % 7, i, 0), data.data())) {
-      break;
-    }
-  }
-  (void)writer.Close();
-}
-
-// What fits of a file whose whole content is `all`, down to the last whole record.
-std::size_t recordsThatFit(const std::vector<Record>& all, std::size_t size) {
-  std::size_t end = kPcapHeader.size();
-  std::size_t count = 0;
-  while (count < all.size() && end + 16 + all[count].data.size() <= size) {
-    end += 16 + all[count++].data.size();
-  }
-  return count;
-}
-
-void compareWithWhole(unsigned count, std::uint32_t frameSize, rlim_t from, rlim_t to,
-                      rlim_t step) {
-  emptyCaptureDir();
-  fill(count, frameSize);
-  const auto whole = parsePcap(readFile(kFinal));
-  ASSERT_TRUE(whole);
-  ASSERT_EQ(whole->size(), count);
-  for (rlim_t size = from; size <= to; size += step) {
-    emptyCaptureDir();
-    {
-      const LimitedSize limited(size);
-      fill(count, frameSize);
-    }
-    const auto kept = parsePcap(readFile(kFinal));
-    ASSERT_TRUE(kept) << "torn with room for " << size;
-    const std::size_t fit = recordsThatFit(*whole, size);
-    ASSERT_EQ(kept->size(), fit) << "with room for " << size;
-    ASSERT_TRUE(std::equal(kept->begin(), kept->end(), whole->begin())) << size;
-  }
-}
-
-TEST_F(PcapWriterFailureTest, AFlushThatFailsPartWayLeavesWholeRecords) {
-  compareWithWhole(10, 40, 300, 700, 1);  // at close
-}
-
-TEST_F(PcapWriterFailureTest, AWriteThatFailsPartWayLeavesWholeRecords) {
-  compareWithWhole(1000, 100, 15000, 36000, 37);  // with more than one buffer
-}
-
-TEST_F(PcapWriterFailureTest, LargeRecordsThatFailPartWay) {
-  compareWithWhole(4, 70000, 24, 290000, 7919);  // past the buffer
-}
-
-TEST_F(PcapWriterFailureTest, NoRoomForTheHeader) {
-  const LimitedSize limited(10);
-  PcapWriter writer(kWorking, kNoLimit);
-  ASSERT_TRUE(writer.Open());
-  writer.Update(kFinal, 7, "uuid", 12);
-  EXPECT_TRUE(write(writer, 100));
-  EXPECT_FALSE(writer.Close());  // nothing that could be read
-  expectLog(LOG_ERR, "Error: Close: Failed to close [/var/support/tarnik/1f]: File too large");
-  EXPECT_THAT(entries(), ElementsAre("1f"));
 }
 
 }  // namespace

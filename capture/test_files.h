@@ -49,6 +49,10 @@ inline void writeFile(const std::string& path, const Bytes& content) {
   std::ofstream(path, std::ios::binary) << content;
 }
 
+inline void append(const std::string& path, std::size_t bytes) {
+  std::ofstream(path, std::ios::app) << std::string(bytes, 'x');
+}
+
 // The capture directory's entries, in order of their names.
 inline std::vector<std::string> entries() {
   std::vector<std::string> names;

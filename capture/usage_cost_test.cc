@@ -1,0 +1,232 @@
+// What a measurement costs, and what it falls back to where the kernel does not tell what changed.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <new>
+
+#include "base/owned.h"
+#include "capture/test_files.h"
+#include "capture/usage_check.h"
+
+namespace {
+
+std::atomic<int> calls = 0;        // system calls of a measurement
+std::atomic<int> allocations = 0;  // of memory
+int watchesLeft = -1;              // so many more can be had, or no limit
+bool noNotifications = false;
+
+template <class Function>
+Function* next(Function*, const char* name) {
+  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* const memory = std::malloc(size)) {
+    return memory;
+  }
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+
+extern "C" {
+
+int epoll_wait(int epoll, epoll_event* events, int count, int timeout) {
+  static auto* const real = next(&epoll_wait, "epoll_wait");
+  ++calls;
+  return real(epoll, events, count, timeout);
+}
+
+ssize_t read(int fd, void* data, std::size_t size) {
+  static auto* const real = next(&read, "read");
+  ++calls;
+  return real(fd, data, size);
+}
+
+int stat(const char* path, struct stat* status) {
+  static auto* const real = next(&stat, "stat");
+  ++calls;
+  return real(path, status);
+}
+
+int statx(int directory, const char* path, int flags, unsigned mask, struct statx* status) {
+  static auto* const real = next(&statx, "statx");
+  ++calls;
+  return real(directory, path, flags, mask, status);
+}
+
+int inotify_init1(int flags) {
+  static auto* const real = next(&inotify_init1, "inotify_init1");
+  ++calls;
+  if (noNotifications) {
+    errno = EMFILE;
+    return -1;
+  }
+  return real(flags);
+}
+
+int inotify_add_watch(int fd, const char* path, std::uint32_t mask) {
+  static auto* const real = next(&inotify_add_watch, "inotify_add_watch");
+  ++calls;
+  if (watchesLeft == 0) {
+    errno = ENOSPC;
+    return -1;
+  }
+  watchesLeft -= watchesLeft > 0 ? 1 : 0;
+  return real(fd, path, mask);
+}
+}
+
+namespace tarnik::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kDir = kCaptureDir;
+
+class UsageCostTest : public testing::Test {
+ protected:
+  UsageCostTest() {
+    fs::remove_all("/var/other");
+    fs::create_directory("/var/other");
+    emptyCaptureDir();
+    writeFile(kDir + "a.pcap", std::string(100, 'a'));
+    writeFile(kDir + "b.info", std::string(50, 'b'));
+    EXPECT_TRUE(agrees(usage_));
+  }
+  ~UsageCostTest() override {
+    watchesLeft = -1;
+    noNotifications = false;
+  }
+  void SetUp() override {
+    if (::access("/proc/self/mountinfo", R_OK) != 0) {
+      GTEST_SKIP() << "no mount table here, so every measurement is a scan";
+    }
+  }
+
+  int callsOfUpdate() {
+    std::uint64_t bytes = 0;
+    std::uint64_t files = 0;
+    calls = 0;
+    usage_.update(bytes, files);
+    return calls;
+  }
+
+  DiskUsage usage_;
+};
+
+TEST_F(UsageCostTest, OneCallAndNoMemoryWhenNothingChanged) {
+  for (int i = 0; i < 2000; ++i) {
+    append(kDir + std::to_string(i) + ".pcap", 1);
+  }
+  EXPECT_TRUE(agrees(usage_));
+  allocations = 0;
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(callsOfUpdate(), 1);
+  }
+  EXPECT_EQ(allocations, 0);
+}
+
+TEST_F(UsageCostTest, ThreeCallsAndNoMemoryWhenOneFileGrew) {
+  append(kDir + "a.pcap", 10);
+  callsOfUpdate();
+  const OwnedFd file(::open((kDir + "a.pcap").c_str(), O_WRONLY | O_APPEND));
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(::write(file.get(), "xyz", 3), 3);
+    allocations = 0;
+    EXPECT_EQ(callsOfUpdate(), 3);  // news?, which?, how large?
+    EXPECT_EQ(allocations, 0);
+    EXPECT_TRUE(agrees(usage_));
+  }
+}
+
+TEST_F(UsageCostTest, SeveralNamesCostALookEachUntilTheyAreGone) {
+  fs::create_hard_link(kDir + "a.pcap", "/var/other/a");
+  EXPECT_TRUE(agrees(usage_));
+  callsOfUpdate();  // reads that the file is not watched any more
+  EXPECT_EQ(callsOfUpdate(), 2);
+  fs::remove("/var/other/a");
+  EXPECT_TRUE(agrees(usage_));
+  EXPECT_TRUE(agrees(usage_));
+  EXPECT_EQ(callsOfUpdate(), 1);
+}
+
+TEST_F(UsageCostTest, TheKernelsQueueOverflows) {
+  for (int i = 0; i < 20000; ++i) {
+    const std::string path = kDir + std::to_string(i);
+    writeFile(path, "x");
+    if (i % 3 != 0) {
+      fs::remove(path);
+    }
+  }
+  EXPECT_TRUE(agrees(usage_));
+  EXPECT_EQ(callsOfUpdate(), 1);
+  append(kDir + "0", 100);
+  EXPECT_TRUE(agrees(usage_));
+}
+
+TEST_F(UsageCostTest, WithoutNotificationsItScans) {
+  noNotifications = true;
+  DiskUsage usage;
+  EXPECT_TRUE(agrees(usage));
+  append(kDir + "a.pcap", 10);
+  fs::create_symlink("nowhere", kDir + "link");
+  EXPECT_TRUE(agrees(usage));
+  noNotifications = false;
+  EXPECT_TRUE(agrees(usage));
+  append(kDir + "a.pcap", 10);
+  EXPECT_TRUE(agrees(usage));
+}
+
+TEST_F(UsageCostTest, WatchesRunOut) {
+  watchesLeft = 0;
+  writeFile(kDir + "c.pcap", "c");
+  writeFile(kDir + "d.pcap", "d");
+  EXPECT_TRUE(agrees(usage_));
+  append(kDir + "c.pcap", 10);
+  EXPECT_TRUE(agrees(usage_));
+  fs::rename(kDir + "c.pcap", kDir + "d.pcap");
+  EXPECT_TRUE(agrees(usage_));
+  append(kDir + "d.pcap", 10);
+  EXPECT_TRUE(agrees(usage_));
+  fs::remove(kDir + "d.pcap");
+  EXPECT_TRUE(agrees(usage_));
+
+  for (const int left : {1, 4, 5, 6}) {
+    watchesLeft = left;  // too few for the way to the directory, or for its files
+    DiskUsage usage;
+    EXPECT_TRUE(agrees(usage));
+    append(kDir + "a.pcap", 10);
+    append(kDir + "b.info", 10);
+    EXPECT_TRUE(agrees(usage));
+  }
+}
+
+TEST_F(UsageCostTest, AFileSystemOfOtherMachinesIsScanned) {
+  fs::remove_all("/var/support/tarnik");
+  fs::create_directory_symlink("/proc/self/fdinfo", "/var/support/tarnik");
+  EXPECT_GT(callsOfUpdate(), 1);
+  EXPECT_GT(callsOfUpdate(), 1);
+  fs::remove("/var/support/tarnik");
+  fs::create_directory("/var/support/tarnik");
+  EXPECT_TRUE(agrees(usage_));
+}
+
+}  // namespace
+}  // namespace tarnik::test
