@@ -11,7 +11,8 @@ namespace tarnik::brund {
 namespace {
 
 constexpr std::size_t kMaxFlows = 65536;
-constexpr int kWaitMs = 100;
+constexpr int kWaitMs = 100;  // more than a frame stays in the kernel before it is shown
+constexpr std::chrono::milliseconds kLongestEnding{500};
 
 // One frame of the interface; false when the run cannot go on.
 bool take(const Frame& frame, const RuleSet& rules, FlowFinder& finder, FlowTable& flows,
@@ -41,23 +42,27 @@ bool take(const Frame& frame, const RuleSet& rules, FlowFinder& finder, FlowTabl
 bool sniff(const Options& options, LiveSource& source, const RuleSet& rules, Delivery& delivery,
            Account& account, Progress& progress) {
   using Clock = std::chrono::steady_clock;
-  const auto end = Clock::now() + std::chrono::seconds(options.seconds);
+  auto end = options.seconds == 0 ? Clock::time_point::max()
+                                  : Clock::now() + std::chrono::seconds(options.seconds);
   FlowFinder finder;
   FlowTable flows(static_cast<std::int64_t>(options.idle), kMaxFlows);
   Frame frame;
   std::string reason;
+  Next next = Next::kNothing;
   bool good = true;
-  while (good && stopSignals() == 0 && (options.seconds == 0 || Clock::now() < end)) {
-    switch (source.next(frame, kWaitMs, reason)) {
-      case Next::kFrame:
-        good = take(frame, rules, finder, flows, delivery, account);
-        break;
-      case Next::kNothing:
-        break;
-      case Next::kFailed:
-        account.problem(options.interface + ": " + reason);
-        good = false;
-        break;
+  // What the kernel has already captured when the end comes is still taken.
+  bool ending = false;
+  while (good && !(ending && (next == Next::kNothing || Clock::now() >= end))) {
+    if (!ending && (stopSignals() != 0 || Clock::now() >= end)) {
+      ending = true;
+      end = Clock::now() + kLongestEnding;
+    }
+    next = source.next(frame, kWaitMs, reason);
+    if (next == Next::kFrame) {
+      good = take(frame, rules, finder, flows, delivery, account);
+    } else if (next == Next::kFailed) {
+      account.problem(options.interface + ": " + reason);
+      good = false;
     }
     progress.show();
   }

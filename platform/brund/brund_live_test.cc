@@ -1,0 +1,223 @@
+// brund-sim on a real interface, the loopback of the private root.
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "platform/brund/test_daemon.h"
+#include "platform/brund/test_data.h"
+#include "platform/brund/text_file.h"
+
+namespace tarnik::brund {
+namespace {
+
+using namespace fixture;
+using ::testing::AllOf;
+using ::testing::Each;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::SizeIs;
+
+constexpr std::uint16_t kPort = 48080;
+constexpr std::uint16_t kSilentPort = 48081;
+constexpr std::uint16_t kUdpPort = 48082;
+
+sockaddr_in local(std::uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+OwnedFd open(int type) {
+  return OwnedFd(socket(AF_INET, type | SOCK_CLOEXEC, 0));
+}
+
+bool connectTo(const OwnedFd& fd, std::uint16_t port) {
+  const sockaddr_in address = local(port);
+  return connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+class BrundLive : public ::testing::Test {
+ protected:
+  // Starts to sniff. False when this machine does not allow it; then `why_` is set.
+  bool sniff(const std::vector<std::string>& more = {}) {
+    std::string error;
+    EXPECT_TRUE(writeTextFile(dir_.path() + "/rules",
+                              "ips 70000 TCP tcp portrange 48080-48081\n"
+                              "nap 9 datagrams udp port 48082\n",
+                              error));
+    std::vector<std::string> arguments{
+        "--rules", dir_.path() + "/rules", "--account", dir_.path() + "/account", "--live", "lo"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    program_ = std::make_unique<Program>(brundSim(arguments));
+    while (program_->running() && program_->errors().find("sniffing lo") == std::string::npos) {
+      usleep(5000);
+    }
+    if (!program_->running()) {
+      why_ = program_->errors();
+    }
+    return why_.empty();
+  }
+  std::string account() const {
+    std::ifstream in(dir_.path() + "/account");
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+  // Ends the sniffing at once: what was sent before is still seen. The exit status.
+  int finish() {
+    program_->signal(SIGINT);
+    return program_->wait();
+  }
+  static void createQueue() {
+    Program program(brundSim({"--create-queue", "--queue-size", "51"}));
+    ASSERT_EQ(program.wait(), 0) << program.errors();
+  }
+
+  TempDir dir_;
+  std::unique_ptr<Program> program_;
+  std::string why_;
+};
+
+// A request, an answer, and an orderly close from both sides.
+void talk(const OwnedFd& listener) {
+  const OwnedFd client = open(SOCK_STREAM);
+  ASSERT_TRUE(connectTo(client, kPort));
+  const OwnedFd server(accept(listener.get(), nullptr, nullptr));
+  char word[6] = "hello";
+  ASSERT_EQ(send(client.get(), word, sizeof word, 0), 6);
+  ASSERT_EQ(recv(server.get(), word, sizeof word, 0), 6);
+  ASSERT_EQ(shutdown(client.get(), SHUT_WR), 0);
+  ASSERT_EQ(recv(server.get(), word, sizeof word, 0), 0);
+  ASSERT_EQ(shutdown(server.get(), SHUT_WR), 0);
+  ASSERT_EQ(recv(client.get(), word, sizeof word, 0), 0);
+}
+
+TEST_F(BrundLive, ConnectionIsRecordedUpToItsClose) {
+  const Driver driver;
+  createQueue();
+  Daemon daemon;
+  if (!sniff()) {
+    GTEST_SKIP() << "sniffing is not allowed here: " << why_;
+  }
+  const OwnedFd listener = open(SOCK_STREAM);
+  const int yes = 1;
+  setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  const sockaddr_in address = local(kPort);
+  ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener.get(), 5), 0);
+  talk(listener);
+  talk(listener);
+  EXPECT_EQ(finish(), 0) << program_->errors();
+  daemon.stop();
+
+  ASSERT_THAT(daemon.metadata(), SizeIs(2));
+  for (const auto& [capture, metadata] : daemon.metadata()) {
+    EXPECT_EQ(metadata.trigger_id, 70000u);
+    const auto frames = daemon.framesOf(capture);
+    ASSERT_GE(frames.size(), 8u);  // three to open, two with data, three or four to close
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+      EXPECT_EQ(frames[i].last, i + 1 == frames.size());
+      EXPECT_TRUE(frames[i].announced);
+    }
+    EXPECT_EQ(frames[0].data[14 + 20 + 13], 0x02);  // SYN
+  }
+  EXPECT_THAT(account(), AllOf(HasSubstr("\"captures\": 2,"), HasSubstr("\"refused\": 0,"),
+                               HasSubstr("\"balanced\": true")));
+}
+
+TEST_F(BrundLive, RefusedConnectionIsClosedByItsReset) {
+  const Driver driver;
+  createQueue();
+  Daemon daemon;
+  if (!sniff()) {
+    GTEST_SKIP() << "sniffing is not allowed here: " << why_;
+  }
+  const OwnedFd client = open(SOCK_STREAM);
+  EXPECT_FALSE(connectTo(client, kSilentPort));
+  EXPECT_EQ(finish(), 0);
+  daemon.stop();
+  ASSERT_THAT(daemon.frames(), SizeIs(2));
+  EXPECT_FALSE(daemon.frames()[0].last);
+  EXPECT_TRUE(daemon.frames()[1].last);
+}
+
+TEST_F(BrundLive, IdleFlowEndsWithoutAFurtherFrame) {
+  const Driver driver;
+  createQueue();
+  Daemon daemon;
+  if (!sniff({"--idle", "1"})) {
+    GTEST_SKIP() << "sniffing is not allowed here: " << why_;
+  }
+  const OwnedFd receiver = open(SOCK_DGRAM);
+  const sockaddr_in address = local(kUdpPort);
+  ASSERT_EQ(bind(receiver.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const OwnedFd sender = open(SOCK_DGRAM);
+  ASSERT_TRUE(connectTo(sender, kUdpPort));
+  ASSERT_EQ(send(sender.get(), "1", 1, 0), 1);
+  ASSERT_EQ(send(sender.get(), "2", 1, 0), 1);
+  sleep(3);
+  ASSERT_EQ(send(sender.get(), "3", 1, 0), 1);
+  EXPECT_EQ(finish(), 0);
+  daemon.stop();
+  ASSERT_THAT(daemon.frames(), SizeIs(3));
+  EXPECT_THAT(daemon.frames(), Each(Field(&Received::last, false)));
+  EXPECT_EQ(daemon.frames()[0].capture, daemon.frames()[1].capture);
+  EXPECT_NE(daemon.frames()[1].capture, daemon.frames()[2].capture);
+  EXPECT_EQ(daemon.metadata().size(), 2u);
+}
+
+TEST_F(BrundLive, NeverWaitsForTheQueue) {
+  const Driver driver;
+  createQueue();
+  Daemon daemon(0, false);
+  if (!sniff()) {
+    GTEST_SKIP() << "sniffing is not allowed here: " << why_;
+  }
+  const OwnedFd receiver = open(SOCK_DGRAM);
+  const sockaddr_in address = local(kUdpPort);
+  ASSERT_EQ(bind(receiver.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const OwnedFd sender = open(SOCK_DGRAM);
+  ASSERT_TRUE(connectTo(sender, kUdpPort));
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_EQ(send(sender.get(), "x", 1, 0), 1);
+  }
+  usleep(500000);
+  program_->signal(SIGINT);
+  usleep(500000);
+  program_->signal(SIGINT);  // it waits for the daemon to take what was queued
+  EXPECT_EQ(program_->wait(), 1);
+  EXPECT_THAT(account(), AllOf(HasSubstr("\"seen\": 200,"), HasSubstr("\"matched\": 200,"),
+                               HasSubstr("\"queued\": 63,"), HasSubstr("\"queue full\": 137,"),
+                               HasSubstr("\"balanced\": true")));
+}
+
+TEST_F(BrundLive, EndsAfterItsTime) {
+  const Driver driver;
+  createQueue();
+  Daemon daemon;
+  if (!sniff({"--seconds", "1"})) {
+    GTEST_SKIP() << "sniffing is not allowed here: " << why_;
+  }
+  EXPECT_EQ(program_->wait(), 0) << program_->errors();
+}
+
+TEST_F(BrundLive, UnknownInterfaceIsNamed) {
+  const Driver driver;
+  std::string error;
+  ASSERT_TRUE(writeTextFile(dir_.path() + "/rules", "ips 70000 TCP tcp\n", error));
+  Program program(brundSim({"--rules", dir_.path() + "/rules", "--live", "nosuchif0"}));
+  EXPECT_EQ(program.wait(), 1);
+  EXPECT_THAT(program.errors(), HasSubstr("brund-sim: nosuchif0: "));
+}
+
+}  // namespace
+}  // namespace tarnik::brund
