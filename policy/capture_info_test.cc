@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "policy/policy_test.h"
+#include "policy/policy_fixture.h"
 
 namespace tarnik::test {
 namespace {

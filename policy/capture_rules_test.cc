@@ -4,7 +4,7 @@
 #include <iterator>
 #include <random>
 
-#include "policy/policy_test.h"
+#include "policy/policy_fixture.h"
 
 namespace tarnik::test {
 namespace {

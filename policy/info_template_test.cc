@@ -4,7 +4,7 @@
 
 #include "base/paths.h"
 #include "policy/capture_info.h"
-#include "policy/policy_test.h"
+#include "policy/policy_fixture.h"
 
 namespace tarnik::test {
 namespace {

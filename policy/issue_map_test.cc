@@ -7,7 +7,7 @@
 #include <future>
 #include <thread>
 
-#include "policy/policy_test.h"
+#include "policy/policy_fixture.h"
 
 namespace tarnik::test {
 namespace {

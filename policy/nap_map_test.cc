@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "base/paths.h"
-#include "policy/policy_test.h"
+#include "policy/policy_fixture.h"
 
 namespace tarnik::test {
 namespace {

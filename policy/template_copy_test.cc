@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "policy/capture_info.h"
-#include "policy/policy_test.h"
+#include "policy/policy_fixture.h"
 
 namespace tarnik::test {
 namespace {
@@ -150,8 +150,8 @@ class LikeCp : public TemplateCopyTest {
 };
 
 TEST_F(LikeCp, NewFileHasContentAndMode) {
-  for (const mode_t mode : {0666, 0600, 0444, 0755}) {
-    for (const mode_t mask : {0, 022, 077}) {
+  for (const mode_t mode : {0666u, 0600u, 0444u, 0755u}) {
+    for (const mode_t mask : {0u, 022u, 077u}) {
       platform.commands.clear();
       const mode_t before = umask(mask);
       expectSame([mode](const std::string& from, const std::string& to) {

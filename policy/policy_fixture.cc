@@ -1,4 +1,4 @@
-#include "policy/policy_test.h"
+#include "policy/policy_fixture.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
