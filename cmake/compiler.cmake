@@ -30,3 +30,8 @@ if(TARNIK_SANITIZE)
   add_compile_options(${TARNIK_SANITIZE_OPTIONS})
   add_link_options(${TARNIK_SANITIZE_OPTIONS})
 endif()
+
+if(TARNIK_FUZZ)
+  # All code tells a fuzz target where an input has led it.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
