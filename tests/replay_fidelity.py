@@ -2,16 +2,18 @@
 """Replays captures through the whole system and compares what was recorded with the input.
 
 Goal: for every capture, the recorded frames are byte for byte, in order, with their timestamps and
-both lengths, those of the flow in the input from the first match on. Both sides are read by
-tshark; flows and first matches are worked out here from tshark's fields, so that a mistake of the
-project's own reader cannot hide itself.
+both lengths, those of the flow in the input from the first match on. The input is read by
+tshark, flows and first matches are worked out here from tshark's fields, so that a mistake of the
+project's own reader cannot hide itself; what was recorded is read back by tshark too.
 
 usage: replay_fidelity.py BUILD_DIR [--generated] [FILE]...
 """
 
 import collections
+import hashlib
 import json
 import pathlib
+import struct
 import subprocess
 import sys
 import tempfile
@@ -66,6 +68,21 @@ def record(frame):
     seconds, _, fraction = frame["frame.time_epoch"].partition(".")
     return (seconds + "." + (fraction + "000000")[:6], frame["frame.cap_len"],
             frame["frame.len"], frame["frame.md5_hash"])
+
+
+def recorded(path):
+    """The records of a capture file that the daemon wrote: a classic pcap file, microseconds."""
+    data = path.read_bytes()
+    assert data[:24] == struct.pack("<IHHiIII", 0xa1b2c3d4, 2, 4, 0, 0, 1500, 1), path.name
+    records, at = [], 24
+    while at < len(data):
+        seconds, micros, captured, wire = struct.unpack_from("<IIII", data, at)
+        frame = data[at + 16:at + 16 + captured]
+        assert micros < 1000000 and len(frame) == captured, f"{path.name}: cut at {at}"
+        records.append((f"{seconds}.{micros:06}", str(captured), str(wire),
+                        hashlib.md5(frame).hexdigest()))
+        at += 16 + captured
+    return tuple(records)
 
 
 class Flows:
@@ -141,6 +158,17 @@ def readable(path):
     return count[0], run.returncode
 
 
+def count_with_tshark(captures, directory):
+    """How many frames tshark reads back out of all capture files."""
+    if not captures:
+        return 0
+    merged = directory / "merged.pcap"
+    subprocess.run(["mergecap", "-a", "-F", "pcap", "-w", merged, *captures], check=True)
+    return len(subprocess.run(["tshark", "-n", "-r", merged, "-T", "fields", "-e", "frame.number"],
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                              text=True).stdout.splitlines())
+
+
 def check(build, path):
     count, failed = readable(path)
     frames = read(path, count)
@@ -149,9 +177,8 @@ def check(build, path):
             directory = pathlib.Path(directory)
             run, account = replay(build, path, rules, directory)
             wanted = collections.Counter(expected(frames, matches))
-            got = collections.Counter(
-                tuple(record(frame) for frame in read(capture))
-                for capture in (directory / "out/captures").glob("*.pcap"))
+            captures = list((directory / "out/captures").glob("*.pcap"))
+            got = collections.Counter(recorded(capture) for capture in captures)
             where = f"{path.name}, {name}: "
             assert account["balanced"], where + json.dumps(account) + run.stderr
             assert account["seen"] == count, where + f"seen {account['seen']}, in the file {count}"
@@ -161,8 +188,10 @@ def check(build, path):
                 f"{sum(surplus.values())} surplus: "
                 f"{[(len(c), c[0]) for c in list(missing)[:3]]} "
                 f"{[(len(c), c[0]) for c in list(surplus)[:3] if c]}")
+            assert count_with_tshark(captures, directory) == sum(
+                len(records) * n for records, n in wanted.items()), where + "not all read back"
             complaints = [line for line in run.stderr.splitlines() if str(path) in line]
-            if failed:
+            if failed or count == 0:
                 assert run.returncode == 1 and len(complaints) == 1, where + run.stderr
             else:
                 assert run.returncode == 0 and not complaints, where + run.stderr
@@ -172,7 +201,7 @@ def check(build, path):
 
 def main():
     build = pathlib.Path(sys.argv[1])
-    paths = [pathlib.Path(argument) for argument in sys.argv[2:] if argument != "--generated"]
+    paths = [pathlib.Path(argument).resolve() for argument in sys.argv[2:] if argument != "--generated"]
     with tempfile.TemporaryDirectory() as directory:
         if "--generated" in sys.argv:
             generated = pathlib.Path(directory) / "generated.pcap"
