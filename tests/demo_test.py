@@ -23,7 +23,9 @@ EVERYTHING = "ips 70001 everything greater 0\n"
 
 
 def can(mode):
-    return subprocess.run([PRIVATE_ROOT, "--can", mode], stderr=subprocess.DEVNULL).returncode == 0
+    environment = dict(os.environ, TARNIK_PRIVATE_ROOT_MODE=mode)
+    return subprocess.run([PRIVATE_ROOT, "--which"], env=environment, stdout=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL).returncode == 0
 
 
 def processes():
@@ -312,7 +314,7 @@ class Ways(DemoTest):
     @unittest.skipUnless(os.geteuid() == 0, "already without root")
     def test_without_root(self):
         if subprocess.run(["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups",
-                           PRIVATE_ROOT, "--can", "bwrap"]).returncode != 0:
+                           PRIVATE_ROOT, "--which"], stdout=subprocess.DEVNULL).returncode != 0:
             self.skipTest("no user namespaces for users here")
         for path in (self.directory, self.traffic, self.rules):
             os.chown(path, 65534, 65534)
