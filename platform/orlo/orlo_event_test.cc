@@ -12,6 +12,7 @@
 #include <fstream>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -47,7 +48,8 @@ std::vector<std::string> journal() {
 
 // A journal line behind its time, which is always of one length.
 std::string behindTime(const std::string& line) {
-  constexpr std::size_t kLength = std::strlen(R"({"time":"2024-05-01T12:00:00.000123Z",)");
+  constexpr std::size_t kLength =
+      std::string_view(R"({"time":"2024-05-01T12:00:00.000123Z",)").size();
   return line.size() < kLength ? line : line.substr(kLength);
 }
 

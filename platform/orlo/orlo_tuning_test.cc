@@ -216,11 +216,11 @@ TEST(Tuning, TakesALineOf16MiBAndRefusesALongerOne) {
 }
 
 TEST(Tuning, PassesALineOfOneGibibyteInBoundedMemory) {
-  // A hole reads as NUL bytes, a text block as text: neither may be kept.
+  // A hole reads as NUL bytes, the text before it as text: neither may be kept.
   const Stream stream(std::tmpfile());
   ASSERT_TRUE(stream);
   const std::string block(std::size_t{1} << 20, 'x');
-  for (int i = 0; i < 64; ++i) {
+  for (int i = 0; i < 256; ++i) {
     ASSERT_EQ(std::fwrite(block.data(), 1, block.size(), stream.get()), block.size());
   }
   ASSERT_EQ(std::fseek(stream.get(), 1 << 30, SEEK_SET), 0);
@@ -228,7 +228,7 @@ TEST(Tuning, PassesALineOfOneGibibyteInBoundedMemory) {
   std::rewind(stream.get());
   const PeakMemory memory;
   EXPECT_THAT(settings(stream.get()), ElementsAre("1 malformed", "2 [b] [2]"));
-  EXPECT_LT(memory.growth(), 64 * 1024);
+  EXPECT_LT(memory.growth(), 160 * 1024);
 }
 
 TEST(Tuning, ReadsAMillionLines) {

@@ -1,7 +1,9 @@
+#include <array>
 #include <climits>
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 
 #include "include/orlo_sdk.h"
 #include "internal.h"
@@ -10,6 +12,8 @@ struct OrloTuning {
   FILE* stream = nullptr;
   int line = 0;
   std::string text;  // the line last read; key and value are cut out of it in place
+  std::array<char, 65536> block;
+  std::string_view ahead;  // what of the block is still to be read
 };
 
 namespace {
@@ -20,28 +24,40 @@ constexpr std::size_t kMaxKeyBytes = 1023;
 
 enum class Line { End, Readable, Unreadable };
 
+// Adds a part of a line. False when the line is not readable: then there is no use in keeping it.
+bool keep(std::string& text, std::string_view part) {
+  if (part.find('\0') != std::string_view::npos ||
+      part.size() > orlo::kMaxLineBytes - text.size()) {
+    return false;
+  }
+  text += part;
+  return true;
+}
+
 // Reads the next line without its end. What is too long is read to its end, but not kept.
 Line readLine(OrloTuning& tuning) {
-  std::string& text = tuning.text;
-  text.clear();
+  tuning.text.clear();
   bool any = false;
   bool readable = true;
-  for (int c = getc_unlocked(tuning.stream); c != '\n'; c = getc_unlocked(tuning.stream)) {
-    if (c == EOF) {
-      if (!any || ferror(tuning.stream) != 0) {
-        return Line::End;
+  for (bool ended = false; !ended;) {
+    if (tuning.ahead.empty()) {
+      char* const block = tuning.block.data();
+      tuning.ahead = {block, fread_unlocked(block, 1, tuning.block.size(), tuning.stream)};
+      if (tuning.ahead.empty()) {
+        if (!any || ferror(tuning.stream) != 0) {
+          return Line::End;
+        }
+        break;
       }
-      break;
     }
+    const std::string_view part = tuning.ahead.substr(0, tuning.ahead.find('\n'));
+    ended = part.size() < tuning.ahead.size();
+    tuning.ahead.remove_prefix(part.size() + (ended ? 1 : 0));
     any = true;
-    if (c == '\0' || text.size() == orlo::kMaxLineBytes) {
-      readable = false;
-    } else {
-      text.push_back(static_cast<char>(c));
-    }
+    readable = readable && keep(tuning.text, part);
   }
-  if (tuning.line == 0 && text.starts_with("\xEF\xBB\xBF")) {
-    text.erase(0, 3);
+  if (tuning.line == 0 && tuning.text.starts_with("\xEF\xBB\xBF")) {
+    tuning.text.erase(0, 3);
   }
   if (tuning.line < INT_MAX) {
     ++tuning.line;

@@ -130,8 +130,8 @@ void OrloLogEventNoArg(const char* event, const char* category);
  */
 typedef struct OrloTuning OrloTuning;
 
-/* A parser that reads `stream` from where it stands; the stream stays the caller's. None when
- * memory is short or `stream` is null. */
+/* A parser that reads `stream` from where it stands, and ahead of the lines it gives; the stream
+ * stays the caller's. None when memory is short or `stream` is null. */
 OrloTuning* OrloTuningAlloc(FILE* stream);
 
 /* Result of OrloTuningParseLine. */
