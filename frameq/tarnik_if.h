@@ -49,6 +49,10 @@ class TarnikQ {
   // A hex dump of the frame's data, at debug level above 0.
   virtual void Dump(zorvik_frm_desc* frame, const char* label);
 
+  // The bytes from `data`, as ReadPkt gave it, to the end of the payload memory: a frame's lengths
+  // are the producer's word and may say more. Checks neither queue nor mode.
+  [[nodiscard]] std::uint32_t room(const std::uint8_t* data);
+
  protected:
   TarnikQ() = default;
   friend TarnikQ* TarnikIfCreate();

@@ -143,6 +143,10 @@ int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t
   return 0;
 }
 
+std::uint32_t TarnikQ::room(const std::uint8_t* data) {
+  return zorlib_q_room(q_, data);
+}
+
 int TarnikQ::Write(zorvik_frm_desc* frame) {
   if (const int refused = refuse("Write", kEgress); refused != 0) {
     return refused;
@@ -210,7 +214,7 @@ void TarnikQ::Dump(zorvik_frm_desc* frame, const char* label) {
   // The length is the producer's word; the payload memory's end is ours.
   std::uint32_t readable = 0;
   if (length > 0 && data != nullptr) {
-    readable = std::min(static_cast<std::uint32_t>(length), zorlib_q_frm_room(q_, frame));
+    readable = std::min(static_cast<std::uint32_t>(length), zorlib_q_room(q_, data));
   }
   std::array<char, 120> line{};
   char* end = line.data();

@@ -123,9 +123,9 @@ int zorlib_q_get_size(zorlib_q* q, uint32_t* entries);
  * beyond the payload memory. */
 uint8_t* zorlib_q_frm_data(zorlib_q* q, struct zorvik_frm_desc* frame);
 
-/* How many bytes lie from a frame's data to the end of the payload memory: the most that a length
- * from the descriptor may be trusted for. 0 when the data lies outside. */
-uint32_t zorlib_q_frm_room(zorlib_q* q, struct zorvik_frm_desc* frame);
+/* How many bytes lie from `data`, as zorlib_q_frm_data gave it, to the end of the payload memory:
+ * the most that a length from the descriptor may be trusted for. 0 for any other address. */
+uint32_t zorlib_q_room(zorlib_q* q, const uint8_t* data);
 
 /* Writes the handle and its queue memory to the log, at debug level above 0. */
 void zorlib_q_dump(zorlib_q* q);

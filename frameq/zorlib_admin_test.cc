@@ -16,13 +16,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-LogLine error(std::string text) {
-  return {LOG_ERR, std::move(text)};
-}
-LogLine debug(std::string text) {
-  return {LOG_DEBUG, std::move(text)};
-}
-
 class AdminTest : public DriverTest {
  protected:
   void SetUp() override {

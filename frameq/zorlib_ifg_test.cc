@@ -19,13 +19,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-LogLine error(std::string text) {
-  return {LOG_ERR, std::move(text)};
-}
-LogLine debug(std::string text) {
-  return {LOG_DEBUG, std::move(text)};
-}
-
 int openDescriptors() {
   const std::filesystem::directory_iterator all("/proc/self/fd");
   return static_cast<int>(std::distance(begin(all), end(all)));

@@ -17,10 +17,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-LogLine error(std::string text) {
-  return {LOG_ERR, std::move(text)};
-}
-
 class IoTest : public DriverTest {
  protected:
   void SetUp() override {

@@ -186,9 +186,13 @@ uint8_t* zorlib_q_frm_data(zorlib_q* q, zorvik_frm_desc* frame) {
   return q->payload + offset;
 }
 
-uint32_t zorlib_q_frm_room(zorlib_q* q, zorvik_frm_desc* frame) {
-  const std::uint32_t offset = ring::load(frame->data_off);
-  return offset < q->payloadSize ? q->payloadSize - offset : 0;
+uint32_t zorlib_q_room(zorlib_q* q, const uint8_t* data) {
+  const auto first = reinterpret_cast<std::uintptr_t>(q->payload);
+  const auto address = reinterpret_cast<std::uintptr_t>(data);
+  if (address < first || address - first > q->payloadSize) {
+    return 0;
+  }
+  return q->payloadSize - static_cast<std::uint32_t>(address - first);
 }
 
 }  // extern "C"

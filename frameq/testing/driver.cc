@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -39,6 +40,15 @@ bool allocationFails() {
 }  // namespace
 
 SystemCalls systemCalls;
+
+std::string text(const char* format, ...) {
+  char line[400];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(line, sizeof line, format, arguments);
+  va_end(arguments);
+  return line;
+}
 
 void answer(unsigned long request, Answer with) {
   const std::lock_guard guard(mutex);

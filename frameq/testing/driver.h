@@ -9,13 +9,25 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <ostream>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "frameq/zorlib.h"
 #include "tests/support/captured_log.h"
 
 namespace tarnik::test {
+
+inline LogLine error(std::string text) {
+  return {LOG_ERR, std::move(text)};
+}
+inline LogLine info(std::string text) {
+  return {LOG_INFO, std::move(text)};
+}
+inline LogLine debug(std::string text) {
+  return {LOG_DEBUG, std::move(text)};
+}
+[[gnu::format(printf, 1, 2)]] std::string text(const char* format, ...);
 
 // Answers a request in the driver's place: with a result, or -errno. Nothing: the driver does it.
 using Answer = std::function<std::optional<int>(int fd, void* argument)>;

@@ -1,0 +1,54 @@
+// The daemon's queue, open on both sides.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "base/log.h"
+#include "frameq/tarnik_if.h"
+#include "frameq/tarnik_if_state.h"
+#include "frameq/testing/driver.h"
+#include "frameq/zorlib_internal.h"
+
+namespace tarnik::test {
+
+class TarnikQTest : public DriverTest {
+ protected:
+  void SetUp() override {
+    DriverTest::SetUp();
+    ASSERT_EQ(TarnikIfQInit(51), 0);
+    reader_ = TarnikIfCreate();
+    writer_ = TarnikIfCreate();
+    ASSERT_EQ(reader_->Open(TarnikQ::kIngress), 0);
+    ASSERT_EQ(writer_->Open(TarnikQ::kEgress), 0);
+    reader_->SetTimeout(0);
+    writer_->SetTimeout(0);
+  }
+  void TearDown() override {
+    answerNothing();
+    setDebugLevel(0);
+    for (TarnikQ* const q : {reader_, writer_}) {
+      EXPECT_EQ(q->Close(), 0);
+      TarnikIfDestroy(q);
+    }
+    TarnikIfgClose();
+    DriverTest::TearDown();
+  }
+  zorvik_frm_desc* frame(std::uint32_t size = 64) { return allocFrame(capture_if::ifg, size); }
+  // An object that was never opened.
+  std::unique_ptr<TarnikQ, decltype(&TarnikIfDestroy)> fresh() {
+    return {TarnikIfCreate(), &TarnikIfDestroy};
+  }
+  // `format` with the address of the frame's data.
+  static std::string payloadAt(zorvik_frm_desc* desc, const char* format) {
+    char line[200];
+    std::snprintf(line, sizeof line, format, zorlib_ifg_frm_data(capture_if::ifg, desc));
+    return line;
+  }
+
+  TarnikQ* reader_ = nullptr;
+  TarnikQ* writer_ = nullptr;
+};
+
+}  // namespace tarnik::test
