@@ -17,10 +17,11 @@ inline Bytes operator+(Bytes left, const Bytes& right) {
   return left;
 }
 
-inline Bytes be(std::uint64_t value, int size) {
-  Bytes bytes;
-  for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
-    bytes.push_back(static_cast<std::uint8_t>(value >> shift));
+// A big-endian number, with zeros in front of its 8 bytes if it is longer.
+inline Bytes be(std::uint64_t value, std::size_t size) {
+  Bytes bytes(size, 0);
+  for (std::size_t i = size; i > 0 && value != 0; --i, value >>= 8) {
+    bytes[i - 1] = static_cast<std::uint8_t>(value);
   }
   return bytes;
 }
