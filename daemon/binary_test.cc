@@ -36,13 +36,12 @@ TEST(BinaryTest, NeedsOnlyTheLanguageAndThePlatform) {
   for (std::size_t at = 0; (at = dynamic.find("Shared library: [", at)) != std::string::npos;) {
     at += 17;
     const std::string library = dynamic.substr(at, dynamic.find(']', at) - at);
-    EXPECT_THAT(library, AnyOf(StartsWith("libstdc++.so"), StartsWith("libgcc_s.so"),
-                               StartsWith("libc.so"), StartsWith("libm.so"),
-                               StartsWith("libpthread.so"), StartsWith("liborlo_sdk.so"),
-                               StartsWith("ld-linux"),
-                               // A sanitizer's runtime needs these two.
-                               StartsWith("libdl.so"), StartsWith("librt.so"),
-                               StartsWith("libresolv.so")));
+    EXPECT_THAT(library,
+                AnyOf(StartsWith("libstdc++.so"), StartsWith("libgcc_s.so"), StartsWith("libc.so"),
+                      StartsWith("libm.so"), StartsWith("libpthread.so"),
+                      StartsWith("liborlo_sdk.so"), StartsWith("ld-linux"),
+                      // A sanitizer's runtime needs these two.
+                      StartsWith("libdl.so"), StartsWith("librt.so"), StartsWith("libresolv.so")));
     platform = platform || library.starts_with("liborlo_sdk.so");
     ++needed;
   }

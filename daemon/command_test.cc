@@ -265,7 +265,7 @@ TEST_F(CommandTest, MetadataIsLoggedByLevel) {
 }
 
 TEST_F(CommandTest, MetadataIsExactly39Bytes) {
-  for (const std::size_t size : {19, 38, 40, 4096}) {
+  for (const std::size_t size : std::vector<std::size_t>{19, 38, 40, 4096}) {
     const Bytes bytes = resized(
         Message{.type = 4, .length = static_cast<std::uint16_t>(std::min(size, 39UL))}.bytes(),
         size);

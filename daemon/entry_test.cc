@@ -6,11 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 
 #include "base/owned.h"
-#include "daemon/testing/daemon_fixture.h"
+#include "daemon/testing/entry_fixture.h"
 
 namespace tarnik::test {
 namespace {
@@ -20,82 +19,6 @@ using ::testing::Contains;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using ::testing::StartsWith;
-
-constexpr char kUsage[] = "Usage: tarnikd [-D] [--nodaemon] [-v] [--verbose]\n";
-
-class EntryTest : public DaemonTest {
- protected:
-  EntryTest() {
-    writeConfig("");
-    sdk().loopSteps = {[] { sdk().raise(SIGTERM); }};
-  }
-};
-
-// A start with -D and an empty configuration file, up to the loop.
-const Record kStart = {
-    "sigprocmask(SIG_SETMASK, none)",
-    "OrloLogInit(\"tarnikd\", 1)",
-    "OrloWatchdogDaemon(\"tarnikd\", \"packet capture daemon\", 1)",
-    "umask(0)",
-    "OrloLoopSignalAdd(15, onTerminate, context)",
-    "OrloLoopSignalAdd(3, onTerminate, context)",
-    "OrloLoopSignalAdd(2, onTerminate, context)",
-    "OrloLoopSignalAdd(1, onReload, context)",
-    "OrloLoopSignalAdd(10, onRestart, context)",
-    "OrloLoopTimerAdd(3, onTimeout, context)",
-    "OrloLoopTimerAdd(300, onCacheExpiry, null)",
-    "OrloWatchdogTimerVirtCreate()",
-    "OrloWatchdogTimerVirtSet(timer, 50)",
-    "tickle",
-    "OrloCmdInit(\"tarnikd\", 0)",
-    "OrloCmdFd()",
-    "OrloLoopFdAdd(77, onCommand, context)",
-    "<6>onReload: Reloading",
-    "tickle",
-    "OrloTuningAlloc(stream)",
-    "OrloTuningParseLine()",
-    "OrloTuningRelease()",
-    "CaptureManager::Reload(/usr/lib64/ruv-qan/issues.csv, 120, 53687091, 1000, 1048576, 0, 0)",
-    "system(rm -rf /var/support/tarnik/template*)",
-    "createIpsInfoTemplate()",
-    "createNapInfoTemplates()",
-    "TarnikMetaCache::config(1800)",
-    "tickle",
-    "CaptureManager::Init(/usr/lib64/ruv-qan/issues.csv, 120, 53687091, 1000, 1048576, 0, 0)",
-    "CaptureThread::start(5000000)",
-    "OrloLoop()",
-};
-
-// From the loop's end on.
-const Record kShutdown = {
-    "OrloLoop returns",
-    "tickle",
-    "CaptureThread::join()",
-    "tickle",
-    "OrloWatchdogTimerVirtDestroy(timer)",
-    "OrloCmdFini()",
-};
-
-Record joined(std::initializer_list<Record> parts) {
-  Record result;
-  for (const Record& part : parts) {
-    result.insert(result.end(), part.begin(), part.end());
-  }
-  return result;
-}
-
-// The start up to, and with, the first entry that begins with `last`.
-Record startUpTo(const std::string& last) {
-  Record result;
-  for (const std::string& entry : kStart) {
-    result.push_back(entry);
-    if (entry.starts_with(last)) {
-      break;
-    }
-  }
-  return result;
-}
 
 TEST_F(EntryTest, StartsServesAndShutsDownInOrder) {
   const Outcome outcome = runDaemon({"-D"});
@@ -183,117 +106,6 @@ TEST_F(EntryTest, IgnoresWhatThePlatformAndTheCaptureManagerAnswer) {
                   Record(outcome.record.begin(),
                          outcome.record.begin() + static_cast<std::ptrdiff_t>(kStart.size()))));
 }
-
-TEST_F(EntryTest, GoesOnWithoutAWatchdogTimer) {
-  sdk().failWhere("OrloWatchdogTimerVirtCreate");
-  const Outcome outcome = runDaemon({"-D"});
-  EXPECT_EQ(outcome.exitStatus, 0);
-  EXPECT_THAT(outcome.record, Not(Contains("tickle")));
-  EXPECT_THAT(outcome.record, Not(Contains(StartsWith("OrloWatchdogTimerVirtSet"))));
-  EXPECT_THAT(outcome.record, Contains("OrloWatchdogTimerVirtDestroy(null)"));
-}
-
-// ---- start-up failures
-
-struct FatalCase {
-  const char* failing;  // the call that is failed
-  int result;
-  Record after;  // what follows it until the end
-};
-
-class FatalTest : public EntryTest, public ::testing::WithParamInterface<FatalCase> {};
-
-TEST_P(FatalTest, LogsOneCriticalLineAndExitsWithOneAtOnce) {
-  sdk().failWhere(GetParam().failing, GetParam().result);
-  const Outcome outcome = runDaemon({"-D"});
-  EXPECT_EQ(outcome.exitStatus, 1);
-  EXPECT_EQ(outcome.errors, "");
-  EXPECT_THAT(outcome.record,
-              ElementsAreArray(joined({startUpTo(GetParam().failing), GetParam().after})));
-}
-
-const char kTermination[] = "<2>Fatal error: tarnikd: Failed to add termination signal callback";
-
-INSTANTIATE_TEST_SUITE_P(
-    Steps, FatalTest,
-    ::testing::Values(
-        FatalCase{"OrloLoopSignalAdd(15", -1, {kTermination}},
-        FatalCase{"OrloLoopSignalAdd(3", -1, {kTermination}},
-        FatalCase{"OrloLoopSignalAdd(2", 1, {kTermination}},
-        FatalCase{"OrloLoopSignalAdd(1,",
-                  -1,
-                  {"<2>Fatal error: tarnikd: Failed to add reload signal callback"}},
-        FatalCase{"OrloLoopSignalAdd(10",
-                  -1,
-                  {"<2>Fatal error: tarnikd: Failed to add restart signal callback"}},
-        FatalCase{"OrloLoopTimerAdd(3,",
-                  -1,
-                  {"<2>Fatal error: tarnikd: Failed to add watchdog timer callback"}},
-        FatalCase{"OrloLoopTimerAdd(300",
-                  -1,
-                  {"<2>Fatal error: Failed to add meta cache expiry callback"}},
-        FatalCase{"OrloCmdInit",
-                  98,
-                  {"OrloLogEventNoArg(\"VRKUA0007E\", \"VRK_events\")",
-                   "<3>Error: tarnikd Daemon failed to start", "OrloCmdError(98)",
-                   "<2>Fatal error: main: Failed to create command interface: text of 98"}},
-        FatalCase{"OrloLoopFdAdd",
-                  -1,
-                  {"OrloCmdError(0)",
-                   "<2>Fatal error: tarnikd: Failed to create command callback: text of 0"}}));
-
-TEST_F(EntryTest, AnInvalidConfigurationIsFatal) {
-  writeConfig("tarnik.file.maxsize=1023\n");
-  const Outcome outcome = runDaemon({"-D"});
-  EXPECT_EQ(outcome.exitStatus, 1);
-  EXPECT_THAT(
-      withoutParsing(outcome.record),
-      ElementsAreArray(joined({startUpTo("OrloLoopFdAdd"),
-                               {"<6>onReload: Reloading", "tickle",
-                                "<3>Error: loadTarnikCfg: Invalid value: maxsize=1023",
-                                "<3>Error: onReload: Failed to reload base configuration",
-                                "OrloLogEventNoArg(\"VRKUA0006E\", \"VRK_events\")",
-                                "<3>Error: tarnikd Daemon configuration invalid",
-                                "<2>Fatal error: tarnikd: Failed to load the configuration"}})));
-}
-
-TEST_F(EntryTest, AMissingConfigurationIsFatal) {
-  std::remove("/etc/tarnik.conf");
-  const Outcome outcome = runDaemon({"-D"});
-  EXPECT_EQ(outcome.exitStatus, 1);
-  EXPECT_EQ(outcome.record.back(), "<2>Fatal error: tarnikd: Failed to load the configuration");
-}
-
-TEST_F(EntryTest, FailingTemplatesAreFatal) {
-  for (const char* generator : {"createIpsInfoTemplate", "createNapInfoTemplates"}) {
-    resetSdk();
-    sdk().failWhere(generator);
-    const Outcome outcome = runDaemon({"-D"});
-    EXPECT_EQ(outcome.exitStatus, 1) << generator;
-    EXPECT_EQ(outcome.record.back(), "<2>Fatal error: tarnikd: Failed to load the configuration");
-    EXPECT_THAT(outcome.record, Not(Contains(StartsWith("CaptureManager::Init"))));
-  }
-}
-
-// ---- the command line
-
-class RefusedOptionsTest : public EntryTest,
-                           public ::testing::WithParamInterface<std::vector<std::string>> {};
-
-TEST_P(RefusedOptionsTest, PrintsTheUsageLineAndDoesNothingElse) {
-  const Outcome outcome = runDaemon(GetParam());
-  EXPECT_EQ(outcome.exitStatus, 1);
-  EXPECT_EQ(outcome.errors, kUsage);
-  EXPECT_EQ(outcome.record, Record{});
-}
-
-INSTANTIATE_TEST_SUITE_P(CommandLines, RefusedOptionsTest,
-                         ::testing::Values(std::vector<std::string>{"-x"},
-                                           std::vector<std::string>{"--help"},
-                                           std::vector<std::string>{"--version"},
-                                           std::vector<std::string>{"-D", "extra"},
-                                           std::vector<std::string>{"-w"},
-                                           std::vector<std::string>{"-p"}));
 
 // ---- debug level and states
 
