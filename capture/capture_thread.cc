@@ -10,6 +10,22 @@
 #include "capture/capture_manager.h"
 
 namespace tarnik {
+namespace {
+
+// A descriptor of our own, with what a capture file tells about a frame.
+zorvik_frm_desc lengthsAndTime(zorvik_frm_desc& frame) {
+  const auto load = [](std::uint32_t& word) {
+    return std::atomic_ref(word).load(std::memory_order_relaxed);
+  };
+  zorvik_frm_desc seen{};
+  seen.wire_len = load(frame.wire_len);
+  seen.cap_len = load(frame.cap_len);
+  seen.ts_sec = load(frame.ts_sec);
+  seen.ts_usec = load(frame.ts_usec);
+  return seen;
+}
+
+}  // namespace
 
 void CaptureThread::start(std::uint64_t queueTimeout) {
   queueTimeout_ = queueTimeout;
@@ -152,7 +168,11 @@ void CaptureThread::processFrame(CaptureManager& manager, zorvik_frm_desc& frame
                                  const std::uint8_t* data, std::uint64_t captureId,
                                  std::uint32_t flags) {
   count(kFramesRead, 1);
-  const int result = manager.ConsumeFrame(captureId, frame, data, flags);
+  // Read once: whoever shares the descriptor may change it while it is looked at. A length beyond
+  // the payload memory is no frame's; without data, the frame is refused like any bad one.
+  const zorvik_frm_desc seen = lengthsAndTime(frame);
+  const bool inside = seen.cap_len <= captureIf_->room(data);
+  const int result = manager.ConsumeFrame(captureId, seen, inside ? data : nullptr, flags);
   if (result == CaptureManager::kDiskSpaceExceeded ||
       result == CaptureManager::kFileCountExceeded) {
     TARNIK_DEBUG(0, "Debug: %s: Failed to capture frame (0x%lx)", "processFrames", captureId);
