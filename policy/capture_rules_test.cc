@@ -1,5 +1,7 @@
 #include "policy/capture_rules.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <iterator>
 #include <random>
@@ -122,6 +124,19 @@ TEST_F(CaptureRulesTest, MissingFileIsToldWithoutAnOperation) {
                                       errorLine("Error: Failed to open: " + missing)));
 }
 
+TEST_F(CaptureRulesTest, OnlyRegularFilesAreOpened) {
+  const std::string fifo = path("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  References references;
+  Rules rules;
+  EXPECT_FALSE(getTarnikReferences(fifo.c_str(), references));
+  EXPECT_FALSE(getTarnikRules(fifo.c_str(), "", rules));
+  EXPECT_FALSE(getTarnikReferences("/tmp", references));
+  EXPECT_THAT(logLines(), ElementsAre(errorLine("Error: Failed to open: " + fifo),
+                                      errorLine("Error: Failed to open: " + fifo),
+                                      errorLine("Error: Failed to open: /tmp")));
+}
+
 TEST_F(CaptureRulesTest, WithoutAParserTheProcessEnds) {
   const std::string policy = file("ips.responses.object.cap1 = tarnik:\n");
   platform.parserToFail = 1;
@@ -209,6 +224,9 @@ TEST_F(CaptureRulesTest, OneReadLogsLikeOneForEachReference) {
   const References references = {"a", "b"};
   RulesByReference byReference(policy.c_str(), references);
   std::vector<RuleSpan> rules;
+  setDebugLevel(3);
+  EXPECT_TRUE(byReference.get("a", rules));
+  EXPECT_THAT(logLines(), IsEmpty());
   setDebugLevel(4);
   EXPECT_TRUE(byReference.get("a", rules));
   EXPECT_TRUE(byReference.get("b", rules));

@@ -1,5 +1,7 @@
 #include "policy/nap_map.h"
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -113,6 +115,17 @@ TEST_F(NapMapTest, MissingFileIsAnErrorAndLeavesTheMap) {
   EXPECT_THAT(
       logLines(),
       ElementsAre(errorLine("Error: PopulateNapMap: Could not open config file: " + missing)));
+}
+
+TEST_F(NapMapTest, OnlyRegularFilesAreOpened) {
+  NapMap map;
+  const std::string fifo = path("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_FALSE(map.PopulateNapMap(fifo.c_str()));
+  EXPECT_FALSE(map.PopulateNapMap("/tmp"));
+  EXPECT_THAT(logLines(),
+              ElementsAre(errorLine("Error: PopulateNapMap: Could not open config file: " + fifo),
+                          errorLine("Error: PopulateNapMap: Could not open config file: /tmp")));
 }
 
 TEST_F(NapMapTest, PopulateAdds) {
