@@ -23,12 +23,14 @@ std::string nodePath(const Group& group, const char* node) {
   return groupPath(group) + "/" + node;
 }
 
-Driver::Driver(std::unique_ptr<Mapping> memory) noexcept
-    : memory_(std::move(memory)), state_(reinterpret_cast<State*>(memory_->base())) {}
+Driver::Driver(std::unique_ptr<Mapping> memory, Driver* previous) noexcept
+    : memory_(std::move(memory)),
+      previous_(previous),
+      state_(reinterpret_cast<State*>(memory_->base())) {}
 
 namespace {
 
-std::unique_ptr<Driver> attach() {
+std::unique_ptr<Driver> attach(Driver* previous) {
   const Fd fd = Fd::open(ZORVIK_CTL_NODE);
   struct stat status {};
   if (!fd || ::fstat(fd.get(), &status) != 0) {
@@ -47,7 +49,7 @@ std::unique_ptr<Driver> attach() {
       State::fileSize(state.buffers) != size || state.classes > kMaxClasses) {
     return nullptr;
   }
-  return std::make_unique<Driver>(std::move(memory));
+  return std::make_unique<Driver>(std::move(memory), previous);
 }
 
 }  // namespace
@@ -68,7 +70,7 @@ Driver* Driver::get(bool again) {
       known->state().device == status.st_dev) {
     return known;
   }
-  if (std::unique_ptr<Driver> found = attach(); found != nullptr) {
+  if (std::unique_ptr<Driver> found = attach(known); found != nullptr) {
     known = found.release();
     current.store(known, std::memory_order_release);
   }

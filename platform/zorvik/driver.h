@@ -18,8 +18,9 @@ namespace tarnik::zorvik {
 
 class Driver {
  public:
-  // `memory` is a mapping of the state file. For get().
-  explicit Driver(std::unique_ptr<Mapping> memory) noexcept;
+  // `memory` is a mapping of the state file, `previous` the driver that this one supersedes and
+  // keeps, because threads may be inside it. For get().
+  Driver(std::unique_ptr<Mapping> memory, Driver* previous) noexcept;
 
   // The loaded driver, or null. Looks for it when none is known or, with `again`, when another
   // one has been loaded since. What was once returned stays valid for the life of the process.
@@ -41,6 +42,7 @@ class Driver {
   };
 
   std::unique_ptr<Mapping> memory_;
+  std::unique_ptr<Driver> previous_;
   State* state_;
   // Guarded by the driver's lock too, so that a child of fork() never finds them locked.
   std::array<Cached, kMaxGroups> descriptors_;

@@ -109,6 +109,22 @@ void returnFrame(State& state, Group& group, zorvik_frm_desc& descriptor, std::u
   pushRecord(state, group, index);
 }
 
+// Where so many records of no group lie in a row, first fit; behind kMaxRecords when nowhere.
+std::uint32_t recordGap(const State& state, std::uint32_t records) {
+  std::uint32_t first = 0;
+  for (bool moved = true; moved;) {
+    moved = false;
+    for (const Group& group : state.groups) {
+      if (group.records != 0 && first < group.firstRecord + group.records &&
+          group.firstRecord < first + records) {
+        first = group.firstRecord + group.records;
+        moved = true;
+      }
+    }
+  }
+  return first;
+}
+
 }  // namespace
 
 int createFrameData(Driver& driver, Group& group, std::uint32_t frames) {
@@ -125,8 +141,13 @@ int createFrameData(Driver& driver, Group& group, std::uint32_t frames) {
     return -errno;
   }
   const std::uint32_t records = frames + 1;
-  int result = commit(ctl.get(), State::recordsOffset(state.buffers, state.indexOf(group)),
-                      sizeof(FrameRecord) * records);
+  group.firstRecord = recordGap(state, records);
+  if (group.firstRecord + records > kMaxRecords) {
+    return -ENOSPC;
+  }
+  const auto offset =
+      reinterpret_cast<std::byte*>(state.records(group)) - reinterpret_cast<std::byte*>(&state);
+  int result = commit(ctl.get(), static_cast<std::size_t>(offset), sizeof(FrameRecord) * records);
   if (result == 0) {
     result = commit(node.get(), 0, sizeof(zorvik_frm_desc) * records);
   }

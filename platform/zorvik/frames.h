@@ -8,7 +8,8 @@
 
 namespace tarnik::zorvik {
 
-// Gives the group a descriptor memory for `frames` frames. EEXIST when it has one.
+// Gives the group a descriptor memory for `frames` frames. EEXIST when it has one,
+// ENOSPC when the groups have 1048576 descriptors between them.
 [[nodiscard]] int createFrameData(Driver& driver, Group& group, std::uint32_t frames);
 
 // Takes up to `count` frames with room for `size` bytes, each with the smallest free buffer that

@@ -94,7 +94,7 @@ int makeCtl(std::span<const ClassSize> classes, std::uint64_t netInode) {
   if (::ftruncate(fd.get(), static_cast<off_t>(size)) != 0) {
     return -errno;
   }
-  if (const int result = commit(fd.get(), 0, State::recordsOffset(buffers, 0)); result != 0) {
+  if (const int result = commit(fd.get(), 0, State::recordsOffset(buffers)); result != 0) {
     return result;
   }
   const Mapping memory(fd.get(), size);

@@ -22,7 +22,8 @@ inline constexpr std::uint64_t kStateMagic = 0x316b6976726f7aULL;  // "zorvik1"
 inline constexpr std::uint32_t kMaxGroups = 8;
 inline constexpr std::uint32_t kMaxQueues = ZORVIK_ENUM_MAX;
 inline constexpr std::uint32_t kMaxClasses = 4;
-inline constexpr std::uint32_t kMaxFrames = 1000000;  // of a group, and of the payload memory
+inline constexpr std::uint32_t kMaxFrames = 1000000;   // of a group, and of the payload memory
+inline constexpr std::uint32_t kMaxRecords = 1 << 20;  // of all groups
 inline constexpr std::uint32_t kMaxQueueSize = 16000000;
 inline constexpr std::uint32_t kNone = 0xffffffff;  // ends a free list
 
@@ -61,6 +62,7 @@ struct Group {
   std::uint64_t flags;
   std::uint64_t ctlInode;
   std::uint64_t descInode;
+  std::uint32_t firstRecord;
   std::uint32_t records;   // descriptors, the unused first one included; 0: no frame data yet
   std::uint32_t freeHead;  // oldest first, so that an identifier comes back as late as possible
   std::uint32_t freeTail;
@@ -101,22 +103,22 @@ struct State {
   FrameClass frameClasses[kMaxClasses];
   Group groups[kMaxGroups];
 
-  // Behind the structure: a free-list link for each buffer, then the frame records of each group.
-  // Only what is in use takes memory.
+  // Behind the structure: a free-list link for each buffer, then the frame records, of which each
+  // group has a stretch. Only what is in use takes memory.
   [[nodiscard]] std::uint32_t* bufferNext() { return reinterpret_cast<std::uint32_t*>(this + 1); }
-  [[nodiscard]] static std::size_t recordsOffset(std::uint32_t buffers, std::uint32_t group) {
+  [[nodiscard]] static std::size_t recordsOffset(std::uint32_t buffers) {
     const std::size_t links = (sizeof(std::uint32_t) * buffers + 63) & ~std::size_t{63};
-    return sizeof(State) + links + sizeof(FrameRecord) * (kMaxFrames + 1) * group;
+    return sizeof(State) + links;
   }
   [[nodiscard]] static std::size_t fileSize(std::uint32_t buffers) {
-    return recordsOffset(buffers, kMaxGroups);
+    return recordsOffset(buffers) + sizeof(FrameRecord) * kMaxRecords;
   }
   [[nodiscard]] std::uint32_t indexOf(const Group& group) const {
     return static_cast<std::uint32_t>(&group - groups);
   }
   [[nodiscard]] FrameRecord* records(const Group& group) {
-    std::byte* base = reinterpret_cast<std::byte*>(this);
-    return reinterpret_cast<FrameRecord*>(base + recordsOffset(buffers, indexOf(group)));
+    std::byte* base = reinterpret_cast<std::byte*>(this) + recordsOffset(buffers);
+    return reinterpret_cast<FrameRecord*>(base) + group.firstRecord;
   }
 };
 

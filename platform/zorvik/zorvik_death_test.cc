@@ -2,6 +2,7 @@
 #include <sys/ptrace.h>
 
 #include <chrono>
+#include <cmath>
 
 #include "platform/zorvik/groups.h"
 #include "platform/zorvik/zorvik_testing.h"
@@ -85,9 +86,9 @@ TEST_P(DeathTest, AfterAnyInstructionIsPutRight) {
   std::uint32_t deaths = 0;
   // Points spread evenly however early the time is up.
   while (deaths < 200 && std::chrono::steady_clock::now() < end) {
-    const double at = 0.6180339887 * ++deaths;
+    const double golden = 0.6180339887 * ++deaths;
     const long steps =
-        1 + static_cast<long>((at - static_cast<long>(at)) * static_cast<double>(all));
+        1 + static_cast<long>((golden - std::floor(golden)) * static_cast<double>(all));
     (void)dieAfter(GetParam(), steps);
     ASSERT_EQ(inconsistencies(), "") << "death after " << steps << " of " << all << " steps";
     removeAllBut("brund");

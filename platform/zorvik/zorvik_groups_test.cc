@@ -122,6 +122,18 @@ TEST_F(GroupsTest, FrameDataIsMadeOnce) {
   EXPECT_EQ(size.size, 256u);
 }
 
+TEST_F(GroupsTest, FramesOfAllGroupsAreLimited) {
+  ASSERT_EQ(createIfg("one", 500000), 0);
+  EXPECT_EQ(createIfg("two", 600000), -ENOSPC);
+  ASSERT_EQ(ifgRequest(ZORVIK_IFG_REMOVE, "two"), 0);
+  ASSERT_EQ(createIfg("two", 500000), 0);
+  EXPECT_EQ(createIfg("three", 100000), -ENOSPC);
+  ASSERT_EQ(ifgRequest(ZORVIK_IFG_REMOVE, "one"), 0);
+  std::uint32_t frames = 400000;  // fits between the others
+  EXPECT_EQ(call(node("three/ctl"), ZORVIK_FRM_DATA_CREATE, &frames), 0);
+  EXPECT_EQ(inconsistencies(), "");
+}
+
 TEST_F(GroupsTest, FlagsAndQuery) {
   const Fd ifg = node("brund/ctl");
   zorvik_ifg_query query{.flags = 99, .count = 0, .reserved = 0};

@@ -215,7 +215,8 @@ struct Side {
     }
   }
   void sleep(zorvik_resq& side) const {
-    if ((std::atomic_ref(side.flags).fetch_and(~ZORVIK_RESQ_WOKEN) & ZORVIK_RESQ_WOKEN) == 0) {
+    if ((std::atomic_ref(side.flags).fetch_and(~std::uint32_t{ZORVIK_RESQ_WOKEN}) &
+         ZORVIK_RESQ_WOKEN) == 0) {
       EXPECT_EQ(queue.wait(side.kresq_handle, 0), 1);
     }
   }

@@ -64,6 +64,18 @@ void checkPool(State& state, std::ostream& out) {
   }
 }
 
+// No record belongs to two groups.
+void checkRecords(const State& state, std::ostream& out) {
+  for (const Group& one : state.groups) {
+    for (const Group& two : state.groups) {
+      if (&one < &two && one.firstRecord < two.firstRecord + two.records &&
+          two.firstRecord < one.firstRecord + one.records) {
+        out << "groups " << one.name << " and " << two.name << " share records\n";
+      }
+    }
+  }
+}
+
 void checkNodes(const State& state, std::ostream& out) {
   std::set<std::string> expected = {ZORVIK_CTL_NODE, ZORVIK_NET_DATA_NODE};
   for (const Group& group : state.groups) {
@@ -99,6 +111,7 @@ std::string inconsistencies() {
   }
   const Lock lock(driver->state());
   checkPool(driver->state(), out);
+  checkRecords(driver->state(), out);
   checkNodes(driver->state(), out);
   return out.str();
 }
