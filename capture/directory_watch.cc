@@ -19,11 +19,9 @@ namespace {
 
 constexpr std::uint32_t kEntryEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
 // IN_ATTRIB: a directory whose permissions change may become unreadable, or readable.
-constexpr std::uint32_t kDirectoryEvents =
-    kEntryEvents | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-// IN_ATTRIB tells of further names of a file. IN_CLOSE_WRITE comes after writes that the kernel
-// does not tell of (asynchronous ones).
-constexpr std::uint32_t kFileEvents = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_DONT_FOLLOW;
+constexpr std::uint32_t kDirectoryEvents = kEntryEvents | IN_ATTRIB | IN_ONLYDIR;
+// IN_CLOSE_WRITE comes after writes that the kernel does not tell of (asynchronous ones).
+constexpr std::uint32_t kFileEvents = IN_MODIFY | IN_CLOSE_WRITE | IN_DONT_FOLLOW;
 constexpr std::size_t kLargestEvent = sizeof(inotify_event) + NAME_MAX + 1;
 constexpr int kMostLinks = 40;  // the kernel follows no more of them
 
@@ -171,8 +169,7 @@ bool DirectoryWatch::tell(const inotify_event& event, DirectoryNews& news) {
     }
     return true;
   }
-  if ((event.mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0 ||
-      ((event.mask & IN_ATTRIB) != 0 && event.len == 0)) {
+  if ((event.mask & IN_IGNORED) != 0 || ((event.mask & IN_ATTRIB) != 0 && event.len == 0)) {
     return false;
   }
   if ((event.mask & kEntryEvents) == 0) {

@@ -24,7 +24,7 @@ class DirectoryNews {
  public:
   // An entry of that name came, went, or took another's place.
   virtual void entryChanged(const char* name) = 0;
-  // A watched file's content or number of names may have changed. It may have gone.
+  // A watched file's content may have changed. It may have gone.
   virtual void fileChanged(int file) = 0;
   // An entry came or went in the parent directory.
   virtual void parentChanged() = 0;

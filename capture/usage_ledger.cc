@@ -16,14 +16,12 @@ namespace {
 
 // Status of the entry itself, be it a link or not.
 bool statusOf(const char* path, struct statx& status) {
-  return ::statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_NLINK | STATX_SIZE,
-                 &status) == 0;
+  return ::statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_SIZE, &status) == 0;
 }
 
 // A file whose every change the kernel tells of, once it is watched.
 bool isPlainFile(const struct statx& status) {
-  return S_ISREG(status.stx_mode) && status.stx_nlink == 1 &&
-         (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0;
+  return S_ISREG(status.stx_mode) && (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0;
 }
 
 bool isGone(const char* path) {
@@ -104,7 +102,6 @@ void UsageLedger::examine(std::string_view name, bool known) {
     entry = entries_.try_emplace(std::string(name)).first;
   }
   Node& node = *entry;
-  node.second.shared = found && S_ISREG(status.stx_mode) && status.stx_nlink > 1;
   const bool watched = known && node.second.watch >= 0;
   if (found && isPlainFile(status) && !watched) {
     // Looked at again: it may have changed before it was watched.
@@ -129,7 +126,7 @@ bool UsageLedger::watch(Node& node) {
   }
   unwatch(node);
   Node*& owner = files_[file];
-  if (owner != nullptr) {  // the file's former name, whose end is yet to be told
+  if (owner != nullptr) {  // another name of the file, or a former one whose end is yet to be told
     owner->second.watch = -1;
     visitAlways(*owner);
   }
@@ -223,9 +220,6 @@ bool UsageLedger::revisit(Node& node) {
   node.second.error = 0;
   if (::stat(pathOf(node.first), &status) == 0) {
     setSize(node, static_cast<std::uint64_t>(status.st_size));
-    if (node.second.shared && status.st_nlink == 1) {
-      examine(node.first, false);
-    }
     return true;
   }
   const int error = errno;

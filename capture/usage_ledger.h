@@ -1,9 +1,10 @@
 // The sizes of the capture directory's entries, kept true by the kernel's news instead of by
 // looking at all of them again.
 //
-// An entry is either watched, and looked at again when its file changed, or looked at each time:
-// links (their target may change anywhere), directories and other special files, files with
-// several names, mount points, and files that could not be watched.
+// An entry is either a watched file, looked at again when the kernel tells that it changed, under
+// whatever name; or it is looked at each time: links (their target may change anywhere),
+// directories and other special files, mount points, a file's further names in the directory, and
+// files that could not be watched.
 //
 // Not thread-safe.
 #pragma once
@@ -38,7 +39,6 @@ class UsageLedger : private DirectoryNews {
     std::size_t rank = 0;    // place in the directory
     bool counted = false;    // is part of the sums
     bool revisited = false;  // is looked at each time
-    bool shared = false;     // has other names
   };
   struct Hash {
     using is_transparent = void;
