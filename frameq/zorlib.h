@@ -142,6 +142,62 @@ int zorlib_batch_alloc(zorlib_ifg* ifg, uint32_t size, struct zorvik_frm_desc** 
  * does not lie inside the payload memory. The group must be mapped (a queue open). */
 uint8_t* zorlib_ifg_frm_data(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 
+/* One such frame, or null with errno. */
+struct zorvik_frm_desc* zorlib_ifg_frm_alloc(zorlib_ifg* ifg, uint32_t size);
+
+/* Aborts the process, after a log line and the call stack on standard error, when the descriptor
+ * is not sound: a corrupt one must not reach the driver. */
+void zorlib_FRM_Vm(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
+
+/* ---- Making interface groups ------------------------------------------------------------*/
+
+#define ZORLIB_MAX_QPAIRS 32
+
+/* Makes the group `name` for the interfaces of `config` (an even number of 2 to 32, mated in
+ * pairs 0 and 1, 2 and 3, ...), with its frame data, and opens it. EINVAL, ENXIO or EEXIST for a
+ * description that is not right, before anything is asked of the driver; EEXIST also when the
+ * group is there. *ifg is set on success only; a group whose making fails half-way is removed. */
+int zorlib_ifg_create(const char* name, const struct zorvik_ifg_config* config, zorlib_ifg** ifg);
+
+/* Gives a group its frame data: as many descriptors as its fd_count parameter says (1000 to
+ * 1000000), else 16384. Part of zorlib_ifg_create. */
+int zorlib_ifg_create_frm_data(zorlib_ifg* ifg);
+
+/* Puts the interfaces and their settings into force. */
+int zorlib_ifg_configure(zorlib_ifg* ifg, const struct zorvik_ifg_config* config);
+
+/* Removes the group with its queues; EBUSY while a process has it open, ENOENT. */
+int zorlib_ifg_remove(const char* name);
+
+/* The driver's groups; *list is filled, 0. */
+int zorlib_ifg_enum(struct zorvik_ifg_enum* list);
+
+/* A queue pair's settings, by cfg->index (below ZORLIB_MAX_QPAIRS, else EINVAL). What is 0 when it
+ * is set is taken from the parameters q_size, if_mask and cpu_mask, if they give it. */
+int zorlib_ifg_set_qpair_cfg(zorlib_ifg* ifg, const struct zorvik_qpair_cfg* cfg);
+int zorlib_ifg_get_qpair_cfg(zorlib_ifg* ifg, struct zorvik_qpair_cfg* cfg);
+
+int zorlib_ifg_get_stats(zorlib_ifg* ifg, struct zorvik_ifg_stats* stats);
+
+/* ---- The host's interfaces and the driver's log -----------------------------------------*/
+
+struct zorlib_if {
+  uint32_t index; /* the kernel's */
+  uint32_t flags; /* IFF_... */
+  char name[16];
+  uint8_t ha[8];   /* the first bytes of the link-layer address */
+  uint32_t ha_len; /* how many, at most 8 */
+};
+
+/* The host's interfaces but for the loopback; the number stored, at most `capacity`. */
+int zorlib_if_enum(struct zorlib_if* list, uint32_t capacity);
+
+/* What the driver logs, a bit each; the last two change only the bits given. */
+int zorlib_get_logging_mask(uint64_t* mask);
+int zorlib_set_logging_mask(uint64_t mask);
+int zorlib_add_logging(uint64_t bits);
+int zorlib_del_logging(uint64_t bits);
+
 /* ---- Parameters -------------------------------------------------------------------------
  * A process-wide list of name/value pairs, which the library looks at where the caller gives no
  * number of its own. Names are words parted by dots under "zorvik.", in any case:

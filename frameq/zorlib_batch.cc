@@ -106,6 +106,11 @@ int zorlib_batch_alloc(zorlib_ifg* ifg, uint32_t size, zorvik_frm_desc** frames,
   return static_cast<int>(taken);
 }
 
+zorvik_frm_desc* zorlib_ifg_frm_alloc(zorlib_ifg* ifg, uint32_t size) {
+  zorvik_frm_desc* frame = nullptr;
+  return zorlib_batch_alloc(ifg, size, &frame, 1) == 1 ? frame : nullptr;
+}
+
 uint8_t* zorlib_ifg_frm_data(zorlib_ifg* ifg, zorvik_frm_desc* frame) {
   const std::uint32_t offset = ring::load(frame->data_off);
   const std::uint32_t size = ring::load(frame->buf_size);

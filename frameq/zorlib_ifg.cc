@@ -44,10 +44,6 @@ int freeFrame(zorlib_ifg& ifg, std::uint32_t id) noexcept {
   return 0;
 }
 
-}  // namespace tarnik::zorlib
-
-namespace {
-
 int openControl(zorlib_ifg& ifg) noexcept {
   std::array<char, 128> path;
   joinPath(path, ifg.dir.data(), ZORVIK_IFG_CTL);
@@ -72,6 +68,10 @@ int openFrameDescriptors(zorlib_ifg& ifg) noexcept {
   }
   return 0;
 }
+
+}  // namespace tarnik::zorlib
+
+namespace {
 
 // The last user is gone: what the group lent goes back to the driver.
 void release(zorlib_ifg& ifg) noexcept {

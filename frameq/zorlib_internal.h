@@ -61,6 +61,10 @@ void joinPath(std::array<char, Size>& out, const char* dir, const char* name) no
 [[nodiscard]] bool valid(const zorlib_ifg* ifg) noexcept;
 [[nodiscard]] bool valid(const zorlib_q* q) noexcept;
 
+// Open the group's two nodes; the first takes the handle's first reference. -1, with a log line.
+[[nodiscard]] int openControl(zorlib_ifg& ifg) noexcept;
+[[nodiscard]] int openFrameDescriptors(zorlib_ifg& ifg) noexcept;
+
 // The identifier under which a descriptor travels.
 [[nodiscard]] std::uint32_t frameId(zorvik_frm_desc& frame) noexcept;
 

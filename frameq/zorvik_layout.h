@@ -40,13 +40,13 @@ enum {
 };
 
 struct zorvik_if_record {
-  uint32_t kern_if; /* the kernel's interface index */
-  uint32_t mate;    /* the other interface of the pair, by its place in the group */
-  uint32_t mode;
-  uint32_t sub_mode;       /* 0 to 4 */
-  uint32_t fwd_unanalyzed; /* 1: frames pass when nobody analyses them */
-  uint32_t prop_link;      /* 1: a link that goes down takes its mate's down */
-  uint32_t prop_link_time; /* after so many milliseconds */
+  uint32_t kern_if;  /* the kernel's interface index */
+  uint32_t mate;     /* the other interface of the pair, by its place in the group */
+  uint32_t mode;     /* from here on, a pair's two members have the same */
+  uint32_t sub_mode; /* 0 to 4 */
+  uint32_t mtu;      /* bytes, 0: the kernel's */
+  uint32_t speed;    /* Mbit/s, 0: negotiated */
+  uint32_t duplex;   /* 0: negotiated, 1: half, 2: full */
   uint32_t reserved;
 };
 
@@ -55,6 +55,10 @@ struct zorvik_ifg_config {
   uint32_t num_ifs;
   uint16_t link_config; /* bits 0 to 5, or 0xffff: as it was */
   uint16_t reserved;
+  uint32_t fwd_unanalyzed; /* 1: frames pass when nobody analyses them */
+  uint32_t prop_link;      /* 1: a link that goes down takes its mate's down */
+  uint32_t prop_link_time; /* after so many milliseconds */
+  uint32_t reserved2;
   struct zorvik_if_record ifs[ZORVIK_IF_MAX];
 };
 
@@ -232,7 +236,7 @@ ZORVIK_ASSERT(ZORVIK_Q_WAIT == 0x4008bfb1u);
 ZORVIK_ASSERT(ZORVIK_Q_WAKE == 0x4008bfb2u);
 ZORVIK_ASSERT(ZORVIK_GET_LOG_MASK == 0xc008bfb5u);
 ZORVIK_ASSERT(ZORVIK_SET_LOG_MASK == 0xc008bfb6u);
-ZORVIK_ASSERT(ZORVIK_IFG_CONFIGURE == 0x4408bfa2u);
+ZORVIK_ASSERT(ZORVIK_IFG_CONFIGURE == 0x4418bfa2u);
 ZORVIK_ASSERT(ZORVIK_IFG_ENUM == 0xc284bfa5u);
 ZORVIK_ASSERT(ZORVIK_QPAIR_SET == 0x4018bfa8u);
 ZORVIK_ASSERT(ZORVIK_QPAIR_GET == 0xc018bfaeu);
