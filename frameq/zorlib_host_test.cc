@@ -1,0 +1,325 @@
+// The driver's log mask, the host's interfaces, and the check of descriptors.
+#include <ifaddrs.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include "base/log.h"
+#include "frameq/testing/driver.h"
+#include "frameq/zorlib_internal.h"
+
+namespace tarnik::test {
+
+// What getifaddrs gives.
+struct HostRecord {
+  const char* name;
+  unsigned flags;
+  int family;  // 0: a record without an address
+  unsigned char halen;
+};
+std::vector<HostRecord> hostRecords;
+int getifaddrsErrno = 0;
+std::map<std::string, unsigned> hostIndexes;
+int listsAlive = 0;
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+using LoggingTest = DriverTest;
+
+TEST_F(LoggingTest, ReadsAndChangesTheMask) {
+  std::uint64_t mask = 1;
+  EXPECT_EQ(zorlib_set_logging_mask(0xf0000000000000f0), 0);
+  EXPECT_EQ(zorlib_get_logging_mask(&mask), 0);
+  EXPECT_EQ(mask, 0xf0000000000000f0u);
+  EXPECT_EQ(zorlib_add_logging(0x0f), 0);
+  EXPECT_EQ(zorlib_get_logging_mask(&mask), 0);
+  EXPECT_EQ(mask, 0xf0000000000000ffu);
+  EXPECT_EQ(zorlib_del_logging(0xf000000000000001), 0);
+  EXPECT_EQ(zorlib_get_logging_mask(&mask), 0);
+  EXPECT_EQ(mask, 0xfeu);
+  clearRequests();
+  EXPECT_EQ(zorlib_add_logging(0), 0);
+  EXPECT_EQ(zorlib_del_logging(0), 0);
+  EXPECT_THAT(requests(), IsEmpty());
+  EXPECT_EQ(zorlib_get_logging_mask(nullptr), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_THAT(requests(), IsEmpty());
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(LoggingTest, SaysInWhichStepItFailed) {
+  const auto descriptors = [] {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  const auto before = descriptors();
+  std::uint64_t mask = 0;
+  const std::pair<std::string, std::function<int()>> functions[] = {
+      {"zorlib_get_logging_mask", [&] { return zorlib_get_logging_mask(&mask); }},
+      {"zorlib_set_logging_mask", [] { return zorlib_set_logging_mask(1); }},
+      {"zorlib_add_logging", [] { return zorlib_add_logging(1); }},
+      {"zorlib_del_logging", [] { return zorlib_del_logging(1); }},
+  };
+  for (const auto& [name, function] : functions) {
+    const auto fails = [&, &called = name, &call = function](const std::string& message) {
+      clearLog();
+      errno = 0;
+      EXPECT_EQ(call(), -1);
+      EXPECT_EQ(errno, EIO);
+      EXPECT_THAT(logLines(), ElementsAre(error("Error: " + called + ": " + message)));
+      EXPECT_EQ(descriptors(), before);
+    };
+    if (name != "zorlib_set_logging_mask") {
+      refuse(ZORVIK_GET_LOG_MASK, EIO);
+      fails("get logging mask ioctl(2) failed - Input/output error");
+      answerNothing();
+    }
+    if (name != "zorlib_get_logging_mask") {
+      refuse(ZORVIK_SET_LOG_MASK, EIO);
+      fails("set logging mask ioctl(2) failed - Input/output error");
+      answerNothing();
+    }
+    std::filesystem::rename("/dev/zorvik/ctl", "/dev/zorvik/hidden");
+    systemCalls.looks = 0;
+    systemCalls.appearsAt = systemCalls.vanishesAt = 0;
+    systemCalls.fakeNode = true;
+    clearLog();
+    EXPECT_EQ(function(), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(systemCalls.looks, 1501);
+    ASSERT_EQ(logLines().size(), 2u);
+    EXPECT_EQ(logLines()[1],
+              error("Error: " + name + ": Cannot open zorvik ctl - No such file or directory"));
+    systemCalls.fakeNode = false;
+    std::filesystem::rename("/dev/zorvik/hidden", "/dev/zorvik/ctl");
+  }
+}
+
+// ---- The host's interfaces
+
+class IfEnumTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    clearLog();
+    getifaddrsErrno = 0;
+    hostIndexes = {{"lo", 1}, {"eth0", 2}, {"eth1", 3}, {"ib0", 4}, {"tun0", 5}};
+  }
+  void TearDown() override { EXPECT_EQ(listsAlive, 0); }
+  zorlib_if list_[8]{};
+};
+
+TEST_F(IfEnumTest, ListsEachInterfaceOnce) {
+  hostRecords = {{"lo", IFF_LOOPBACK, AF_PACKET, 6},
+                 {"eth0", IFF_UP, AF_PACKET, 6},
+                 {"eth1", 0, 0, 0},
+                 {"eth1", 0, AF_PACKET, 6},
+                 {"tun0", IFF_POINTOPOINT, 0, 0},
+                 {"lo", IFF_LOOPBACK, AF_INET, 0},
+                 {"eth0", IFF_UP, AF_INET, 0},
+                 {"tun0", IFF_POINTOPOINT, AF_INET, 0}};
+  ASSERT_EQ(zorlib_if_enum(list_, 8), 3);
+  EXPECT_STREQ(list_[0].name, "eth0");
+  EXPECT_EQ(list_[0].index, 2u);
+  EXPECT_EQ(list_[0].flags, unsigned{IFF_UP});
+  EXPECT_EQ(list_[0].ha_len, 6u);
+  EXPECT_EQ(list_[0].ha[5], 6);
+  EXPECT_EQ(list_[0].ha[6], 0);
+  EXPECT_STREQ(list_[1].name, "eth1");
+  EXPECT_STREQ(list_[2].name, "tun0");
+  EXPECT_EQ(list_[2].ha_len, 0u);
+  EXPECT_THAT(logLines(), IsEmpty());
+  EXPECT_EQ(zorlib_if_enum(list_, 2), 2);
+  EXPECT_EQ(zorlib_if_enum(list_, 0), 0);
+}
+
+TEST_F(IfEnumTest, ALongAddressIsCut) {
+  hostRecords = {{"ib0", 0, AF_PACKET, 20}, {"eth0", 0, AF_PACKET, 8}};
+  ASSERT_EQ(zorlib_if_enum(list_, 8), 2);
+  EXPECT_EQ(list_[0].ha_len, 8u);
+  EXPECT_EQ(list_[0].ha[7], 8);
+  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_if_enum: ib0 ha_len too large (20 vs "
+                                            "max 8) - truncating")));
+}
+
+TEST_F(IfEnumTest, SaysWhyItFailed) {
+  hostRecords = {{"gone", 0, AF_PACKET, 6}};
+  EXPECT_EQ(zorlib_if_enum(list_, 8), -1);
+  EXPECT_EQ(errno, ENODEV);
+  getifaddrsErrno = EMFILE;
+  EXPECT_EQ(zorlib_if_enum(list_, 8), -1);
+  EXPECT_EQ(errno, EMFILE);
+  EXPECT_THAT(logLines(),
+              ElementsAre(error("Error: zorlib_if_enum: if_nametoindex failed - No such device"),
+                          error("Error: zorlib_if_enum: getifaddrs failed - Too many open files")));
+}
+
+// ---- The check of descriptors
+
+class CheckTest : public DriverTest {
+ protected:
+  void SetUp() override {
+    DriverTest::SetUp();
+    ifg_ = openGroup();
+    createQueue(ifg_);
+    q_ = openQueue(ifg_, ZORLIB_WRITE);
+    ifg_->numIfs = 2;
+    frame_ = &q_->frmDesc[5];
+    *frame_ = {};
+    frame_->index = 5;
+    frame_->buf_size = 64;
+    frame_->frame_size = 64;
+    frame_->if_in = 1;
+    frame_->if_out = ZORVIK_IF_LOCAL;
+    frame_->q_idx = 31;
+    frame_->assoc_buf = 1;
+    frame_->ref_cnt = frame_->qref_cnt = frame_->eng_ref_cnt = 9;
+  }
+  void TearDown() override {
+    EXPECT_EQ(zorlib_q_close(q_), 0);
+    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
+    DriverTest::TearDown();
+  }
+  // The log is the dead child's: it is shown on standard error before the process goes.
+  void dies(zorvik_frm_desc* frame, const std::string& condition, const std::string& rest) {
+    EXPECT_DEATH(
+        {
+          ::signal(SIGABRT, [](int) {
+            for (const LogLine& line : logLines()) {
+              std::fprintf(stderr, "%d %s\n", line.priority, line.text.c_str());
+            }
+          });
+          zorlib_FRM_Vm(ifg_, frame);
+        },
+        ::testing::AllOf(::testing::HasSubstr("3 Error: zorlib_Assertion failed: " + condition +
+                                              "\n3 Error: zorlib_FRM_Vm failed!  fp "),
+                         ::testing::HasSubstr(rest),
+                         ::testing::ContainsRegex("zorlib_host_test.*\\[0x")));
+  }
+  void dies(const std::string& condition, const std::string& rest = "") {
+    dies(frame_, condition, rest);
+  }
+
+  zorlib_ifg* ifg_ = nullptr;
+  zorlib_q* q_ = nullptr;
+  zorvik_frm_desc* frame_ = nullptr;
+};
+
+using CheckDeathTest = CheckTest;
+
+TEST_F(CheckTest, ASoundDescriptorPasses) {
+  zorlib_FRM_Vm(ifg_, frame_);
+  frame_->if_out = 0;
+  frame_->if_in = ZORVIK_IF_LOCAL;
+  frame_->q_idx = ZORVIK_Q_UNKNOWN;
+  zorlib_FRM_Vm(ifg_, frame_);
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(CheckDeathTest, ADescriptorOutsideTheArrayIsNotRead) {
+  dies(q_->frmDesc - 1, "fp >= bp", "bsz 0 fsz 0 idx 0");
+  dies(q_->frmDesc + kFrames + 1, "fp < ep", "bsz 0 fsz 0 idx 0");
+}
+
+TEST_F(CheckDeathTest, EachConditionIsNamed) {
+  const std::string range = text(
+      "%p [%p-%p/257] bsz 64 fsz 64 idx 5 if_in 1 if_out 4294967295 "
+      "num_if 2 ref_cnt 10 qref_cnt 9 eng_ref_cnt 9",
+      static_cast<void*>(frame_), static_cast<void*>(q_->frmDesc),
+      static_cast<void*>(q_->frmDesc + kFrames + 1));
+  const zorvik_frm_desc sound = *frame_;
+  const auto broken = [&](auto change) {
+    *frame_ = sound;
+    change(*frame_);
+  };
+  broken([](auto& f) { f.index = 6; });
+  dies("fp == &bp[fp->frm_idx]");
+  broken([](auto& f) { f.buf_size = 63; });
+  dies("fp->buf_size >= 64", "bsz 63 fsz 64");
+  broken([](auto& f) { f.frame_size = 65; });
+  dies("fp->frame_size <= fp->buf_size");
+  for (const std::int16_t number : {std::int16_t{-2}, std::int16_t{2}}) {
+    broken([&](auto& f) { f.if_in = number; });
+    dies("fp->if_in == ZORVIK_IF_LOCAL || (fp->if_in >= 0 && fp->if_in < ifgp->num_if)");
+  }
+  broken([](auto& f) { f.if_out = -2; });
+  dies("(fp->if_out == ZORVIK_IF_LOCAL) || (fp->if_out >= 0)");
+  broken([](auto& f) { f.if_out = 2; });
+  dies("(fp->if_out == ZORVIK_IF_LOCAL) || ((fp->if_out >= 0) && (fp->if_out < ifgp->num_if))");
+  for (const std::int16_t number : {std::int16_t{-2}, std::int16_t{32}}) {
+    broken([&](auto& f) { f.q_idx = number; });
+    dies("fp->q_idx == ZORVIK_Q_UNKNOWN || (fp->q_idx >= 0 && fp->q_idx < ZORLIB_MAX_QPAIRS)");
+  }
+  broken([](auto& f) { f.ref_cnt = 10; });
+  dies("fp->ref_ctl.ref_cnt < 10", range);
+  broken([](auto& f) { f.qref_cnt = 10; });
+  dies("fp->ref_ctl.qref_cnt < 10");
+  broken([](auto& f) { f.eng_ref_cnt = 10; });
+  dies("fp->ref_ctl.eng_ref_cnt < 10");
+  broken([](auto& f) { f.assoc_buf = 0; });
+  dies("fp->assoc_buf != NULL");
+  *frame_ = sound;
+}
+
+}  // namespace
+}  // namespace tarnik::test
+
+// The host, as the tests have it.
+extern "C" {
+
+int getifaddrs(ifaddrs** list) noexcept {
+  using tarnik::test::hostRecords;
+  if (tarnik::test::getifaddrsErrno != 0) {
+    errno = tarnik::test::getifaddrsErrno;
+    return -1;
+  }
+  // An address may be longer than the structure that describes it.
+  struct Address {
+    sockaddr_ll link;
+    unsigned char more[16];
+  };
+  static std::deque<ifaddrs> records;
+  static std::deque<Address> addresses;
+  records.clear();
+  addresses.clear();
+  for (const auto& each : hostRecords) {
+    Address& address = addresses.emplace_back();
+    address.link.sll_family = static_cast<unsigned short>(each.family);
+    address.link.sll_halen = each.halen;
+    for (unsigned char i = 0; i < 8 && i < each.halen; ++i) {
+      address.link.sll_addr[i] = static_cast<unsigned char>(i + 1);
+    }
+    ifaddrs& record = records.emplace_back();
+    record.ifa_name = const_cast<char*>(each.name);
+    record.ifa_flags = each.flags;
+    record.ifa_addr = each.family != 0 ? reinterpret_cast<sockaddr*>(&address.link) : nullptr;
+    if (records.size() > 1) {
+      records[records.size() - 2].ifa_next = &record;
+    }
+  }
+  ++tarnik::test::listsAlive;
+  *list = &records.front();
+  return 0;
+}
+
+void freeifaddrs(ifaddrs*) noexcept {
+  --tarnik::test::listsAlive;
+  errno = EBADF;  // which the caller does not want to see
+}
+
+unsigned if_nametoindex(const char* name) noexcept {
+  const auto found = tarnik::test::hostIndexes.find(name);
+  errno = found == tarnik::test::hostIndexes.end() ? ENODEV : errno;
+  return found == tarnik::test::hostIndexes.end() ? 0 : found->second;
+}
+}
