@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <ctime>
+#include <mutex>
 
 namespace tarnik {
 namespace {
@@ -15,6 +16,9 @@ namespace {
 std::atomic_ref<unsigned> level() noexcept {
   return std::atomic_ref<unsigned>(OrloLogDebugLevel);
 }
+
+// Both threads log, and tzset() rebuilds what they share.
+std::mutex zoneMutex;
 
 }  // namespace
 
@@ -32,7 +36,10 @@ void raiseDebugLevel() noexcept {
 
 void logLine(int priority, const char* format, ...) noexcept {
   const int savedErrno = errno;
-  tzset();
+  {
+    const std::lock_guard guard(zoneMutex);
+    tzset();
+  }
   errno = savedErrno;  // a %m in the format means the caller's errno
   va_list arguments;
   va_start(arguments, format);
