@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "capture/test_sanitizers.h"
+
 namespace {
 std::atomic<std::uint64_t> count{0};
 }

@@ -5,14 +5,6 @@
 
 #include <cstdint>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define TARNIK_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define TARNIK_TEST_SANITIZED 1
-#endif
-#endif
-
 namespace tarnik::test {
 
 // How often memory was allocated so far. Any thread.

@@ -9,6 +9,7 @@
 
 #include "capture/counted_memory.h"
 #include "capture/manager_test.h"
+#include "capture/test_sanitizers.h"
 
 namespace tarnik {
 namespace {

@@ -3,6 +3,7 @@
 
 #include <chrono>
 
+#include "capture/test_sanitizers.h"
 #include "capture/thread_test.h"
 
 namespace tarnik {
@@ -131,6 +132,9 @@ TEST_F(ThreadLifeTest, JoinWithoutAStartOnlyLogs) {
 }
 
 TEST_F(ThreadLifeTest, AThreadThatCannotBeJoined) {
+#ifdef TARNIK_TEST_TSAN
+  GTEST_SKIP() << "the thread sanitizer loses sight of a thread whose join failed";
+#endif
   pthread_t handle{};
   test::play({.reads = {{.before = [&] {
                 handle = ::pthread_self();
