@@ -45,13 +45,18 @@ int repairQueue(Driver& driver, Group& group, Queue& queue) {
   int repaired = 0;
   std::uint32_t kept = 0;
   for (std::uint32_t i = 0; i < queue.slots; ++i) {
-    const std::uint64_t entry = ring.entry(first + i).exchange(0);
-    if (i < used && entry != 0) {
-      ring.entry(first + kept++).store(entry);
-    } else if (i < used || entry != 0) {
-      ++repaired;
+    const std::uint64_t entry = ring.entry(first + i).load();
+    const bool claimed = i < used;
+    if (claimed == (entry != 0)) {
+      if (claimed && kept++ != i) {
+        ring.entry(first + i).store(0);
+        ring.entry(first + kept - 1).store(entry);
+      }
+      continue;
     }
-    if (i >= used && entry != 0) {
+    ++repaired;
+    if (entry != 0) {
+      ring.entry(first + i).store(0);
       (void)freeFrame(driver, group, static_cast<std::uint32_t>(entry));
     }
   }
