@@ -54,6 +54,7 @@ void fill(unsigned count, std::uint32_t frameSize) {
   for (unsigned i = 0; i < count; ++i) {
     const auto data = frameData(frameSize + i % 7, i);
     if (!writer.Write(frame(2000, frameSize + i % 7, i, 0), data.data())) {
+      EXPECT_EQ(kPcapHeader.size() + writer.bytesWritten(), readFile(kWorking).size());
       break;
     }
   }

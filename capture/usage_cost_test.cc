@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <new>
 
 #include "base/owned.h"
@@ -65,10 +66,10 @@ int stat(const char* path, struct stat* status) {
   return real(path, status);
 }
 
-int statx(int directory, const char* path, int flags, unsigned mask, struct statx* status) {
-  static auto* const real = next(&statx, "statx");
+int lstat(const char* path, struct stat* status) {
+  static auto* const real = next(&lstat, "lstat");
   ++calls;
-  return real(directory, path, flags, mask, status);
+  return real(path, status);
 }
 
 int inotify_init1(int flags) {
@@ -164,6 +165,31 @@ TEST_F(UsageCostTest, OnlyAFurtherNameInTheDirectoryCostsALook) {
   fs::create_hard_link(kDir + "a.pcap", kDir + "c.pcap");
   EXPECT_TRUE(agrees(usage_));
   EXPECT_EQ(callsOfUpdate(), 2);
+}
+
+// Of all watches that the process holds.
+std::size_t watchesHeld() {
+  std::size_t count = 0;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream info(entry.path());
+    for (std::string line; std::getline(info, line);) {
+      count += line.rfind("inotify wd:", 0) == 0 ? 1 : 0;
+    }
+  }
+  return count;
+}
+
+TEST_F(UsageCostTest, FilesThatLeftAreNotWatched) {
+  const std::size_t before = watchesHeld();
+  ASSERT_GT(before, 2U);
+  for (int i = 0; i < 100; ++i) {
+    append(kDir + std::to_string(i), 1);
+    callsOfUpdate();
+    EXPECT_EQ(watchesHeld(), before + 1);
+    fs::rename(kDir + std::to_string(i), "/var/other/" + std::to_string(i));
+    callsOfUpdate();
+    EXPECT_EQ(watchesHeld(), before);
+  }
 }
 
 TEST_F(UsageCostTest, TheKernelsQueueOverflows) {

@@ -1,6 +1,5 @@
 #include "capture/usage_ledger.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -14,19 +13,9 @@
 namespace tarnik {
 namespace {
 
-// Status of the entry itself, be it a link or not.
-bool statusOf(const char* path, struct statx& status) {
-  return ::statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_SIZE, &status) == 0;
-}
-
-// A file whose every change the kernel tells of, once it is watched.
-bool isPlainFile(const struct statx& status) {
-  return S_ISREG(status.stx_mode) && (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0;
-}
-
 bool isGone(const char* path) {
-  struct statx status {};
-  return !statusOf(path, status) && errno == ENOENT;
+  struct stat status {};
+  return ::lstat(path, &status) != 0 && errno == ENOENT;
 }
 
 }  // namespace
@@ -91,8 +80,8 @@ void UsageLedger::fileChanged(int file) {
 // Looks at the entry anew. `known`: it is the entry that was looked at before, not another one of
 // that name.
 void UsageLedger::examine(std::string_view name, bool known) {
-  struct statx status {};
-  bool found = statusOf(pathOf(name), status);
+  struct stat status {};
+  bool found = ::lstat(pathOf(name), &status) == 0;
   auto entry = entries_.find(name);
   if (!found && errno == ENOENT) {
     forget(entry);
@@ -103,13 +92,13 @@ void UsageLedger::examine(std::string_view name, bool known) {
   }
   Node& node = *entry;
   const bool watched = known && node.second.watch >= 0;
-  if (found && isPlainFile(status) && !watched) {
+  if (found && S_ISREG(status.st_mode) && !watched) {
     // Looked at again: it may have changed before it was watched.
-    found = watch(node) && statusOf(path_.c_str(), status);
+    found = watch(node) && ::lstat(path_.c_str(), &status) == 0;
   }
-  if (found && isPlainFile(status)) {
+  if (found && S_ISREG(status.st_mode)) {
     visitOnNews(node);
-    setSize(node, status.stx_size);
+    setSize(node, static_cast<std::uint64_t>(status.st_size));
   } else {
     unwatch(node);
     visitAlways(node);

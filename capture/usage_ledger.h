@@ -3,8 +3,8 @@
 //
 // An entry is either a watched file, looked at again when the kernel tells that it changed, under
 // whatever name; or it is looked at each time: links (their target may change anywhere),
-// directories and other special files, mount points, a file's further names in the directory, and
-// files that could not be watched.
+// directories and other special files, a file's further names in the directory, and files that
+// could not be watched.
 //
 // Not thread-safe.
 #pragma once
