@@ -1,0 +1,323 @@
+// Several processes and threads on one queue, over the driver stand-in: every frame arrives once,
+// whoever dies, and a shutdown or a wake-up reaches who sleeps.
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "frameq/testing/driver.h"
+#include "frameq/zorlib_internal.h"
+
+namespace tarnik::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A process of its own that runs `body` and ends with its result.
+template <class Body>
+pid_t process(Body body) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::alarm(100);  // a test that hangs must not leave processes behind
+    ::_exit(body());
+  }
+  return pid;
+}
+
+int statusOf(pid_t pid) {
+  int status = -1;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// What the processes tell each other.
+struct Shared {
+  std::atomic<std::uint64_t> written;
+  std::atomic<std::uint64_t> read;
+  std::atomic<std::uint64_t> invalid;
+  std::atomic<int> ready;
+  std::atomic<bool> stop;  // frames that a dead process held are lost: do not wait for them
+  std::atomic<std::uint8_t> seen[4'000'000];
+};
+
+class ProcessTest : public DriverTest {
+ protected:
+  void SetUp() override {
+    DriverTest::SetUp();
+    shared_ = static_cast<Shared*>(
+        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(shared_, MAP_FAILED);
+  }
+  void TearDown() override {
+    ::munmap(shared_, sizeof(Shared));
+    DriverTest::TearDown();
+  }
+
+  void makeQueue(std::uint32_t size) {
+    zorlib_ifg* const ifg = openGroup();
+    createQueue(ifg, ZORVIK_Q_APP, size);
+    EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  }
+
+  // Writes frames that carry the numbers from `first` on.
+  int produce(std::uint64_t first, std::uint64_t count) const {
+    zorlib_ifg* const ifg = openGroup();
+    zorlib_q* const q = openQueue(ifg, ZORLIB_WRITE);
+    ++shared_->ready;
+    for (std::uint64_t i = first; i < first + count; ++i) {
+      zorvik_frm_desc* frame = nullptr;
+      while (zorlib_batch_alloc(ifg, 64, &frame, 1) != 1) {
+        if (errno != ENOBUFS) {
+          return 2;
+        }
+        if (shared_->stop) {
+          return 3;
+        }
+        ::usleep(100);  // until a consumer has freed one
+      }
+      std::uint8_t* const data = zorlib_ifg_frm_data(ifg, frame);
+      std::memcpy(data, &i, sizeof i);
+      frame->frame_size = sizeof i;
+      frame->tag = i;
+      if (zorlib_q_write(q, frame) != 0) {
+        return 3;
+      }
+    }
+    return zorlib_q_close(q) == 0 && zorlib_ifg_close(ifg) == 0 ? 0 : 4;
+  }
+
+  // Reads and checks frames until `read` says that all are there, or the side is shut down.
+  int consume(bool inOrder) const {
+    zorlib_ifg* const ifg = openGroup();
+    zorlib_q* const q = openQueue(ifg, ZORLIB_READ);
+    ++shared_->ready;
+    std::uint64_t expected = 0;
+    for (;;) {
+      zorvik_frm_desc* frame = nullptr;
+      if (zorlib_q_read(q, &frame) != 0) {
+        if (errno == ENXIO) {
+          ++shared_->invalid;
+          continue;
+        }
+        if (errno != ESHUTDOWN) {
+          return 2;
+        }
+        return zorlib_q_close(q) == 0 && zorlib_ifg_close(ifg) == 0 ? 0 : 4;
+      }
+      const std::uint64_t tag = frame->tag;
+      std::uint64_t content = 0;
+      const std::uint8_t* const data = zorlib_q_frm_data(q, frame);
+      std::memcpy(&content, data, sizeof content);
+      if (content != tag || (inOrder && tag != expected++)) {
+        return 3;
+      }
+      ++shared_->seen[tag];
+      if (zorlib_frm_free(ifg, frame) != 0) {
+        return 5;
+      }
+      ++shared_->read;
+    }
+  }
+
+  // Until so many processes have opened the queue. Opening ends a shutdown, so one must not come
+  // before.
+  void waitUntilReady(int processes) {
+    while (shared_->ready < processes) {
+      ::usleep(1000);
+    }
+  }
+
+  // Ends the consumers once `count` frames have been read.
+  void shutDownAfter(std::uint64_t count) {
+    const auto limit = Clock::now() + std::chrono::seconds(90);
+    while (shared_->read + shared_->invalid < count && Clock::now() < limit) {
+      ::usleep(1000);
+    }
+    EXPECT_EQ(shared_->read + shared_->invalid, count);
+    shutDownReaders();
+  }
+  static void shutDownReaders() {
+    zorlib_ifg* const ifg = openGroup();
+    // Opening the side ends its shutdown, shutting this handle down raises it for all.
+    zorlib_q* const q = openQueue(ifg, ZORLIB_READ);
+    EXPECT_EQ(zorlib_q_shutdown(q), 0);
+    EXPECT_EQ(zorlib_q_close(q), 0);
+    EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  }
+  void expectAllSeenOnce(std::uint64_t count) {
+    std::uint64_t lost = 0;
+    std::uint64_t doubled = 0;
+    for (std::uint64_t i = 0; i < count; ++i) {
+      lost += shared_->seen[i] == 0 ? 1 : 0;
+      doubled += shared_->seen[i] > 1 ? 1 : 0;
+    }
+    EXPECT_EQ(lost, 0u);
+    EXPECT_EQ(doubled, 0u);
+  }
+
+  Shared* shared_ = nullptr;
+};
+
+// Sanitizers come with clang, which tells of them in this way.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+#define TARNIK_SLOW_PROGRAM 1
+#endif
+#endif
+#ifdef TARNIK_SLOW_PROGRAM
+constexpr std::uint64_t kMany = 100'000;
+#else
+constexpr std::uint64_t kMany = 1'000'000;
+#endif
+
+TEST_F(ProcessTest, TwoProcessesMoveEveryFrameInOrder) {
+  makeQueue(64);
+  const pid_t consumer = process([&] { return consume(true); });
+  const pid_t producer = process([&] { return produce(0, kMany); });
+  EXPECT_EQ(statusOf(producer), 0);
+  shutDownAfter(kMany);
+  EXPECT_EQ(statusOf(consumer), 0);
+  expectAllSeenOnce(kMany);
+}
+
+TEST_F(ProcessTest, ManyProducersAndConsumersMoveEveryFrameOnce) {
+  // Larger than what is moved between two turns of a process: see the limits of the ring.
+  makeQueue(1 << 20);
+  constexpr std::uint64_t kEach = kMany / 10;
+  std::vector<pid_t> consumers;
+  std::vector<pid_t> producers;
+  for (int i = 0; i < 4; ++i) {
+    consumers.push_back(process([&] { return consume(false); }));
+  }
+  for (std::uint64_t i = 0; i < 4; ++i) {
+    producers.push_back(process([&, i] { return produce(i * kEach, kEach); }));
+  }
+  waitUntilReady(8);
+  for (const pid_t pid : producers) {
+    EXPECT_EQ(statusOf(pid), 0);
+  }
+  shutDownAfter(4 * kEach);
+  for (const pid_t pid : consumers) {
+    EXPECT_EQ(statusOf(pid), 0);
+  }
+  expectAllSeenOnce(4 * kEach);
+}
+
+TEST_F(ProcessTest, AShutdownWakesEverySleepingReaderAtOnce) {
+  makeQueue(16);
+  std::vector<pid_t> readers;
+  for (int i = 0; i < 3; ++i) {
+    readers.push_back(process([&] { return consume(false); }));
+  }
+  waitUntilReady(3);
+  ::usleep(50'000);  // they sleep by now
+  const auto start = Clock::now();
+  shutDownReaders();
+  for (const pid_t pid : readers) {
+    EXPECT_EQ(statusOf(pid), 0);
+  }
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST_F(ProcessTest, TheDeathOfAPeerNeverHangsTheOthers) {
+  // Producers and consumers are killed at random. Whatever slot they leave torn, a shutdown ends
+  // everybody else, and nobody reads a frame twice.
+  std::mt19937 random(4711);  // the same moments again in each run, as far as the machine allows
+  for (int round = 0; round < 5; ++round) {
+    makeQueue(1 << 16);
+    shared_->stop = false;
+    shared_->ready = 0;
+    for (std::uint64_t i = 0; i < 4 * kMany / 10; ++i) {
+      shared_->seen[i] = 0;
+    }
+    std::vector<pid_t> pids;
+    for (std::uint64_t i = 0; i < 4; ++i) {
+      pids.push_back(process([&] { return consume(false); }));
+      pids.push_back(process([&, i] { return produce(i * (kMany / 10), kMany / 10); }));
+    }
+    waitUntilReady(8);
+    ::usleep(static_cast<useconds_t>(random() % 30'000));
+    const std::size_t victim = random() % pids.size();
+    ::kill(pids[victim], SIGKILL);
+    ::usleep(static_cast<useconds_t>(random() % 30'000));
+    shared_->stop = true;
+    zorlib_ifg* const ifg = openGroup();
+    for (const std::uint32_t mode : {ZORLIB_READ, ZORLIB_WRITE}) {
+      zorlib_q* const q = openQueue(ifg, mode);
+      EXPECT_EQ(zorlib_q_shutdown(q), 0);
+      EXPECT_EQ(zorlib_q_close(q), 0);
+    }
+    for (std::size_t i = 0; i < pids.size(); ++i) {
+      const int status = statusOf(pids[i]);
+      const int expected = i % 2 == 0 ? 0 : 3;  // a producer's write failed, unless it was done
+      EXPECT_TRUE(i == victim || status == expected || (i % 2 == 1 && status == 0))
+          << "process " << i << ": " << status;
+    }
+    std::uint64_t doubled = 0;
+    for (std::uint64_t i = 0; i < 4 * kMany / 10; ++i) {
+      doubled += shared_->seen[i] > 1 ? 1 : 0;
+    }
+    EXPECT_EQ(doubled, 0u);
+    EXPECT_EQ(zorlib_ifg_remove_q_app(ifg, "TarnikQ"), 0);
+    EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  }
+}
+
+TEST_F(ProcessTest, ReadsGoOnWhileTheMemoryIsScribbledOver) {
+  makeQueue(16);
+  zorlib_ifg* const ifg = openGroup();
+  zorlib_q* const q = openQueue(ifg, ZORLIB_READ);
+  const pid_t vandal = process([&]() -> int {
+    std::mt19937 generator(1);
+    const auto random = [&] { return static_cast<std::uint32_t>(generator()); };
+    auto* const words = reinterpret_cast<volatile std::uint32_t*>(q->qmem.base());
+    auto* const descriptors = reinterpret_cast<volatile std::uint32_t*>(q->frmDesc);
+    constexpr std::uint32_t kChosen[] = {0, 1, 15, 16, 0x7fffffff, 0x80000000, 0xffffffff};
+    const std::uint32_t queueWords[] = {17, 32, 48, 80, 82, 84, 86, 88, 90, 92, 94};
+    for (;;) {
+      const std::uint32_t value = random() % 2 == 0 ? kChosen[random() % 7] : random();
+      // Not the shutdown bit, which would end the game.
+      words[queueWords[random() % 11]] = value & ~4u;
+      descriptors[random() % (q->frmDescSize / 4)] = random();
+    }
+  });
+  int outcomes[3] = {};
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    ::kill(vandal, SIGKILL);
+    statusOf(vandal);
+    EXPECT_EQ(zorlib_q_shutdown(q), 0);
+  });
+  for (;;) {
+    zorvik_frm_desc* frame = nullptr;
+    if (zorlib_q_read_timeout(q, &frame, 0) == 0) {
+      ++outcomes[0];
+      ASSERT_GE(frame, q->frmDesc);
+      ASSERT_LE(frame + 1, q->frmDesc + q->frmDescSize / sizeof *frame);
+      const std::uint8_t* const data = zorlib_q_frm_data(q, frame);
+      if (data != nullptr) {
+        ASSERT_GE(data, q->payload);
+        ASSERT_LE(data, q->payload + q->payloadSize);
+      }
+    } else if (errno == ESHUTDOWN) {
+      break;
+    } else {
+      ASSERT_TRUE(errno == EAGAIN || errno == ENXIO) << errno;
+      ++outcomes[errno == ENXIO ? 1 : 2];
+    }
+  }
+  stopper.join();
+  EXPECT_GT(outcomes[1], 0) << "invalid identifiers came";
+  EXPECT_EQ(zorlib_q_close(q), 0);
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+}
+
+}  // namespace
+}  // namespace tarnik::test
