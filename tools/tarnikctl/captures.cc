@@ -62,8 +62,8 @@ void describe(const Info& info, const std::string& fileName, Capture& capture) {
   }
 }
 
-// Counts the records; the lengths come from the file's size, since libpcap cuts what it hands out
-// to the snapshot length of the file header.
+// Counts the records. The bytes of a whole file come from its size, since libpcap cuts what it
+// hands out to the snapshot length of the file header.
 void readRecords(const fs::path& path, Capture& capture) {
   char error[PCAP_ERRBUF_SIZE] = "";
   const std::unique_ptr<pcap_t, decltype(&pcap_close)> pcap(pcap_open_offline(path.c_str(), error),
@@ -85,13 +85,20 @@ void readRecords(const fs::path& path, Capture& capture) {
       capture.start = header->ts.tv_sec;
       first = time;
     }
+    capture.bytes += header->caplen;
     capture.duration = std::max(capture.duration, time - first);
   }
-  capture.ended = result == PCAP_ERROR ? pcap_geterr(pcap.get()) : "whole";
+  if (result == PCAP_ERROR) {
+    capture.ended = pcap_geterr(pcap.get());
+    return;
+  }
+  capture.ended = "whole";
   std::error_code failed;
   const std::uint64_t size = fs::file_size(path, failed);
   const std::uint64_t headers = kFileHeader + capture.frames * kRecordHeader;
-  capture.bytes = !failed && size > headers ? size - headers : 0;
+  if (!failed && size > headers) {
+    capture.bytes = size - headers;
+  }
 }
 
 Capture readCapture(const fs::path& path) {
@@ -125,10 +132,11 @@ std::string seconds(double value) {
 }
 
 constexpr Column kColumns[] = {
-    {"FILE", false, [](const Capture& c) { return c.file; }},
+    {"FILE", false, [](const Capture& c) { return printable(c.file); }},
     {"TIME (UTC)", false, [](const Capture& c) { return utcTime(c.start); }},
-    {"TRIGGER", false, [](const Capture& c) { return c.trigger.empty() ? "-" : c.trigger; }},
-    {"FLOW", false, [](const Capture& c) { return !c.flow.empty() ? c.flow : c.flowId; }},
+    {"TRIGGER", false,
+     [](const Capture& c) { return c.trigger.empty() ? "-" : printable(c.trigger); }},
+    {"FLOW", false, [](const Capture& c) { return printable(c.flow); }},
     {"FRAMES", true, [](const Capture& c) { return std::to_string(c.frames); }},
     {"BYTES", true, [](const Capture& c) { return std::to_string(c.bytes); }},
     {"SECONDS", true, [](const Capture& c) { return seconds(c.duration); }},

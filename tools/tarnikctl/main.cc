@@ -122,12 +122,11 @@ std::string shown(const Options& options, const Stats& now) {
 }
 
 int watch(const Options& options, Stats before) {
-  std::string reason;
   for (;;) {
     ::sleep(1);
     Stats after;
-    if (!readStats(kStatsPath, after, reason)) {
-      return complain(kNoDaemon, "%s", reason.c_str());
+    if (const ExitStatus status = readStats(kStatsPath, after); status != kDone) {
+      return status;
     }
     if (!after.ownerAlive) {
       return complain(kNoDaemon, "tarnikd (process %d) has ended", after.ownerPid);
@@ -143,9 +142,8 @@ int watch(const Options& options, Stats before) {
 
 int stats(const Options& options) {
   Stats now;
-  std::string reason;
-  if (!readStats(kStatsPath, now, reason)) {
-    return complain(kNoDaemon, "%s", reason.c_str());
+  if (const ExitStatus status = readStats(kStatsPath, now); status != kDone) {
+    return status;
   }
   if (options.watch) {
     return watch(options, now);

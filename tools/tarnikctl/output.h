@@ -12,9 +12,12 @@ enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kNoDaemon = 3 };
 // Prints "tarnikctl: ..." and returns `status`.
 [[gnu::format(printf, 2, 3)]] int complain(ExitStatus status, const char* format, ...);
 
-// `text` as a JSON string, quotes included. Bytes that are no printable ASCII are escaped, so the
+// `text` as a JSON string, quotes included. Bytes that are no UTF-8 are taken for Latin-1, so the
 // result is valid whatever a file name holds.
 [[nodiscard]] std::string jsonString(std::string_view text);
+
+// `text` for a terminal: what is no printable character of UTF-8 becomes "?".
+[[nodiscard]] std::string printable(std::string_view text);
 
 // "2026-03-05 07:08:09" in UTC; "-" for 0.
 [[nodiscard]] std::string utcTime(std::int64_t seconds);

@@ -45,12 +45,16 @@ bool isAlive(const OrloStatsHeader& header) {
 
 }  // namespace
 
-bool readStats(const std::string& path, Stats& stats, std::string& reason) {
+ExitStatus readStats(const std::string& path, Stats& stats) {
   const OwnedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!fd && errno == ENOENT) {
+    complain(kNoDaemon, "no statistics at %s: tarnikd has not captured since the start",
+             path.c_str());
+    return kNoDaemon;
+  }
   if (!fd) {
-    reason = "cannot open " + path + ": " + std::strerror(errno) +
-             (errno == ENOENT ? " (tarnikd has not captured since it was started)" : "");
-    return false;
+    complain(kFailed, "cannot open %s: %s", path.c_str(), std::strerror(errno));
+    return kFailed;
   }
   struct {
     OrloStatsHeader header;
@@ -60,13 +64,13 @@ bool readStats(const std::string& path, Stats& stats, std::string& reason) {
   if (::pread(fd.get(), &area, sizeof area, 0) != static_cast<ssize_t>(sizeof area) ||
       area.header.magic != ORLO_STATS_MAGIC || area.header.headerSize != sizeof area.header ||
       area.header.size < sizeof area.counters) {
-    reason = path + " is no statistics area of tarnikd";
-    return false;
+    complain(kFailed, "%s is no statistics area of tarnikd", path.c_str());
+    return kFailed;
   }
   stats.counters = area.counters;
   stats.ownerPid = area.header.ownerPid;
   stats.ownerAlive = isAlive(area.header);
-  return true;
+  return kDone;
 }
 
 std::string toText(const Stats& stats) {

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "tools/tarnikctl/output.h"
+
 namespace tarnik::ctl {
 
 inline constexpr std::size_t kCounters = 6;
@@ -21,8 +23,9 @@ struct Stats {
   bool ownerAlive = false;
 };
 
-// Reads the area at `path`. On failure false, and `reason` says what is wrong and what to do.
-[[nodiscard]] bool readStats(const std::string& path, Stats& stats, std::string& reason);
+// Reads the area at `path`. An exit status: kNoDaemon when there is no area, kFailed when it cannot
+// be read; it has complained when that is not kDone.
+[[nodiscard]] ExitStatus readStats(const std::string& path, Stats& stats);
 
 [[nodiscard]] std::string toText(const Stats& stats);
 [[nodiscard]] std::string toJson(const Stats& stats);
