@@ -193,6 +193,7 @@ int parse(int argc, char** argv, Options& options, std::string& switches) {
       {"watch", no_argument, nullptr, 'w'},        {"json", no_argument, nullptr, 'j'},
       {"prometheus", no_argument, nullptr, 'p'},   {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, 'V'},      {}};
+  opterr = 0;  // one line is enough
   for (int choice; (choice = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
     switch (choice) {
       case 's':
