@@ -15,7 +15,12 @@ class ReloadTest : public test::ManagerTest {};
 TEST_F(ReloadTest, FramesFlowThroughReloads) {
   constexpr unsigned kCaptures = 150;
   constexpr unsigned kFrames = 12;
+  constexpr unsigned kAnnounced = 100;  // before their first frame; the rest some time
   ASSERT_EQ(init({}), 0);
+  const auto trigger = [](unsigned captureId) { return captureId % 2 == 0 ? 70000U : 5U; };
+  for (unsigned captureId = 1; captureId <= kAnnounced; ++captureId) {
+    announce(captureId, trigger(captureId), captureId);
+  }
   std::atomic<bool> done{false};
   std::atomic<int> refused{0};
   std::thread captureThread([&] {
@@ -33,9 +38,10 @@ TEST_F(ReloadTest, FramesFlowThroughReloads) {
     done = true;
   });
   // The same names and roomy limits, but every time others.
-  for (unsigned round = 0; !done; ++round) {
+  unsigned round = 0;
+  for (; !done; ++round) {
     const unsigned captureId = round % kCaptures + 1;
-    announce(captureId, captureId % 2 == 0 ? 70000 : 5, captureId);
+    announce(captureId, trigger(captureId), captureId);
     TarnikMetaCache::instance().config(static_cast<int>(1800 + round % 7));
     EXPECT_EQ(reload({.maxTimeout = 100 + round % 20,
                       .diskSpace = 1'000'000'000 + round,
@@ -50,6 +56,7 @@ TEST_F(ReloadTest, FramesFlowThroughReloads) {
   }
   captureThread.join();
   EXPECT_EQ(refused, 0);
+  EXPECT_GT(round, 0u);
   EXPECT_THAT(test::logLinesAboveDebug(),
               testing::Each(testing::Field(&test::LogLine::text,
                                            testing::StartsWith("Warning: Finalize: Failed to "
@@ -70,6 +77,7 @@ TEST_F(ReloadTest, FramesFlowThroughReloads) {
         << name << " of capture " << captureId;
     EXPECT_TRUE(files.emplace(captureId, name).second);
   }
+  EXPECT_GE(files.size(), kAnnounced);
   EXPECT_EQ(files.size() + test::logLinesAboveDebug().size(), kCaptures);
 }
 
