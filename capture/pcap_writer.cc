@@ -25,7 +25,8 @@ constexpr std::array<std::uint8_t, 24> kFileHeader = {
     1,    0,    0,    0,     // Ethernet
 };
 
-// Ten thousand captures may be open at once, and few of them busy: see bench/pcap_writer_bench.cc.
+// Measured in bench/pcap_writer_bench.cc: half of it costs a fifth more time a frame, twice of it
+// saves nothing. Ten thousand open captures take 160 MB at most.
 constexpr std::size_t kStreamBufferSize = 16384;
 
 struct FrameWords {

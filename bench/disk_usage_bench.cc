@@ -1,0 +1,86 @@
+// What the measurement after every frame costs with 10, 1,000 and 20,000 capture files: when
+// nothing changed, when a file grew (a stream's buffer was written out), and as a scan.
+//
+// Works on the capture directory itself: run it in a private root.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "base/owned.h"
+#include "base/paths.h"
+#include "capture/disk_usage.h"
+
+namespace tarnik {
+namespace {
+
+std::string pathOf(int file) {
+  return kCaptureDir + ("20240305-070809.ips.X_Y." + std::to_string(file) + ".pcap");
+}
+
+void fillDirectory(benchmark::State& state) {
+  if (std::getenv("TARNIK_PRIVATE_ROOT") == nullptr) {
+    std::fputs("this empties the capture directory: run it in a private root\n", stderr);
+    std::exit(1);
+  }
+  const auto count = static_cast<int>(state.range(0));
+  for (const auto& entry : std::filesystem::directory_iterator(kCaptureDir)) {
+    std::filesystem::remove_all(entry);
+  }
+  for (int file = 0; file < count; ++file) {
+    const OwnedFd fd(::open(pathOf(file).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (::ftruncate(fd.get(), 1000) != 0) {
+      std::perror("disk_usage_bench");
+      std::exit(1);
+    }
+  }
+}
+
+void ledgerWithoutChange(benchmark::State& state) {
+  fillDirectory(state);
+  DiskUsage usage;
+  std::uint64_t bytes = 0;
+  std::uint64_t files = 0;
+  usage.update(bytes, files);
+  for (auto _ : state) {
+    usage.update(bytes, files);
+    benchmark::DoNotOptimize(bytes);
+  }
+}
+
+void ledgerAfterAWrite(benchmark::State& state) {
+  fillDirectory(state);
+  DiskUsage usage;
+  std::uint64_t bytes = 0;
+  std::uint64_t files = 0;
+  usage.update(bytes, files);
+  const OwnedFd fd(::open(pathOf(0).c_str(), O_WRONLY | O_CLOEXEC));
+  for (auto _ : state) {
+    if (::pwrite(fd.get(), "x", 1, 0) != 1) {
+      state.SkipWithError("write failed");
+    }
+    usage.update(bytes, files);
+    benchmark::DoNotOptimize(bytes);
+  }
+}
+
+void scan(benchmark::State& state) {
+  fillDirectory(state);
+  std::uint64_t bytes = 0;
+  std::uint64_t files = 0;
+  for (auto _ : state) {
+    scanDiskUsage(bytes, files);
+    benchmark::DoNotOptimize(bytes);
+  }
+}
+
+BENCHMARK(ledgerWithoutChange)->Arg(10)->Arg(1000)->Arg(20000);
+BENCHMARK(ledgerAfterAWrite)->Arg(10)->Arg(1000)->Arg(20000);
+BENCHMARK(scan)->Arg(10)->Arg(1000)->Arg(20000);
+
+}  // namespace
+}  // namespace tarnik
