@@ -5,6 +5,13 @@
 // The ring, for those who work on this file: the counters move only by compare-and-swap; a
 // producer claims a slot by moving `enqueue` and then stores the identifier; a consumer claims
 // it by moving `dequeue` and then stores 0. So a slot's word tells whether its claimant is done.
+//
+// Limit: the counters are masked, so a swap also succeeds after the counter has gone round the
+// whole ring and come back to the value that was seen. A producer (or consumer) that stands still
+// between look and swap, while others of its side move exactly the ring's length, then claims a
+// slot that is not its to claim, and frames are lost or read twice. With one producer and one
+// consumer it cannot happen, with several it wants a ring longer than what the others move while
+// one is preempted. frameq/model shows that this is the ring's only fault.
 #pragma once
 
 #include <atomic>
