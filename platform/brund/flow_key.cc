@@ -65,8 +65,9 @@ std::string addressText(const FlowKey& key, const Endpoint& endpoint) {
   if (!key.has_ports) {
     return text;
   }
-  const std::string host = v6 ? "[" + std::string(text) + "]" : text;
-  return host + ":" + std::to_string(endpoint.port);
+  std::string host = v6 ? "[" : "";
+  host.append(text).append(v6 ? "]:" : ":");
+  return host + std::to_string(endpoint.port);
 }
 
 }  // namespace

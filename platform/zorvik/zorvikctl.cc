@@ -62,7 +62,7 @@ int fail(const std::string& what) {
 }
 
 std::string quoted(std::string_view text) {
-  return "'" + std::string(text) + "'";
+  return std::string("'").append(text).append("'");
 }
 
 template <typename T>

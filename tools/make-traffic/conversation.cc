@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <random>
 #include <string>
 #include <string_view>
@@ -31,7 +32,7 @@ void put32(Bytes& out, std::uint32_t value) {
   put16(out, value & 0xffff);
 }
 void putText(Bytes& out, std::string_view text) {
-  out.insert(out.end(), text.begin(), text.end());
+  std::copy(text.begin(), text.end(), std::back_inserter(out));
 }
 
 void set16(Bytes& out, std::size_t at, unsigned value) {
