@@ -2,9 +2,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <new>
-
-#include "capture/test_sanitizers.h"
 
 namespace {
 std::atomic<std::uint64_t> count{0};
@@ -13,24 +10,6 @@ std::atomic<std::uint64_t> count{0};
 std::uint64_t tarnik::test::allocations() {
   return count;
 }
-
-#ifdef TARNIK_TEST_SANITIZED
-
-void* operator new(std::size_t size) {
-  ++count;
-  if (void* const memory = std::malloc(size)) {
-    return memory;
-  }
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-
-#else
 
 extern "C" {
 
@@ -51,5 +30,3 @@ void* realloc(void* memory, std::size_t size) noexcept {
   return __libc_realloc(memory, size);
 }
 }
-
-#endif
