@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <orlo_sdk.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 #include <filesystem>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 namespace orlo::test {
 
@@ -66,6 +69,13 @@ class RunDirTest : public testing::Test {
     ASSERT_TRUE(std::filesystem::create_directory(ORLO_RUN_DIR));
   }
 };
+
+inline sockaddr_un socketAddress(std::string_view path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path);
+  return address;
+}
 
 // A pipe between processes or threads.
 class Pipe {

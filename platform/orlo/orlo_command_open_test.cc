@@ -89,9 +89,7 @@ std::string opened(const char* name = "tarnikd") {
 
 // Leaves a socket file that nobody listens on.
 void leaveStaleSocket() {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, kPath);
+  const sockaddr_un address = socketAddress(kPath);
   const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
   ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   close(fd);
@@ -207,9 +205,7 @@ TEST_F(CommandOpen, LetsOneOfManyInstancesIn) {
 }
 
 TEST_F(CommandOpen, RefusesASocketThatSomebodyElseListensOn) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, kPath);
+  const sockaddr_un address = socketAddress(kPath);
   const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
   ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   EXPECT_EQ(opened(), "another process listens on /run/orlo/tarnikd.sock: stop it first");

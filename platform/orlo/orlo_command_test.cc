@@ -21,19 +21,12 @@ namespace {
 
 constexpr char kPath[] = ORLO_RUN_DIR "/tarnikd.sock";
 
-sockaddr_un addressOf(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path));
-  return address;
-}
-
 // A client, bound to `path` unless that is empty.
 class Client {
  public:
   explicit Client(const std::string& path) : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)), path_(path) {
     if (!path.empty()) {
-      const sockaddr_un address = addressOf(path);
+      const sockaddr_un address = socketAddress(path);
       EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
           << std::strerror(errno);
     }
@@ -47,7 +40,7 @@ class Client {
     }
   }
   void send(const std::string& bytes) const {
-    const sockaddr_un address = addressOf(kPath);
+    const sockaddr_un address = socketAddress(kPath);
     EXPECT_EQ(sendto(fd_, bytes.data(), bytes.size(), 0,
                      reinterpret_cast<const sockaddr*>(&address), sizeof address),
               static_cast<ssize_t>(bytes.size()))

@@ -195,9 +195,7 @@ struct Logged {
 Logged logThrough(unsigned foreground) {
   constexpr char kLogPath[] = "/dev/log";
   const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, kLogPath);
+  const sockaddr_un address = socketAddress(kLogPath);
   EXPECT_EQ(bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   Pipe output;
   const pid_t child = startChild([&] {

@@ -50,9 +50,7 @@ class Watchdog : public RunDirTest {
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(RunDirTest::SetUp());
     log_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, kLogPath);
+    const sockaddr_un address = socketAddress(kLogPath);
     ASSERT_EQ(bind(log_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
         << std::strerror(errno);
   }
