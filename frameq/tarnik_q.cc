@@ -15,6 +15,7 @@ using capture_if::ifg;
 using capture_if::kQueueName;
 
 int TarnikQ::Open(int mode) {
+  const std::lock_guard guard(capture_if::mutex);
   zorlib_ifg* const group = ifg;
   if (group == nullptr) {
     TARNIK_ERROR("Error: %s: ifg handle not valid (%p)", "Open", static_cast<void*>(group));
@@ -24,7 +25,6 @@ int TarnikQ::Open(int mode) {
     TARNIK_ERROR("Error: %s: mode not valid (%d)", "Open", mode);
     return -4;
   }
-  const std::lock_guard guard(capture_if::mutex);
   if (zorlib_q_app_open(group, kQueueName, static_cast<std::uint32_t>(mode), &q_) != 0) {
     TARNIK_ERROR("Error: %s: zorlib_q_app_open failed, errno=%d", "Open", errno);
     TARNIK_INFO("%s: TarnikIfInit must be called", "Open");

@@ -241,6 +241,20 @@ ZORVIK_ASSERT(ZORVIK_IFG_ENUM == 0xc284bfa5u);
 ZORVIK_ASSERT(ZORVIK_QPAIR_SET == 0x4018bfa8u);
 ZORVIK_ASSERT(ZORVIK_QPAIR_GET == 0xc018bfaeu);
 ZORVIK_ASSERT(ZORVIK_IFG_STATS == 0x8028bfb3u);
+ZORVIK_ASSERT(offsetof(struct zorvik_ifg_query, count) == 8);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_create, type) == 0);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_create, size) == 4);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_create, reserved) == 8);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_create, reserved2) == 40);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_stat, id) == 0);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_stat, type) == 4);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_stat, entries) == 8);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_stat, mem_size) == 12);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_wait, kresq_handle) == 0);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_wait, timeout_ms) == 4);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_wake, kresq_handle) == 0);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_enum, records) == 4);
+ZORVIK_ASSERT(offsetof(struct zorvik_q_record, id) == 0);
 ZORVIK_ASSERT(sizeof(struct zorvik_q_record) == 36);
 ZORVIK_ASSERT(sizeof(struct zorvik_q_enum) == 1156);
 ZORVIK_ASSERT(offsetof(struct zorvik_q_record, name) == 16);
@@ -282,6 +296,10 @@ static inline uint64_t* zorvik_qmem_entries(struct zorvik_qmem* qmem) {
   return (uint64_t*)(void*)(qmem + 1);
 }
 
+ZORVIK_ASSERT(offsetof(struct zorvik_resq, tag) == 0);
+ZORVIK_ASSERT(offsetof(struct zorvik_resq, flags) == 4);
+ZORVIK_ASSERT(offsetof(struct zorvik_resq, kresq_handle) == 8);
+ZORVIK_ASSERT(offsetof(struct zorvik_qmem, presq) == 0);
 ZORVIK_ASSERT(offsetof(struct zorvik_qmem, cresq) == 64);
 ZORVIK_ASSERT(offsetof(struct zorvik_qmem, enqueue) == 128);
 ZORVIK_ASSERT(offsetof(struct zorvik_qmem, dequeue) == 192);
@@ -330,6 +348,10 @@ struct zorvik_frm_desc {
 };
 
 ZORVIK_ASSERT(sizeof(struct zorvik_frm_desc) == 128);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, wire_len) == 0);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, cap_len) == 4);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, ts_sec) == 8);
+ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, ts_usec) == 12);
 ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, data) == 16);
 ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, frame_size) == 48);
 ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, tag) == 72);
