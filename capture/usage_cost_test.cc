@@ -167,6 +167,15 @@ TEST_F(UsageCostTest, OnlyAFurtherNameInTheDirectoryCostsALook) {
   EXPECT_EQ(callsOfUpdate(), 2);
 }
 
+TEST_F(UsageCostTest, AWayOverLinksCostsNoMore) {
+  fs::create_directory("/var/other/place");
+  fs::create_directory_symlink("place", "/var/other/link");
+  fs::remove_all("/var/support/tarnik");
+  fs::create_directory_symlink("../other/./link//", "/var/support/tarnik");
+  EXPECT_TRUE(agrees(usage_));
+  EXPECT_EQ(callsOfUpdate(), 1);
+}
+
 // Of all watches that the process holds.
 std::size_t watchesHeld() {
   std::size_t count = 0;
