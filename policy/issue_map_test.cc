@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -132,6 +133,29 @@ TEST_F(IssueMapTest, PopulateAddsAndReloadReplaces) {
   EXPECT_TRUE(map.Reload(file("4,e\n")));
   EXPECT_EQ(map.size(), 1u);
   EXPECT_EQ(nameOf(map, 4), "e");
+}
+
+TEST_F(IssueMapTest, LogsItsFileAndWhatTheMapThenHolds) {
+  IssueMap map;
+  const std::string csv = file("1,a\n2,b\n");
+  EXPECT_TRUE(map.PopulateIssueMap(csv.c_str()));
+  EXPECT_THAT(logLines(), IsEmpty());
+  setDebugLevel(1);
+  writeFile(csv, "2,c\n3,d\n3,e\n");
+  const LogLine opening = debugLine("Debug: PopulateIssueMap: " + csv);
+  EXPECT_TRUE(map.PopulateIssueMap(csv.c_str()));
+  EXPECT_THAT(logLines(),
+              ElementsAre(opening, debugLine("Debug: PopulateIssueMap: Read 3 issues")));
+  clearLog();
+  EXPECT_TRUE(map.Reload(csv));
+  EXPECT_THAT(logLines(),
+              ElementsAre(opening, debugLine("Debug: PopulateIssueMap: Read 2 issues")));
+  clearLog();
+  std::filesystem::remove(csv);
+  EXPECT_FALSE(map.Reload(csv));
+  EXPECT_THAT(logLines(),
+              ElementsAre(opening, errorLine("Error: PopulateIssueMap: Failed to open [" + csv +
+                                             "]: No such file or directory")));
 }
 
 TEST_F(IssueMapTest, FailedReloadKeepsOnlyWhatItReadBefore) {

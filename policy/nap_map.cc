@@ -23,12 +23,12 @@ bool NapMap::populate(const char* path, Uuids& uuids) {
     endProcess();
   }
   const bool whole = readSettings(tuning.get(), [&uuids](const char* key, const char* value) {
+    // No check, as in all policy files: what is no number is 0, and -1 is the highest priority.
+    const auto priority = static_cast<std::uint32_t>(std::strtol(value, nullptr, 10));
     const char* uuid = OrloMatchPrefix(key, "acl.rule.priority.");
     if (uuid == nullptr) {
       return;
     }
-    // No check, as in all policy files: what is no number is 0, and -1 is the highest priority.
-    const auto priority = static_cast<std::uint32_t>(std::strtol(value, nullptr, 10));
     uuids.insert_or_assign(priority, *uuid == '_' ? uuid + 1 : uuid);
   });
   if (!whole) {

@@ -61,7 +61,8 @@ TEST_F(NapMapTest, PriorityIsWhatDecimalConversionMakesOfTheValue) {
                                                          {"4294967296", 0},
                                                          {"65535", 65535},
                                                          {"-4294967295", 1},
-                                                         {"99999999999999999999", 4294967295}};
+                                                         {"99999999999999999999", 4294967295},
+                                                         {"-99999999999999999999", 0}};
   for (const auto& [value, priority] : cases) {
     NapMap map;
     EXPECT_TRUE(
