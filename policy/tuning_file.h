@@ -33,8 +33,9 @@ template <typename Visit>
   }
 }
 
-// Ends the process with status 1. Not exit(): on a reload the capture thread is at work, and
-// nothing static may be destroyed under it.
+// Ends the process with status 1, at once. Not exit(): on a reload the capture thread is at work,
+// and exit() would destroy the writers and flush their streams, which have no locks, under it. The
+// price is what the streams of unfinished captures still hold; these have no final name yet.
 [[noreturn]] inline void endProcess() noexcept {
   std::_Exit(EXIT_FAILURE);
 }
