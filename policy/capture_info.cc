@@ -1,5 +1,6 @@
 #include "policy/capture_info.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include "base/log.h"
 #include "base/owned.h"
 #include "base/paths.h"
+#include "policy/output_file.h"
 #include "policy/template_copy.h"
 
 namespace tarnik {
@@ -64,7 +66,7 @@ bool fini(CaptureInfo& info) {
   const std::string templatePath =
       isNapRule(info) ? kNapTemplatePrefix + info.policyName : kIpsTemplatePath;
   const int copied = copyTemplate(templatePath, info.infoPath);
-  const Stream stream(std::fopen(info.infoPath.c_str(), "ae"));
+  Stream stream = openForWriting(info.infoPath.c_str(), O_APPEND);
   if (!stream) {
     TARNIK_ERROR("Error: %s: Failed to open: %s, errno=%d", "fini", info.infoPath.c_str(), errno);
     return false;
@@ -75,6 +77,7 @@ bool fini(CaptureInfo& info) {
   writeTimes(stream.get(), info);
   writePolicy(stream.get(), info);
   writeFileSize(stream.get(), info);
+  finishWriting("fini", info.infoPath.c_str(), stream);
   return true;
 }
 

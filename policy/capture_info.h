@@ -31,7 +31,7 @@ struct CaptureInfo {
 };
 
 // Writes the rules of all spans as "key=value" lines, replacing the file. False, with a log line,
-// when it cannot be opened. A full disk cuts the file short.
+// when it cannot be opened. A full disk cuts the file short, with a log line.
 [[nodiscard]] bool writeInfoTemplate(const char* path, std::span<const RuleSpan> rules);
 
 // Main thread. Write the template of all IPS captures, and one template for each NAP rule that
@@ -40,8 +40,8 @@ struct CaptureInfo {
 [[nodiscard]] bool createNapInfoTemplates();
 
 // Writes the capture's info file: the template's lines, then times, policy and size. Sets
-// info.endTime. False, with a log line, when the info file cannot be opened. The thread that
-// closes the capture.
+// info.endTime. False, with a log line, when the info file cannot be opened; a full disk cuts it
+// short, with a log line. The thread that closes the capture.
 [[nodiscard]] bool fini(CaptureInfo& info);
 
 }  // namespace tarnik

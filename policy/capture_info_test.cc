@@ -189,6 +189,54 @@ TEST_F(CaptureInfoTest, UnwritableInfoFileFails) {
                           errorLine("Error: fini: Failed to open: /var/support/tarnik, errno=21")));
 }
 
+TEST_F(CaptureInfoTest, PipeInPlaceOfTheInfoFileFails) {
+  writeFile(inDirectory("template.ips"), "ips=1\n");
+  CaptureInfo info = capture(65536, "name", 1);
+  ASSERT_EQ(mkfifo(info.infoPath.c_str(), 0600), 0);
+  EXPECT_FALSE(fini(info));
+  EXPECT_THAT(logLines(), ElementsAre(errorLine("Error: fini: Failed to open: "
+                                                "/var/support/tarnik/capture.info, errno=6")));
+}
+
+TEST_F(CaptureInfoTest, FullDiskCutsTheInfoFileShortAndIsTold) {
+  const CaptureInfo info = capture(5, "6f9a", 1);
+  {
+    const FullDisk full(25);
+    EXPECT_EQ(infoOf(info), "time.start=1709622089\ntim");
+  }
+  EXPECT_THAT(logLines(), ElementsAre(errorLine("Error: fini: Failed to write: "
+                                                "/var/support/tarnik/capture.info, errno=27")));
+}
+
+TEST_F(CaptureInfoTest, EndTimeAndDebugLineComeBeforeTheCopyAndTheSizeBehindIt) {
+  CaptureInfo info = capture(5, "6f9a", 1);
+  setDebugLevel(4);
+  platform.onCommand = [&info] {
+    EXPECT_EQ(logLines().size(), 1u);
+    EXPECT_FALSE(std::filesystem::exists(info.infoPath));
+    EXPECT_EQ(info.endTime, 1709625689);
+    platform.now = 1709629999;
+    std::filesystem::resize_file(info.capturePath, 5);
+  };
+  EXPECT_TRUE(fini(info));
+  EXPECT_EQ(platform.commands.size(), 1u);
+  EXPECT_THAT(
+      readFile(info.infoPath),
+      Optional(std::string(kTimes) + "nap.priority=5\nnap.uuid=6f9a\nnap.flow.id=1\nfile.size=5"));
+}
+
+// What no rule or issue started is described like a rule without a name.
+TEST_F(CaptureInfoTest, NamelessCapture) {
+  writeFile(inDirectory("template.nap."), "nap=1\n");
+  for (const std::uint32_t id : {0u, 65535u}) {
+    EXPECT_EQ(infoOf(capture(id, "", 1)), "nap=1\n" + std::string(kTimes) +
+                                              "nap.priority=" + std::to_string(id) +
+                                              "\nnap.uuid=\nnap.flow.id=1\nfile.size=12");
+  }
+  EXPECT_EQ(platform.commands[0],
+            "cp /var/support/tarnik/template.nap. /var/support/tarnik/capture.info");
+}
+
 TEST_F(CaptureInfoTest, GoneCaptureHasNoSize) {
   const CaptureInfo info = capture(5, "6f9a", 1);
   std::filesystem::remove(info.capturePath);

@@ -1,3 +1,5 @@
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <string>
@@ -7,22 +9,32 @@
 #include "base/owned.h"
 #include "base/paths.h"
 #include "policy/capture_info.h"
+#include "policy/output_file.h"
 
 namespace tarnik {
+namespace {
+
+// Stops at what cannot be written: more of it would leave a hole.
+void writeRules(std::FILE* stream, std::span<const RuleSpan> rules) {
+  for (const RuleSpan span : rules) {
+    for (const Rule* rule : span) {
+      if (std::fprintf(stream, "%s=%s\n", rule->first.c_str(), rule->second.c_str()) < 0) {
+        return;
+      }
+    }
+  }
+}
+
+}  // namespace
 
 bool writeInfoTemplate(const char* path, std::span<const RuleSpan> rules) {
-  const Stream stream(std::fopen(path, "we"));
+  Stream stream = openForWriting(path, O_TRUNC);
   if (!stream) {
     TARNIK_ERROR("Error: %s: Failed to open: %s, errno=%d", "writeInfoTemplate", path, errno);
     return false;
   }
-  for (const RuleSpan span : rules) {
-    for (const Rule* rule : span) {
-      if (std::fprintf(stream.get(), "%s=%s\n", rule->first.c_str(), rule->second.c_str()) < 0) {
-        return true;
-      }
-    }
-  }
+  writeRules(stream.get(), rules);
+  finishWriting("writeInfoTemplate", path, stream);
   return true;
 }
 

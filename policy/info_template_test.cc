@@ -55,6 +55,33 @@ TEST_F(InfoTemplateTest, UnwritableTemplateIsAnError) {
                   errorLine("Error: writeInfoTemplate: Failed to open: /tmp, errno=21")));
 }
 
+TEST_F(InfoTemplateTest, PipeThatNobodyReadsIsNoTemplate) {
+  const std::string pipe = path("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_FALSE(writeInfoTemplate(pipe.c_str(), {}));
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(errorLine("Error: writeInfoTemplate: Failed to open: " + pipe + ", errno=6")));
+}
+
+// The second list of rules fills the stream's buffer several times.
+TEST_F(InfoTemplateTest, FullDiskCutsTheTemplateShortAndIsTold) {
+  const std::string info = path("template");
+  const Rule rule = {"key", "value"};
+  const Rule* const one[] = {&rule};
+  for (const std::size_t lines : {1u, 10000u}) {
+    const std::vector<RuleSpan> rules(lines, one);
+    clearLog();
+    {
+      const FullDisk full(7);
+      EXPECT_TRUE(writeInfoTemplate(info.c_str(), rules));
+    }
+    EXPECT_THAT(readFile(info), Optional(std::string("key=val")));
+    EXPECT_THAT(logLines(), ElementsAre(errorLine("Error: writeInfoTemplate: Failed to write: " +
+                                                  info + ", errno=27")));
+  }
+}
+
 TEST_F(InfoTemplateTest, IpsRulesOfAllReferencesGoToOneTemplate) {
   writeFile("/etc/ips.conf",
             "ips.rule.cap2.name = two\n"
@@ -132,6 +159,35 @@ TEST_F(InfoTemplateTest, PolicyThatTurnsBadBetweenTheReadsFails) {
   EXPECT_TRUE(noTemplates());
   EXPECT_THAT(logLines(),
               ElementsAre(errorLine("Error: getTarnikRules: Malformed tuning param (line=2)")));
+}
+
+TEST_F(InfoTemplateTest, PolicyThatGoesBetweenTheReadsFails) {
+  writeFile("/etc/acl.conf", "acl.rule.responses.a = tarnik:\n");
+  platform.onParser = [] { std::filesystem::remove("/etc/acl.conf"); };
+  EXPECT_FALSE(createNapInfoTemplates());
+  EXPECT_TRUE(noTemplates());
+  EXPECT_THAT(logLines(), ElementsAre(errorLine("Error: Failed to open: /etc/acl.conf")));
+}
+
+TEST_F(InfoTemplateTest, NapReferenceThatRepeatsHasItsRulesOnce) {
+  const std::string rule = "acl.rule.responses.a = tarnik:\n";
+  writeFile("/etc/acl.conf", rule + rule);
+  EXPECT_TRUE(createNapInfoTemplates());
+  EXPECT_THAT(
+      readFile("/var/support/tarnik/template.nap.a"),
+      Optional(std::string("acl.rule.responses.a=tarnik:\nacl.rule.responses.a=tarnik:\n")));
+}
+
+// What a file is does not decide what its references are.
+TEST_F(InfoTemplateTest, EitherFileMayHoldResponsesOfTheOther) {
+  writeFile("/etc/ips.conf", "acl.rule.responses.a = tarnik:\n");
+  writeFile("/etc/acl.conf", "ips.responses.object.b = tarnik:\n");
+  EXPECT_TRUE(createIpsInfoTemplate());
+  EXPECT_TRUE(createNapInfoTemplates());
+  EXPECT_THAT(readFile("/var/support/tarnik/template.ips"),
+              Optional(std::string("acl.rule.responses.a=tarnik:\n")));
+  EXPECT_THAT(readFile("/var/support/tarnik/template.nap.b"),
+              Optional(std::string("ips.responses.object.b=tarnik:\n")));
 }
 
 TEST_F(InfoTemplateTest, UnwritableDirectoryFails) {

@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -72,6 +73,18 @@ std::string PolicyTest::file(const std::string& content) const {
   return path("file");
 }
 
+FullDisk::FullDisk(rlim_t bytes) {
+  EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before_), 0);
+  const struct rlimit limit { bytes, before_.rlim_max };
+  std::signal(SIGXFSZ, SIG_IGN);
+  EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+}
+
+FullDisk::~FullDisk() {
+  EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before_), 0);
+  std::signal(SIGXFSZ, SIG_DFL);
+}
+
 }  // namespace tarnik::test
 
 using tarnik::test::platform;
@@ -128,6 +141,9 @@ int system(const char* command) {
     return -1;
   }
   platform.commands.emplace_back(command);
+  if (platform.onCommand) {
+    platform.onCommand();
+  }
   return next(command);
 }
 

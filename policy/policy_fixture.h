@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <ctime>
 #include <functional>
@@ -25,6 +26,7 @@ struct Platform {
   int parserToFail = 0;               // this one, counted from 1, cannot be had
   std::function<void()> onRecord;     // runs before each record is read
   std::function<void()> onParser;     // runs before each parser is made
+  std::function<void()> onCommand;    // runs before each command
   std::optional<std::time_t> now;     // instead of the clock
   std::vector<std::string> commands;  // those that reached a shell
   bool noShell = false;               // none can be started
@@ -48,6 +50,19 @@ class PolicyTest : public testing::Test {
  private:
   std::string directory_;
   int openBefore_;
+};
+
+// While it lives, no file grows beyond `bytes`: writing more fails with EFBIG, as it does with
+// another number on a full disk. Children inherit it.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t bytes);
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+  ~FullDisk();
+
+ private:
+  struct rlimit before_ {};
 };
 
 inline LogLine debugLine(std::string text) {

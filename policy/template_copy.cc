@@ -27,14 +27,25 @@ bool isPlain(const std::string& path) {
   return std::all_of(path.begin(), path.end(), [](char character) { return isPlain(character); });
 }
 
+// Whoever opens one waits for the other end.
+bool isPipe(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+// Whether the shell takes the path for no more than itself and cp does not wait there.
+bool isOrdinary(const std::string& path) {
+  return isPlain(path) && !isPipe(path);
+}
+
 bool sameFile(const struct stat& one, const struct stat& other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 // Like cp, overwrites an existing file in place, gives a new one the mode of its source, and
-// neither writes through a dangling link nor copies a file onto itself.
+// neither writes through a dangling link nor copies a file onto itself. Does not wait at a pipe.
 Stream openTarget(const char* path, const struct stat& source) {
-  OwnedFd fd(::open(path, O_WRONLY | O_NOCTTY | O_CLOEXEC));
+  OwnedFd fd(::open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!fd && errno == ENOENT) {
     fd.reset(
         ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOCTTY | O_CLOEXEC, source.st_mode & 0777));
@@ -76,7 +87,7 @@ void copyFile(const char* from, const char* to) {
 int copyTemplate(const std::string& templatePath, const std::string& infoPath) {
   const std::string command = "cp " + templatePath + " " + infoPath;
   TARNIK_DEBUG(0, "Debug: %s: Executing [%s]", "fini", command.c_str());
-  if (isPlain(templatePath) && isPlain(infoPath)) {
+  if (isOrdinary(templatePath) && isOrdinary(infoPath)) {
     return std::system(command.c_str());
   }
   copyFile(templatePath.c_str(), infoPath.c_str());

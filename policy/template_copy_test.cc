@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "base/owned.h"
 #include "policy/capture_info.h"
 #include "policy/policy_fixture.h"
 
@@ -237,9 +238,35 @@ TEST_F(LikeCp, MissingDirectoryIsNoTarget) {
 }
 
 TEST_F(TemplateCopyTest, PipeIsNoTemplateAndNothingWaits) {
-  ASSERT_EQ(mkfifo(path("a pipe").c_str(), 0600), 0);
-  EXPECT_EQ(copyTemplate(path("a pipe"), path("info")), 0);
-  EXPECT_FALSE(std::filesystem::exists(path("info")));
+  for (const char* name : {"pipe", "a pipe"}) {
+    ASSERT_EQ(mkfifo(path(name).c_str(), 0600), 0);
+    EXPECT_EQ(copyTemplate(path(name), path("info")), 0);
+    EXPECT_FALSE(std::filesystem::exists(path("info")));
+  }
+  EXPECT_THAT(platform.commands, IsEmpty());
+}
+
+TEST_F(TemplateCopyTest, PipeWithoutAReaderIsNoTargetAndNothingWaits) {
+  writeFile(path("template"), "a=1\n");
+  setDebugLevel(1);
+  for (const char* name : {"pipe", "a pipe"}) {
+    clearLog();
+    ASSERT_EQ(mkfifo(path(name).c_str(), 0600), 0);
+    EXPECT_EQ(copyTemplate(path("template"), path(name)), 0);
+    EXPECT_THAT(logLines(), ElementsAre(debugLine("Debug: fini: Executing [cp " + path("template") +
+                                                  " " + path(name) + "]")));
+  }
+  EXPECT_THAT(platform.commands, IsEmpty());
+}
+
+TEST_F(TemplateCopyTest, ReaderOfAPipeGetsTheTemplate) {
+  writeFile(path("template"), "a=1\n");
+  ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+  const OwnedFd reader(open(path("pipe").c_str(), O_RDONLY | O_NONBLOCK));
+  EXPECT_EQ(copyTemplate(path("template"), path("pipe")), 0);
+  char content[8] = {};
+  EXPECT_EQ(read(reader.get(), content, sizeof content), 4);
+  EXPECT_STREQ(content, "a=1\n");
 }
 
 }  // namespace
