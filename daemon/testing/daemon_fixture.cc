@@ -1,7 +1,7 @@
 #include "daemon/testing/daemon_fixture.h"
 
-#include <fcntl.h>
 #include <getopt.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -99,8 +99,8 @@ Record startingWith(const Record& record, const std::vector<std::string>& prefix
 }
 
 Outcome runDaemon(const std::vector<std::string>& arguments) {
-  const OwnedFd errors(::open("/tmp", O_TMPFILE | O_RDWR, 0600));
-  const OwnedFd record(::open("/tmp", O_TMPFILE | O_RDWR, 0600));
+  const OwnedFd errors(::memfd_create("errors", MFD_CLOEXEC));
+  const OwnedFd record(::memfd_create("record", MFD_CLOEXEC));
   EXPECT_TRUE(errors && record);
   std::fflush(nullptr);
   const pid_t child = ::fork();

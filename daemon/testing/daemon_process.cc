@@ -1,9 +1,9 @@
 #include "daemon/testing/daemon_process.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -62,7 +62,7 @@ void prepareRoot() {
 }
 
 DaemonProcess::DaemonProcess(const std::vector<std::string>& arguments)
-    : output_(::open("/tmp", O_TMPFILE | O_RDWR | O_APPEND | O_CLOEXEC, 0600)) {
+    : output_(::memfd_create("log", MFD_CLOEXEC)) {
   std::vector<std::string> texts{TARNIKD_PATH};
   texts.insert(texts.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;

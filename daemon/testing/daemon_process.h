@@ -69,7 +69,7 @@ class Client {
   // Sends one datagram, waiting for room in the daemon's queue.
   void send(const Bytes& datagram) const;
   // The next response; nothing when none comes within `milliseconds`.
-  [[nodiscard]] std::optional<Bytes> receive(int milliseconds = 10000) const;
+  [[nodiscard]] std::optional<Bytes> receive(int milliseconds = 60000) const;
   // Sends and receives.
   [[nodiscard]] std::optional<Bytes> ask(const Bytes& datagram) const {
     send(datagram);
