@@ -172,6 +172,8 @@ int __real_access(const char* path, int mode);
 int __real_usleep(useconds_t microseconds);
 void* __real_calloc(std::size_t count, std::size_t size);
 char* __real_strdup(const char* text);
+// operator new(std::size_t, const std::nothrow_t&)
+void* __real__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
 
 int __wrap_access(const char* path, int mode) {
   const int look = ++systemCalls.looks;
@@ -198,13 +200,9 @@ void* __wrap_calloc(std::size_t count, std::size_t size) {
 char* __wrap_strdup(const char* text) {
   return tarnik::test::allocationFails() ? nullptr : __real_strdup(text);
 }
+
+void* __wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) {
+  return tarnik::test::allocationFails() ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
+}
 }
 // NOLINTEND(bugprone-reserved-identifier)
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  try {
-    return tarnik::test::allocationFails() ? nullptr : operator new(size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
-}
