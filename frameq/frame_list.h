@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <bit>
 #include <cstdint>
 
 namespace tarnik {
@@ -57,31 +58,18 @@ class FrameList {
     std::uint64_t changes;
   };
 
-  static Pair pack(const Head& head) noexcept {
-    return static_cast<Pair>(head.changes) << 64 | reinterpret_cast<std::uintptr_t>(head.first);
-  }
-
   // A full barrier, and the only way to see both halves of one moment.
   Head look() noexcept {
-    const Pair seen = __sync_val_compare_and_swap(&head_, Pair{0}, Pair{0});
-    return unpack(seen);
-  }
-
-  static Head unpack(Pair pair) noexcept {
-    return {reinterpret_cast<FrameNode*>(static_cast<std::uintptr_t>(pair)),
-            static_cast<std::uint64_t>(pair >> 64)};
+    return std::bit_cast<Head>(__sync_val_compare_and_swap(&head_, Pair{0}, Pair{0}));
   }
 
   // Puts `first` in the place of what was seen; else sees again. A full barrier.
   bool swap(Head& seen, FrameNode* first) noexcept {
-    const Pair expected = pack(seen);
-    const Pair found =
-        __sync_val_compare_and_swap(&head_, expected, pack({first, seen.changes + 1}));
-    if (found == expected) {
-      return true;
-    }
-    seen = unpack(found);
-    return false;
+    const Pair expected = std::bit_cast<Pair>(seen);
+    const Pair found = __sync_val_compare_and_swap(
+        &head_, expected, std::bit_cast<Pair>(Head{first, seen.changes + 1}));
+    seen = std::bit_cast<Head>(found);
+    return found == expected;
   }
 
   alignas(16) Pair head_ = 0;
