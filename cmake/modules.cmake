@@ -27,7 +27,7 @@ function(tarnik_test name)
   set(command $<TARGET_FILE:${name}> ${T_ARGS})
   if(T_ROOT)
     set(command ${PROJECT_SOURCE_DIR}/platform/private-root/private-root
-        --build ${PROJECT_BINARY_DIR} -- ${command})
+        --build ${PROJECT_BINARY_DIR} --unavailable 77 -- ${command})
   endif()
   add_test(NAME ${name} COMMAND ${command})
   if(NOT T_TIMEOUT)

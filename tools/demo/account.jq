@@ -10,7 +10,9 @@
     refused: $s.frames_refused,
     records: ([$c[].frames] | add // 0),
     files: ($c | length),
-    not_queued: $b.refused
+    not_queued: $b.refused,
+    not_queued_by_reason: ($b.refused_by_reason | with_entries(select(.value > 0))),
+    dropped_by_kernel: $b.dropped_by_kernel
   }
 | .differences = [
     (select(.queued != .accepted + .refused)
