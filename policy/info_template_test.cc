@@ -1,9 +1,11 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 
 #include "base/paths.h"
 #include "policy/capture_info.h"
+#include "policy/output_file.h"
 #include "policy/policy_fixture.h"
 
 namespace tarnik::test {
@@ -43,6 +45,22 @@ TEST_F(InfoTemplateTest, OneLineForEachRuleReplacesTheFile) {
   EXPECT_TRUE(writeInfoTemplate(info.c_str(), {}));
   EXPECT_THAT(readFile(info), Optional(std::string()));
   EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(InfoTemplateTest, NewFilesHaveTheModeThatTheMaskLeavesAndStayOutOfTheShell) {
+  for (const mode_t mask : {0u, 022u}) {
+    const std::string name = path(std::to_string(mask));
+    const mode_t before = umask(mask);
+    for (const int how : {O_TRUNC, O_APPEND}) {
+      const Stream stream = openForWriting((name + std::to_string(how)).c_str(), how);
+      ASSERT_TRUE(stream);
+      struct stat status {};
+      EXPECT_EQ(fstat(fileno(stream.get()), &status), 0);
+      EXPECT_EQ(status.st_mode & 0777, 0666 & ~mask);
+      EXPECT_EQ(fcntl(fileno(stream.get()), F_GETFD), FD_CLOEXEC);
+    }
+    umask(before);
+  }
 }
 
 TEST_F(InfoTemplateTest, UnwritableTemplateIsAnError) {
