@@ -9,7 +9,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -73,12 +72,39 @@ TEST_F(SettingsTest, ThereIsOneRecordWithTheDefaults) {
 
 // ---- the integer keys, each at its bounds and beyond
 
+using Settings = TarnikSettings;
+using Field = std::int64_t&;
+
 struct IntegerKeyCase {
   const char* key;
   const char* shortName;  // what the message calls it
   std::int64_t minimum;
   std::int64_t maximum;
-  std::function<std::int64_t&(TarnikSettings&)> field;
+  Field (*field)(Settings&);
+};
+
+const IntegerKeyCase kIntegerKeys[] = {
+    {"tarnik.diskspace.percent", "percent", 0, 20,
+     [](Settings& s) -> Field { return s.diskspace.percent; }},
+    {"tarnik.diskspace.bytes", "bytes", 0, INT64_MAX,
+     [](Settings& s) -> Field { return s.diskspace.bytes; }},
+    {"tarnik.file.maxsize", "maxsize", 1024, 10485760,
+     [](Settings& s) -> Field { return s.file.maxsize; }},
+    {"tarnik.file.timeout", "timeout", 1, 3000,
+     [](Settings& s) -> Field { return s.file.timeout; }},
+    {"tarnik.file.maxno", "maxno", 10, 20000, [](Settings& s) -> Field { return s.file.maxno; }},
+    {"tarnik.event.threshold", "threshold", 0, 100000,
+     [](Settings& s) -> Field { return s.event.threshold; }},
+    {"tarnik.event.interval", "interval", 1, 604800,
+     [](Settings& s) -> Field { return s.event.interval; }},
+    {"tarnik.brund.timeout", "timeout", 1, 48000,
+     [](Settings& s) -> Field { return s.brund.timeout; }},
+    // Sets the idle time-out of captures.
+    {"tarnik.brund.interval", "interval", 1, 3600,
+     [](Settings& s) -> Field { return s.file.timeout; }},
+    {"tarnik.brund.qsize", "qsize", 50, 100000, [](Settings& s) -> Field { return s.brund.qsize; }},
+    {"tarnik.brund.qtimeout", "qtimeout", 1000000, 600000000,
+     [](Settings& s) -> Field { return s.brund.qtimeout; }},
 };
 
 // All integer fields in one list, to see that a key changes its own field only.
@@ -139,60 +165,12 @@ TEST_P(IntegerKeyTest, LogsARejectionAtAnyDebugLevel) {
   EXPECT_THAT(logLines(), ElementsAreArray(expected));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Keys, IntegerKeyTest,
-    ::testing::Values(
-        IntegerKeyCase{"tarnik.diskspace.percent", "percent", 0, 20,
-                       [](TarnikSettings& s) -> auto& { return s.diskspace.percent;
-}  // namespace
-}  // namespace tarnik::test
-, IntegerKeyCase{"tarnik.diskspace.bytes", "bytes", 0, INT64_MAX,
-                 [](TarnikSettings& s) -> auto& {return s.diskspace.bytes;
-}
-}
-, IntegerKeyCase{"tarnik.file.maxsize", "maxsize", 1024, 10485760,
-                 [](TarnikSettings& s) -> auto& {return s.file.maxsize;
-}
-}
-, IntegerKeyCase{"tarnik.file.timeout", "timeout", 1, 3000,
-                 [](TarnikSettings& s) -> auto& {return s.file.timeout;
-}
-}
-, IntegerKeyCase{"tarnik.file.maxno", "maxno", 10, 20000,
-                 [](TarnikSettings& s) -> auto& {return s.file.maxno;
-}
-}
-, IntegerKeyCase{"tarnik.event.threshold", "threshold", 0, 100000,
-                 [](TarnikSettings& s) -> auto& {return s.event.threshold;
-}
-}
-, IntegerKeyCase{"tarnik.event.interval", "interval", 1, 604800,
-                 [](TarnikSettings& s) -> auto& {return s.event.interval;
-}
-}
-, IntegerKeyCase{"tarnik.brund.timeout", "timeout", 1, 48000,
-                 [](TarnikSettings& s) -> auto& {return s.brund.timeout;
-}
-}
-,
-    // Sets the idle time-out of captures.
-    IntegerKeyCase{"tarnik.brund.interval", "interval", 1, 3600,
-                   [](TarnikSettings& s) -> auto& {return s.file.timeout;
-}
-}
-, IntegerKeyCase{"tarnik.brund.qsize", "qsize", 50, 100000,
-                 [](TarnikSettings& s) -> auto& {return s.brund.qsize;
-}
-}
-, IntegerKeyCase{"tarnik.brund.qtimeout", "qtimeout", 1000000, 600000000,
-                 [](TarnikSettings& s) -> auto& {return s.brund.qtimeout;
-}
-}),
-    [](const auto& testCase) {
-  std::string name = std::string(testCase.param.key).substr(7);
-  name[name.find('.')] = '_';
-  return name;
-    });
+INSTANTIATE_TEST_SUITE_P(Keys, IntegerKeyTest, ::testing::ValuesIn(kIntegerKeys),
+                         [](const auto& testCase) {
+                           std::string name = std::string(testCase.param.key).substr(7);
+                           name[name.find('.')] = '_';
+                           return name;
+                         });
 
 TEST_F(SettingsTest, TheLaterOfTheCrossedKeysSetsTheIdleTimeout) {
   EXPECT_EQ(loadText("tarnik.file.timeout=10\ntarnik.brund.interval=60\n"), 0);
@@ -272,13 +250,23 @@ TEST_F(SettingsTest, RejectedWithoutAWordAtOrdinaryDebugLevels) {
 }
 
 TEST_F(SettingsTest, ParseUnsigned) {
-  std::uint32_t value = 9;
-  EXPECT_TRUE(parseUnsigned(" \t12 rest", value));
-  EXPECT_EQ(value, 12U);
-  EXPECT_FALSE(parseUnsigned("", value));
-  EXPECT_FALSE(parseUnsigned("rest 12", value));
-  EXPECT_FALSE(parseUnsigned("4294967296", value));
-  EXPECT_EQ(value, 12U);
+  const struct {
+    const char* text;
+    std::uint32_t value;
+  } accepted[] = {
+      {" \t\n\v\f\r12 rest", 12},  {"0", 0},  {"1,000", 1},        {"3.9", 3},        {"4e2", 4},
+      {"4294967295", 4294967295U}, {"-0", 0}, {"-1", 4294967295U}, {"-4294967295", 1}};
+  for (const auto& [text, expected] : accepted) {
+    std::uint32_t value = 9;
+    EXPECT_TRUE(parseUnsigned(text, value)) << text;
+    EXPECT_EQ(value, expected) << text;
+  }
+  for (const char* text : {"", " ", "rest 12", "4294967296", "99999999999999999999", "-4294967296",
+                           "- 1", "+", "--1", "x7"}) {
+    std::uint32_t value = 9;
+    EXPECT_FALSE(parseUnsigned(text, value)) << text;
+    EXPECT_EQ(value, 9U) << text;
+  }
 }
 
 // ---- the keys that are nobody's
