@@ -1,0 +1,69 @@
+// The real command socket and the real metadata cache: announcing a capture costs no memory beyond
+// the cache's entry.
+#include <gtest/gtest.h>
+#include <orlo_sdk.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "base/log.h"
+#include "base/owned.h"
+#include "capture/meta_cache.h"
+#include "daemon/command_handlers.h"
+#include "daemon/testing/messages.h"
+#include "tests/support/captured_log.h"
+
+namespace {
+std::atomic<int> allocations = 0;
+}
+
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* const memory = std::malloc(size)) {
+    return memory;
+  }
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+
+namespace tarnik::test {
+namespace {
+
+// How many allocations processing `message` takes.
+int costOf(const Bytes& message) {
+  const OwnedFd client(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, ORLO_RUN_DIR "/tarnikd.sock");
+  EXPECT_EQ(::sendto(client.get(), message.data(), message.size(), 0,
+                     reinterpret_cast<const sockaddr*>(&address), sizeof address),
+            static_cast<ssize_t>(message.size()));
+  const int before = allocations;
+  processMessage();
+  return allocations - before;
+}
+
+TEST(AllocationTest, MetadataCostsItsEntryAndNothingElse) {
+  setDebugLevel(0);
+  clearLog();
+  ASSERT_EQ(OrloCmdInit("tarnikd", 0), 0);
+  const Bytes message = metadataMessage();
+  EXPECT_EQ(costOf(message), 1);
+  EXPECT_EQ(costOf(message), 0) << "an entry that is there is overwritten";
+  OrloCmdFini();
+  std::uint64_t flowId = 0;
+  std::uint32_t triggerId = 0;
+  EXPECT_TRUE(TarnikMetaCache::instance().lookup(0x0102030405060708, flowId, triggerId));
+  EXPECT_TRUE(logLines().empty());
+}
+
+}  // namespace
+}  // namespace tarnik::test
