@@ -91,6 +91,24 @@ TEST_F(CallbacksTest, ReloadSetsTheReloadingStateBeforeItsFirstTickle) {
   EXPECT_EQ(OrloLogDebugLevel, 0U);
 }
 
+// State and debug level as each step finds them.
+TEST_F(CallbacksTest, ReloadChangesStateAndLevelBetweenItsSteps) {
+  writeConfig("tarnik.debuglevel=2\n");
+  OrloLogDebugLevel = 5;
+  Record found;
+  sdk().onCall = [&found](const std::string& entry) {
+    found.push_back(entry.substr(0, entry.find('(')) + " " + std::to_string(DaemonState) + " " +
+                    std::to_string(OrloLogDebugLevel));
+  };
+  EXPECT_EQ(onReload(0, &context_), 1);
+  sdk().onCall = nullptr;
+  EXPECT_THAT(found,
+              ElementsAreArray({"OrloTuningAlloc 6 5", "CaptureManager::Reload 6 2", "system 6 2",
+                                "createIpsInfoTemplate 6 2", "createNapInfoTemplates 6 2",
+                                "TarnikMetaCache::config 6 2"}));
+  EXPECT_EQ(DaemonState, 2);
+}
+
 TEST_F(CallbacksTest, ReloadWithoutAContextSkipsTheTickles) {
   EXPECT_EQ(onReload(0, nullptr), 1);
   EXPECT_EQ(startingWith(sdk().entries(), {"tickle"}), Record{});

@@ -150,6 +150,14 @@ TEST_F(ProcessTest, AReloadRequestAndAHangupTogether) {
   EXPECT_EQ(daemon.stop(), 0);
 }
 
+// Without its tickles the platform would end it after six seconds.
+TEST_F(ProcessTest, KeepsItsWatchdogQuiet) {
+  DaemonProcess daemon({"-D", "-w", "5"});
+  EXPECT_TRUE(daemon.waitFor("Debug: onTimeout: tickle watchdog", 3));
+  EXPECT_EQ(state(), 2);
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
 TEST_F(ProcessTest, OpensAsManyFilesAsItMay) {
   rlimit former{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);

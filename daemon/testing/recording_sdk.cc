@@ -1,5 +1,6 @@
 #include "daemon/testing/recording_sdk.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@ unsigned OrloLogDebugLevel = 0;
 
 struct OrloTuning {
   FILE* stream;
+  int descriptor;
   int line = 0;
   std::string key;
   std::string value;
@@ -64,8 +66,13 @@ int RecordingSdk::call(std::string entry, int usual) {
   const auto failure =
       std::find_if(failures_.begin(), failures_.end(),
                    [&entry](const auto& candidate) { return entry.starts_with(candidate.first); });
+  const int result = failure == failures_.end() ? usual : failure->second;
+  const std::string made = entry;
   record(std::move(entry));
-  return failure == failures_.end() ? usual : failure->second;
+  if (onCall) {
+    onCall(made);
+  }
+  return result;
 }
 
 std::vector<std::string> RecordingSdk::entries() {
@@ -221,7 +228,8 @@ void OrloLogEventNoArg(const char* event, const char* category) {
 OrloTuning* OrloTuningAlloc(FILE* stream) {
   return sdk().call("OrloTuningAlloc(" + std::string(stream == nullptr ? "null" : "stream") +
                     ")") == 0
-             ? std::make_unique<OrloTuning>(OrloTuning{stream, 0, {}, {}}).release()
+             ? std::make_unique<OrloTuning>(OrloTuning{stream, ::fileno(stream), 0, {}, {}})
+                   .release()
              : nullptr;
 }
 
@@ -252,7 +260,8 @@ int OrloTuningCurrLine(const OrloTuning* tuning) {
 }
 
 void OrloTuningRelease(OrloTuning* tuning) {
-  sdk().record("OrloTuningRelease()");
+  const bool open = ::fcntl(tuning->descriptor, F_GETFD) != -1;
+  sdk().record(open ? "OrloTuningRelease()" : "OrloTuningRelease() after its stream");
   const std::unique_ptr<OrloTuning> owner(tuning);
 }
 

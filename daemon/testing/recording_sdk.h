@@ -31,6 +31,9 @@ class RecordingSdk {
     failures_.emplace_back(std::move(prefix), result);
   }
 
+  // Called while a call is being made, with its entry: the place to look at the daemon's own state.
+  std::function<void(const std::string& entry)> onCall;
+
   // The record since the last clear(), a last tickle included.
   [[nodiscard]] std::vector<std::string> entries();
   void clear();
