@@ -2,6 +2,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <string>
 
 #include "platform/brund/account.h"
 
@@ -15,12 +17,17 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // Shows the account, at most twice a second.
+  // Shows the account, in what one line of the terminal holds, at most twice a second.
   void show();
+  // As show(), but says how many frames have been read ahead.
+  void showRead(std::uint64_t frames);
   // Takes the line off the terminal, before something else is written.
   void clear();
 
  private:
+  [[nodiscard]] bool due();
+  void put(std::string line);
+
   const Account& account_;
   bool on_;
   bool shown_ = false;

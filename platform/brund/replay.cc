@@ -88,6 +88,7 @@ bool replay(const Options& options, const RuleSet& rules, Delivery& delivery, Ac
   const bool read = forEachFrame(
       options.files,
       [&](const Frame& frame, std::uint64_t number) {
+        progress.showRead(number);
         Flow& flow = flows[finder.find(frame).key];
         if (canBeQueued(frame)) {
           flow.last = number;
