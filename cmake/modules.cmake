@@ -23,7 +23,7 @@ function(tarnik_test name)
   endif()
   cmake_parse_arguments(PARSE_ARGV 1 T "ROOT;SERIAL" "TIMEOUT" "LINKS;ARGS")
   add_executable(${name} ${T_UNPARSED_ARGUMENTS})
-  target_link_libraries(${name} PRIVATE ${T_LINKS} GTest::gmock GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${T_LINKS} test_main GTest::gmock)
   set(command $<TARGET_FILE:${name}> ${T_ARGS})
   if(T_ROOT)
     set(command ${PROJECT_SOURCE_DIR}/platform/private-root/private-root

@@ -42,6 +42,17 @@ class Recording(DemoTest):
         self.assertIn("neither empty nor of an earlier demo", errors)
         self.assertEqual([path.name for path in self.out.iterdir()], ["thesis.tex"])
 
+    def test_the_daemon_has_two_threads_all_along(self):
+        process = self.start("--speed", "200", self.traffic)
+        tasks = pathlib.Path(f"/proc/{self.daemon_of(process)}/task")
+        counts = []
+        for _ in range(30):
+            counts.append(len(list(tasks.iterdir())))
+            time.sleep(0.02)
+        _, errors = process.communicate(timeout=60)
+        self.assertEqual(process.returncode, 0, errors)
+        self.assertEqual(set(counts), {2})
+
     def test_refused_frames_are_in_the_account(self):
         config = self.directory / "tarnik.conf"
         config.write_text((PROJECT / "tools/demo/tarnik.conf").read_text() +

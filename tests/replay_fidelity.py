@@ -189,6 +189,10 @@ def check(build, path):
                 f"{sum(surplus.values())} surplus: "
                 f"{[(len(c), c[0]) for c in list(missing)[:3]]} "
                 f"{[(len(c), c[0]) for c in list(surplus)[:3] if c]}")
+            numbers = {
+                "captures": sum(wanted.values()), "files": sum(wanted.values()),
+                "queued": sum(len(records) * n for records, n in wanted.items()), "refused": 0}
+            assert numbers.items() <= account.items(), where + f"{numbers}, not {account}"
             assert count_with_tshark(captures, directory) == sum(
                 len(records) * n for records, n in wanted.items()), where + "not all read back"
             complaints = [line for line in run.stderr.splitlines() if str(path) in line]
@@ -200,6 +204,28 @@ def check(build, path):
                   f"{sum(len(c) * n for c, n in wanted.items())} frames", flush=True)
 
 
+def nanoseconds(path, result):
+    """A copy of a capture file with timestamps in nanoseconds, and in the other byte order."""
+    data = path.read_bytes()
+    out = struct.pack(">IHHiIII", 0xa1b23c4d, 2, 4, 0, 0, 65535, 1)
+    at = 24
+    while at < len(data):
+        seconds, micros, captured, wire = struct.unpack_from("<IIII", data, at)
+        out += struct.pack(">IIII", seconds, micros * 1000 + 999, captured, wire)
+        out += data[at + 16:at + 16 + captured]
+        at += 16 + captured
+    result.write_bytes(out)
+
+
+def generate(build, directory):
+    """Made-up traffic in each kind of capture file."""
+    paths = [directory / name for name in ("made-up.pcap", "nanoseconds.pcap", "made-up.pcapng")]
+    subprocess.run([build / "tools/make-traffic", "--flows", "200", paths[0]], check=True)
+    nanoseconds(paths[0], paths[1])
+    subprocess.run(["editcap", "-F", "pcapng", paths[0], paths[2]], check=True)
+    return paths
+
+
 def main():
     if subprocess.run([PROJECT / "platform/private-root/private-root", "--which"],
                       stdout=subprocess.DEVNULL).returncode != 0:
@@ -208,9 +234,7 @@ def main():
     paths = [pathlib.Path(argument).resolve() for argument in sys.argv[2:] if argument != "--generated"]
     with tempfile.TemporaryDirectory() as directory:
         if "--generated" in sys.argv:
-            generated = pathlib.Path(directory) / "generated.pcap"
-            subprocess.run([build / "tools/make-traffic", "--flows", "200", generated], check=True)
-            paths.append(generated)
+            paths += generate(build, pathlib.Path(directory))
         failures = 0
         for path in paths:
             try:
