@@ -30,6 +30,10 @@ using Info = std::map<std::string, std::string>;
 // The "key=value" lines of an info file; the daemon's own come last, so the last of a key counts.
 Info readInfo(const fs::path& path) {
   Info info;
+  std::error_code failed;
+  if (!fs::is_regular_file(path, failed)) {
+    return info;
+  }
   std::ifstream stream(path);
   for (std::string line; std::getline(stream, line);) {
     const std::size_t equals = line.find('=');
@@ -150,7 +154,9 @@ bool readCaptures(const std::string& directory, std::vector<Capture>& captures) 
   std::vector<fs::path> paths;
   for (fs::directory_iterator entry(directory, failed), end; !failed && entry != end;
        entry.increment(failed)) {
-    if (entry->path().extension() == ".pcap") {
+    std::error_code gone;
+    // Reading a pipe or a device need not end.
+    if (entry->path().extension() == ".pcap" && entry->is_regular_file(gone)) {
       paths.push_back(entry->path());
     }
   }

@@ -19,8 +19,8 @@ struct Capture {
   std::uint64_t bytes = 0;   // of frame data
 };
 
-// Reads every "*.pcap" of `directory`, in order of their names. False with errno when it cannot be
-// listed; a file that cannot be read is listed with its reason in `ended`.
+// Reads every file "*.pcap" of `directory`, in order of their names. False with errno when it
+// cannot be listed; a file that cannot be read is listed with its reason in `ended`.
 [[nodiscard]] bool readCaptures(const std::string& directory, std::vector<Capture>& captures);
 
 [[nodiscard]] std::string toTable(const std::vector<Capture>& captures);

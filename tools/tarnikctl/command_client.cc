@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -51,6 +52,14 @@ bool address(const std::string& path, sockaddr_un& result) {
   return true;
 }
 
+// Bounds the waiting of one direction; a time of 0 would be for ever.
+void setTimeout(int socket, int option, std::int64_t microseconds) {
+  const std::int64_t bounded = std::max<std::int64_t>(microseconds, 1);
+  const timeval limit{static_cast<time_t>(bounded / 1000000),
+                      static_cast<suseconds_t>(bounded % 1000000)};
+  ::setsockopt(socket, SOL_SOCKET, option, &limit, sizeof limit);
+}
+
 std::uint64_t newMessageId() {
   std::random_device random;
   return (std::uint64_t{random()} << 32 | random()) | 1;  // 0 is refused
@@ -94,7 +103,7 @@ int CommandClient::connect(const std::string& path, double timeoutSeconds) {
   sockaddr_un own;
   const std::string ownPath = path + ".client." + std::to_string(::getpid());
   if (!address(path, daemon) || !address(ownPath, own)) {
-    return complain(kUsage, "%s: too long for a socket's path", path.c_str());
+    return complain(kUsage, "%s is too long for a socket's path: use a shorter one", path.c_str());
   }
   if (!socket_ ||
       ::connect(socket_.get(), reinterpret_cast<sockaddr*>(&daemon), sizeof daemon) != 0) {
@@ -105,14 +114,11 @@ int CommandClient::connect(const std::string& path, double timeoutSeconds) {
   }
   ::unlink(ownPath.c_str());  // of an earlier process with our id
   if (::bind(socket_.get(), reinterpret_cast<sockaddr*>(&own), sizeof own) != 0) {
-    return complain(kFailed, "cannot create %s for the answer: %s", ownPath.c_str(),
-                    std::strerror(errno));
+    return complain(kFailed, "cannot create %s for the answer: %s; run it as the daemon's user",
+                    ownPath.c_str(), std::strerror(errno));
   }
   ownPath_ = ownPath;
-  const auto whole = static_cast<time_t>(timeoutSeconds);
-  const timeval limit{
-      whole, static_cast<suseconds_t>((timeoutSeconds - static_cast<double>(whole)) * 1e6)};
-  ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  setTimeout(socket_.get(), SO_SNDTIMEO, static_cast<std::int64_t>(timeoutSeconds * 1e6));
   return kDone;
 }
 
@@ -122,9 +128,13 @@ int CommandClient::send(const std::vector<std::uint8_t>& request) {
     return kDone;
   }
   if (errno == EAGAIN) {
-    return complain(kFailed, "the daemon takes no more commands; it hangs or is overloaded");
+    return complain(
+        kFailed,
+        "the daemon at %s takes no more commands: wait longer with --timeout, or restart it",
+        path_.c_str());
   }
-  return complain(kNoDaemon, "the daemon at %s went away: %s", path_.c_str(), std::strerror(errno));
+  return complain(kNoDaemon, "the daemon at %s went away: %s; start it again", path_.c_str(),
+                  std::strerror(errno));
 }
 
 int CommandClient::ask(Request type, Response& response) {
@@ -140,12 +150,13 @@ int CommandClient::ask(Request type, Response& response) {
     const auto left =
         std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now()).count();
     if (left <= 0) {
-      return complain(kFailed, "no answer within %g seconds; the log of tarnikd may say why",
-                      timeout_);
+      return complain(
+          kFailed,
+          "no answer within %g seconds: wait longer with --timeout; the log of tarnikd may "
+          "say why",
+          timeout_);
     }
-    const timeval limit{static_cast<time_t>(left / 1000000),
-                        static_cast<suseconds_t>(left % 1000000)};
-    ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    setTimeout(socket_.get(), SO_RCVTIMEO, left);
     std::array<std::uint8_t, 64> bytes{};
     const ssize_t received = ::recv(socket_.get(), bytes.data(), bytes.size(), 0);
     // Anything else is a late answer to somebody else's question.
@@ -157,7 +168,7 @@ int CommandClient::ask(Request type, Response& response) {
       return kDone;
     }
     if (received < 0 && errno != EAGAIN && errno != EINTR) {
-      return complain(kNoDaemon, "the daemon at %s went away: %s", path_.c_str(),
+      return complain(kNoDaemon, "the daemon at %s went away: %s; start it again", path_.c_str(),
                       std::strerror(errno));
     }
   }

@@ -129,12 +129,14 @@ int watch(const Options& options, Stats before) {
       return status;
     }
     if (!after.ownerAlive) {
-      return complain(kNoDaemon, "tarnikd (process %d) has ended", after.ownerPid);
+      return complain(kNoDaemon, "tarnikd (process %d) has ended: start it again", after.ownerPid);
     }
     if (after.ownerPid == before.ownerPid) {
       const bool rates = !options.json && !options.prometheus;
-      std::fputs((rates ? toRates(before, after, 1) : shown(options, after)).c_str(), stdout);
-      std::fflush(stdout);
+      std::fputs((rates ? toRates(before, after) : shown(options, after)).c_str(), stdout);
+      if (const int status = flushOutput(); status != kDone) {
+        return status;
+      }
     }
     before = after;
   }
@@ -160,7 +162,8 @@ int list(const Options& options) {
   const std::string directory = options.arguments.empty() ? kCaptureDir : options.arguments[0];
   std::vector<Capture> captures;
   if (!readCaptures(directory, captures)) {
-    return complain(kFailed, "cannot list %s: %s", directory.c_str(), std::strerror(errno));
+    return complain(kFailed, "cannot list %s: %s; name the directory of the captures",
+                    directory.c_str(), std::strerror(errno));
   }
   std::fputs((options.json ? toJson(captures) : toTable(captures)).c_str(), stdout);
   return kDone;
@@ -209,10 +212,10 @@ int parse(int argc, char** argv, Options& options, std::string& switches) {
       }
       case 'h':
         std::fputs(kHelp, stdout);
-        return kDone;
+        return flushOutput();
       case 'V':
         std::puts("tarnikctl " TARNIK_VERSION);
-        return kDone;
+        return flushOutput();
       case 'w':
       case 'j':
       case 'p':
@@ -248,7 +251,8 @@ int run(int argc, char** argv) {
         switches.find_first_not_of(command.switches) != std::string::npos) {
       return usage();
     }
-    return command.run(options);
+    const int status = command.run(options);
+    return status != kDone ? status : flushOutput();
   }
   return usage();
 }

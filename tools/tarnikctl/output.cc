@@ -2,8 +2,10 @@
 
 #include <locale.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <cwchar>
 #include <cwctype>
@@ -33,13 +35,21 @@ Character firstCharacter(std::string_view text) {
 }  // namespace
 
 int complain(ExitStatus status, const char* format, ...) {
-  std::fputs("tarnikctl: ", stderr);
+  char text[1024];
   va_list arguments;
   va_start(arguments, format);
-  std::vfprintf(stderr, format, arguments);
+  std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
-  std::fputc('\n', stderr);
+  std::fprintf(stderr, "tarnikctl: %s\n", printable(text).c_str());
   return status;
+}
+
+int flushOutput() {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
+    return kDone;
+  }
+  return complain(kFailed, "cannot write the output: %s; send it elsewhere or make room",
+                  std::strerror(errno));
 }
 
 std::string jsonString(std::string_view text) {

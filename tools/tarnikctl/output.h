@@ -9,8 +9,12 @@ namespace tarnik::ctl {
 
 enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kNoDaemon = 3 };
 
-// Prints "tarnikctl: ..." and returns `status`.
+// Prints "tarnikctl: ..." on one line of standard error, whatever the arguments hold, and returns
+// `status`.
 [[gnu::format(printf, 2, 3)]] int complain(ExitStatus status, const char* format, ...);
+
+// Writes out what was printed: kDone, or kFailed with a complaint.
+[[nodiscard]] int flushOutput();
 
 // `text` as a JSON string, quotes included. Bytes that are no UTF-8 are taken for Latin-1, so the
 // result is valid whatever a file name holds.

@@ -48,12 +48,14 @@ bool isAlive(const OrloStatsHeader& header) {
 ExitStatus readStats(const std::string& path, Stats& stats) {
   const OwnedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!fd && errno == ENOENT) {
-    complain(kNoDaemon, "no statistics at %s: tarnikd has not captured since the start",
+    complain(kNoDaemon,
+             "no statistics at %s: start tarnikd; if it runs, its log says what it lacks",
              path.c_str());
     return kNoDaemon;
   }
   if (!fd) {
-    complain(kFailed, "cannot open %s: %s", path.c_str(), std::strerror(errno));
+    complain(kFailed, "cannot open %s: %s; run it as the daemon's user", path.c_str(),
+             std::strerror(errno));
     return kFailed;
   }
   struct {
@@ -64,9 +66,11 @@ ExitStatus readStats(const std::string& path, Stats& stats) {
   if (::pread(fd.get(), &area, sizeof area, 0) != static_cast<ssize_t>(sizeof area) ||
       area.header.magic != ORLO_STATS_MAGIC || area.header.headerSize != sizeof area.header ||
       area.header.size < sizeof area.counters) {
-    complain(kFailed, "%s is no statistics area of tarnikd", path.c_str());
+    complain(kFailed, "%s is no statistics area of tarnikd: remove it and restart tarnikd",
+             path.c_str());
     return kFailed;
   }
+  stats.readAt = std::chrono::steady_clock::now();
   stats.counters = area.counters;
   stats.ownerPid = area.header.ownerPid;
   stats.ownerAlive = isAlive(area.header);
@@ -105,8 +109,9 @@ std::string toPrometheus(const Stats& stats) {
   return out.str();
 }
 
-std::string toRates(const Stats& before, const Stats& after, double interval) {
+std::string toRates(const Stats& before, const Stats& after) {
   std::ostringstream out;
+  const double interval = std::chrono::duration<double>(after.readAt - before.readAt).count();
   const auto rate = [&](std::size_t i) {
     return static_cast<double>(after.counters[i] - before.counters[i]) / interval;
   };

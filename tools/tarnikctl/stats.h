@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -18,6 +19,7 @@ inline constexpr std::array<const char*, kCounters> kCounterNames = {
     "frames_accepted", "frames_refused", "frames_invalid"};
 
 struct Stats {
+  std::chrono::steady_clock::time_point readAt;
   Counters counters{};
   std::int32_t ownerPid = 0;
   bool ownerAlive = false;
@@ -31,7 +33,7 @@ struct Stats {
 [[nodiscard]] std::string toJson(const Stats& stats);
 // The text exposition format of Prometheus, version 0.0.4.
 [[nodiscard]] std::string toPrometheus(const Stats& stats);
-// What was counted between two readings `interval` seconds apart, by the second.
-[[nodiscard]] std::string toRates(const Stats& before, const Stats& after, double interval);
+// What was counted between two readings, by the second.
+[[nodiscard]] std::string toRates(const Stats& before, const Stats& after);
 
 }  // namespace tarnik::ctl
