@@ -188,13 +188,6 @@ void CaptureThread::processFrame(CaptureManager& manager, zorvik_frm_desc& frame
 
 void CaptureThread::readFailed(CaptureManager& manager, int result, int error,
                                zorvik_frm_desc* frame) {
-  if (frame != nullptr) {
-    // A frame whose data cannot be reached. It is ours to free, and it is no time-out or shutdown,
-    // whatever errno was left at.
-    TARNIK_ERROR("Error: %s: ReadPkt rc=%d): errno=%d", "processFrames", result, error);
-    captureIf_->Free(frame);
-    return;
-  }
   switch (error) {
     case ESHUTDOWN:
       TARNIK_DEBUG(0, "Debug: %s: Shutdown", "processFrames");
@@ -210,6 +203,9 @@ void CaptureThread::readFailed(CaptureManager& manager, int result, int error,
     default:
       TARNIK_ERROR("Error: %s: ReadPkt rc=%d): errno=%d", "processFrames", result, error);
       break;
+  }
+  if (frame != nullptr) {  // one whose data cannot be reached: it is ours to free all the same
+    captureIf_->Free(frame);
   }
 }
 

@@ -138,6 +138,7 @@ int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t
   *data = zorlib_q_frm_data(q_, *frame);
   if (*data == nullptr) {
     TARNIK_ERROR("Error: %s: Failed to get trFrame", "ReadPkt");
+    errno = ENXIO;  // what went before may have left a time-out's or a shutdown's
     return -1;
   }
   return 0;

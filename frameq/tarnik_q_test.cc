@@ -144,7 +144,9 @@ TEST_F(TarnikQTest, AFrameWhoseDataLiesOutsideIsHandedOutToBeFreed) {
   std::uint8_t* data = nullptr;
   std::uint64_t tag = 0;
   std::uint32_t flags = 0;
+  errno = ESHUTDOWN;
   EXPECT_EQ(reader_->ReadPkt(&read, &data, &tag, &flags), -1);
+  EXPECT_EQ(errno, ENXIO);
   EXPECT_EQ(read, desc);
   EXPECT_EQ(data, nullptr);
   EXPECT_THAT(logLines(), ElementsAre(error("Error: ReadPkt: Failed to get trFrame")));
