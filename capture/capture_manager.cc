@@ -290,30 +290,28 @@ void CaptureManager::ExpireWriters() {
   TARNIK_DEBUG(3, "Debug: %s: Expiring writers", "ExpireWriters");
   const std::time_t now = std::time(nullptr);
   const std::int64_t maxTimeout = limits().maxTimeout;
-  for (auto position = writers_.begin(); position != writers_.end();) {
-    if (now - position->second->lastWriteTime() <= maxTimeout) {
-      ++position;
-    } else {
-      position = closeWriter("ExpireWriters", position);
+  for (auto next = writers_.begin(); next != writers_.end();) {
+    const auto position = next++;
+    if (now - position->second->lastWriteTime() > maxTimeout) {
+      closeWriter("ExpireWriters", position);
     }
   }
 }
 
 void CaptureManager::CloseWriters() {
   TARNIK_DEBUG(3, "Debug: %s: Closing writers", "CloseWriters");
-  for (auto position = writers_.begin(); position != writers_.end();) {
-    position = closeWriter("CloseWriters", position);
+  while (!writers_.empty()) {
+    closeWriter("CloseWriters", writers_.begin());
   }
 }
 
 // The last chance for metadata that came late; then the file is closed.
-CaptureManager::WriterTable::iterator CaptureManager::closeWriter(const char* operation,
-                                                                  WriterTable::iterator position) {
+void CaptureManager::closeWriter(const char* operation, WriterTable::iterator position) {
   const auto [captureId, writer] = *position;
   if (!ProcessMetaData(*writer, captureId)) {
     TARNIK_DEBUG(0, "Debug: %s: No metadata for flow 0x%lx", operation, captureId);
   }
-  return writers_.erase(position);
+  EraseConnWriter(position);
 }
 
 void CaptureManager::UpdateUsageCounters() {

@@ -102,7 +102,7 @@ class CaptureManager {
   [[nodiscard]] int consumeFirst(std::uint64_t captureId, const zorvik_frm_desc& frame,
                                  const std::uint8_t* data, std::uint32_t flags,
                                  std::int64_t maxFileSize);
-  WriterTable::iterator closeWriter(const char* operation, WriterTable::iterator position);
+  void closeWriter(const char* operation, WriterTable::iterator position);
   [[nodiscard]] bool findIssue(std::int32_t issueId, std::string& name) const;
   [[nodiscard]] bool findRule(std::int32_t priority, std::string& uuid) const;
 

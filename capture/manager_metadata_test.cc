@@ -199,6 +199,7 @@ TEST_F(MetadataTest, ExpiryTellsItsSteps) {
                                    "Debug: lookup: Lookup metadata for 0xa",
                                    "Debug: ProcessMetaData: No metadata: 0x0",
                                    "Debug: ExpireWriters: No metadata for flow 0xa",
+                                   "Debug: EraseConnWriter: captureId=0xa",
                                    "Warning: Finalize: Failed to determine capture name for "
                                    "[/var/support/tarnik/a]"));
   test::setTime(test::kNow + 242);
@@ -207,6 +208,21 @@ TEST_F(MetadataTest, ExpiryTellsItsSteps) {
   EXPECT_THAT(steps(), ElementsAre("Debug: ExpireWriters: No metadata for flow 0xb",
                                    "Warning: Finalize: Failed to determine capture name for "
                                    "[/var/support/tarnik/b]"));
+}
+
+TEST_F(MetadataTest, ANamedCaptureGoesWithoutARemark) {
+  for (const bool idle : {true, false}) {
+    announce(0xa, 70000);
+    ASSERT_EQ(consume(0xa), 0);
+    test::setTime(test::kNow + 121);
+    useDebugLevel(4);
+    idle ? manager.ExpireWriters() : manager.CloseWriters();
+    EXPECT_THAT(steps(), ElementsAre(idle ? "Debug: ExpireWriters: Expiring writers"
+                                          : "Debug: CloseWriters: Closing writers",
+                                     "Debug: ProcessMetaData: captureId=0xa",
+                                     "Debug: EraseConnWriter: captureId=0xa"));
+    useDebugLevel(0);
+  }
 }
 
 TEST_F(MetadataTest, ClosingTellsItsSteps) {
@@ -218,6 +234,7 @@ TEST_F(MetadataTest, ClosingTellsItsSteps) {
                                    "Debug: lookup: Lookup metadata for 0xa",
                                    "Debug: ProcessMetaData: No metadata: 0x0",
                                    "Debug: CloseWriters: No metadata for flow 0xa",
+                                   "Debug: EraseConnWriter: captureId=0xa",
                                    "Warning: Finalize: Failed to determine capture name for "
                                    "[/var/support/tarnik/a]"));
   ASSERT_EQ(consume(0xb), 0);
