@@ -283,6 +283,16 @@ TEST_F(PcapWriterFailureTest, WithoutInfoTheCaptureIsDeleted) {
   EXPECT_THAT(entries(), ElementsAre("a.info"));
 }
 
+TEST_F(PcapWriterFailureTest, ACaptureDeletedForItsInfoIsFinalizedAllTheSame) {
+  auto writer = started();
+  std::filesystem::create_directory("/var/support/tarnik/a.info");
+  setDebugLevel(4);
+  clearLog();
+  EXPECT_TRUE(writer->Close());
+  EXPECT_EQ(logLines().back(),
+            (LogLine{LOG_DEBUG, "Debug: Finalize: Finalized [/var/support/tarnik/a.pcap]"}));
+}
+
 TEST_F(PcapWriterFailureTest, DeletingTheCaptureWithoutInfoFails) {
   std::filesystem::create_directory("/var/support/tarnik/a.info");
   for (const unsigned level : {0U, 1U}) {

@@ -1,5 +1,5 @@
-// The clock and the platform events of a test program: time() says what the test wants, and
-// OrloLogEvent keeps what it is given.
+// The clock and the platform of a test program: time() says what the test wants, OrloLogEvent keeps
+// what it is given, and no statistics area is empty when it is handed out.
 #pragma once
 
 #include <ctime>
