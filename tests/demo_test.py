@@ -106,6 +106,13 @@ class Refusals(DemoTest):
         self.assertEqual((run.returncode, run.stderr),
                          (2, "demo: unknown option --nonsense (./demo --help)\n"))
 
+    def test_help_from_anywhere(self):
+        for script in ("demo", "run-tests"):
+            run = subprocess.run([os.path.join(PROJECT.name, script), "--help"], cwd=PROJECT.parent,
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            self.assertEqual((run.returncode, run.stderr), (0, ""))
+            self.assertIn(f"./{script} [", run.stdout)
+
     def test_its_own_captures_are_not_emptied_to_replay_them(self):
         self.assertEqual(self.record(self.traffic)[0], 0)
         capture = next((self.out / "captures").glob("*.pcap"))
