@@ -59,8 +59,9 @@ class CaptureManager {
 
   // Writes one frame to its capture's file, which is opened with the first frame, named as soon as
   // the capture's metadata is known, and closed with the frame that `flags` (of ReadPkt) call the
-  // last one. `frame` and `data` stay the caller's. A result other than kOk means that the frame
-  // is not in a file; the log and, for limits, a platform event say why.
+  // last one. `frame` and `data` stay the caller's; nobody else may change `frame` meanwhile. A
+  // result other than kOk means that the frame is not in a file; the log and, for limits, a
+  // platform event say why.
   [[nodiscard]] int ConsumeFrame(std::uint64_t captureId, const zorvik_frm_desc& frame,
                                  const std::uint8_t* data, std::uint32_t flags);
 

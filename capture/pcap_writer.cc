@@ -29,18 +29,6 @@ constexpr std::array<std::uint8_t, 24> kFileHeader = {
 // saves nothing. Ten thousand open captures take 160 MB at most.
 constexpr std::size_t kStreamBufferSize = 16384;
 
-struct FrameWords {
-  std::uint32_t wireLength;
-  std::uint32_t capturedLength;
-  std::uint32_t seconds;
-  std::uint32_t microseconds;
-};
-
-// Volatile, so that each word is loaded once and what was checked is what is used.
-FrameWords readOnce(const volatile zorvik_frm_desc& frame) {
-  return {frame.wire_len, frame.cap_len, frame.ts_sec, frame.ts_usec};
-}
-
 // Where the last whole record of `path` ends, within `size` bytes. `from` is the end of a record
 // that is known to be complete, and the answer when the file cannot be read.
 std::uint64_t lastRecordEnd(const char* path, std::uint64_t from, std::uint64_t size) {
@@ -107,17 +95,16 @@ bool PcapWriter::WritePCAPHeader() {
 }
 
 bool PcapWriter::Write(const zorvik_frm_desc& frame, const std::uint8_t* data) {
-  const FrameWords words = readOnce(frame);
   const void* address = data;
   TARNIK_DEBUG(0, "Debug: %s: Writing [%s] [%p] size=[%d,%d]", "Write", workingPath_.c_str(),
-               address, static_cast<int>(words.wireLength), static_cast<int>(words.capturedLength));
-  if (data == nullptr || !stream_ || words.capturedLength == 0) {
+               address, static_cast<int>(frame.wire_len), static_cast<int>(frame.cap_len));
+  if (data == nullptr || !stream_ || frame.cap_len == 0) {
     TARNIK_ERROR("Error: %s: frameData=%p, fileStream=%p size=%d", "Write", address,
-                 static_cast<void*>(stream_.get()), static_cast<int>(words.capturedLength));
+                 static_cast<void*>(stream_.get()), static_cast<int>(frame.cap_len));
     return false;
   }
-  recordHeader_ = {words.seconds, words.microseconds, words.capturedLength, words.wireLength};
-  const std::uint64_t recordSize = sizeof recordHeader_ + std::uint64_t{words.capturedLength};
+  recordHeader_ = {frame.ts_sec, frame.ts_usec, frame.cap_len, frame.wire_len};
+  const std::uint64_t recordSize = sizeof recordHeader_ + std::uint64_t{frame.cap_len};
   if (maxFileSize_ < bytesWritten_ + recordSize) {
     status_ = kStatusFull;
     return false;
@@ -127,7 +114,7 @@ bool PcapWriter::Write(const zorvik_frm_desc& frame, const std::uint8_t* data) {
     mend();
     return false;
   }
-  if (!append(data, words.capturedLength)) {
+  if (!append(data, frame.cap_len)) {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
     mend();
     return false;

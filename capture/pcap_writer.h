@@ -36,10 +36,9 @@ class PcapWriter {
   // False, with a log line, on failure; the writer is then only fit to be destroyed.
   [[nodiscard]] bool Open();
 
-  // Appends one record: `data` must be readable for frame.cap_len bytes. The descriptor may lie in
-  // memory that others write; its four words are read once. False when the record would exceed the
-  // size limit (status() is then 11, nothing is written or logged) or, with a log line, on failure.
-  // Allocates nothing.
+  // Appends one record: `data` must be readable for frame.cap_len bytes, and nobody else may change
+  // `frame` meanwhile. False when the record would exceed the size limit (status() is then 11,
+  // nothing is written or logged) or, with a log line, on failure. Allocates nothing.
   [[nodiscard]] bool Write(const zorvik_frm_desc& frame, const std::uint8_t* data);
 
   // Records the final name and the policy that asked for the capture; the last call wins.

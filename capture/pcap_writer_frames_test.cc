@@ -1,17 +1,11 @@
-// Frames as they come: from memory that somebody else writes, many of them, and read again by
-// other programs.
+// Frames as they come: many of them, and read again by other programs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <new>
 
-#include "base/owned.h"
 #include "capture/pcap_writer.h"
 #include "capture/test_files.h"
 
@@ -44,43 +38,6 @@ class PcapFramesTest : public testing::Test {
  protected:
   PcapFramesTest() { emptyCaptureDir(); }
 };
-
-// The descriptor's lengths and times change all the while: what is written is one of the states
-// of each word, and the record's length is that of its data.
-TEST_F(PcapFramesTest, ADescriptorThatChangesUnderTheWriter) {
-  void* const memory = ::mmap(nullptr, sizeof(zorvik_frm_desc), PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(memory, MAP_FAILED);
-  const Mapping mapping(memory, sizeof(zorvik_frm_desc));
-  auto* const shared = new (memory) zorvik_frm_desc(frame(60, 60, 1, 1));
-  const pid_t child = ::fork();
-  if (child == 0) {
-    volatile zorvik_frm_desc* const words = shared;
-    for (std::uint32_t i = 0;; ++i) {
-      words->cap_len = i % 3 == 0 ? 0 : i % 3 == 1 ? 60 : 1000;
-      words->ts_sec = i % 2 + 1;
-    }
-  }
-  PcapWriter writer(kWorking, kNoLimit);
-  ASSERT_TRUE(writer.Open());
-  writer.Update(kFinal, 7, "uuid", 1);
-  const auto data = frameData(1000);
-  std::size_t written = 0;
-  for (int i = 0; i < 20000; ++i) {
-    written += writer.Write(*shared, data.data()) ? 1 : 0;
-  }
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
-  ASSERT_TRUE(writer.Close());
-  const auto records = parsePcap(readFile(kFinal));
-  ASSERT_TRUE(records);
-  EXPECT_EQ(records->size(), written);
-  for (const Record& record : *records) {
-    ASSERT_TRUE(record.data.size() == 60 || record.data.size() == 1000);
-    ASSERT_TRUE(record.seconds == 1 || record.seconds == 2);
-    ASSERT_EQ(record.data, bytesOf(data).substr(0, record.data.size()));
-  }
-}
 
 TEST_F(PcapFramesTest, AFrameTakesNoMemory) {
   PcapWriter writer(kWorking, kNoLimit);
