@@ -1,6 +1,4 @@
 // Metadata that comes early, late, never, again or changed; idle captures; the end of all.
-#include <sys/resource.h>
-
 #include "capture/manager_test.h"
 
 namespace tarnik {
@@ -250,31 +248,6 @@ TEST_F(MetadataTest, ClosingGivesLateMetadataItsLastChance) {
   EXPECT_THAT(captures(), ElementsAre("20240305-070809.unknown.1.pcap"));
   manager.CloseWriters();
   EXPECT_THAT(captures(), SizeIs(1));
-}
-
-// As many as the machine lets one process have, up to ten thousand.
-TEST_F(MetadataTest, ThousandsOfOpenCapturesAreClosed) {
-  rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-  const rlimit most{before.rlim_max, before.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &most), 0);
-  const std::uint64_t count = std::min<std::uint64_t>(most.rlim_cur - 100, 10'000);
-  constexpr std::uint64_t kNamed = 1000;
-  for (std::uint64_t captureId = 1; captureId <= count; ++captureId) {
-    if (captureId <= kNamed) {
-      announce(captureId, 70000);
-    }
-    ASSERT_EQ(consume(captureId, 60, static_cast<unsigned>(captureId)), 0);
-  }
-  EXPECT_THAT(entries(), SizeIs(count));
-  manager.CloseWriters();
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-  ASSERT_THAT(captures(), SizeIs(kNamed));
-  EXPECT_THAT(entries(), SizeIs(2 * kNamed));
-  for (std::uint64_t captureId = 1; captureId <= kNamed; ++captureId) {
-    EXPECT_THAT(records("20240305-070809.ips.web." + std::to_string(captureId) + ".pcap"),
-                ElementsAre(record(60, static_cast<unsigned>(captureId))));
-  }
 }
 
 }  // namespace
