@@ -6,13 +6,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "base/owned.h"
 #include "base/paths.h"
+#include "bench/support.h"
 #include "capture/disk_usage.h"
 
 namespace tarnik {
@@ -23,19 +21,12 @@ std::string pathOf(int file) {
 }
 
 void fillDirectory(benchmark::State& state) {
-  if (std::getenv("TARNIK_PRIVATE_ROOT") == nullptr) {
-    std::fputs("this empties the capture directory: run it in a private root\n", stderr);
-    std::exit(1);
-  }
   const auto count = static_cast<int>(state.range(0));
-  for (const auto& entry : std::filesystem::directory_iterator(kCaptureDir)) {
-    std::filesystem::remove_all(entry);
-  }
+  bench::emptyDirectory(kCaptureDir);
   for (int file = 0; file < count; ++file) {
     const OwnedFd fd(::open(pathOf(file).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     if (::ftruncate(fd.get(), 1000) != 0) {
-      std::perror("disk_usage_bench");
-      std::exit(1);
+      bench::giveUp("ftruncate");
     }
   }
 }
