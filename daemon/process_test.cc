@@ -226,6 +226,7 @@ class BadConfigurationTest : public ProcessTest {
         ElementsAre("onReload: Reloading", "Error: onReload: Failed to reload base configuration",
                     "Event: VRK_events: VRKUA0006E", "Error: tarnikd Daemon configuration invalid",
                     "Fatal error: tarnikd: Failed to load the configuration"));
+    EXPECT_TRUE(fs::is_socket("/run/orlo/tarnikd.sock")) << "nothing is undone";
     const fs::path aside = "/etc/tarnik.conf.aside";
     if (fs::exists(kConfig)) {
       fs::rename(kConfig, aside);
