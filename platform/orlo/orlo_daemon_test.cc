@@ -138,12 +138,14 @@ TEST_F(Daemon, ReplacesTheRecordOfAnEarlierRun) {
 
 TEST_F(Daemon, PutsClosedStandardDescriptorsOnNull) {
   EXPECT_EQ(inChild([] {
+              const int next = open("/", O_RDONLY);  // who started the test may have left some open
+              close(next);
               for (int fd = 0; fd <= 2; ++fd) {
                 close(fd);
               }
               EXPECT_EQ(becomeDaemon(ORLO_FOREGROUND), 0);
               EXPECT_TRUE(isNull(0) && isNull(1) && isNull(2));
-              EXPECT_EQ(open("/", O_RDONLY), 3);
+              EXPECT_EQ(open("/", O_RDONLY), next);
             }),
             kPassed);
 }
