@@ -95,7 +95,7 @@ void setUpManager() {
   requirePrivateRoot();
   constexpr char kIssuesPath[] = "/etc/issues.csv";
   writeFile(kNapPolicyPath, "acl.rule.priority._uuid-five = 5\n");
-  writeFile(kIssuesPath, "70000,HTTP_Something\n");
+  writeFile(kIssuesPath, "70000,HTTP_Something\n70001,HTTP;Something\n");
   const char* const rule =
       "acl.rule.priority._uuid-five=5\nacl.rule.description._uuid-five=\"a rule\"\n"
       "acl.rule.enabled._uuid-five=true\nacl.rule.responses._uuid-five=tarnik:all\n";

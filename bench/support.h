@@ -44,9 +44,11 @@ class Traffic {
   std::vector<Frame> frames_;
 };
 
-// Gives the process's capture manager limits that are never met, an issue and a rule, and writes
-// the info templates of both.
+// Gives the process's capture manager limits that are never met, two issues and a rule, and writes
+// the info templates. The second issue has a name that no shell is given, so that the info files
+// of its captures cost no processes.
 inline constexpr std::uint32_t kIssue = 70000;
+inline constexpr std::uint32_t kUnshelledIssue = 70001;
 inline constexpr std::uint32_t kRule = 5;
 void setUpManager();
 
