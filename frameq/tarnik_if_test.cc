@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -98,6 +99,48 @@ TEST_F(InterfaceTest, TellsItsStepsInTheDebugLog) {
   EXPECT_EQ(TarnikIfQFini(), 0);
   EXPECT_THAT(logLines(), ElementsAre(debug("Debug: TarnikIfQFini: entry"),
                                       debug("Debug: TarnikIfQFini: exit (0)")));
+}
+
+TEST_F(InterfaceTest, TellsItsFailuresInTheDebugLogToo) {
+  setDebugLevel(1);
+  EXPECT_EQ(TarnikIfCreate(), nullptr);
+  EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfCreate: exit ((nil))"));
+  refuse(ZORVIK_Q_CREATE, EEXIST);
+  clearLog();
+  EXPECT_EQ(TarnikIfQInit(50), 0);
+  EXPECT_EQ(logLines().front(), debug("Debug: TarnikIfQInit: entry (50")) << "as it was given";
+  EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfQInit: exit (0)"));
+  refuse(ZORVIK_Q_CREATE, EIO);
+  EXPECT_EQ(TarnikIfQInit2(capture_if::ifg, 51), -1);
+  EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfQInit2: exit (-1)"));
+  clearLog();
+  EXPECT_EQ(TarnikIfgOpen(), 0);
+  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: TarnikIfgOpen: entry"),
+                                      debug("Debug: TarnikIfgOpen: brund"),
+                                      debug("Debug: TarnikIfgOpen: exit (0)")));
+  TarnikIfgClose();
+  std::filesystem::rename("/dev/zorvik/brund/ctl", "/dev/zorvik/brund/hidden");
+  EXPECT_EQ(TarnikIfgOpen(), -3);
+  EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfgOpen: exit (-3)"));
+  EXPECT_EQ(TarnikIfQInit(51), -3);
+  EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfQInit: exit (-3)"));
+  std::filesystem::rename("/dev/zorvik/brund/hidden", "/dev/zorvik/brund/ctl");
+}
+
+TEST_F(InterfaceTest, TheHandleIsLookedAtAndGivenOutsideTheMutex) {
+  zorlib_ifg* const mine = openGroup();
+  std::unique_lock held(capture_if::mutex);
+  EXPECT_EQ(TarnikIfQFini(), -3) << "nothing to do, and no wait";
+  std::thread giver([mine] { EXPECT_EQ(TarnikIfQInit2(mine, 51), 0); });
+  while (capture_if::ifg != mine) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(count(ZORVIK_Q_CREATE), 0) << "the queue waits for the mutex";
+  EXPECT_EQ(TarnikIfgOpen(), 0) << "it is open";
+  held.unlock();
+  giver.join();
+  EXPECT_EQ(count(ZORVIK_Q_CREATE), 1);
+  EXPECT_EQ(TarnikIfQFini2(), 0);
 }
 
 TEST_F(InterfaceTest, AGroupThatCannotBeOpenedLeavesNothing) {

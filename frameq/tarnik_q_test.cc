@@ -2,6 +2,7 @@
 #include "frameq/testing/tarnik_q.h"
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -272,6 +273,36 @@ TEST_F(TarnikQTest, ARefusedFreeIsAnError) {
   EXPECT_EQ(logLines().back(), error("Error: Free: zorlib_frm_free failed, errno=5"));
   answerNothing();
   EXPECT_EQ(reader_->Free(desc), 0);
+}
+
+TEST_F(TarnikQTest, AQueueThatTheLibraryRefusesIsAnError) {
+  zorlib_q* q = nullptr;
+  std::memcpy(&q, reinterpret_cast<const char*>(reader_) + 16, sizeof q);
+  q->magic = 0xbaadf00d;
+  clearLog();
+  EXPECT_EQ(reader_->getSize(), -1);
+  EXPECT_EQ(reader_->getFd(), -1);
+  EXPECT_THAT(logLines(), ElementsAre(error("Error: getSize: zorlib_q_get_size failed"),
+                                      error("Error: getFd: zorlib_q_get_fd failed, errno=53")));
+  clearLog();
+  EXPECT_EQ(reader_->Close(), -1);
+  ASSERT_EQ(logLines().size(), 3u) << "the shutdown's, the closing's and";
+  EXPECT_EQ(logLines()[2], error("Error: Close: zorlib_q_close failed, errno=53"));
+  q->magic = 0xfaceb00b;
+}
+
+TEST_F(TarnikQTest, ReadPktLooksAtNoMode) {
+  zorvik_frm_desc* const desc = frame();
+  EXPECT_EQ(writer_->WritePkt(desc, 9, 4), 0);
+  zorvik_frm_desc* read = nullptr;
+  std::uint8_t* data = nullptr;
+  std::uint64_t tag = 0;
+  std::uint32_t flags = 0;
+  EXPECT_EQ(writer_->ReadPkt(&read, &data, &tag, &flags), 0);
+  EXPECT_EQ(read, desc);
+  EXPECT_EQ(tag, 9u);
+  EXPECT_EQ(reader_->Free(read), 0);
+  EXPECT_THAT(logLines(), IsEmpty());
 }
 
 TEST_F(TarnikQTest, CloseShutsDownFirst) {

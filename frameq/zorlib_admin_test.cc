@@ -320,5 +320,15 @@ TEST_F(AdminTest, InterfacesWithoutACookieAreNone) {
                                             "Input/output error")));
 }
 
+// The last one: parameters stay for the life of the process.
+TEST_F(AdminTest, AQueueWithoutASizeIsLookedUpByItsNameThenAsAppq) {
+  ASSERT_EQ(zorlib_set_param("zorvik.brund.appq.q_size", "40"), 0);
+  ASSERT_EQ(zorlib_set_param("zorvik.brund.named.q_size", "20"), 0);
+  EXPECT_EQ(create("named", 5, 0), 0);
+  EXPECT_EQ(asked_.size, 20u);
+  EXPECT_EQ(create("other", 5, 0), 0);
+  EXPECT_EQ(asked_.size, 40u);
+}
+
 }  // namespace
 }  // namespace tarnik::test

@@ -254,12 +254,15 @@ TEST_F(RaceTest, AShutdownIsSeenAtWhateverMomentItComes) {
   }
   fill();
   for (int moment = 0; moment < kMoments; ++moment) {
-    memory_->presq.flags = 0;
+    memory_->presq.flags = moment == kAsleep ? 0 : ZORVIK_RESQ_WOKEN;
     at(moment, [this] { EXPECT_EQ(zorlib_q_shutdown(writer_), 0); });
     zorlib_q_set_timeout(writer_, -1);
     errno = 0;
+    const int references = frame_->qref_cnt;
     EXPECT_EQ(zorlib_q_write(writer_, frame_), -1);
     EXPECT_EQ(errno, ESHUTDOWN) << moment;
+    EXPECT_EQ(frame_->qref_cnt, references) << moment;
+    EXPECT_EQ(memory_->presq.flags, moment == kAsleep ? 4u : 5u) << "looked at before it is taken";
   }
 }
 

@@ -76,11 +76,14 @@ TEST_F(QueueTest, OpeningEndsTheShutdownOfItsOwnSideOnly) {
   for (const std::uint32_t mode : {ZORLIB_READ, ZORLIB_WRITE}) {
     memory.presq.flags = memory.cresq.flags = 0xf;
     std::uint32_t woken = 0;
+    std::uint32_t flagsThen = 0;
     answer(ZORVIK_Q_WAKE, [&](int, void* argument) {
       woken = static_cast<zorvik_q_wake*>(argument)->kresq_handle;
+      flagsThen = (mode == ZORLIB_READ ? memory.cresq : memory.presq).flags;
       return 0;
     });
     zorlib_q* const q = openQueue(ifg_, mode);
+    EXPECT_EQ(flagsThen, 0xbu) << "the shutdown has ended before the wake-up";
     EXPECT_EQ(memory.cresq.flags, mode == ZORLIB_READ ? 0xbu : 0xfu);
     EXPECT_EQ(memory.presq.flags, mode == ZORLIB_READ ? 0xfu : 0xbu);
     EXPECT_EQ(woken, mode == ZORLIB_READ ? memory.cresq.kresq_handle : memory.presq.kresq_handle);
