@@ -7,7 +7,7 @@
 #include <csignal>
 #include <map>
 
-#include "capture/counted_memory.h"
+#include "tests/support/counted_memory.h"
 #include "capture/manager_test.h"
 
 namespace tarnik {

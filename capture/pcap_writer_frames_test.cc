@@ -2,30 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <new>
 
 #include "capture/pcap_writer.h"
 #include "capture/test_files.h"
-
-namespace {
-std::atomic<int> allocations = 0;
-}
-
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* const memory = std::malloc(size)) {
-    return memory;
-  }
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
+#include "tests/support/counted_memory.h"
 
 namespace tarnik::test {
 namespace {
@@ -44,13 +25,13 @@ TEST_F(PcapFramesTest, AFrameTakesNoMemory) {
   ASSERT_TRUE(writer.Open());
   const auto data = frameData(3000);
   const zorvik_frm_desc frames[] = {frame(60, 60), frame(1500, 1500), frame(3000, 3000)};
-  allocations = 0;
+  const std::uint64_t before = allocations();
   for (int i = 0; i < 1000; ++i) {
     for (const zorvik_frm_desc& one : frames) {
       ASSERT_TRUE(writer.Write(one, data.data()));
     }
   }
-  EXPECT_EQ(allocations, 0);
+  EXPECT_EQ(allocations() - before, 0U);
 }
 
 // An Ethernet frame with an IPv4 UDP datagram of `payload` bytes from port 1000 + number.

@@ -12,17 +12,16 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <new>
 
 #include "base/owned.h"
 #include "capture/test_files.h"
 #include "capture/usage_check.h"
+#include "tests/support/counted_memory.h"
 
 namespace {
 
-std::atomic<int> calls = 0;        // system calls of a measurement
-std::atomic<int> allocations = 0;  // of memory
-int watchesLeft = -1;              // so many more can be had, or no limit
+std::atomic<int> calls = 0;  // system calls of a measurement
+int watchesLeft = -1;        // so many more can be had, or no limit
 bool noNotifications = false;
 
 template <class Function>
@@ -31,20 +30,6 @@ Function* next(Function*, const char* name) {
 }
 
 }  // namespace
-
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* const memory = std::malloc(size)) {
-    return memory;
-  }
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 extern "C" {
 
@@ -137,11 +122,11 @@ TEST_F(UsageCostTest, OneCallAndNoMemoryWhenNothingChanged) {
     append(kDir + std::to_string(i) + ".pcap", 1);
   }
   EXPECT_TRUE(agrees(usage_));
-  allocations = 0;
+  const std::uint64_t before = allocations();
   for (int i = 0; i < 100; ++i) {
     ASSERT_EQ(callsOfUpdate(), 1);
   }
-  EXPECT_EQ(allocations, 0);
+  EXPECT_EQ(allocations() - before, 0U);
 }
 
 TEST_F(UsageCostTest, ThreeCallsAndNoMemoryWhenOneFileGrew) {
@@ -150,9 +135,9 @@ TEST_F(UsageCostTest, ThreeCallsAndNoMemoryWhenOneFileGrew) {
   const OwnedFd file(::open((kDir + "a.pcap").c_str(), O_WRONLY | O_APPEND));
   for (int i = 0; i < 10; ++i) {
     ASSERT_EQ(::write(file.get(), "xyz", 3), 3);
-    allocations = 0;
+    const std::uint64_t before = allocations();
     EXPECT_EQ(callsOfUpdate(), 3);  // news?, which?, how large?
-    EXPECT_EQ(allocations, 0);
+    EXPECT_EQ(allocations() - before, 0U);
     EXPECT_TRUE(agrees(usage_));
   }
 }

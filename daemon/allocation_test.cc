@@ -4,10 +4,7 @@
 #include <orlo_sdk.h>
 #include <sys/socket.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "base/log.h"
 #include "base/owned.h"
@@ -15,30 +12,13 @@
 #include "daemon/command_handlers.h"
 #include "daemon/testing/messages.h"
 #include "tests/support/captured_log.h"
-
-namespace {
-std::atomic<int> allocations = 0;
-}
-
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* const memory = std::malloc(size)) {
-    return memory;
-  }
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
+#include "tests/support/counted_memory.h"
 
 namespace tarnik::test {
 namespace {
 
 // How many allocations processing `message` takes.
-int costOf(const Bytes& message) {
+std::uint64_t costOf(const Bytes& message) {
   const OwnedFd client(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -46,9 +26,9 @@ int costOf(const Bytes& message) {
   EXPECT_EQ(::sendto(client.get(), message.data(), message.size(), 0,
                      reinterpret_cast<const sockaddr*>(&address), sizeof address),
             static_cast<ssize_t>(message.size()));
-  const int before = allocations;
+  const std::uint64_t before = allocations();
   processMessage();
-  return allocations - before;
+  return allocations() - before;
 }
 
 TEST(AllocationTest, MetadataCostsItsEntryAndNothingElse) {
@@ -56,8 +36,8 @@ TEST(AllocationTest, MetadataCostsItsEntryAndNothingElse) {
   clearLog();
   ASSERT_EQ(OrloCmdInit("tarnikd", 0), 0);
   const Bytes message = metadataMessage();
-  EXPECT_EQ(costOf(message), 1);
-  EXPECT_EQ(costOf(message), 0) << "an entry that is there is overwritten";
+  EXPECT_EQ(costOf(message), 1U);
+  EXPECT_EQ(costOf(message), 0U) << "an entry that is there is overwritten";
   OrloCmdFini();
   std::uint64_t flowId = 0;
   std::uint32_t triggerId = 0;

@@ -1,5 +1,6 @@
-// Counts what a test program allocates. A test program that contains counted_memory.cc has its own
-// malloc in the place of the system's; not for builds with a sanitizer, which brings one.
+// Counts what a test program allocates. A test program that links `counted_memory` has its own
+// malloc in the place of the system's; a sanitizer, which brings one too, is asked to tell of each
+// call.
 #pragma once
 
 #include <cstdint>
