@@ -52,7 +52,7 @@ class Recording(DemoTest):
         _, errors = process.communicate(timeout=60)
         self.assertEqual(process.returncode, 0, errors)
         # The thread sanitizer's runtime adds a thread of its own.
-        sanitizer = b"__tsan_init" in (BUILD / "daemon/tarnikd").read_bytes()
+        sanitizer = b"__tsan_init" in (self.build / "daemon/tarnikd").read_bytes()
         self.assertEqual(set(counts), {3 if sanitizer else 2})
 
     def test_refused_frames_are_in_the_account(self):
