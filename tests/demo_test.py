@@ -13,7 +13,7 @@ import tempfile
 import time
 import unittest
 
-from demo_fixture import EVERYTHING, PROJECT, DemoTest, can, descendants, main
+from demo_fixture import EVERYTHING, NO_CHROOT, PROJECT, DemoTest, can, descendants, main
 
 
 class Recording(DemoTest):
@@ -214,7 +214,7 @@ class Leftovers(DemoTest):
         self.interrupt(lambda process: os.killpg(process.pid, signal.SIGINT), 130)
         self.assert_nothing_remains()
 
-    @unittest.skipUnless(can("chroot"), "chroot needs root")
+    @unittest.skipUnless(can("chroot"), NO_CHROOT)
     def test_after_ctrl_c_in_a_chroot(self):
         process = self.start("--speed", "100", self.traffic, start_new_session=True,
                              env=dict(os.environ, TARNIK_PRIVATE_ROOT_MODE="chroot"))

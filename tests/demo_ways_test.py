@@ -11,7 +11,8 @@ import subprocess
 import time
 import unittest
 
-from demo_fixture import AS_NOBODY, BUILD, PRIVATE_ROOT, RECORD, DemoTest, can, descendants, main
+from demo_fixture import (AS_NOBODY, BUILD, NO_CHROOT, PRIVATE_ROOT, RECORD, DemoTest, can,
+                          descendants, main)
 
 
 class Signals(DemoTest):
@@ -59,7 +60,7 @@ class Ways(DemoTest):
         self.assertGreater(self.account()["files"], 5)
         self.assert_whole()
 
-    @unittest.skipUnless(can("chroot"), "chroot needs root")
+    @unittest.skipUnless(can("chroot"), NO_CHROOT)
     def test_chroot(self):
         environment = dict(os.environ, TARNIK_PRIVATE_ROOT_MODE="chroot")
         status, _, errors = self.record(self.traffic, env=environment)
@@ -68,7 +69,7 @@ class Ways(DemoTest):
         self.assertEqual(self.account()["files"], 60)
         self.assert_whole()
 
-    @unittest.skipUnless(can("chroot"), "chroot needs root")
+    @unittest.skipUnless(can("chroot"), NO_CHROOT)
     def test_without_namespaces_generated_traffic_is_replayed(self):
         environment = dict(os.environ, TARNIK_PRIVATE_ROOT_MODE="chroot")
         status, _, errors = self.record(env=environment)
