@@ -7,8 +7,8 @@
 #include <csignal>
 #include <map>
 
-#include "tests/support/counted_memory.h"
 #include "capture/manager_test.h"
+#include "tests/support/counted_memory.h"
 
 namespace tarnik {
 namespace {
