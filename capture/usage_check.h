@@ -1,9 +1,15 @@
-// Compares the ledger with the scan: the numbers and what they log.
+// What the tests of the ledger share: a directory to measure, and the comparison of the ledger with
+// the scan, the numbers and what they log.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <string>
+
+#include "base/paths.h"
 #include "capture/disk_usage.h"
+#include "capture/test_files.h"
 #include "tests/support/captured_log.h"
 
 namespace tarnik::test {
@@ -31,5 +37,20 @@ inline testing::AssertionResult agrees(DiskUsage& usage) {
   }
   return testing::AssertionSuccess();
 }
+
+// A capture directory of two files that the ledger has measured once, and a directory elsewhere.
+class UsageTest : public testing::Test {
+ protected:
+  UsageTest() {
+    std::filesystem::remove_all("/var/other");
+    std::filesystem::create_directory("/var/other");
+    emptyCaptureDir();
+    writeFile(std::string(kCaptureDir) + "a.pcap", std::string(100, 'a'));
+    writeFile(std::string(kCaptureDir) + "b.info", std::string(50, 'b'));
+    EXPECT_TRUE(agrees(usage_));
+  }
+
+  DiskUsage usage_;
+};
 
 }  // namespace tarnik::test

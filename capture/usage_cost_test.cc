@@ -86,16 +86,8 @@ namespace fs = std::filesystem;
 
 const std::string kDir = kCaptureDir;
 
-class UsageCostTest : public testing::Test {
+class UsageCostTest : public UsageTest {
  protected:
-  UsageCostTest() {
-    fs::remove_all("/var/other");
-    fs::create_directory("/var/other");
-    emptyCaptureDir();
-    writeFile(kDir + "a.pcap", std::string(100, 'a'));
-    writeFile(kDir + "b.info", std::string(50, 'b'));
-    EXPECT_TRUE(agrees(usage_));
-  }
   ~UsageCostTest() override {
     watchesLeft = -1;
     noNotifications = false;
@@ -113,8 +105,6 @@ class UsageCostTest : public testing::Test {
     usage_.update(bytes, files);
     return calls;
   }
-
-  DiskUsage usage_;
 };
 
 TEST_F(UsageCostTest, OneCallAndNoMemoryWhenNothingChanged) {

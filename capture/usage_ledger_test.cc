@@ -20,19 +20,7 @@ namespace fs = std::filesystem;
 
 const std::string kDir = kCaptureDir;
 
-class UsageLedgerTest : public testing::Test {
- protected:
-  UsageLedgerTest() {
-    fs::remove_all("/var/other");
-    fs::create_directory("/var/other");
-    emptyCaptureDir();
-    writeFile(kDir + "a.pcap", std::string(100, 'a'));
-    writeFile(kDir + "b.info", std::string(50, 'b'));
-    EXPECT_TRUE(agrees(usage_));
-  }
-
-  DiskUsage usage_;
-};
+class UsageLedgerTest : public UsageTest {};
 
 TEST_F(UsageLedgerTest, SizesChange) {
   append(kDir + "a.pcap", 10);
