@@ -14,20 +14,32 @@ function(tarnik_headers target folder)
   endif()
 endfunction()
 
-# tarnik_test(NAME file.cc... [LINKS target...] [ROOT] [SERIAL] [TIMEOUT seconds] [ARGS arg...])
+# tarnik_test(NAME file.cc... [LINKS target...] [ROOT [PAIR] [DRIVER frames]] [SERIAL]
+#             [TIMEOUT seconds] [ARGS arg...])
 # A GoogleTest program and its CTest entry. With ROOT it runs in a private root, where the
-# daemon's fixed paths are its own.
+# daemon's fixed paths are its own; with PAIR only where that has a pair of network interfaces;
+# with DRIVER there is the preloaded driver, with the group "brund" and so many frames of a size
+# (SIZExCOUNT).
 function(tarnik_test name)
   if(NOT TARNIK_TESTS)
     return()
   endif()
-  cmake_parse_arguments(PARSE_ARGV 1 T "ROOT;SERIAL" "TIMEOUT" "LINKS;ARGS")
+  cmake_parse_arguments(PARSE_ARGV 1 T "ROOT;PAIR;SERIAL" "DRIVER;TIMEOUT" "LINKS;ARGS")
   add_executable(${name} ${T_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${T_LINKS} test_main GTest::gmock)
   set(command $<TARGET_FILE:${name}> ${T_ARGS})
+  if(T_DRIVER)
+    set(command sh ${PROJECT_SOURCE_DIR}/platform/zorvik/on-the-driver $<TARGET_FILE:zorvikctl>
+        $<TARGET_FILE:zorvik_preload> ${T_DRIVER} ${command})
+    add_dependencies(${name} zorvikctl zorvik_preload)
+  endif()
   if(T_ROOT)
+    set(pair)
+    if(T_PAIR)
+      set(pair --pair)
+    endif()
     set(command ${PROJECT_SOURCE_DIR}/platform/private-root/private-root
-        --build ${PROJECT_BINARY_DIR} --unavailable 77 -- ${command})
+        --build ${PROJECT_BINARY_DIR} --unavailable 77 ${pair} -- ${command})
   endif()
   add_test(NAME ${name} COMMAND ${command})
   if(NOT T_TIMEOUT)

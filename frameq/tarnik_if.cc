@@ -93,6 +93,9 @@ int TarnikIfgOpen() {
 void TarnikIfgClose() {
   TARNIK_DEBUG(0, "Debug: %s: entry", "TarnikIfgClose");
   TARNIK_DEBUG(0, "Debug: %s: %s", "TarnikIfgClose", kIfgName);
+  if (ifg == nullptr) {
+    return;
+  }
   const std::lock_guard guard(mutex);
   if (zorlib_ifg* const open = ifg.exchange(nullptr); open != nullptr) {
     static_cast<void>(zorlib_ifg_close(open));

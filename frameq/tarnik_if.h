@@ -60,7 +60,7 @@ class TarnikQ {
  private:
   [[nodiscard]] int refuse(const char* operation, int wanted) const;
 
-  [[maybe_unused]] std::uint64_t unused_ = 0;  // keeps the object's layout
+  [[maybe_unused]] std::uint64_t unused_;  // keeps the object's layout; never set, never read
   zorlib_q* q_ = nullptr;
   int mode_ = kNone;
 };

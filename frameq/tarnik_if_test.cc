@@ -7,10 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "base/log.h"
 #include "frameq/tarnik_if_state.h"
@@ -125,22 +122,6 @@ TEST_F(InterfaceTest, TellsItsFailuresInTheDebugLogToo) {
   EXPECT_EQ(TarnikIfQInit(51), -3);
   EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfQInit: exit (-3)"));
   std::filesystem::rename("/dev/zorvik/brund/hidden", "/dev/zorvik/brund/ctl");
-}
-
-TEST_F(InterfaceTest, TheHandleIsLookedAtAndGivenOutsideTheMutex) {
-  zorlib_ifg* const mine = openGroup();
-  std::unique_lock held(capture_if::mutex);
-  EXPECT_EQ(TarnikIfQFini(), -3) << "nothing to do, and no wait";
-  std::thread giver([mine] { EXPECT_EQ(TarnikIfQInit2(mine, 51), 0); });
-  while (capture_if::ifg != mine) {
-    std::this_thread::yield();
-  }
-  EXPECT_EQ(count(ZORVIK_Q_CREATE), 0) << "the queue waits for the mutex";
-  EXPECT_EQ(TarnikIfgOpen(), 0) << "it is open";
-  held.unlock();
-  giver.join();
-  EXPECT_EQ(count(ZORVIK_Q_CREATE), 1);
-  EXPECT_EQ(TarnikIfQFini2(), 0);
 }
 
 TEST_F(InterfaceTest, AGroupThatCannotBeOpenedLeavesNothing) {
@@ -268,6 +249,14 @@ TEST_F(InterfaceTest, AQueueInUseIsLeftInPlaceInSilence) {
     EXPECT_EQ(capture_if::ifg, group);
     ASSERT_EQ(logLines().size(), 1u) << "the library's own";
     EXPECT_TRUE(logLines()[0].text.starts_with("Error: zorlib_ifg_q_remove: "));
+    const LogLine ofTheLibrary = logLines()[0];
+    const std::string name = remove == TarnikIfQFini ? "TarnikIfQFini" : "TarnikIfQFini2";
+    clearLog();
+    setDebugLevel(1);
+    EXPECT_EQ(remove(), -1);
+    setDebugLevel(0);
+    EXPECT_THAT(logLines(), ElementsAre(debug("Debug: " + name + ": entry"), ofTheLibrary,
+                                        debug("Debug: " + name + ": exit (-1)")));
   }
   EXPECT_EQ(q->Close(), 0);
   TarnikIfDestroy(q);
@@ -283,25 +272,6 @@ TEST_F(InterfaceTest, AnyOtherRefusedRemovalIsAnError) {
               ElementsAre(error("Error: TarnikIfQFini: zorlib_ifg_remove_q_app failed, errno=2"),
                           error("Error: TarnikIfQFini2: zorlib_ifg_remove_q_app failed, errno=2")));
   EXPECT_NE(capture_if::ifg, nullptr);
-}
-
-TEST_F(InterfaceTest, ThreadsMayInitialiseAndRemoveAtATime) {
-  zorlib_ifg* const mine = openGroup();
-  EXPECT_EQ(TarnikIfQInit2(mine, 100), 0);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([mine] {
-      for (int round = 0; round < 50; ++round) {
-        static_cast<void>(TarnikIfQInit2(mine, 100));
-        static_cast<void>(TarnikIfQFini2());
-        TarnikIfDestroy(TarnikIfCreate());
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  EXPECT_EQ(TarnikIfQInit2(mine, 100), 0);
 }
 
 }  // namespace

@@ -45,12 +45,12 @@ TEST_F(TarnikQTest, ADumpNeverReadsBeyondThePayload) {
   zorvik_frm_desc* const desc = frame();
   const std::uint32_t offset = desc->data_off;
   setDebugLevel(1);
-  desc->data_off = 128 * 2048 + 8 * 65536 - 18;  // of the payload's end
+  desc->data_off = kPayload - 18;
   desc->frame_size = 18;
   desc->cap_len = 0x7fffffff;
   clearLog();
   reader_->Dump(desc, "long");
-  EXPECT_EQ(logLines().size(), 3u);
+  ASSERT_EQ(logLines().size(), 3u);
   EXPECT_THAT(logLines()[0].text, ::testing::StartsWith("Debug: Dump: long (2147483647 bytes) 0x"));
   EXPECT_EQ(logLines()[2], debug("Debug: 0010: 00 00"));
   desc->frame_size = 19;

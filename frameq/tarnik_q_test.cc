@@ -1,10 +1,12 @@
 // The queue's operations.
 #include "frameq/testing/tarnik_q.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace tarnik::test {
 namespace {
@@ -46,9 +48,12 @@ TEST_F(TarnikQTest, TellsOfAnOpenAtDebugLevelFour) {
     setDebugLevel(level);
     EXPECT_EQ(q->Open(TarnikQ::kIngress), 0);
     setDebugLevel(0);
-    const bool told = !logLines().empty() &&
-                      logLines().back().text.starts_with("Debug: Open: zorlib_q_app_open 0x");
-    EXPECT_EQ(told, level == 4);
+    zorlib_q* opened = nullptr;
+    std::memcpy(&opened, reinterpret_cast<const char*>(q.get()) + 16, sizeof opened);
+    const LogLine line =
+        debug(text("Debug: Open: zorlib_q_app_open %p", static_cast<void*>(opened)));
+    const std::vector<LogLine> lines = logLines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), line), level == 4 ? 1 : 0);
     EXPECT_EQ(q->Close(), 0);
   }
 }
@@ -131,6 +136,7 @@ TEST_F(TarnikQTest, CarriesTagAndFlags) {
     EXPECT_EQ(tag, 0x0123456789abcdefu);
     EXPECT_EQ(flags, each.read);
     EXPECT_EQ(data, zorlib_ifg_frm_data(capture_if::ifg, desc));
+    EXPECT_EQ(reader_->room(data), kPayload - desc->data_off);
     EXPECT_EQ(reader_->Free(read), 0);
   }
   EXPECT_THAT(logLines(), IsEmpty());
@@ -263,6 +269,25 @@ TEST_F(TarnikQTest, DrainsTheQueueAndFreesItsFrames) {
   reader_->Shutdown();
   EXPECT_EQ(reader_->Drain(), 0);
   EXPECT_THAT(logLines(), ElementsAre(error("Error: Drain: read failed, errno=108")));
+}
+
+TEST_F(TarnikQTest, DrainsOnThoughAFrameIsRefused) {
+  zorvik_frm_desc* const frames[] = {frame(), frame(), frame()};
+  for (zorvik_frm_desc* const each : frames) {
+    EXPECT_EQ(writer_->Write(each), 0);
+  }
+  answer(ZORVIK_Q_WAIT, [](int, void*) { return 0; });
+  refuse(ZORVIK_FRM_FREE, EIO);
+  clearLog();
+  EXPECT_EQ(reader_->Drain(), 0);
+  const LogLine library =
+      error("Error: zorlib_ifg_frm_free: free_frm ioctl failed - Input/output error");
+  const LogLine own = error("Error: Free: zorlib_frm_free failed, errno=5");
+  EXPECT_THAT(logLines(), ElementsAre(library, own, library, own, library, own));
+  answerNothing();
+  for (zorvik_frm_desc* const each : frames) {
+    EXPECT_EQ(reader_->Free(each), 0);
+  }
 }
 
 TEST_F(TarnikQTest, ARefusedFreeIsAnError) {

@@ -2,7 +2,8 @@
  * frames of the zorvik driver. C11 and C++.
  *
  * Functions return 0, or -1 with errno and a syslog line, unless they say otherwise. A handle
- * that is null or no longer valid fails with EBADR. Handles may be used by several threads
+ * that is null or no longer valid fails with EBADR, any other pointer that is null where one is
+ * needed with EINVAL and without a line. Handles may be used by several threads
  * unless a function says otherwise; closing one while another thread uses it is an error.
  */
 #ifndef ZORLIB_H
@@ -145,31 +146,34 @@ uint8_t* zorlib_ifg_frm_data(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 /* One such frame, or null with errno. */
 struct zorvik_frm_desc* zorlib_ifg_frm_alloc(zorlib_ifg* ifg, uint32_t size);
 
-/* Aborts the process, after a log line and the call stack on standard error, when the descriptor
- * is not sound: a corrupt one must not reach the driver. */
+/* Aborts the process, after two log lines and the call stack on standard error, when the descriptor
+ * is not sound: a corrupt one must not reach the driver. The group must be mapped. */
 void zorlib_FRM_Vm(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 
 /* ---- Making interface groups ------------------------------------------------------------*/
 
 #define ZORLIB_MAX_QPAIRS 32
 
-/* Makes the group `name` for the interfaces of `config` (an even number of 2 to 32, mated in
- * pairs 0 and 1, 2 and 3, ...), with its frame data, and opens it. EINVAL, ENXIO or EEXIST for a
+/* Makes the group `name` with its frame data for the interfaces of `config` (an even number of 2
+ * to 32, mated in pairs 0 and 1, 2 and 3, ...), and opens it. EINVAL, ENXIO or EEXIST for a
  * description that is not right, before anything is asked of the driver; EEXIST also when the
- * group is there. *ifg is set on success only; a group whose making fails half-way is removed. */
+ * group is there, EBUSY when another group has one of the interfaces. *ifg is set on success only;
+ * a group whose making fails half-way is removed. */
 int zorlib_ifg_create(const char* name, const struct zorvik_ifg_config* config, zorlib_ifg** ifg);
 
 /* Gives a group its frame data: as many descriptors as its fd_count parameter says (1000 to
  * 1000000), else 16384. Part of zorlib_ifg_create. */
 int zorlib_ifg_create_frm_data(zorlib_ifg* ifg);
 
-/* Puts the interfaces and their settings into force. */
+/* Puts other interfaces and settings into force, whole or not at all; refuses what
+ * zorlib_ifg_create does. Frames that are out keep the numbers of their interfaces. */
 int zorlib_ifg_configure(zorlib_ifg* ifg, const struct zorvik_ifg_config* config);
 
-/* Removes the group with its queues; EBUSY while a process has it open, ENOENT. */
+/* Removes the group with its queues and waits until it is gone; EBUSY while a process has it open,
+ * ENOENT. */
 int zorlib_ifg_remove(const char* name);
 
-/* The driver's groups; *list is filled, 0. */
+/* The driver's groups. Records of none, from list->count on, have the name ZORVIK_IFG_NIL_NAME. */
 int zorlib_ifg_enum(struct zorvik_ifg_enum* list);
 
 /* A queue pair's settings, by cfg->index (below ZORLIB_MAX_QPAIRS, else EINVAL). What is 0 when it
@@ -177,6 +181,7 @@ int zorlib_ifg_enum(struct zorvik_ifg_enum* list);
 int zorlib_ifg_set_qpair_cfg(zorlib_ifg* ifg, const struct zorvik_qpair_cfg* cfg);
 int zorlib_ifg_get_qpair_cfg(zorlib_ifg* ifg, struct zorvik_qpair_cfg* cfg);
 
+/* The counters of the group's frames. Frames that wait in handles' lists count as given out. */
 int zorlib_ifg_get_stats(zorlib_ifg* ifg, struct zorvik_ifg_stats* stats);
 
 /* ---- The host's interfaces and the driver's log -----------------------------------------*/
@@ -240,7 +245,7 @@ int zorlib_set_param(const char* name, const char* value);
 unsigned long zorlib_ifg_lookup_qsize(zorlib_ifg* ifg, const char* queue);
 
 /* The interfaces, and the processors, of the group's queue pair `n`, a bit each; 0 when the
- * parameters give none. */
+ * parameters give none, or interfaces that the group does not have. */
 unsigned long zorlib_ifg_lookup_if_mask(zorlib_ifg* ifg, uint32_t n);
 unsigned long zorlib_ifg_lookup_cpu_mask(zorlib_ifg* ifg, uint32_t n);
 

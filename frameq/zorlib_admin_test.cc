@@ -56,6 +56,23 @@ TEST_F(AdminTest, CreatesAQueueAndWaitsForItsNode) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
+TEST_F(AdminTest, TheReservedWordsOfACreationAreTheCallers) {
+  zorvik_q_create asked{};
+  answer(ZORVIK_Q_CREATE, [&](int, void* argument) -> std::optional<int> {
+    asked = *static_cast<zorvik_q_create*>(argument);
+    return 0;  // an identifier like any other
+  });
+  systemCalls.looks = 0;
+  systemCalls.appearsAt = 1;
+  systemCalls.vanishesAt = 0;
+  systemCalls.fakeNode = true;
+  EXPECT_EQ(zorlib_ifg_q_create(ifg_, "q", 5, 10, 7, 8), 0);
+  EXPECT_EQ(systemCalls.looks, 1);
+  EXPECT_EQ(asked.reserved[0], 7u);
+  EXPECT_EQ(asked.reserved[1], 8u);
+  EXPECT_EQ(asked.reserved2, 0u);
+}
+
 TEST_F(AdminTest, ChecksNameThenTypeThenSize) {
   struct Case {
     const char* name;
@@ -176,6 +193,20 @@ TEST_F(AdminTest, RemovesTheFirstOfTwoNamesThatDifferInCase) {
   EXPECT_EQ(removed, 8u);
 }
 
+TEST_F(AdminTest, ARecordBehindTheCountIsNoQueue) {
+  answer(ZORVIK_Q_ENUM, [](int, void* argument) {
+    auto& list = *static_cast<zorvik_q_enum*>(argument);
+    list.count = 1;
+    std::strcpy(list.records[0].name, "a");
+    std::strcpy(list.records[1].name, "q");
+    return 0;
+  });
+  errno = 0;
+  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "q"), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(count(ZORVIK_Q_REMOVE), 0);
+}
+
 TEST_F(AdminTest, RemovalSucceedsThoughTheNodeLingers) {
   createQueue(ifg_);
   answer(ZORVIK_Q_REMOVE, [](int, void*) { return 0; });
@@ -190,6 +221,7 @@ TEST_F(AdminTest, RemovalSucceedsThoughTheNodeLingers) {
 }
 
 TEST_F(AdminTest, AnUnknownQueueIsNotFound) {
+  errno = 0;
   EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "nobody"), -1);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_THAT(logLines(), IsEmpty());
@@ -262,6 +294,7 @@ TEST_F(AdminTest, ReadsAndSetsTheFlags) {
   EXPECT_EQ(zorlib_ifg_disable(ifg_), 0);
   EXPECT_EQ(zorlib_ifg_get_flags(ifg_, &flags), 0);
   EXPECT_EQ(flags, 0xf000000000000002u);
+  EXPECT_THAT(logLines(), IsEmpty());
 }
 
 TEST_F(AdminTest, ARefusalToSetFlagsIsForTheLogOnly) {

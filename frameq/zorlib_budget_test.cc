@@ -182,6 +182,26 @@ TEST_F(BudgetTest, APostedWakeUpIsTakenInsteadOfASleep) {
   EXPECT_EQ(memory_->cresq.flags, 0u);
 }
 
+TEST_F(BudgetTest, AWaitsNegativeResultEndsAReadAndIsAWritesOwn) {
+  for (const int result : {-1, -4, -1000}) {
+    answerAsIs(ZORVIK_Q_WAIT, result, EIO);
+    EXPECT_EQ(read(5000), -1);
+    EXPECT_EQ(errno, EIO);
+  }
+  answerNothing();
+  fill();
+  for (const int result : {-1, -4, -1000}) {
+    for (const std::uint32_t ms : {5000u, kNoLimit}) {
+      memory_->presq.flags = 0;
+      answerAsIs(ZORVIK_Q_WAIT, result, EIO);
+      const int references = frame_->qref_cnt;
+      EXPECT_EQ(write(ms), result);
+      EXPECT_EQ(errno, EIO);
+      EXPECT_EQ(frame_->qref_cnt, references) << "it was not sent";
+    }
+  }
+}
+
 TEST_F(BudgetTest, TheHandlesTimeoutIsTheReadsOne) {
   script([](std::uint32_t) { return 0; });
   zorlib_q_set_timeout(reader_, 3000);
@@ -245,12 +265,18 @@ TEST_F(RaceTest, RoomIsFoundAtWhateverMomentItComes) {
 
 TEST_F(RaceTest, AShutdownIsSeenAtWhateverMomentItComes) {
   for (int moment = 0; moment < kMoments; ++moment) {
-    memory_->presq.flags = memory_->cresq.flags = 0;
-    at(moment, [this] { EXPECT_EQ(zorlib_q_shutdown(reader_), 0); });
-    zorvik_frm_desc* frame = nullptr;
-    errno = 0;
-    EXPECT_EQ(zorlib_q_read_timeout(reader_, &frame, kNoLimit), -1);
-    EXPECT_EQ(errno, ESHUTDOWN) << moment;
+    for (const bool woken : {false, true}) {
+      if (woken && moment == kAsleep) {
+        continue;  // it does not fall asleep
+      }
+      memory_->cresq.flags = woken ? ZORVIK_RESQ_WOKEN : 0;
+      at(moment, [this] { EXPECT_EQ(zorlib_q_shutdown(reader_), 0); });
+      zorvik_frm_desc* frame = nullptr;
+      errno = 0;
+      EXPECT_EQ(zorlib_q_read_timeout(reader_, &frame, kNoLimit), -1);
+      EXPECT_EQ(errno, ESHUTDOWN) << moment;
+      EXPECT_EQ(memory_->cresq.flags, woken ? 5u : 4u) << "looked at before it is taken";
+    }
   }
   fill();
   for (int moment = 0; moment < kMoments; ++moment) {
@@ -311,13 +337,15 @@ TEST_F(RaceTest, AShutdownEndsTheWaitForASlotOfADeadPeer) {
   zorvik_qmem_entries(memory_)[1] = 99;
   looks = 0;
   onLook = [&](const void* word) {
-    if (word == &writer_->slot(1) && ++looks == 10) {
+    if (word == &writer_->slot(1) && ++looks == 1300) {
       EXPECT_EQ(zorlib_q_shutdown(writer_), 0);
     }
   };
+  systemCalls.sleeps = 0;
   const int references = frame_->qref_cnt;
   EXPECT_EQ(zorlib_q_write(writer_, frame_), -1);
   EXPECT_EQ(errno, ESHUTDOWN);
+  EXPECT_GT(systemCalls.sleeps, 100);
   EXPECT_EQ(frame_->qref_cnt, references);
   zorvik_qmem_entries(memory_)[1] = 0;
 }

@@ -50,6 +50,16 @@ int main(void) {
   struct zorvik_frm_desc* none = NULL;
   CHECK(zorlib_q_read(reader, &none) == -1 && errno == EAGAIN && none == NULL);
 
+  struct zorvik_ifg_enum groups;
+  CHECK(zorlib_ifg_enum(&groups) == 0 && groups.count == 1);
+  CHECK(strcmp(groups.records[0].name, "brund") == 0);
+  CHECK(strcmp(groups.records[1].name, ZORVIK_IFG_NIL_NAME) == 0);
+  struct zorvik_ifg_stats stats;
+  CHECK(zorlib_ifg_get_stats(ifg, &stats) == 0 && stats.frm_count == 64);
+  CHECK(stats.frm_frees == 10 && stats.frm_allocs - stats.frm_frees == 64 - stats.frm_free);
+  struct zorlib_ifg_info info;
+  CHECK(zorlib_ifg_query(ifg, &info) == 0 && info.num_ifs == 0);
+
   CHECK(zorlib_set_param("zorvik.brund.c_app.q_size", "100") == 0);
   CHECK(zorlib_ifg_lookup_qsize(ifg, "c_app") == 100);
   CHECK(zorlib_q_close(writer) == 0);

@@ -1,6 +1,4 @@
 // Making groups, and what can be said about them.
-#include <net/if.h>
-
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -10,55 +8,48 @@
 #include "base/log.h"
 #include "frameq/testing/driver.h"
 #include "frameq/zorlib_internal.h"
+#include "platform/zorvik/groups.h"
 
 namespace tarnik::test {
-
-namespace {
-bool fakeInterfaces = false;
-}
 
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// The host's interfaces are not the test's: 101 to 132 are there.
 class CreateTest : public DriverTest {
  protected:
   void SetUp() override {
     DriverTest::SetUp();
-    fakeInterfaces = true;
-    config_ = {};
-    config_.num_ifs = 4;
-    for (std::uint32_t i = 0; i < ZORVIK_IF_MAX; ++i) {
-      config_.ifs[i] = {.kern_if = 101 + i,
-                        .mate = i ^ 1u,
-                        .mode = ZORVIK_IF_INLINE,
-                        .sub_mode = 2,
-                        .mtu = 1500,
-                        .speed = 1000,
-                        .duplex = 2,
-                        .reserved = 0};
-    }
+    systemCalls.fakeInterfaces = true;
+    ifg_ = openGroup();
     clearRequests();
   }
   void TearDown() override {
-    fakeInterfaces = false;
+    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
     DriverTest::TearDown();
   }
 
   using Change = std::function<void(zorvik_ifg_config&)>;
+  // A description that can neither be made nor put into force.
   void refused(const Change& change, int expected, const std::string& message) {
     zorvik_ifg_config config = config_;
     change(config);
-    clearLog();
-    errno = 0;
     zorlib_ifg* ifg = nullptr;
-    EXPECT_EQ(zorlib_ifg_create("mine", &config, &ifg), -1);
-    EXPECT_EQ(errno, expected) << message;
+    const std::pair<std::string, std::function<int()>> functions[] = {
+        {"zorlib_ifg_create", [&] { return zorlib_ifg_create("mine", &config, &ifg); }},
+        {"zorlib_ifg_configure", [&] { return zorlib_ifg_configure(ifg_, &config); }},
+    };
+    for (const auto& [name, function] : functions) {
+      clearLog();
+      clearRequests();
+      errno = 0;
+      EXPECT_EQ(function(), -1);
+      EXPECT_EQ(errno, expected) << message;
+      EXPECT_THAT(logLines(), ElementsAre(error("Error: " + name + ": " + message)));
+      EXPECT_THAT(requests(), IsEmpty()) << "nothing is asked of the driver";
+    }
     EXPECT_EQ(ifg, nullptr);
-    EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_create: " + message)));
-    EXPECT_THAT(requests(), IsEmpty()) << "nothing is asked of the driver";
   }
   zorlib_ifg* created(const Change& change = [](zorvik_ifg_config&) {}) {
     zorvik_ifg_config config = config_;
@@ -67,13 +58,25 @@ class CreateTest : public DriverTest {
     EXPECT_EQ(zorlib_ifg_create("mine", &config, &ifg), 0);
     return ifg;
   }
+  // A creation that the driver did not let pass: nothing is left of it.
+  void undone(int expected, const std::vector<LogLine>& lines) {
+    clearLog();
+    errno = 0;
+    zorlib_ifg* ifg = nullptr;
+    EXPECT_EQ(zorlib_ifg_create("mine", &config_, &ifg), -1);
+    EXPECT_EQ(errno, expected);
+    EXPECT_EQ(ifg, nullptr);
+    EXPECT_EQ(logLines(), lines);
+    EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/mine"));
+  }
   void removed(zorlib_ifg* ifg) {
     EXPECT_EQ(zorlib_ifg_close(ifg), 0);
     EXPECT_EQ(zorlib_ifg_remove("mine"), 0);
     EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/mine"));
   }
 
-  zorvik_ifg_config config_{};
+  zorvik_ifg_config config_ = description(4);
+  zorlib_ifg* ifg_ = nullptr;  // "brund"
 };
 
 TEST_F(CreateTest, MakesTheGroupItsNodesAndItsFrames) {
@@ -89,10 +92,15 @@ TEST_F(CreateTest, MakesTheGroupItsNodesAndItsFrames) {
   });
   zorlib_ifg* const ifg = created();
   ASSERT_NE(ifg, nullptr);
-  EXPECT_THAT(requests(), ElementsAre(ZORVIK_IFG_CREATE, ZORVIK_FRM_DATA_CREATE));
+  EXPECT_THAT(requests(),
+              ElementsAre(ZORVIK_IFG_CREATE, ZORVIK_FRM_DATA_CREATE, ZORVIK_IFG_CONFIGURE));
+  EXPECT_EQ(ifg->numIfs, 4u);
+  zorlib_ifg_info told;
+  EXPECT_EQ(zorlib_ifg_query(ifg, &told), 0);
+  EXPECT_EQ(told.num_ifs, 4u);
+  EXPECT_EQ(std::memcmp(told.ifs, config_.ifs, 4 * sizeof(zorvik_if_record)), 0);
   EXPECT_EQ(name, "mine");
   EXPECT_EQ(frames, 16384u);
-  EXPECT_EQ(ifg->numIfs, 4u);
   EXPECT_EQ(ifg->refs, 1u);
   createQueue(ifg);
   zorlib_q* const q = openQueue(ifg, ZORLIB_WRITE);
@@ -118,6 +126,8 @@ TEST_F(CreateTest, ChecksTheKernelsInterfaces) {
           "Invalid kern IF 7 [if#3] failed - No such device or address");
   refused([](auto& config) { config.ifs[3].kern_if = 102; }, EEXIST,
           "Duplicate kern IF 102 [if#1 & 3] failed - File exists");
+  refused([](auto& config) { config.ifs[1].kern_if = 101; }, EEXIST,
+          "Duplicate kern IF 101 [if#0 & 1] failed - File exists");
 }
 
 TEST_F(CreateTest, ChecksTheModes) {
@@ -132,6 +142,12 @@ TEST_F(CreateTest, ChecksThePairs) {
           "Port not properly mated (0 2) should be (0 1)");
   refused([](auto& config) { config.ifs[3].mate = 3; }, EINVAL,
           "Port not properly mated (3 3) should be (3 2)");
+  refused(
+      [](auto& config) {
+        config.ifs[0].mtu = 9000;
+        config.ifs[1].mate = 3;
+      },
+      EINVAL, "Port not properly mated (1 3) should be (1 0)");
   refused([](auto& config) { config.ifs[3].mode = 2; }, EINVAL,
           "port pair mismatch, pair 1 (1 2 1500 1000 2 vs 2 2 1500 1000 2)");
   refused([](auto& config) { config.ifs[0].sub_mode = 3; }, EINVAL,
@@ -213,14 +229,97 @@ TEST_F(CreateTest, AGroupThatIsThereAlreadyIsLeftAlone) {
   EXPECT_TRUE(std::filesystem::exists("/dev/zorvik/brund"));
 }
 
-TEST_F(CreateTest, AHalfMadeGroupIsRemoved) {
+TEST_F(CreateTest, WhatIsHalfMadeIsUndone) {
+  const LogLine frames =
+      error("Error: zorlib_ifg_create_frm_data: mine Create ioctl failed - Cannot allocate memory");
   refuse(ZORVIK_FRM_DATA_CREATE, ENOMEM);
+  undone(ENOMEM, {frames});
+  answerNothing();
+  refuse(ZORVIK_IFG_CONFIGURE, EIO);
+  undone(EIO, {error("Error: zorlib_ifg_configure: configure ioctl (mine) failed - "
+                     "Input/output error")});
+  answerNothing();
+  ASSERT_EQ(zorlib_ifg_configure(ifg_, &config_), 0);
+  undone(EBUSY, {error("Error: zorlib_ifg_configure: configure ioctl (mine) failed - "
+                       "Device or resource busy")});
+}
+
+TEST_F(CreateTest, ANodeThatDoesNotAppearUndoesTheGroup) {
+  systemCalls.looks = 0;
+  systemCalls.appearsAt = 0;
+  systemCalls.vanishesAt = 2;  // the driver's control node is seen
+  systemCalls.fakeNode = true;
+  undone(ENOENT, {error("Error: zorlib_ifg_devnode_wait: Timeout waiting for devnode "
+                        "/dev/zorvik/mine/ctl to appear")});
+}
+
+TEST_F(CreateTest, BothNodesAreWaitedFor) {
+  answer(ZORVIK_IFG_CREATE, [](int, void*) {
+    zorvik::Driver* const driver = zorvik::Driver::get();
+    const zorvik::Lock lock(driver->state());
+    EXPECT_EQ(zorvik::createGroup(*driver, "mine"), 0);
+    systemCalls.looks = 0;
+    systemCalls.appearsAt = 0;
+    systemCalls.vanishesAt = 2;  // "ctl" is seen
+    systemCalls.fakeNode = true;
+    return 0;
+  });
+  undone(ENOENT, {error("Error: zorlib_ifg_devnode_wait: Timeout waiting for devnode "
+                        "/dev/zorvik/mine/frm_desc to appear")});
+}
+
+TEST_F(CreateTest, AGroupThatCannotBeUndoneIsTold) {
+  refuse(ZORVIK_IFG_CONFIGURE, EIO);
+  refuse(ZORVIK_IFG_REMOVE, EBUSY);
   zorlib_ifg* ifg = nullptr;
   EXPECT_EQ(zorlib_ifg_create("mine", &config_, &ifg), -1);
-  EXPECT_EQ(errno, ENOMEM);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_create_frm_data: mine Create ioctl "
-                                            "failed - Cannot allocate memory")));
-  EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/mine"));
+  EXPECT_EQ(errno, EIO);
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(
+          error("Error: zorlib_ifg_configure: configure ioctl (mine) failed - Input/output error"),
+          error("Error: zorlib_ifg_create: Remove ifg mine failed - Device or resource busy")));
+  answerNothing();
+  EXPECT_EQ(zorlib_ifg_remove("mine"), 0);
+}
+
+TEST_F(CreateTest, NamesAreCheckedAfterTheDescription) {
+  zorlib_ifg* ifg = nullptr;
+  const LogLine length =
+      error("Error: zorlib_ifg_alloc: ifg name length invalid (0 < name_len < 16)");
+  for (const char* name : {"12345678901234567", "", static_cast<const char*>(nullptr)}) {
+    clearLog();
+    EXPECT_EQ(zorlib_ifg_create(name, &config_, &ifg), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_THAT(logLines(), ElementsAre(length));
+    EXPECT_EQ(zorlib_ifg_remove(name), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+  }
+  EXPECT_THAT(requests(), IsEmpty());
+  clearLog();
+  config_.num_ifs = 1;
+  EXPECT_EQ(zorlib_ifg_create("", &config_, &ifg), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_create: Invalid num_ifs 1 (0 < N <= "
+                                            "32 && (N % 2) == 0)")));
+}
+
+TEST_F(CreateTest, NullPointersAreRefused) {
+  zorlib_ifg* ifg = nullptr;
+  const auto refusedSilently = [](auto call) {
+    errno = 0;
+    EXPECT_EQ(call(), -1);
+    EXPECT_EQ(errno, EINVAL);
+  };
+  refusedSilently([&] { return zorlib_ifg_create("mine", nullptr, &ifg); });
+  refusedSilently([&] { return zorlib_ifg_create("mine", &config_, nullptr); });
+  refusedSilently([&] { return zorlib_ifg_configure(ifg_, nullptr); });
+  EXPECT_THAT(requests(), IsEmpty());
+  EXPECT_THAT(logLines(), IsEmpty());
+  EXPECT_EQ(zorlib_ifg_configure(nullptr, nullptr), -1);
+  EXPECT_EQ(errno, EBADR);
+  EXPECT_EQ(zorlib_ifg_create_frm_data(nullptr), -1);
+  EXPECT_EQ(errno, EBADR);
 }
 
 TEST_F(CreateTest, TheNumberOfDescriptorsIsAParameter) {
@@ -229,8 +328,9 @@ TEST_F(CreateTest, TheNumberOfDescriptorsIsAParameter) {
     const char* value;
     std::uint32_t count;
   };
-  for (const Case& each : {Case{"f1", "999", 16384}, Case{"f2", "1000", 1000},
-                           Case{"f3", "1000000", 1000000}, Case{"f4", "1000001", 16384}}) {
+  for (const Case& each :
+       {Case{"f1", "999", 16384}, Case{"f2", "1000", 1000}, Case{"f3", "1000000", 1000000},
+        Case{"f4", "1000001", 16384}, Case{"f5", "-1", 16384}, Case{"f6", "0x400", 1024}}) {
     ASSERT_EQ(
         zorlib_set_param((std::string("zorvik.") + each.name + ".fd_count").c_str(), each.value),
         0);
@@ -268,68 +368,5 @@ TEST_F(CreateTest, AGroupInUseIsNotRemoved) {
   EXPECT_EQ(errno, ENOENT);
 }
 
-// ---- What the driver is told and asked of a group
-
-TEST_F(CreateTest, ConfiguresTheGroup) {
-  zorlib_ifg* const ifg = openGroup();
-  zorvik_ifg_config seen{};
-  answer(ZORVIK_IFG_CONFIGURE, [&](int, void* argument) {
-    seen = *static_cast<zorvik_ifg_config*>(argument);
-    return 0;
-  });
-  EXPECT_EQ(zorlib_ifg_configure(ifg, &config_), 0);
-  EXPECT_EQ(std::memcmp(&seen, &config_, sizeof seen), 0);
-  EXPECT_EQ(ifg->numIfs, 4u);
-  refuse(ZORVIK_IFG_CONFIGURE, EINVAL);
-  EXPECT_EQ(zorlib_ifg_configure(ifg, &config_), -1);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_configure: configure ioctl (brund) "
-                                            "failed - Invalid argument")));
-  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
-}
-
-TEST_F(CreateTest, AQueuePairsGapsAreFilledFromTheParameters) {
-  zorlib_ifg* const ifg = openGroup();
-  ifg->numIfs = 2;
-  ASSERT_EQ(zorlib_set_param("zorvik.brund.q_size", "4000"), 0);
-  ASSERT_EQ(zorlib_set_param("zorvik.brund.5.if_mask", "3"), 0);
-  ASSERT_EQ(zorlib_set_param("zorvik.brund.5.cpu_mask", "c"), 0);
-  zorvik_qpair_cfg seen{};
-  answer(ZORVIK_QPAIR_SET, [&](int, void* argument) {
-    seen = *static_cast<zorvik_qpair_cfg*>(argument);
-    return 0;
-  });
-  zorvik_qpair_cfg cfg{.index = 5, .size = 0, .if_mask = 0, .cpu_mask = 1};
-  EXPECT_EQ(zorlib_ifg_set_qpair_cfg(ifg, &cfg), 0);
-  EXPECT_EQ(seen.size, 4000u);
-  EXPECT_EQ(seen.if_mask, 3u);
-  EXPECT_EQ(seen.cpu_mask, 1u);
-  answer(ZORVIK_QPAIR_GET, [&](int, void* argument) {
-    EXPECT_EQ(static_cast<zorvik_qpair_cfg*>(argument)->index, 5u);
-    *static_cast<zorvik_qpair_cfg*>(argument) = seen;
-    return 0;
-  });
-  EXPECT_EQ(zorlib_ifg_get_qpair_cfg(ifg, &cfg), 0);
-  EXPECT_EQ(cfg.size, 4000u);
-  for (const std::uint32_t index : {32u, 0xffffffffu}) {
-    cfg.index = index;
-    errno = 0;
-    EXPECT_EQ(zorlib_ifg_set_qpair_cfg(ifg, &cfg), -1);
-    EXPECT_EQ(errno, EINVAL);
-    errno = 0;
-    EXPECT_EQ(zorlib_ifg_get_qpair_cfg(ifg, &cfg), -1);
-    EXPECT_EQ(errno, EINVAL);
-  }
-  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
-}
-
 }  // namespace
 }  // namespace tarnik::test
-
-extern "C" char* if_indextoname(unsigned index, char* name) noexcept {
-  if (tarnik::test::fakeInterfaces && index >= 101 && index <= 132) {
-    std::snprintf(name, IF_NAMESIZE, "test%u", index);
-    return name;
-  }
-  errno = ENXIO;
-  return nullptr;
-}

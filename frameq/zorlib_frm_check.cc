@@ -33,10 +33,18 @@ struct Frame {
   unsigned eng_ref_cnt = 0;
 };
 
-// All zero for a descriptor that does not lie wholly inside the array.
+// Compared as numbers: the pointer may be any.
+bool isMember(const zorvik_frm_desc* fp, const Group& group) noexcept {
+  const auto at = reinterpret_cast<std::uintptr_t>(fp);
+  const auto begin = reinterpret_cast<std::uintptr_t>(group.bp);
+  return at >= begin && at < reinterpret_cast<std::uintptr_t>(group.ep) &&
+         (at - begin) % sizeof(zorvik_frm_desc) == 0;
+}
+
+// All zero for a pointer that is none of the array's.
 Frame readFrame(zorvik_frm_desc* fp, const Group& group) noexcept {
   Frame frame;
-  if (fp < group.bp || fp >= group.ep || fp + 1 > group.ep) {
+  if (!isMember(fp, group)) {
     return frame;
   }
   frame.frm_idx = ring::load(fp->index);
@@ -104,10 +112,15 @@ extern "C" void zorlib_FRM_Vm(zorlib_ifg* ifg, zorvik_frm_desc* fp) {
     return;
   }
   auto* const bp = static_cast<zorvik_frm_desc*>(ifg->frmDesc.base());
-  const Group group{bp, bp + ifg->frmDescCount, ifg->frmDescCount,
-                    static_cast<int>(ifg->numIfs.load())};
+  Group group{bp, bp + ifg->frmDescCount, ifg->frmDescCount, static_cast<int>(ifg->numIfs.load())};
   const Frame frame = readFrame(fp, group);
-  const char* const condition = violated(fp, frame, group);
+  const char* condition = violated(fp, frame, group);
+  if (condition != nullptr) {
+    // It may be the number of interfaces that is not right any more.
+    refreshInterfaces(*ifg);
+    group.num_if = static_cast<int>(ifg->numIfs.load());
+    condition = violated(fp, frame, group);
+  }
   if (condition == nullptr) {
     return;
   }

@@ -1,11 +1,11 @@
-// The driver's log mask, the host's interfaces, and the check of descriptors.
+// The driver's log mask and the host's interfaces.
+#include <fcntl.h>
 #include <ifaddrs.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <netinet/in.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <deque>
 #include <filesystem>
@@ -56,6 +56,60 @@ TEST_F(LoggingTest, ReadsAndChangesTheMask) {
   EXPECT_EQ(errno, EINVAL);
   EXPECT_THAT(requests(), IsEmpty());
   EXPECT_THAT(logLines(), IsEmpty());
+}
+
+// Every function opens the node anew, when it is there, for itself and not for its children.
+TEST_F(LoggingTest, OpensTheControlNodeForOneCall) {
+  const auto openFiles = [] {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  const auto before = openFiles();
+  std::vector<std::string> seen;
+  const auto look = [&](int fd, void*) -> std::optional<int> {
+    seen.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)));
+    EXPECT_EQ(::fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
+    EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(openFiles(), before + 1);
+    return std::nullopt;
+  };
+  answer(ZORVIK_GET_LOG_MASK, look);
+  answer(ZORVIK_SET_LOG_MASK, look);
+  std::uint64_t mask = 0;
+  const std::pair<std::function<int()>, std::size_t> functions[] = {
+      {[&] { return zorlib_get_logging_mask(&mask); }, 1},
+      {[] { return zorlib_set_logging_mask(3); }, 1},
+      {[] { return zorlib_add_logging(1); }, 2},
+      {[] { return zorlib_del_logging(1); }, 2},
+  };
+  for (const auto& [function, requestsMade] : functions) {
+    seen.clear();
+    systemCalls.looks = 0;
+    systemCalls.appearsAt = 3;
+    systemCalls.vanishesAt = 0;
+    systemCalls.fakeNode = true;
+    EXPECT_EQ(function(), 0);
+    systemCalls.fakeNode = false;
+    EXPECT_EQ(systemCalls.looks, 3);
+    EXPECT_EQ(seen, std::vector<std::string>(requestsMade, "/dev/zorvik/ctl"));
+    EXPECT_EQ(openFiles(), before);
+  }
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(LoggingTest, WithoutBitsNothingIsOpened) {
+  systemCalls.looks = 0;
+  EXPECT_EQ(zorlib_add_logging(0), 0);
+  EXPECT_EQ(zorlib_del_logging(0), 0);
+  EXPECT_EQ(zorlib_get_logging_mask(nullptr), -1);
+  EXPECT_EQ(systemCalls.looks, 0);
+}
+
+TEST_F(LoggingTest, AMaskThatCannotBeReadIsNotWritten) {
+  refuse(ZORVIK_GET_LOG_MASK, EIO);
+  EXPECT_EQ(zorlib_add_logging(1), -1);
+  EXPECT_EQ(zorlib_del_logging(1), -1);
+  EXPECT_THAT(requests(), ElementsAre(ZORVIK_GET_LOG_MASK, ZORVIK_GET_LOG_MASK));
 }
 
 TEST_F(LoggingTest, SaysInWhichStepItFailed) {
@@ -139,15 +193,36 @@ TEST_F(IfEnumTest, ListsEachInterfaceOnce) {
   EXPECT_STREQ(list_[2].name, "tun0");
   EXPECT_EQ(list_[2].ha_len, 0u);
   EXPECT_THAT(logLines(), IsEmpty());
+  list_[2].index = 77;
   EXPECT_EQ(zorlib_if_enum(list_, 2), 2);
+  EXPECT_EQ(list_[2].index, 77u);
   EXPECT_EQ(zorlib_if_enum(list_, 0), 0);
+  EXPECT_EQ(zorlib_if_enum(nullptr, 0), 0);
+}
+
+TEST_F(IfEnumTest, NamesOfOneIndexAreOneInterface) {
+  hostIndexes["eth0:1"] = 2;
+  hostRecords = {{"eth0", 0, AF_PACKET, 6}, {"eth0:1", IFF_POINTOPOINT, AF_PACKET, 4}};
+  ASSERT_EQ(zorlib_if_enum(list_, 8), 1);
+  EXPECT_STREQ(list_[0].name, "eth0");
+  EXPECT_EQ(list_[0].ha_len, 6u);
+}
+
+TEST_F(IfEnumTest, ALoopbackIsSkippedWhateverElseItIs) {
+  hostRecords = {{"lo", IFF_LOOPBACK | IFF_POINTOPOINT, AF_PACKET, 6},
+                 {"lo", IFF_LOOPBACK | IFF_POINTOPOINT, AF_INET6, 0},
+                 {"tun0", IFF_POINTOPOINT, AF_INET6, 0}};
+  ASSERT_EQ(zorlib_if_enum(list_, 8), 1);
+  EXPECT_STREQ(list_[0].name, "tun0");
 }
 
 TEST_F(IfEnumTest, ALongAddressIsCut) {
   hostRecords = {{"ib0", 0, AF_PACKET, 20}, {"eth0", 0, AF_PACKET, 8}};
   ASSERT_EQ(zorlib_if_enum(list_, 8), 2);
+  EXPECT_STREQ(list_[0].name, "ib0");
   EXPECT_EQ(list_[0].ha_len, 8u);
-  EXPECT_EQ(list_[0].ha[7], 8);
+  EXPECT_THAT(list_[0].ha, ElementsAre(1, 2, 3, 4, 5, 6, 7, 8));
+  EXPECT_EQ(list_[1].ha_len, 8u);
   EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_if_enum: ib0 ha_len too large (20 vs "
                                             "max 8) - truncating")));
 }
@@ -162,113 +237,6 @@ TEST_F(IfEnumTest, SaysWhyItFailed) {
   EXPECT_THAT(logLines(),
               ElementsAre(error("Error: zorlib_if_enum: if_nametoindex failed - No such device"),
                           error("Error: zorlib_if_enum: getifaddrs failed - Too many open files")));
-}
-
-// ---- The check of descriptors
-
-class CheckTest : public DriverTest {
- protected:
-  void SetUp() override {
-    DriverTest::SetUp();
-    ifg_ = openGroup();
-    createQueue(ifg_);
-    q_ = openQueue(ifg_, ZORLIB_WRITE);
-    ifg_->numIfs = 2;
-    frame_ = &q_->frmDesc[5];
-    *frame_ = {};
-    frame_->index = 5;
-    frame_->buf_size = 64;
-    frame_->frame_size = 64;
-    frame_->if_in = 1;
-    frame_->if_out = ZORVIK_IF_LOCAL;
-    frame_->q_idx = 31;
-    frame_->assoc_buf = 1;
-    frame_->ref_cnt = frame_->qref_cnt = frame_->eng_ref_cnt = 9;
-  }
-  void TearDown() override {
-    EXPECT_EQ(zorlib_q_close(q_), 0);
-    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
-    DriverTest::TearDown();
-  }
-  // The log is the dead child's: it is shown on standard error before the process goes.
-  void dies(zorvik_frm_desc* frame, const std::string& condition, const std::string& rest) {
-    EXPECT_DEATH(
-        {
-          ::signal(SIGABRT, [](int) {
-            for (const LogLine& line : logLines()) {
-              std::fprintf(stderr, "%d %s\n", line.priority, line.text.c_str());
-            }
-          });
-          zorlib_FRM_Vm(ifg_, frame);
-        },
-        ::testing::AllOf(::testing::HasSubstr("3 Error: zorlib_Assertion failed: " + condition +
-                                              "\n3 Error: zorlib_FRM_Vm failed!  fp "),
-                         ::testing::HasSubstr(rest),
-                         ::testing::ContainsRegex("zorlib_host_test.*\\[0x")));
-  }
-  void dies(const std::string& condition, const std::string& rest = "") {
-    dies(frame_, condition, rest);
-  }
-
-  zorlib_ifg* ifg_ = nullptr;
-  zorlib_q* q_ = nullptr;
-  zorvik_frm_desc* frame_ = nullptr;
-};
-
-using CheckDeathTest = CheckTest;
-
-TEST_F(CheckTest, ASoundDescriptorPasses) {
-  zorlib_FRM_Vm(ifg_, frame_);
-  frame_->if_out = 0;
-  frame_->if_in = ZORVIK_IF_LOCAL;
-  frame_->q_idx = ZORVIK_Q_UNKNOWN;
-  zorlib_FRM_Vm(ifg_, frame_);
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
-TEST_F(CheckDeathTest, ADescriptorOutsideTheArrayIsNotRead) {
-  dies(q_->frmDesc - 1, "fp >= bp", "bsz 0 fsz 0 idx 0");
-  dies(q_->frmDesc + kFrames + 1, "fp < ep", "bsz 0 fsz 0 idx 0");
-}
-
-TEST_F(CheckDeathTest, EachConditionIsNamed) {
-  const std::string range = text(
-      "%p [%p-%p/257] bsz 64 fsz 64 idx 5 if_in 1 if_out 4294967295 "
-      "num_if 2 ref_cnt 10 qref_cnt 9 eng_ref_cnt 9",
-      static_cast<void*>(frame_), static_cast<void*>(q_->frmDesc),
-      static_cast<void*>(q_->frmDesc + kFrames + 1));
-  const zorvik_frm_desc sound = *frame_;
-  const auto broken = [&](auto change) {
-    *frame_ = sound;
-    change(*frame_);
-  };
-  broken([](auto& f) { f.index = 6; });
-  dies("fp == &bp[fp->frm_idx]");
-  broken([](auto& f) { f.buf_size = 63; });
-  dies("fp->buf_size >= 64", "bsz 63 fsz 64");
-  broken([](auto& f) { f.frame_size = 65; });
-  dies("fp->frame_size <= fp->buf_size");
-  for (const std::int16_t number : {std::int16_t{-2}, std::int16_t{2}}) {
-    broken([&](auto& f) { f.if_in = number; });
-    dies("fp->if_in == ZORVIK_IF_LOCAL || (fp->if_in >= 0 && fp->if_in < ifgp->num_if)");
-  }
-  broken([](auto& f) { f.if_out = -2; });
-  dies("(fp->if_out == ZORVIK_IF_LOCAL) || (fp->if_out >= 0)");
-  broken([](auto& f) { f.if_out = 2; });
-  dies("(fp->if_out == ZORVIK_IF_LOCAL) || ((fp->if_out >= 0) && (fp->if_out < ifgp->num_if))");
-  for (const std::int16_t number : {std::int16_t{-2}, std::int16_t{32}}) {
-    broken([&](auto& f) { f.q_idx = number; });
-    dies("fp->q_idx == ZORVIK_Q_UNKNOWN || (fp->q_idx >= 0 && fp->q_idx < ZORLIB_MAX_QPAIRS)");
-  }
-  broken([](auto& f) { f.ref_cnt = 10; });
-  dies("fp->ref_ctl.ref_cnt < 10", range);
-  broken([](auto& f) { f.qref_cnt = 10; });
-  dies("fp->ref_ctl.qref_cnt < 10");
-  broken([](auto& f) { f.eng_ref_cnt = 10; });
-  dies("fp->ref_ctl.eng_ref_cnt < 10");
-  broken([](auto& f) { f.assoc_buf = 0; });
-  dies("fp->assoc_buf != NULL");
-  *frame_ = sound;
 }
 
 }  // namespace

@@ -46,6 +46,9 @@ void fill(zorlib_if& entry, const ifaddrs& record, unsigned index) noexcept {
 }  // namespace
 
 extern "C" int zorlib_if_enum(zorlib_if* list, uint32_t capacity) {
+  if (capacity != 0 && !given(list)) {
+    return -1;
+  }
   ifaddrs* first = nullptr;
   if (::getifaddrs(&first) != 0) {
     TARNIK_ERROR("Error: zorlib_if_enum: getifaddrs failed - %s", errorText());

@@ -159,6 +159,9 @@ zorlib_ifg* zorlib_ifg_alloc(const char* name) {
 }
 
 int zorlib_ifg_open(const char* name, zorlib_ifg** ifg) {
+  if (!given(ifg)) {
+    return -1;
+  }
   zorlib_ifg* const opened = zorlib_ifg_alloc(name);
   if (opened == nullptr) {
     return -1;
@@ -186,12 +189,14 @@ int zorlib_ifg_close(zorlib_ifg* ifg) {
   release(*last);
   last->ctlFd.reset();
   last->payload.reset();
-  last->magic = kIfgDead;
   errno = savedErrno;
   return 0;
 }
 
 int zorlib_ifg_devnode_wait(const char* path, int appear) {
+  if (!given(path)) {
+    return -1;
+  }
   constexpr int kLooks = 1500;
   constexpr useconds_t kBetween = 1000;  // microseconds
   for (int look = 0;; ++look) {
@@ -211,7 +216,7 @@ int zorlib_ifg_devnode_wait(const char* path, int appear) {
 
 int zorlib_map_frm_data(zorlib_ifg* ifg, zorvik_frm_desc** frmDesc, uint32_t* frmDescSize,
                         uint8_t** payload, uint32_t* payloadSize) {
-  if (!valid(ifg)) {
+  if (!valid(ifg) || !given(frmDesc, frmDescSize, payload, payloadSize)) {
     return -1;
   }
   const std::lock_guard guard(ifg->mutex);

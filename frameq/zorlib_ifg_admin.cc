@@ -2,6 +2,7 @@
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "base/log.h"
 #include "frameq/zorlib_internal.h"
@@ -22,12 +23,37 @@ int changeFlags(zorlib_ifg* ifg, std::uint64_t bits, bool set) noexcept {
   return zorlib_ifg_set_flags(ifg, set ? flags | bits : flags & ~bits);
 }
 
+// The interfaces as the driver tells them, at most as many as fit. The request's result: a cookie
+// that is 0 when there are none, or negative.
+int queryInterfaces(const zorlib_ifg& ifg, zorlib_ifg_info& info) noexcept {
+  info = zorlib_ifg_info{};
+  zorvik_ifg_query request{};
+  request.flags = reinterpret_cast<std::uintptr_t>(info.ifs);
+  request.count = ZORVIK_IF_MAX;
+  const int cookie = ::ioctl(ifg.ifgCtlFd.get(), ZORVIK_IFG_QUERY, &request);
+  info.num_ifs = request.count;
+  return cookie;
+}
+
 }  // namespace
+
+namespace tarnik::zorlib {
+
+void refreshInterfaces(zorlib_ifg& ifg) noexcept {
+  const int savedErrno = errno;
+  zorlib_ifg_info info;
+  if (const int cookie = queryInterfaces(ifg, info); cookie >= 0) {
+    ifg.numIfs = cookie == 0 ? 0 : std::min(info.num_ifs, ZORVIK_IF_MAX);
+  }
+  errno = savedErrno;
+}
+
+}  // namespace tarnik::zorlib
 
 extern "C" {
 
 int zorlib_ifg_q_enum(zorlib_ifg* ifg, zorvik_q_enum** list) {
-  if (!valid(ifg)) {
+  if (!valid(ifg) || !given(list)) {
     return -1;
   }
   std::unique_ptr<zorvik_q_enum, Free> buffer(
@@ -60,7 +86,7 @@ int zorlib_ifg_q_remove(zorlib_ifg* ifg, uint32_t id) {
 }
 
 int zorlib_ifg_get_flags(zorlib_ifg* ifg, uint64_t* flags) {
-  if (!valid(ifg)) {
+  if (!valid(ifg) || !given(flags)) {
     return -1;
   }
   zorvik_ifg_query request{};
@@ -94,27 +120,24 @@ int zorlib_ifg_enable(zorlib_ifg* ifg) {
 }
 
 int zorlib_ifg_query(zorlib_ifg* ifg, zorlib_ifg_info* info) {
-  if (!valid(ifg)) {
+  if (!valid(ifg) || !given(info)) {
     return -1;
   }
-  std::array<zorvik_if_record, ZORVIK_IF_MAX> records{};
-  zorvik_ifg_query request{};
-  request.flags = reinterpret_cast<std::uintptr_t>(records.data());
-  request.count = ZORVIK_IF_MAX;
-  const int cookie = ::ioctl(ifg->ifgCtlFd.get(), ZORVIK_IFG_QUERY, &request);
+  zorlib_ifg_info found;
+  const int cookie = queryInterfaces(*ifg, found);
   if (cookie < 0) {
     TARNIK_ERROR("Error: zorlib_ifg_query: query ioctl (%s) failed - %s", ifg->name.data(),
                  errorText());
     return -1;
   }
-  if (cookie == 0 && request.count != 0) {
-    TARNIK_ERROR("Error: zorlib_ifg_query: Rtnd cookie 0 but count != 0 (%u)", request.count);
-    request.count = 0;
+  if (cookie == 0 && found.num_ifs != 0) {
+    TARNIK_ERROR("Error: zorlib_ifg_query: Rtnd cookie 0 but count != 0 (%u)", found.num_ifs);
+    found.num_ifs = 0;
   }
-  *info = zorlib_ifg_info{};
-  info->num_ifs = std::min(request.count, ZORVIK_IF_MAX);
-  std::copy_n(records.begin(), info->num_ifs, info->ifs);
-  ifg->numIfs = info->num_ifs;
+  found.num_ifs = std::min(found.num_ifs, ZORVIK_IF_MAX);
+  std::fill(found.ifs + found.num_ifs, std::end(found.ifs), zorvik_if_record{});
+  *info = found;
+  ifg->numIfs = found.num_ifs;
   return 0;
 }
 

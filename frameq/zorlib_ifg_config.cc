@@ -1,5 +1,4 @@
 // Settings, queue pairs and counters of a group, and the list of all groups.
-#include <fcntl.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -22,24 +21,32 @@ bool isQueuePair(std::uint32_t index) noexcept {
 
 }  // namespace
 
-extern "C" {
+namespace tarnik::zorlib {
 
-int zorlib_ifg_configure(zorlib_ifg* ifg, const zorvik_ifg_config* config) {
-  if (!valid(ifg)) {
-    return -1;
-  }
-  zorvik_ifg_config request = *config;
-  if (::ioctl(ifg->ifgCtlFd.get(), ZORVIK_IFG_CONFIGURE, &request) < 0) {
-    TARNIK_ERROR("Error: zorlib_ifg_configure: configure ioctl (%s) failed - %s", ifg->name.data(),
+int putIntoForce(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
+  zorvik_ifg_config request = config;
+  if (::ioctl(ifg.ifgCtlFd.get(), ZORVIK_IFG_CONFIGURE, &request) < 0) {
+    TARNIK_ERROR("Error: zorlib_ifg_configure: configure ioctl (%s) failed - %s", ifg.name.data(),
                  errorText());
     return -1;
   }
-  ifg->numIfs = request.num_ifs;
+  ifg.numIfs = config.num_ifs;
   return 0;
 }
 
+}  // namespace tarnik::zorlib
+
+extern "C" {
+
+int zorlib_ifg_configure(zorlib_ifg* ifg, const zorvik_ifg_config* config) {
+  if (!valid(ifg) || !given(config) || !checkDescription("zorlib_ifg_configure", *config)) {
+    return -1;
+  }
+  return putIntoForce(*ifg, *config);
+}
+
 int zorlib_ifg_set_qpair_cfg(zorlib_ifg* ifg, const zorvik_qpair_cfg* cfg) {
-  if (!valid(ifg) || !isQueuePair(cfg->index)) {
+  if (!valid(ifg) || !given(cfg) || !isQueuePair(cfg->index)) {
     return -1;
   }
   zorvik_qpair_cfg request = *cfg;
@@ -61,7 +68,7 @@ int zorlib_ifg_set_qpair_cfg(zorlib_ifg* ifg, const zorvik_qpair_cfg* cfg) {
 }
 
 int zorlib_ifg_get_qpair_cfg(zorlib_ifg* ifg, zorvik_qpair_cfg* cfg) {
-  if (!valid(ifg) || !isQueuePair(cfg->index)) {
+  if (!valid(ifg) || !given(cfg) || !isQueuePair(cfg->index)) {
     return -1;
   }
   zorvik_qpair_cfg request{};
@@ -76,7 +83,7 @@ int zorlib_ifg_get_qpair_cfg(zorlib_ifg* ifg, zorvik_qpair_cfg* cfg) {
 }
 
 int zorlib_ifg_get_stats(zorlib_ifg* ifg, zorvik_ifg_stats* stats) {
-  if (!valid(ifg)) {
+  if (!valid(ifg) || !given(stats)) {
     return -1;
   }
   zorvik_ifg_stats request{};
@@ -90,19 +97,28 @@ int zorlib_ifg_get_stats(zorlib_ifg* ifg, zorvik_ifg_stats* stats) {
 }
 
 int zorlib_ifg_enum(zorvik_ifg_enum* list) {
-  static_cast<void>(zorlib_ifg_devnode_wait(ZORVIK_CTL_NODE, 1));  // the open tells
-  const OwnedFd ctl(::open(ZORVIK_CTL_NODE, O_RDWR | O_CLOEXEC));
-  if (!ctl) {
-    TARNIK_ERROR("Error: zorlib_ifg_enum: Cannot open zorvik ctl - %s", errorText());
+  if (!given(list)) {
     return -1;
   }
-  *list = zorvik_ifg_enum{};
-  list->count = ZORVIK_ENUM_MAX;
-  if (::ioctl(ctl.get(), ZORVIK_IFG_ENUM, list) < 0) {
+  zorlib_ifg* const driver = zorlib_ifg_alloc(ZORVIK_IFG_NIL_NAME);
+  if (driver == nullptr) {
+    return -1;
+  }
+  zorvik_ifg_enum request{};
+  request.count = ZORVIK_ENUM_MAX;
+  const int result = ::ioctl(driver->ctlFd.get(), ZORVIK_IFG_ENUM, &request);
+  if (result < 0) {
     TARNIK_ERROR("Error: zorlib_ifg_enum: enum ioctl failed - %s", errorText());
+  }
+  static_cast<void>(zorlib_ifg_close(driver));
+  if (result < 0) {
     return -1;
   }
-  list->count = std::min(list->count, ZORVIK_ENUM_MAX);
+  request.count = std::min(request.count, ZORVIK_ENUM_MAX);
+  for (std::uint32_t i = request.count; i < ZORVIK_ENUM_MAX; ++i) {
+    request.records[i] = {.id = 0, .num_ifs = 0, .name = ZORVIK_IFG_NIL_NAME};
+  }
+  *list = request;
   return 0;
 }
 

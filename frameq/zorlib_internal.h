@@ -34,8 +34,8 @@ struct Free {
   void operator()(void* memory) const noexcept { std::free(memory); }
 };
 
-// The first word of a handle. Volatile, so that the mark of a dead handle is really written
-// before its memory goes back.
+// The first word of a handle; its destructor marks it as dead. Volatile, so that the mark is really
+// written before the memory goes back.
 class Magic {
  public:
   explicit Magic(std::uint32_t value) noexcept : value_(value) {}
@@ -57,6 +57,16 @@ void joinPath(std::array<char, Size>& out, const char* dir, const char* name) no
   return std::strerror(errno);
 }
 
+// Whether an application gave every pointer that a function needs; else errno EINVAL.
+template <class... Pointee>
+[[nodiscard]] bool given(const Pointee*... pointers) noexcept {
+  if (((pointers != nullptr) && ...)) {
+    return true;
+  }
+  errno = EINVAL;
+  return false;
+}
+
 // errno EBADR and a log line for a handle that is null or not alive.
 [[nodiscard]] bool valid(const zorlib_ifg* ifg) noexcept;
 [[nodiscard]] bool valid(const zorlib_q* q) noexcept;
@@ -64,6 +74,16 @@ void joinPath(std::array<char, Size>& out, const char* dir, const char* name) no
 // Open the group's two nodes; the first takes the handle's first reference. -1, with a log line.
 [[nodiscard]] int openControl(zorlib_ifg& ifg) noexcept;
 [[nodiscard]] int openFrameDescriptors(zorlib_ifg& ifg) noexcept;
+
+// Whether a group can be as `config` says; else errno and a log line that names `caller`.
+[[nodiscard]] bool checkDescription(const char* caller, const zorvik_ifg_config& config) noexcept;
+
+// The configure request. -1, with a log line.
+[[nodiscard]] int putIntoForce(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept;
+
+// Brings numIfs up to date: another process may have configured the group. Logs nothing; when the
+// driver does not tell, it stays as it was.
+void refreshInterfaces(zorlib_ifg& ifg) noexcept;
 
 // The identifier under which a descriptor travels.
 [[nodiscard]] std::uint32_t frameId(zorvik_frm_desc& frame) noexcept;
@@ -77,6 +97,8 @@ void wake(const zorlib_q& q, zorvik_resq& side) noexcept;
 }  // namespace tarnik::zorlib
 
 struct zorlib_ifg {
+  ~zorlib_ifg() { magic = tarnik::zorlib::kIfgDead; }
+
   tarnik::zorlib::Magic magic{tarnik::zorlib::kIfgMagic};
   tarnik::OwnedFd ctlFd;      // the driver's control node
   tarnik::OwnedFd ifgCtlFd;   // the group's
@@ -89,7 +111,7 @@ struct zorlib_ifg {
   std::mutex mutex;               // guards the mapping of frame memory, and the making of `nodes`
   std::array<char, ZORVIK_NAME_MAX + 1> name{};
   std::array<char, 64> dir{};
-  std::atomic<std::uint32_t> numIfs{0};  // interfaces, as the group was made or last queried
+  std::atomic<std::uint32_t> numIfs{0};  // interfaces, as last configured or told
   // One a descriptor; made by the first batch allocation, gone with the handle.
   std::unique_ptr<tarnik::FrameNode[]> nodes;
   std::atomic<std::uint32_t> refs{0};
@@ -97,6 +119,8 @@ struct zorlib_ifg {
 };
 
 struct zorlib_q {
+  ~zorlib_q() { magic = tarnik::zorlib::kQDead; }
+
   tarnik::zorlib::Magic magic{tarnik::zorlib::kQMagic};
   std::uint32_t mode = ZORLIB_READ;
   tarnik::Mapping qmem;

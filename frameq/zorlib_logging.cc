@@ -78,8 +78,7 @@ int changeMask(std::uint64_t cleared, std::uint64_t set, const Messages& message
 extern "C" {
 
 int zorlib_get_logging_mask(uint64_t* mask) {
-  if (mask == nullptr) {
-    errno = EINVAL;
+  if (!given(mask)) {
     return -1;
   }
   const OwnedFd ctl = openControl(kGet);

@@ -41,12 +41,23 @@ const char* skipSpace(const char* text) noexcept {
   return text;
 }
 
-void cutSpace(char* text) noexcept {
+// The length without white space at the end.
+std::size_t trimmedLength(const char* text) noexcept {
   std::size_t length = std::strlen(text);
   while (length > 0 && std::isspace(static_cast<unsigned char>(text[length - 1])) != 0) {
-    text[--length] = '\0';
+    --length;
   }
+  return length;
 }
+
+// A value between the white space around it, in the caller's text.
+struct Value {
+  const char* text;  // white space may follow, which scanf skips
+  int length;
+
+  explicit Value(const char* given) noexcept
+      : text(skipSpace(given)), length(static_cast<int>(trimmedLength(text))) {}
+};
 
 // A name taken apart. The words point into the text.
 struct Name {
@@ -58,7 +69,7 @@ struct Name {
 // `full` is the name as the log shows it, `rest` what follows the prefix.
 bool split(Name& name, const char* full, const char* rest) noexcept {
   static_cast<void>(std::snprintf(name.text.data(), name.text.size(), "%s", rest));
-  cutSpace(name.text.data());
+  name.text[trimmedLength(name.text.data())] = '\0';
   if (name.text[0] == '\0') {
     TARNIK_ERROR("Error: zorlib_set_param: No name components (%s)", full);
     return false;
@@ -124,34 +135,35 @@ bool wordMatches(const Rule& rule, std::uint32_t place, const Name& name,
 
 enum class Verdict { kAccepted, kRefused, kUnknownType };
 
-Verdict checkValue(const Rule& rule, const char* value) noexcept {
+Verdict checkValue(const Rule& rule, const Value& value) noexcept {
   switch (rule.type) {
     case ZORLIB_VALUE_NUMBER:
-      if (isNumber(value)) {
+      if (isNumber(value.text)) {
         return Verdict::kAccepted;
       }
-      TARNIK_DEBUG(0, "Debug: zorlib_set_param: Rule %u Numeric value mismatch (%s)", rule.id,
-                   value);
+      TARNIK_DEBUG(0, "Debug: zorlib_set_param: Rule %u Numeric value mismatch (%.*s)", rule.id,
+                   value.length, value.text);
       return Verdict::kRefused;
     case ZORLIB_VALUE_STRING:
-      if (*value == '\0') {
+      if (value.length == 0) {
         return Verdict::kRefused;
       }
-      TARNIK_DEBUG(0, "Debug: zorlib_set_param: Rule %u String value accepted (%s)", rule.id,
-                   value);
+      TARNIK_DEBUG(0, "Debug: zorlib_set_param: Rule %u String value accepted (%.*s)", rule.id,
+                   value.length, value.text);
       return Verdict::kAccepted;
     case ZORLIB_VALUE_BITMASK:
-      if (isBitmask(value)) {
+      if (isBitmask(value.text)) {
         return Verdict::kAccepted;
       }
-      TARNIK_DEBUG(0, "Debug: zorlib_set_param: Rule %u Bitmask value mismatch (%s)", rule.id,
-                   value);
+      TARNIK_DEBUG(0, "Debug: zorlib_set_param: Rule %u Bitmask value mismatch (%.*s)", rule.id,
+                   value.length, value.text);
       return Verdict::kRefused;
     case ZORLIB_VALUE_ANY:
-      if (*value == '\0') {
+      if (value.length == 0) {
         return Verdict::kRefused;
       }
-      TARNIK_DEBUG(0, "Debug: zorlib_set_param: Rule %u Any value accepted (%s)", rule.id, value);
+      TARNIK_DEBUG(0, "Debug: zorlib_set_param: Rule %u Any value accepted (%.*s)", rule.id,
+                   value.length, value.text);
       return Verdict::kAccepted;
     default:
       TARNIK_ERROR("Error: zorlib_set_param: Unknown param value type %u in spec list", rule.type);
@@ -160,7 +172,7 @@ Verdict checkValue(const Rule& rule, const char* value) noexcept {
 }
 
 Verdict apply(const Rule& rule, std::uint32_t place, const Name& name, const char* full,
-              const char* value) noexcept {
+              const Value& value) noexcept {
   TARNIK_DEBUG(0, "Debug: zorlib_set_param: Spec [%u] id %u comp %u / %p %p %p %p type %u", place,
                rule.id, rule.num_comps, static_cast<const void*>(rule.comp[0]),
                static_cast<const void*>(rule.comp[1]), static_cast<const void*>(rule.comp[2]),
@@ -181,7 +193,7 @@ Verdict apply(const Rule& rule, std::uint32_t place, const Name& name, const cha
 }
 
 // The first rule that accepts the pair, or null; the mutex is held.
-const Rule* findRule(const Name& name, const char* full, const char* value) noexcept {
+const Rule* findRule(const Name& name, const char* full, const Value& value) noexcept {
   for (std::uint32_t i = 0; i < ruleCount; ++i) {
     switch (apply(rules[i], i, name, full, value)) {
       case Verdict::kAccepted:
@@ -195,8 +207,8 @@ const Rule* findRule(const Name& name, const char* full, const char* value) noex
   return nullptr;
 }
 
-Text duplicate(const char* text) noexcept {
-  Text copy(::strdup(text));
+Text duplicate(const char* text, std::size_t length) noexcept {
+  Text copy(::strndup(text, length));
   if (!copy) {
     TARNIK_ERROR("Error: zorlib_set_param: strdup failed - %s", errorText());
   }
@@ -204,17 +216,20 @@ Text duplicate(const char* text) noexcept {
 }
 
 // The mutex is held.
-int store(const Rule& rule, const Name& name, Text value) noexcept {
+int store(const Rule& rule, const Name& name, const Value& value) noexcept {
   Param entry;
   entry.id = rule.id;
   entry.numComps = name.count;
   for (std::uint32_t word = 0; word < name.count; ++word) {
-    entry.words[word] = duplicate(name.words[word]);
+    entry.words[word] = duplicate(name.words[word], std::strlen(name.words[word]));
     if (!entry.words[word]) {
       return -1;
     }
   }
-  entry.value = std::move(value);
+  entry.value = duplicate(value.text, static_cast<std::size_t>(value.length));
+  if (!entry.value) {
+    return -1;
+  }
   const std::size_t place = paramTotal.load(std::memory_order_relaxed);  // changed under the mutex
   params[place] = std::move(entry);
   paramTotal.store(place + 1, std::memory_order_release);  // pairs with paramCount
@@ -275,17 +290,14 @@ int zorlib_set_param(const char* name, const char* value) {
   if (!split(parts, name, name + kPrefixLength)) {
     return -1;
   }
-  Text trimmed = duplicate(skipSpace(value));
-  if (!trimmed) {
-    return -1;
-  }
-  cutSpace(trimmed.get());
-  const Rule* const rule = findRule(parts, name, trimmed.get());
+  const Value trimmed(value);
+  const Rule* const rule = findRule(parts, name, trimmed);
   if (rule == nullptr) {
-    TARNIK_WARNING("Warning: zorlib_set_param: Unrecognized param %s/%s", name, trimmed.get());
+    TARNIK_WARNING("Warning: zorlib_set_param: Unrecognized param %s/%.*s", name, trimmed.length,
+                   trimmed.text);
     return -1;
   }
-  return store(*rule, parts, std::move(trimmed));
+  return store(*rule, parts, trimmed);
 }
 
 }  // extern "C"

@@ -10,8 +10,9 @@ using namespace tarnik::zorlib;
 
 namespace {
 
+// An application's rule may have the number of one of ours and fewer words.
 bool names(const Param& entry, std::size_t word, const char* name) noexcept {
-  return ::strcasecmp(entry.words[word].get(), name) == 0;
+  return entry.words[word] && ::strcasecmp(entry.words[word].get(), name) == 0;
 }
 
 // The first parameter of the rule for this group that `fits`, or null.
@@ -66,12 +67,9 @@ unsigned long appQueueSize(const zorlib_ifg& ifg, const char* queue) noexcept {
   return *value;
 }
 
-// A group that was opened, not made, has not told its number of interfaces yet.
+// The number of the group's interfaces.
 unsigned long interfaces(zorlib_ifg& ifg) noexcept {
-  zorlib_ifg_info info;
-  if (ifg.numIfs == 0 && zorlib_ifg_query(&ifg, &info) != 0) {
-    return 0;
-  }
+  refreshInterfaces(ifg);
   return ifg.numIfs;
 }
 
@@ -100,7 +98,8 @@ unsigned long mask(zorlib_ifg* ifg, std::uint32_t id, std::uint32_t n) noexcept 
   }
   const Param* const entry = find(id, *ifg, [n](const Param& candidate) {
     long place = 0;
-    return std::sscanf(candidate.words[1].get(), "%li", &place) == 1 && place == long{n};
+    return candidate.words[1] && std::sscanf(candidate.words[1].get(), "%li", &place) == 1 &&
+           place == long{n};
   });
   unsigned long value = 0;
   if (entry != nullptr) {
@@ -130,7 +129,17 @@ unsigned long zorlib_ifg_lookup_qsize(zorlib_ifg* ifg, const char* queue) {
 }
 
 unsigned long zorlib_ifg_lookup_if_mask(zorlib_ifg* ifg, uint32_t n) {
-  return mask(ifg, kParamIfMask, n);
+  const unsigned long value = mask(ifg, kParamIfMask, n);
+  if (value == 0) {
+    return 0;
+  }
+  const unsigned long count = interfaces(*ifg);
+  if (value >> count != 0) {
+    TARNIK_WARNING("Warning: zorlib_ifg_lookup_if_mask: %s if_mask %lx for %lu interfaces",
+                   ifg->name.data(), value, count);
+    return 0;
+  }
+  return value;
 }
 
 unsigned long zorlib_ifg_lookup_cpu_mask(zorlib_ifg* ifg, uint32_t n) {

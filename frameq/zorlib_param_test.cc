@@ -203,11 +203,15 @@ TEST_F(ParamTest, AGroupThatWasOpenedIsAskedForItsInterfaces) {
 TEST_F(ParamTest, FindsTheMasksOfAQueuePair) {
   accepted("zorvik.m.2.cpu_mask", "0xff", 1003);
   accepted("zorvik.m.0x3.if_mask", "5", 1004);
-  zorlib_ifg& ifg = group("m", 2);
+  zorlib_ifg& ifg = group("m", 3);
   EXPECT_EQ(zorlib_ifg_lookup_cpu_mask(&ifg, 2), 0xffu);
   EXPECT_EQ(zorlib_ifg_lookup_cpu_mask(&ifg, 3), 0u);
   EXPECT_EQ(zorlib_ifg_lookup_if_mask(&ifg, 3), 5u);
   EXPECT_EQ(zorlib_ifg_lookup_if_mask(&group("n", 2), 3), 0u);
+  clearLog();
+  EXPECT_EQ(zorlib_ifg_lookup_if_mask(&group("m", 2), 3), 0u);
+  EXPECT_THAT(logLines(), ElementsAre(warning("Warning: zorlib_ifg_lookup_if_mask: m if_mask 5 for "
+                                              "2 interfaces")));
 }
 
 TEST_F(ParamTest, LookUpsRefuseBadHandles) {
@@ -217,12 +221,32 @@ TEST_F(ParamTest, LookUpsRefuseBadHandles) {
 }
 
 TEST_F(ParamTest, APairThatCannotBeKeptIsRefused) {
-  for (int fails = 0; fails < 4; ++fails) {  // the value and each of three words
+  for (int fails = 0; fails < 4; ++fails) {  // each of three words and the value
     systemCalls.allocationsLeft = fails;
     refused("zorvik.g6.q.q_size", "100",
             error("Error: zorlib_set_param: strdup failed - Cannot allocate memory"));
   }
   systemCalls.allocationsLeft = -1;
+}
+
+TEST_F(ParamTest, OnlyWhatARuleAcceptsIsCopied) {
+  systemCalls.allocationsLeft = 0;
+  refused("zorvik.g6.q.q_size", " \t12 abc \n",
+          warning("Warning: zorlib_set_param: Unrecognized param zorvik.g6.q.q_size/12 abc"));
+  refused("zorvik.g6.speed", "100",
+          warning("Warning: zorlib_set_param: Unrecognized param zorvik.g6.speed/100"));
+  EXPECT_EQ(systemCalls.allocationsLeft, 0);
+  systemCalls.allocationsLeft = -1;
+}
+
+TEST_F(ParamTest, AValueIsKeptWhole) {
+  const std::string value = "100" + std::string(300, ' ');
+  const std::size_t place = paramCount();
+  accepted("zorvik.g7.q.q_size", value.c_str(), 1001);
+  EXPECT_STREQ(param(place).value.get(), "100");
+  const std::string zeros = std::string(500, '0') + "17";
+  accepted("zorvik.g7.r.q_size", zeros.c_str(), 1001);
+  EXPECT_EQ(param(place + 1).value.get(), zeros);
 }
 
 TEST_F(ParamTest, TheListHolds128) {

@@ -138,7 +138,6 @@ int zorlib_q_close(zorlib_q* q) {
   handle->fd.reset();
   handle->qmem.reset();
   static_cast<void>(zorlib_ifg_close(handle->ifg));
-  handle->magic = kQDead;
   return 0;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "base/log.h"
@@ -55,6 +56,10 @@ TEST_F(QueueTest, OpensWithWhatTheDriverTells) {
   EXPECT_EQ(q->frmDesc, ifg_->frmDesc.base());
   EXPECT_EQ(q->payload, ifg_->payload.base());
   EXPECT_EQ(q->type, 5u);
+  zorvik_q_enum* found = nullptr;
+  ASSERT_EQ(zorlib_ifg_q_enum(ifg_, &found), 0);
+  const std::unique_ptr<zorvik_q_enum, zorlib::Free> list(found);
+  EXPECT_EQ(q->id, list->records[0].id);
   EXPECT_EQ(q->timeout, -1);
   EXPECT_EQ(q->entries, 16u);
   EXPECT_EQ(q->memSize, 320u + 16 * 8);
@@ -65,7 +70,7 @@ TEST_F(QueueTest, OpensWithWhatTheDriverTells) {
   EXPECT_EQ(::fcntl(q->fd.get(), F_GETFD), FD_CLOEXEC);
   EXPECT_EQ(::fcntl(q->fd.get(), F_GETFL) & O_ACCMODE, O_RDWR);
   EXPECT_THAT(requests(), ElementsAre(ZORVIK_FRM_DESC_SIZE, ZORVIK_NET_DATA_SIZE, ZORVIK_Q_STAT,
-                                      ZORVIK_Q_WAKE));
+                                      ZORVIK_Q_WAKE, ZORVIK_Q_ENUM));
   EXPECT_EQ(zorlib_q_close(q), 0);
   EXPECT_THAT(logLines(), IsEmpty());
 }
@@ -166,6 +171,10 @@ TEST_F(QueueTest, RefusesMemoryThatHoldsNoRing) {
               "Error: zorlib_q_open: brund/TarnikQ queue memory of " +
                   std::to_string(each.memSize) + " bytes holds no ring");
   }
+  answerNothing();
+  memory.max_elements = 2;
+  memory.mask = 1;
+  EXPECT_EQ(zorlib_q_close(openQueue(ifg_, ZORLIB_WRITE)), 0) << "the smallest that holds a frame";
   memory.max_elements = 16;
   memory.mask = 15;
   EXPECT_EQ(zorlib_q_close(owner), 0);
@@ -201,18 +210,22 @@ TEST_F(QueueTest, RefusesBadHandles) {
       },
       [&](zorlib_q* q) { return zorlib_q_write(q, &frame); },
   };
+  const auto refuses = [](const auto& function, zorlib_q* q, const char* message) {
+    clearLog();
+    errno = 0;
+    EXPECT_EQ(function(q), -1);
+    EXPECT_EQ(errno, EBADR);
+    EXPECT_THAT(logLines(), ElementsAre(error(message)));
+  };
   for (const auto& function : functions) {
-    clearLog();
-    errno = 0;
-    EXPECT_EQ(function(nullptr), -1);
-    EXPECT_EQ(errno, EBADR);
-    EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_q_validate: Nil handle")));
-    clearLog();
-    errno = 0;
-    EXPECT_EQ(function(dead), -1);
-    EXPECT_EQ(errno, EBADR);
-    EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_q_validate: Unknown magic baadf00d")));
+    refuses(function, nullptr, "Error: zorlib_q_validate: Nil handle");
+    refuses(function, dead, "Error: zorlib_q_validate: Unknown magic baadf00d");
   }
+  // Which has an answer of its own to a null handle.
+  refuses([&](zorlib_q* q) { return zorlib_q_free(q, &frame); }, dead,
+          "Error: zorlib_q_validate: Unknown magic baadf00d");
+  EXPECT_EQ(frame.ref_cnt, 0) << "nothing was counted";
+  EXPECT_THAT(requests(), IsEmpty());
   clearLog();
   std::uint32_t size = 0;
   for (zorlib_q* const q : {static_cast<zorlib_q*>(nullptr), dead}) {
@@ -301,7 +314,7 @@ TEST_F(QueueTest, DumpsHandleAndMemoryToTheDebugLog) {
                      static_cast<int>(q->id))),
           debug(text("Debug: zorlib_DBG:\tentries: 16, memory size: 448, size frame desc mapping: "
                      "%d, size payload data space: %d",
-                     (kFrames + 1) * 128, 128 * 2048 + 8 * 65536)),
+                     (kFrames + 1) * 128, kPayload)),
           debug(text("Debug: zorlib_DBG:\tqueue memory: 0x%p, ifg: 0x%p", q->qmem.base(),
                      static_cast<void*>(ifg_))),
           debug(text("Debug: zorlib_DBG:\tframe desc mapping: 0x%p, payload data mapping: 0x%p",

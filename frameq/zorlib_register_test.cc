@@ -1,5 +1,6 @@
 // The registry of rules, and how a pair is matched against them. In a program of its own: what is
 // registered stays for the life of the process.
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -110,12 +111,40 @@ TEST(Register, AnUnknownTypeEndsTheSearch) {
           LogLine{LOG_WARNING, "Warning: zorlib_set_param: Unrecognized param zorvik.wrong/x"}));
 }
 
+// A rule of the application's may carry the number of one of the library's.
+TEST(Register, ALookUpBelievesNoValueOfAnothersRule) {
+  static const zorlib_param_spec rules[] = {
+      {zorlib::kParamIfgQSize, 2, {nullptr, "q_size", nullptr, nullptr}, ZORLIB_VALUE_STRING},
+      {zorlib::kParamQueueQSize, 3, {nullptr, nullptr, "q_size", nullptr}, ZORLIB_VALUE_STRING},
+      {zorlib::kParamQueueQSize, 1, {"odd", nullptr, nullptr, nullptr}, ZORLIB_VALUE_NUMBER},
+      {zorlib::kParamCpuMask, 1, {"odd", nullptr, nullptr, nullptr}, ZORLIB_VALUE_STRING},
+  };
+  EXPECT_EQ(zorlib_register_params(4, rules), 0);
+  zorlib_ifg ifg;
+  std::strcpy(ifg.name.data(), "odd");
+  ifg.numIfs = 1;
+  ASSERT_EQ(zorlib_set_param("zorvik.odd", "1000"), 0);
+  ASSERT_EQ(zorlib_set_param("zorvik.odd", "ff"), 0);
+  ASSERT_EQ(zorlib_set_param("zorvik.odd.q_size", " many frames "), 0);
+  ASSERT_EQ(zorlib_set_param("zorvik.odd.q.q_size", "x1000"), 0);
+  clearLog();
+  EXPECT_EQ(zorlib_ifg_lookup_qsize(&ifg, nullptr), 0u);
+  EXPECT_EQ(zorlib_ifg_lookup_qsize(&ifg, "q"), 0u);
+  EXPECT_THAT(logLines(), ElementsAre(LogLine{LOG_WARNING,
+                                              "Warning: zorlib_ifg_lookup_qsize: Unexpected parse "
+                                              "failure? on 'many frames'"},
+                                      LogLine{LOG_WARNING,
+                                              "Warning: zorlib_ifg_lookup_qsize: Unexpected parse "
+                                              "failure? on 'x1000'"}));
+  EXPECT_EQ(zorlib_ifg_lookup_cpu_mask(&ifg, 0), 0u) << "it has no place for a number";
+}
+
 TEST(Register, HoldsThirtyTwoRules) {
   std::vector<zorlib_param_spec> rules(
-      23, {6, 1, {"late", nullptr, nullptr, nullptr}, ZORLIB_VALUE_ANY});
+      19, {6, 1, {"late", nullptr, nullptr, nullptr}, ZORLIB_VALUE_ANY});
   rules.back().comp[0] = "last";
   clearLog();
-  EXPECT_EQ(zorlib_register_params(23, rules.data()), 0);
+  EXPECT_EQ(zorlib_register_params(19, rules.data()), 0);
   EXPECT_THAT(logLines(), ElementsAre(kTooMany));
   EXPECT_EQ(zorlib_set_param("zorvik.late", "x"), 0);
   EXPECT_EQ(zorlib_set_param("zorvik.last", "x"), -1) << "it had no room";

@@ -38,33 +38,42 @@ enum {
   ZORVIK_IF_PASSIVE = 2, /* frames are only seen */
   ZORVIK_IF_BYPASS = 3,  /* frames pass unseen */
 };
+#define ZORVIK_IF_SUB_MODE_MAX 4u
 
 struct zorvik_if_record {
   uint32_t kern_if;  /* the kernel's interface index */
   uint32_t mate;     /* the other interface of the pair, by its place in the group */
   uint32_t mode;     /* from here on, a pair's two members have the same */
-  uint32_t sub_mode; /* 0 to 4 */
+  uint32_t sub_mode; /* 0 to ZORVIK_IF_SUB_MODE_MAX */
   uint32_t mtu;      /* bytes, 0: the kernel's */
   uint32_t speed;    /* Mbit/s, 0: negotiated */
   uint32_t duplex;   /* 0: negotiated, 1: half, 2: full */
   uint32_t reserved;
 };
 
-/* The group's interfaces; replaces those it had. EINVAL for more than ZORVIK_IF_MAX. */
+#define ZORVIK_LINK_CONFIG_BITS 0x3fu
+#define ZORVIK_LINK_CONFIG_KEEP 0xffffu /* link_config stays as it is */
+#define ZORVIK_PROP_LINK_TIME_MIN 5000u /* milliseconds */
+
+/* The group's interfaces and settings; they replace those it had, whole or not at all. Interfaces
+ * come in pairs: 0 with 1, 2 with 3, ... EINVAL for a description that breaks what is said here,
+ * ENXIO for an interface that the kernel does not have, EEXIST for one that stands here twice,
+ * EBUSY for one that another group has. */
 struct zorvik_ifg_config {
-  uint32_t num_ifs;
-  uint16_t link_config; /* bits 0 to 5, or 0xffff: as it was */
+  uint32_t num_ifs;     /* even, 2 to ZORVIK_IF_MAX */
+  uint16_t link_config; /* ZORVIK_LINK_CONFIG_... */
   uint16_t reserved;
-  uint32_t fwd_unanalyzed; /* 1: frames pass when nobody analyses them */
-  uint32_t prop_link;      /* 1: a link that goes down takes its mate's down */
-  uint32_t prop_link_time; /* after so many milliseconds */
+  uint32_t fwd_unanalyzed; /* 1: frames pass when nobody analyses them, else 0 */
+  uint32_t prop_link;      /* 1: a link that goes down takes its mate's down, else 0 */
+  uint32_t prop_link_time; /* after so many milliseconds, at least ..._MIN with prop_link */
   uint32_t reserved2;
   struct zorvik_if_record ifs[ZORVIK_IF_MAX];
 };
 
 /* With count 0: the group's flags are returned in flags. With count = capacity: the group's
- * interfaces are written to the array of struct zorvik_if_record at address `flags`, count
- * becomes their number, and the request's result is a cookie that is 0 for an empty group. */
+ * interfaces, as many as fit, are written to the array of struct zorvik_if_record at address
+ * `flags` and count becomes their number. The request's result is then a cookie, another one
+ * after each configuration and 0 for a group that has no interfaces. */
 struct zorvik_ifg_query {
   uint64_t flags;
   uint32_t count;
@@ -103,25 +112,29 @@ enum {
   ZORVIK_Q_RAW = 6,
 };
 
-/* A queue pair: which interfaces' frames it takes and which processors serve it. Numbered from 0;
- * EINVAL from ZORVIK_QPAIR_MAX on. One that was never set is all zero. */
+/* A queue pair: which interfaces' frames it takes and which processors serve it. EINVAL for an
+ * index from ZORVIK_QPAIR_MAX on, a size above 16000000 or an interface that the group does not
+ * have. One that was never set is all zero. A configuration that leaves out interfaces takes
+ * them out of the masks. */
 #define ZORVIK_QPAIR_MAX 32u
 struct zorvik_qpair_cfg {
   uint32_t index;
-  uint32_t size; /* entries */
-  uint64_t if_mask;
-  uint64_t cpu_mask;
+  uint32_t size;     /* entries, 0: the driver's choice */
+  uint64_t if_mask;  /* by their place in the group */
+  uint64_t cpu_mask; /* 0: any */
 };
 
-/* The counters count from the group's creation. */
+/* The group's frames. The counters count from its creation; frames that are out now are those
+ * given out less those taken back, or those there are less those free. */
 struct zorvik_ifg_stats {
-  uint32_t frm_count;          /* descriptors, the unused first one not counted */
-  uint32_t frm_free;           /* of them free now */
-  uint32_t buf_count;          /* buffers, of every group */
-  uint32_t buf_free;           /* of them free now */
-  uint64_t frm_allocs;         /* frames given out */
-  uint64_t frm_frees;          /* frames taken back */
-  uint64_t frm_alloc_failures; /* requests that found none */
+  uint32_t frm_count;       /* descriptors, the unused first one not counted */
+  uint32_t frm_free;        /* of them free now */
+  uint32_t buf_count;       /* buffers, of every group */
+  uint32_t buf_free;        /* of them free now */
+  uint64_t frm_allocs;      /* frames given out */
+  uint64_t frm_frees;       /* frames taken back, also those of processes that died */
+  uint64_t alloc_empty;     /* requests that found no frame (ENOBUFS) */
+  uint64_t alloc_too_large; /* requests for more than any buffer holds (EMSGSIZE) */
 };
 
 /* ---- Requests on a group's frm_desc node ------------------------------------------------*/
@@ -180,14 +193,20 @@ struct __attribute__((packed)) zorvik_ifg_create {
   char name[ZORVIK_NAME_MAX + 1u];
 };
 
+/* The name of no group: none can be made with it. For handles and records that need a name
+ * without having a group. */
+#define ZORVIK_IFG_NIL_NAME "_nil_ifg"
+
 /* The driver's groups. */
-#define ZORVIK_IFG_NIL_NAME "_nil_ifg" /* the name of a record whose group is going away */
+struct zorvik_ifg_record {
+  uint32_t id; /* not used again in the driver's life */
+  uint32_t num_ifs;
+  char name[ZORVIK_NAME_MAX]; /* not terminated when 16 characters long */
+};
+
 struct zorvik_ifg_enum {
   uint32_t count; /* capacity in, number out */
-  struct {
-    uint32_t num_ifs;
-    char name[ZORVIK_NAME_MAX]; /* not terminated when 16 characters long */
-  } records[ZORVIK_ENUM_MAX];
+  struct zorvik_ifg_record records[ZORVIK_ENUM_MAX];
 };
 
 /* ---- Request numbers --------------------------------------------------------------------
@@ -237,10 +256,10 @@ ZORVIK_ASSERT(ZORVIK_Q_WAKE == 0x4008bfb2u);
 ZORVIK_ASSERT(ZORVIK_GET_LOG_MASK == 0xc008bfb5u);
 ZORVIK_ASSERT(ZORVIK_SET_LOG_MASK == 0xc008bfb6u);
 ZORVIK_ASSERT(ZORVIK_IFG_CONFIGURE == 0x4418bfa2u);
-ZORVIK_ASSERT(ZORVIK_IFG_ENUM == 0xc284bfa5u);
+ZORVIK_ASSERT(ZORVIK_IFG_ENUM == 0xc304bfa5u);
 ZORVIK_ASSERT(ZORVIK_QPAIR_SET == 0x4018bfa8u);
 ZORVIK_ASSERT(ZORVIK_QPAIR_GET == 0xc018bfaeu);
-ZORVIK_ASSERT(ZORVIK_IFG_STATS == 0x8028bfb3u);
+ZORVIK_ASSERT(ZORVIK_IFG_STATS == 0x8030bfb3u);
 ZORVIK_ASSERT(offsetof(struct zorvik_ifg_query, count) == 8);
 ZORVIK_ASSERT(offsetof(struct zorvik_q_create, type) == 0);
 ZORVIK_ASSERT(offsetof(struct zorvik_q_create, size) == 4);

@@ -1,17 +1,23 @@
-/* The ring of a queue, for the model checker spin: every access to a shared word is one step, as
- * zorlib makes it (frameq/zorlib_q_io.cc names the same steps). Waits have no time limit.
+/* The ring of a queue, for the model checker spin. Waits have no time limit.
  *
  *   SLOTS      of the ring, a power of two
  *   PRODUCERS  CONSUMERS
  *   FRAMES     that each producer writes
- *   EARLY_STOP both sides are shut down at any moment, not only when all frames have been read
+ *   EARLY_STOP both sides are shut down at any moment; without it nobody is
  *   NAIVE_WAIT the driver puts a waiter to sleep without looking at the flags
  *   UNWRAPPED  a swap fails when its counter has moved at all, even if it has come round to the same
  *              value: the ring as it would be with counters that never wrap
  *
- * What is checked: no frame is read twice (the assertion); nobody hangs, for a lost wake-up, a
- * lost frame or a broken ring leaves somebody waiting (an invalid end state); at the end every
- * frame has been read. A spin is a wait for what ends it, so that endless spinning shows too.
+ * Every access to a shared word is one step, as zorlib makes it (frameq/zorlib_q_io.cc names the
+ * same steps). What a process then does with its own variables belongs to that step, because nobody
+ * else can tell when it happens; and it forgets what it needs no more, so that states which differ
+ * in nothing that matters are one. A spin is a wait for what ends it, so that endless spinning
+ * shows.
+ *
+ * What is checked: the frames are taken in the order in which their slots were claimed, each once
+ * (the assertion, which numbers them as they are claimed); all of them are (init waits for it);
+ * nobody hangs, for a lost wake-up, a lost frame or a broken ring leaves somebody waiting (an
+ * invalid end state). Without EARLY_STOP consumers may sleep at the end, with it nobody may.
  */
 #ifndef SLOTS
 #define SLOTS 4
@@ -31,24 +37,30 @@
 
 byte enqueue, dequeue;
 byte slot[SLOTS];
-bool producerWoken, producerShut, consumerWoken, consumerShut;
+bool producerWoken, consumerWoken;
 
 /* The driver's: who sleeps. */
 bool producerAsleep[PRODUCERS], consumerAsleep[CONSUMERS];
 
+/* The observer's: slots claimed by producers and by consumers. */
+byte claimed, taken;
+
 #ifdef UNWRAPPED
-byte enqueueMoves, dequeueMoves;
-#define UNMOVED(counter, moves, then) ((counter) == (then) && (moves) == m)
-#define MOVE(moves) moves++
+#define UNMOVED(counter, moves, then) ((moves) == m)
+#define KEEP(moves) m = moves
 #else
 #define UNMOVED(counter, moves, then) ((counter) == (then))
-#define MOVE(moves) skip
+#define KEEP(moves) skip
 #endif
 
-/* The observer's. */
-bool seen[TOTAL + 1];
-byte received;
-byte writing = PRODUCERS; /* producers that are not done */
+#ifdef EARLY_STOP
+bool producerShut, consumerShut;
+#define STOP_IF(shut) if :: shut -> goto done :: else fi
+#else
+#define producerShut false
+#define consumerShut false
+#define STOP_IF(shut) skip
+#endif
 
 byte k; /* of the loops inside wake requests */
 
@@ -60,115 +72,95 @@ inline wakeConsumers() {
 }
 
 proctype Producer(byte me) {
-  byte e, d, m, id = me * FRAMES + 1;
-  bool was;
-  do
-  :: id > (me + 1) * FRAMES -> break
-  :: else ->
+  byte e, m, id, left = FRAMES;
 look:
-    if :: producerShut -> goto done :: else fi;
+  STOP_IF(producerShut);
 again:
-#ifdef UNWRAPPED
-    atomic { e = enqueue; m = enqueueMoves };
-#else
-    e = enqueue;
-#endif
-    d = dequeue;
-    if :: FULL(e, d) -> goto isFull :: else fi;
+  atomic { e = enqueue; KEEP(claimed) };
+  if :: FULL(e, dequeue) -> goto isFull :: else fi;
+  if :: slot[e] != 0 -> goto spin :: else fi;
+  atomic {
     if
-    :: slot[e] != 0 ->
-      /* Spins; each turn looks at everything anew. */
-      (slot[e] == 0 || enqueue != e || FULL(e, dequeue) || producerShut);
-      if :: producerShut -> goto done :: else -> goto again fi
-    :: else
-    fi;
-    atomic {
-      was = UNMOVED(enqueue, enqueueMoves, e);
-      if :: was -> enqueue = (e + 1) & MASK; MOVE(enqueueMoves) :: else fi
-    };
+    :: UNMOVED(enqueue, claimed, e) ->
+      claimed++; enqueue = (e + 1) & MASK;
+      id = claimed; left--; m = 0
+    :: else -> e = 0; m = 0; goto lost
+    fi
+  };
+  atomic { slot[e] = id; e = 0; id = 0 };
+  atomic {
     if
-    :: !was -> if :: producerShut -> goto done :: else -> goto again fi
-    :: else
-    fi;
-    slot[e] = id;
-    atomic { was = consumerWoken; consumerWoken = true };
-    if :: !was -> wakeConsumers() :: else fi;
-    atomic { id++; e = 0; d = 0; m = 0; was = false; goto next };
+    :: consumerWoken -> if :: left == 0 -> goto done :: else -> goto look fi
+    :: else -> consumerWoken = true
+    fi
+  };
+  atomic { wakeConsumers(); if :: left == 0 -> goto done :: else -> goto look fi };
+spin:
+  atomic { (slot[e] == 0 || enqueue != e || FULL(e, dequeue) || producerShut); e = 0; m = 0 };
+lost:
+  STOP_IF(producerShut);
+  goto again;
 isFull:
-    if :: producerShut -> goto done :: else fi;
-    atomic { was = producerWoken; producerWoken = false };
-    if :: was -> goto look :: else fi;
-    atomic {
+  STOP_IF(producerShut);
+  atomic { e = 0; m = 0; if :: producerWoken -> producerWoken = false; goto look :: else fi };
+  atomic {
 #ifndef NAIVE_WAIT
-      if
-      :: producerWoken || producerShut
-      :: else -> producerAsleep[me] = true
-      fi
+    if
+    :: producerWoken || producerShut -> goto look
+    :: else -> producerAsleep[me] = true
+    fi
 #else
-      producerAsleep[me] = true
+    producerAsleep[me] = true
 #endif
-    };
-    (!producerAsleep[me]);
-    goto look;
-next:
-    skip
-  od;
+  };
+  (!producerAsleep[me]);
+  goto look;
 done:
-  writing--
+  skip
 }
 
 proctype Consumer(byte me) {
-  byte d, e, m, v;
-  bool was;
+  byte d, m, v;
 look:
-  if :: consumerShut -> goto done :: else fi;
+  STOP_IF(consumerShut);
 again:
-#ifdef UNWRAPPED
-  atomic { d = dequeue; m = dequeueMoves };
-#else
-  d = dequeue;
-#endif
-  e = enqueue;
-  if :: d == e -> goto isEmpty :: else fi;
-  v = slot[d];
-  if
-  :: v == 0 ->
-    (slot[d] != 0 || dequeue != d || enqueue == d || consumerShut);
-    if :: consumerShut -> goto done :: else -> goto again fi
-  :: else
-  fi;
+  atomic { d = dequeue; KEEP(taken) };
+  atomic { if :: enqueue == d -> d = 0; m = 0; goto isEmpty :: else fi };
+  atomic { v = slot[d]; if :: v == 0 -> goto spin :: else fi };
   atomic {
-    was = UNMOVED(dequeue, dequeueMoves, d);
-    if :: was -> dequeue = (d + 1) & MASK; MOVE(dequeueMoves) :: else fi
+    if
+    :: UNMOVED(dequeue, taken, d) ->
+      taken++; dequeue = (d + 1) & MASK;
+      assert(v == taken);
+      v = 0; m = 0
+    :: else -> d = 0; v = 0; m = 0; goto lost
+    fi
   };
-  if
-  :: !was -> if :: consumerShut -> goto done :: else -> goto again fi
-  :: else
-  fi;
-  slot[d] = 0;
-  atomic { was = producerWoken; producerWoken = true };
-  if :: !was -> wakeProducers() :: else fi;
-  atomic {
-    assert(!seen[v]);
-    seen[v] = true;
-    received++;
-    d = 0; e = 0; m = 0; v = 0; was = false
-  };
+  atomic { slot[d] = 0; d = 0 };
+  atomic { if :: producerWoken -> goto look :: else -> producerWoken = true fi };
+  wakeProducers();
   goto look;
+spin:
+  atomic { (slot[d] != 0 || dequeue != d || enqueue == d || consumerShut); d = 0; m = 0 };
+lost:
+  STOP_IF(consumerShut);
+  goto again;
 isEmpty:
-  if :: consumerShut -> goto done :: else fi;
-  atomic { was = consumerWoken; consumerWoken = false };
-  if :: was -> goto look :: else fi;
+  STOP_IF(consumerShut);
+  atomic { if :: consumerWoken -> consumerWoken = false; goto look :: else fi };
   atomic {
 #ifndef NAIVE_WAIT
     if
-    :: consumerWoken || consumerShut
+    :: consumerWoken || consumerShut -> goto look
     :: else -> consumerAsleep[me] = true
     fi
 #else
     consumerAsleep[me] = true
 #endif
   };
+#ifndef EARLY_STOP
+endAsleep:
+#endif
   (!consumerAsleep[me]);
   goto look;
 done:
@@ -181,15 +173,16 @@ init {
     i = 0;
     do :: i < PRODUCERS -> run Producer(i); i++ :: else -> break od;
     i = 0;
-    do :: i < CONSUMERS -> run Consumer(i); i++ :: else -> break od
+    do :: i < CONSUMERS -> run Consumer(i); i++ :: else -> break od;
+    i = 0
   };
 #ifndef EARLY_STOP
-  (writing == 0 && received == TOTAL);
+  (taken == TOTAL)
 #else
   /* As zorlib_q_shutdown does it for the other side. */
   producerShut = true;
   wakeProducers();
-#endif
   consumerShut = true;
   wakeConsumers()
+#endif
 }

@@ -105,8 +105,20 @@ void returnFrame(State& state, Group& group, zorvik_frm_desc& descriptor, std::u
   std::atomic_ref(descriptor.flags).store(0);
   std::atomic_ref(descriptor.generation).store(record.generation);
   record.buffer = 0;
+  ++group.frees;
   pushBuffer(state, buffer);
   pushRecord(state, group, index);
+}
+
+// A process died between a frame's move and its count: the frames that are out tell what was moved.
+void countTheLost(Group& group) {
+  const std::uint64_t counted = group.allocs - group.frees;
+  const std::uint64_t out = group.framesOut();
+  if (out > counted) {
+    group.allocs += out - counted;
+  } else {
+    group.frees += counted - out;
+  }
 }
 
 // Where so many records of no group lie in a row, first fit; behind kMaxRecords when nowhere.
@@ -175,6 +187,7 @@ int allocFrames(Driver& driver, Group& group, std::uint32_t size, std::uint32_t*
     return -ENOMEM;
   }
   if (size > state.frameClasses[state.classes - 1].bufSize) {
+    ++group.allocTooLarge;
     return -EMSGSIZE;
   }
   std::uint32_t taken = 0;
@@ -192,7 +205,12 @@ int allocFrames(Driver& driver, Group& group, std::uint32_t size, std::uint32_t*
       frameIds[taken++] = std::uint32_t{record.generation} << ZORVIK_FRM_GENERATION_SHIFT | index;
     }
   }
-  return taken == 0 ? -ENOBUFS : static_cast<int>(taken);
+  if (taken == 0) {
+    ++group.allocEmpty;
+    return -ENOBUFS;
+  }
+  group.allocs += taken;
+  return static_cast<int>(taken);
 }
 
 int freeFrame(Driver& driver, Group& group, std::uint32_t frameId) {
@@ -262,6 +280,21 @@ void releaseFrames(State& state, Group& group) {
   group.freeCount = 0;
 }
 
+zorvik_ifg_stats frameStats(const State& state, const Group& group) {
+  std::uint32_t freeBuffers = 0;
+  for (std::uint32_t i = 0; i < state.classes; ++i) {
+    freeBuffers += state.frameClasses[i].freeCount;
+  }
+  return {.frm_count = group.frames(),
+          .frm_free = group.freeCount,
+          .buf_count = state.buffers,
+          .buf_free = freeBuffers,
+          .frm_allocs = group.allocs,
+          .frm_frees = group.frees,
+          .alloc_empty = group.allocEmpty,
+          .alloc_too_large = group.allocTooLarge};
+}
+
 void rebuildFreeLists(State& state) {
   constexpr std::uint32_t kTaken = kNone - 1;
   std::uint32_t* next = state.bufferNext();
@@ -278,6 +311,7 @@ void rebuildFreeLists(State& state) {
         pushRecord(state, group, i);
       }
     }
+    countTheLost(group);
   }
   for (std::uint32_t i = 0; i < state.classes; ++i) {
     state.frameClasses[i].freeHead = kNone;

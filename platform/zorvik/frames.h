@@ -29,7 +29,10 @@ int reclaimFrames(Driver& driver, Group& group);
 // Returns every frame of a group that goes.
 void releaseFrames(State& state, Group& group);
 
-// Makes all free lists anew from the frame records.
+// The group's counters and what is free now.
+[[nodiscard]] zorvik_ifg_stats frameStats(const State& state, const Group& group);
+
+// Makes all free lists anew from the frame records, and puts the counters right by them.
 void rebuildFreeLists(State& state);
 
 }  // namespace tarnik::zorvik

@@ -134,6 +134,9 @@ int createGroup(Driver& driver, std::string_view name) {
   if (const int result = checkName(name, "ctl", "net_data"); result != 0) {
     return result;
   }
+  if (name == ZORVIK_IFG_NIL_NAME) {
+    return -EINVAL;
+  }
   State& state = driver.state();
   if (findGroup(state, name) != nullptr || exists(std::string(ZORVIK_DEV_DIR "/").append(name))) {
     return -EEXIST;

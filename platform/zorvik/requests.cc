@@ -2,10 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <new>
-#include <string_view>
 
+#include "platform/zorvik/call.h"
 #include "platform/zorvik/frames.h"
 #include "platform/zorvik/groups.h"
 #include "platform/zorvik/repair.h"
@@ -14,28 +13,6 @@
 namespace tarnik::zorvik {
 
 namespace {
-
-enum class Node { kDriverCtl, kNetData, kGroupCtl, kFrmDesc, kQueue };
-
-struct Call {
-  Driver& driver;
-  Lock& lock;  // held; a service that sleeps releases it
-  int fd;
-  void* argument;
-  Group* group;  // of kGroupCtl, kFrmDesc and kQueue
-  Queue* queue;  // of kQueue
-
-  [[nodiscard]] State& state() const { return driver.state(); }
-  template <typename T>
-  [[nodiscard]] T& as() const {
-    return *static_cast<T*>(argument);
-  }
-};
-
-template <std::size_t N>
-std::string_view nameIn(const char (&field)[N]) {
-  return {field, ::strnlen(field, N)};
-}
 
 // ---- The driver's control node and the payload node
 
@@ -57,58 +34,23 @@ int setLogMask(Call& call) {
   return 0;
 }
 
-int netDataSize(Call& call) {
-  call.as<std::uint32_t>() = call.state().payloadSize;
-  return 0;
-}
-
-// ---- A group's control node
-
-int ifgQuery(Call& call) {
-  auto& query = call.as<zorvik_ifg_query>();
-  if (query.count == 0) {
-    query.flags = call.group->flags;
-  } else {
-    query.count = 0;  // a group of this driver has no interfaces
-  }
-  return 0;
-}
-
-int ifgSetFlags(Call& call) {
-  call.group->flags = reinterpret_cast<std::uintptr_t>(call.argument);
-  return 0;
-}
-
-int frmDataCreate(Call& call) {
-  return createFrameData(call.driver, *call.group, call.as<const std::uint32_t>());
-}
-
-int qCreate(Call& call) {
-  const auto& create = call.as<const zorvik_q_create>();
-  return createQueue(call.driver, *call.group, nameIn(create.name), create.type, create.size);
-}
-
-int qRemove(Call& call) {
-  return removeQueue(call.driver, *call.group, call.as<const std::uint32_t>());
-}
-
-int qEnum(Call& call) {
-  auto& list = call.as<zorvik_q_enum>();
+int ifgEnum(Call& call) {
+  auto& list = call.as<zorvik_ifg_enum>();
   const std::uint32_t capacity = std::min(list.count, ZORVIK_ENUM_MAX);
   std::uint32_t count = 0;
-  for (const Queue& queue : call.group->queues) {
-    if (queue.life == Life::kLive && count < capacity) {
-      zorvik_q_record& record = list.records[count++];
-      record = {.id = queue.id,
-                .type = queue.type,
-                .entries = queue.slots,
-                .reserved = 0,
-                .name = {},
-                .requested = queue.requested};
-      std::memcpy(record.name, queue.name, sizeof(record.name));
+  for (const Group& group : call.state().groups) {
+    if (group.life == Life::kLive && count < capacity) {
+      zorvik_ifg_record& record = list.records[count++];
+      record = {.id = group.id, .num_ifs = group.settings().config.num_ifs, .name = {}};
+      std::memcpy(record.name, group.name, sizeof(record.name));
     }
   }
   list.count = count;
+  return 0;
+}
+
+int netDataSize(Call& call) {
+  call.as<std::uint32_t>() = call.state().payloadSize;
   return 0;
 }
 
@@ -235,7 +177,12 @@ constexpr Service kServices[] = {
     {ZORVIK_IFG_CREATE, Node::kDriverCtl, ifgCreate},
     {ZORVIK_IFG_REMOVE, Node::kDriverCtl, ifgRemove},
     {ZORVIK_IFG_QUERY, Node::kGroupCtl, ifgQuery},
+    {ZORVIK_IFG_ENUM, Node::kDriverCtl, ifgEnum},
     {ZORVIK_IFG_SET_FLAGS, Node::kGroupCtl, ifgSetFlags},
+    {ZORVIK_IFG_CONFIGURE, Node::kGroupCtl, ifgConfigure},
+    {ZORVIK_IFG_STATS, Node::kGroupCtl, ifgStats},
+    {ZORVIK_QPAIR_SET, Node::kGroupCtl, qpairSet},
+    {ZORVIK_QPAIR_GET, Node::kGroupCtl, qpairGet},
     {ZORVIK_Q_CREATE, Node::kGroupCtl, qCreate},
     {ZORVIK_FRM_DATA_CREATE, Node::kGroupCtl, frmDataCreate},
     {ZORVIK_FRM_DESC_SIZE, Node::kFrmDesc, frmDescSize},
@@ -274,14 +221,14 @@ bool locate(Call& call, Node kind, std::uint64_t inode) {
   return false;
 }
 
-std::optional<int> serveOn(Driver& driver, const Service& service, const struct stat& status,
-                           int fd, void* argument) {
-  if (driver.state().device != status.st_dev) {
+std::optional<int> serveOn(Driver& driver, const Service& service, const NodeFile& file, int fd,
+                           void* argument) {
+  if (driver.state().device != file.device) {
     return std::nullopt;
   }
   Lock lock(driver.state());
   Call call{driver, lock, fd, argument, nullptr, nullptr};
-  if (!locate(call, service.node, status.st_ino)) {
+  if (!locate(call, service.node, file.inode)) {
     return std::nullopt;
   }
   if (argument == nullptr && _IOC_SIZE(service.request) != 0) {
@@ -295,25 +242,33 @@ std::optional<int> serveOn(Driver& driver, const Service& service, const struct 
 
 }  // namespace
 
-std::optional<int> serve(int fd, unsigned long request, void* argument) noexcept {
+std::optional<NodeFile> fileOf(int fd) noexcept {
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    return std::nullopt;
+  }
+  return NodeFile{status.st_dev, status.st_ino};
+}
+
+std::optional<int> serve(int fd, const NodeFile& file, unsigned long request,
+                         void* argument) noexcept {
   // Callers that hold the number in an int hand it over sign-extended.
   const auto* service = std::find_if(
       std::begin(kServices), std::end(kServices),
       [=](const Service& each) { return each.request == static_cast<std::uint32_t>(request); });
-  struct stat status {};
-  if (service == std::end(kServices) || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (service == std::end(kServices)) {
     return std::nullopt;
   }
   try {
     Driver* driver = Driver::get();
     std::optional<int> result;
     if (driver != nullptr) {
-      result = serveOn(*driver, *service, status, fd, argument);
+      result = serveOn(*driver, *service, file, fd, argument);
     }
     if (!result) {
       // The driver may have been loaded anew since this process first met it.
       if (Driver* now = Driver::get(true); now != nullptr && now != driver) {
-        result = serveOn(*now, *service, status, fd, argument);
+        result = serveOn(*now, *service, file, fd, argument);
       }
     }
     return result;

@@ -5,12 +5,16 @@
 // that a single store changes:
 // - a group or queue is there when its `life` is kLive; kPending says that its nodes are being
 //   made or removed, and that whoever comes next is to finish the removal;
-// - a frame is allocated when its record names a buffer.
-// Free lists and their counts are derived from the latter, and rebuilt from it.
+// - a frame is allocated when its record names a buffer;
+// - of a group's two settings that one is in force which `inForce` names; a change is written
+//   into the other and then put into force.
+// Free lists, their counts and what the counters of frames given out and taken back lack are
+// derived from the records, and rebuilt from them.
 #pragma once
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -18,7 +22,7 @@
 
 namespace tarnik::zorvik {
 
-inline constexpr std::uint64_t kStateMagic = 0x316b6976726f7aULL;  // "zorvik1"
+inline constexpr std::uint64_t kStateMagic = 0x326b6976726f7aULL;  // "zorvik2"
 inline constexpr std::uint32_t kMaxGroups = 8;
 inline constexpr std::uint32_t kMaxQueues = ZORVIK_ENUM_MAX;
 inline constexpr std::uint32_t kMaxClasses = 4;
@@ -55,6 +59,14 @@ struct FrameRecord {
   std::uint8_t reserved[3];
 };
 
+// What a group was told.
+struct Settings {
+  zorvik_ifg_config config;
+  zorvik_qpair_cfg queuePairs[ZORVIK_QPAIR_MAX];
+  std::uint32_t cookie;  // the number of the configuration, 0 before the first, at most INT_MAX
+  std::uint32_t reserved;
+};
+
 struct Group {
   Life life;
   std::uint32_t id;
@@ -67,7 +79,23 @@ struct Group {
   std::uint32_t freeHead;  // oldest first, so that an identifier comes back as late as possible
   std::uint32_t freeTail;
   std::uint32_t freeCount;
+  std::uint32_t inForce;        // 0 or 1
+  std::uint64_t allocs;         // frames given out
+  std::uint64_t frees;          // frames taken back
+  std::uint64_t allocEmpty;     // requests that found none
+  std::uint64_t allocTooLarge;  // requests for more than any buffer holds
+  Settings settingsPair[2];
   Queue queues[kMaxQueues];
+
+  [[nodiscard]] const Settings& settings() const { return settingsPair[inForce]; }
+  void putInForce(const Settings& next) {
+    const std::uint32_t other = 1 - inForce;
+    settingsPair[other] = next;
+    // Not before the settings are whole, whenever the process dies.
+    std::atomic_ref(inForce).store(other, std::memory_order_release);
+  }
+  [[nodiscard]] std::uint32_t frames() const { return records == 0 ? 0 : records - 1; }
+  [[nodiscard]] std::uint32_t framesOut() const { return frames() - freeCount; }
 };
 
 // Buffers of one size, one behind the other in the payload memory.

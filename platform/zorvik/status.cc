@@ -1,7 +1,11 @@
 #include "platform/zorvik/status.h"
 
-#include <cinttypes>
+#include <net/if.h>
 
+#include <cinttypes>
+#include <string>
+
+#include "platform/zorvik/frames.h"
 #include "platform/zorvik/ring.h"
 
 namespace tarnik::zorvik {
@@ -28,6 +32,60 @@ void printQueue(std::FILE* out, Driver& driver, const Group& group, const Queue&
   std::fprintf(out, "  %s\n", isIdle(nodePath(group, queue.name)) ? "closed" : "open");
 }
 
+std::string kernelName(std::uint32_t kernIf) {
+  char name[IF_NAMESIZE];
+  return ::if_indextoname(kernIf, name) == nullptr ? "(gone)" : name;
+}
+
+const char* modeName(std::uint32_t mode) {
+  constexpr const char* kNames[] = {"inline", "passive", "bypass"};
+  return mode >= ZORVIK_IF_INLINE && mode <= ZORVIK_IF_BYPASS ? kNames[mode - ZORVIK_IF_INLINE]
+                                                              : "?";
+}
+
+void printSettings(std::FILE* out, const Settings& settings) {
+  const zorvik_ifg_config& config = settings.config;
+  if (settings.cookie == 0) {
+    std::fprintf(out, "  no interfaces\n");
+  } else {
+    std::fprintf(out, "  configuration %" PRIu32 "  link 0x%x  fwd-unanalyzed %" PRIu32,
+                 settings.cookie, unsigned{config.link_config}, config.fwd_unanalyzed);
+    std::fprintf(out, "  prop-link %" PRIu32 " after %" PRIu32 " ms\n", config.prop_link,
+                 config.prop_link_time);
+  }
+  for (std::uint32_t i = 0; i < config.num_ifs; ++i) {
+    const zorvik_if_record& each = config.ifs[i];
+    std::fprintf(out, "  interface %" PRIu32 " %s  kernel %" PRIu32 "  mate %" PRIu32, i,
+                 kernelName(each.kern_if).c_str(), each.kern_if, each.mate);
+    std::fprintf(out, "  %s/%" PRIu32 "  mtu %" PRIu32 "  speed %" PRIu32 "  duplex %" PRIu32 "\n",
+                 modeName(each.mode), each.sub_mode, each.mtu, each.speed, each.duplex);
+  }
+  for (const zorvik_qpair_cfg& pair : settings.queuePairs) {
+    if (pair.size != 0 || pair.if_mask != 0 || pair.cpu_mask != 0) {
+      std::fprintf(out,
+                   "  queue pair %" PRIu32 "  size %" PRIu32 "  interfaces 0x%" PRIx64
+                   "  processors 0x%" PRIx64 "\n",
+                   pair.index, pair.size, pair.if_mask, pair.cpu_mask);
+    }
+  }
+}
+
+void printGroup(std::FILE* out, Driver& driver, const Group& group) {
+  const zorvik_ifg_stats stats = frameStats(driver.state(), group);
+  std::fprintf(out, "group %s  flags 0x%" PRIx64 "  frames %" PRIu32 ", free %" PRIu32 "\n",
+               group.name, group.flags, stats.frm_count, stats.frm_free);
+  std::fprintf(out,
+               "  frames given out %" PRIu64 ", taken back %" PRIu64
+               "; requests that found none %" PRIu64 ", that asked too much %" PRIu64 "\n",
+               stats.frm_allocs, stats.frm_frees, stats.alloc_empty, stats.alloc_too_large);
+  printSettings(out, group.settings());
+  for (const Queue& queue : group.queues) {
+    if (queue.life == Life::kLive) {
+      printQueue(out, driver, group, queue);
+    }
+  }
+}
+
 }  // namespace
 
 void printStatus(std::FILE* out, Driver& driver) {
@@ -40,16 +98,8 @@ void printStatus(std::FILE* out, Driver& driver) {
                  each.count, each.freeCount);
   }
   for (const Group& group : state.groups) {
-    if (group.life != Life::kLive) {
-      continue;
-    }
-    std::fprintf(out, "group %s  flags 0x%" PRIx64 "  frames %" PRIu32 ", free %" PRIu32 "\n",
-                 group.name, group.flags, group.records == 0 ? 0 : group.records - 1,
-                 group.freeCount);
-    for (const Queue& queue : group.queues) {
-      if (queue.life == Life::kLive) {
-        printQueue(out, driver, group, queue);
-      }
+    if (group.life == Life::kLive) {
+      printGroup(out, driver, group);
     }
   }
   const Faults& faults = state.faults;

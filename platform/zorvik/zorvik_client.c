@@ -9,6 +9,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "frameq/zorvik_layout.h"
@@ -65,6 +66,86 @@ static void strangers(int ctl) {
   CHECK(ioctl(ctl, (unsigned long)number, &mask) == 0);
 }
 
+/* What the group was told and what it counts; index 0 is no interface of any machine. */
+static void settings(int ctl, int ifg) {
+  struct zorvik_ifg_enum groups = {.count = ZORVIK_ENUM_MAX};
+  CHECK(ioctl(ctl, ZORVIK_IFG_ENUM, &groups) == 0 && groups.count == 2);
+  CHECK(strcmp(groups.records[1].name, "client") == 0 && groups.records[1].num_ifs == 0);
+  struct zorvik_ifg_config config = {.num_ifs = 2};
+  for (uint32_t i = 0; i < 2; ++i) {
+    config.ifs[i].mate = 1 - i;
+    config.ifs[i].mode = ZORVIK_IF_INLINE;
+  }
+  REFUSED(ioctl(ifg, ZORVIK_IFG_CONFIGURE, &config), ENXIO);
+  struct zorvik_if_record records[ZORVIK_IF_MAX];
+  struct zorvik_ifg_query query = {.flags = (uintptr_t)records, .count = ZORVIK_IF_MAX};
+  CHECK(ioctl(ifg, ZORVIK_IFG_QUERY, &query) == 0 && query.count == 0);
+  struct zorvik_qpair_cfg pair = {.index = 31, .size = 10, .cpu_mask = 1};
+  CHECK(ioctl(ifg, ZORVIK_QPAIR_SET, &pair) == 0);
+  pair.size = 0;
+  CHECK(ioctl(ifg, ZORVIK_QPAIR_GET, &pair) == 0 && pair.size == 10 && pair.cpu_mask == 1);
+  pair.index = 32;
+  REFUSED(ioctl(ifg, ZORVIK_QPAIR_GET, &pair), EINVAL);
+  struct zorvik_ifg_stats stats;
+  CHECK(ioctl(ifg, ZORVIK_IFG_STATS, &stats) == 0 && stats.frm_count == 10);
+  CHECK(stats.frm_free == 10 && stats.frm_allocs == 1 && stats.frm_frees == 1);
+}
+
+/* Stands a node at the number `fd` and uses it there. */
+static int known(int fd) {
+  uint64_t mask = 0;
+  CHECK(ioctl(fd, ZORVIK_GET_LOG_MASK, &mask) == 0 && ioctl(fd, ZORVIK_GET_LOG_MASK, &mask) == 0);
+  return fd;
+}
+
+/* The number `fd` now is the payload node's, which has no such request. */
+static void replaced(int fd) {
+  uint64_t mask = 0;
+  uint32_t size = 0;
+  REFUSED(ioctl(fd, ZORVIK_GET_LOG_MASK, &mask), ENOTTY);
+  CHECK(ioctl(fd, ZORVIK_NET_DATA_SIZE, &size) == 0);
+}
+
+/* In whatever way a descriptor is closed or replaced, its number then stands for the new file. */
+static void numbers(void) {
+  int fd = known(node(ZORVIK_CTL_NODE));
+  close(fd);
+  CHECK(node(ZORVIK_NET_DATA_NODE) == fd);
+  replaced(fd);
+
+  const int other = node(ZORVIK_CTL_NODE);
+  CHECK(dup2(other, fd) == fd);
+  const int net = node(ZORVIK_NET_DATA_NODE);
+  CHECK(dup2(net, known(fd)) == fd);
+  replaced(fd);
+  CHECK(dup3(other, fd, O_CLOEXEC) == fd && dup3(net, known(fd), O_CLOEXEC) == fd);
+  replaced(fd);
+
+  CHECK(dup2(other, fd) == fd && close_range((unsigned)known(fd), (unsigned)fd, 0) == 0);
+  CHECK(dup(net) == fd);
+  replaced(fd);
+
+  CHECK(dup2(other, fd) == fd);
+  FILE* stream = fdopen(known(fd), "r+");
+  CHECK(stream != NULL && fclose(stream) == 0 && dup(net) == fd);
+  replaced(fd);
+
+  const int high = fcntl(other, F_DUPFD, fd + 5);
+  closefrom(known(high));
+  CHECK(fcntl(net, F_DUPFD, high) == high);
+  replaced(high);
+  closefrom(high);
+
+  const struct rlimit many = {.rlim_cur = 4096, .rlim_max = 4096};
+  CHECK(setrlimit(RLIMIT_NOFILE, &many) == 0 && dup2(other, 2000) == 2000);
+  CHECK(dup2(net, known(2000)) == 2000);
+  replaced(2000);
+  close(2000);
+  close(net);
+  close(other);
+  close(fd);
+}
+
 static void frames(int desc, struct zorvik_qmem* qmem, int queue) {
   struct zorvik_frm_desc_size size;
   CHECK(ioctl(desc, ZORVIK_FRM_DESC_SIZE, &size) == 0 && size.size == 11 * 128);
@@ -107,6 +188,7 @@ int main(int argc, char** argv) {
   }
   const int ctl = node(ZORVIK_CTL_NODE);
   strangers(ctl);
+  numbers();
   const struct zorvik_ifg_create group = {.name = "client"};
   CHECK(ioctl(ctl, ZORVIK_IFG_CREATE, &group) == 0);
   REFUSED(ioctl(ctl, ZORVIK_IFG_CREATE, &group), EEXIST);
@@ -124,6 +206,7 @@ int main(int argc, char** argv) {
   struct zorvik_qmem* qmem = map(queue, &stat);
   CHECK(stat.id == (uint32_t)id && stat.entries == 8 && stat.mem_size == 384);
   frames(desc, qmem, queue);
+  settings(ctl, ifg);
   CHECK(system("exit 3") == 3 << 8); /* the shell loads the library too */
 
   const uint32_t remove = (uint32_t)id;

@@ -51,15 +51,14 @@ constexpr Fatal kFatal[] = {
 };
 
 // Runs the change in a child, one machine instruction after the other, and kills it after `steps`,
-// or when the change is done; the steps made.
-long dieAfter(const Fatal& fatal, long steps) {
-  if (fatal.change == kFatal[3].change) {
-    dieHoldingTheLock();
-  }
+// or when the change is done; the steps made. What is to be done `before` is done as a whole.
+template <typename Before, typename Change>
+long dieAfter(long steps, Before before, Change change) {
   Child child([&] {
+    [[maybe_unused]] const auto held = before();
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     (void)::raise(SIGSTOP);
-    fatal.change();
+    change();
     (void)::raise(SIGSTOP);
     return 0;
   });
@@ -74,11 +73,23 @@ long dieAfter(const Fatal& fatal, long steps) {
   return made;
 }
 
+long dieAfter(const Fatal& fatal, long steps) {
+  if (std::string_view(fatal.name) == "recovery") {
+    dieHoldingTheLock();
+  }
+  return dieAfter(
+      steps, [] { return 0; }, fatal.change);
+}
+
+bool canTrace() {
+  Child probe([] { return ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 ? 0 : 1; });
+  return probe.join() == 0;
+}
+
 class DeathTest : public DriverTest, public ::testing::WithParamInterface<Fatal> {};
 
 TEST_P(DeathTest, AfterAnyInstructionIsPutRight) {
-  Child probe([] { return ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 ? 0 : 1; });
-  if (probe.join() != 0) {
+  if (!canTrace()) {
     GTEST_SKIP() << "this machine allows no ptrace";
   }
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(8);
@@ -104,6 +115,53 @@ TEST_P(DeathTest, AfterAnyInstructionIsPutRight) {
   RecordProperty("steps", static_cast<int>(all));
   RecordProperty("deaths", static_cast<int>(deaths));
   EXPECT_GT(Driver::get()->state().deaths, 0u);
+}
+
+// Configures "brund" with `count` interfaces and a queue pair for the last of them.
+Settings tell(std::uint32_t count) {
+  const Fd ifg = node("brund/ctl");
+  zorvik_ifg_config wanted = description(count);
+  zorvik_qpair_cfg pair{
+      .index = 31, .size = count, .if_mask = 1ull << (count - 1), .cpu_mask = count};
+  EXPECT_EQ(call(ifg, ZORVIK_IFG_CONFIGURE, &wanted), 0);
+  EXPECT_EQ(call(ifg, ZORVIK_QPAIR_SET, &pair), 0);
+  return findGroup(Driver::get()->state(), "brund")->settings();
+}
+
+bool same(const Settings& one, const Settings& two) {
+  return std::memcmp(&one, &two, sizeof(Settings)) == 0;
+}
+
+using SettingsDeathTest = DriverTest;
+
+// Settings are of many words and changed in few instructions, so deaths are tried one beside the
+// other, in a process that has the lock. Of three settings, those before the last are neither the
+// old ones nor the new.
+TEST_F(SettingsDeathTest, LeavesTheOldSettingsOrTheNewOnes) {
+  if (!canTrace()) {
+    GTEST_SKIP() << "this machine allows no ptrace";
+  }
+  const Settings settings[] = {tell(32), tell(2), tell(16)};
+  State& state = Driver::get()->state();
+  Group& group = *findGroup(state, "brund");
+  std::size_t now = 2;
+  const auto die = [&](long steps) {
+    return dieAfter(
+        steps, [&] { return std::make_unique<Lock>(state); },
+        [&] { group.putInForce(settings[(now + 1) % 3]); });
+  };
+  const long all = die(10000000);
+  now = 0;
+  ASSERT_TRUE(same(group.settings(), settings[now]));
+  for (long steps = 1; steps < all; steps += 1 + all / 400) {
+    (void)die(steps);
+    ASSERT_EQ(inconsistencies(), "") << "death after " << steps << " of " << all << " steps";
+    const std::size_t next = (now + 1) % 3;
+    if (same(group.settings(), settings[next])) {
+      now = next;
+    }
+    ASSERT_TRUE(same(group.settings(), settings[now])) << steps << " of " << all << " steps";
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Processes, DeathTest, ::testing::ValuesIn(kFatal),

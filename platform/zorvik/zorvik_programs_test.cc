@@ -1,4 +1,5 @@
 // The programs as they are used: a stranger's one with the library preloaded, and zorvikctl.
+#include <atomic>
 #include <cstdio>
 #include <memory>
 #include <thread>
@@ -77,9 +78,16 @@ TEST_F(PreloadTest, SleeperIsWokenByAnotherProcess) {
   ASSERT_NE(sleeper, nullptr);
   char line[16] = "";
   EXPECT_NE(std::fgets(line, sizeof(line), sleeper), nullptr);
-  std::this_thread::sleep_for(std::chrono::milliseconds(150));
-  EXPECT_EQ(queue.wake(queue.qmem().cresq.kresq_handle), 0);
+  std::atomic<bool> ended{false};
+  std::thread waker([&] {
+    while (!ended) {  // again, in case it does not sleep yet
+      std::this_thread::sleep_for(std::chrono::milliseconds(130));
+      EXPECT_EQ(queue.wake(queue.qmem().cresq.kresq_handle), 0);
+    }
+  });
   EXPECT_EQ(::pclose(sleeper), 0);
+  ended = true;
+  waker.join();
 }
 
 class CtlTest : public ::testing::Test {
@@ -123,14 +131,19 @@ TEST_F(CtlTest, LoadCreateStatusRemoveUnload) {
   EXPECT_EQ(ctl("create-ifg small --frames 0x5").output, "");
   EXPECT_GT(createQ(node("brund/ctl"), "TarnikQ", 5000), 0);
   EXPECT_EQ(alloc(node("brund/frm_desc"), 1, 3).size(), 3u);
-  EXPECT_EQ(ctl("status").output,
-            "payload 151552 bytes, logging mask 0x0\n"
-            "buffers of 2048 bytes: 10, free 7\n"
-            "buffers of 65536 bytes: 2, free 2\n"
-            "group brund  flags 0x0  frames 12, free 9\n"
-            "  queue TarnikQ  id 3  type 5  entries 8192  requested 5000  queued 0  producer"
-            "  consumer  closed\n"
-            "group small  flags 0x0  frames 5, free 5\n");
+  EXPECT_EQ(
+      ctl("status").output,
+      "payload 151552 bytes, logging mask 0x0\n"
+      "buffers of 2048 bytes: 10, free 7\n"
+      "buffers of 65536 bytes: 2, free 2\n"
+      "group brund  flags 0x0  frames 12, free 9\n"
+      "  frames given out 3, taken back 0; requests that found none 0, that asked too much 0\n"
+      "  no interfaces\n"
+      "  queue TarnikQ  id 3  type 5  entries 8192  requested 5000  queued 0  producer"
+      "  consumer  closed\n"
+      "group small  flags 0x0  frames 5, free 5\n"
+      "  frames given out 0, taken back 0; requests that found none 0, that asked too much 0\n"
+      "  no interfaces\n");
   EXPECT_EQ(ctl("reclaim brund").output, "3 frames returned\n");
   refused("reclaim nobody", 1, "there is no group 'nobody'");
   refused("remove-ifg nobody", 1, "there is no group 'nobody'");
@@ -145,6 +158,36 @@ TEST_F(CtlTest, LoadCreateStatusRemoveUnload) {
   }
   EXPECT_EQ(ctl("remove-ifg brund").output, "");
   EXPECT_EQ(ctl("unload").output, "");
+}
+
+// The program meets the machine's true interfaces, which are none of these.
+TEST_F(CtlTest, StatusTellsWhatAGroupWasTold) {
+  EXPECT_EQ(ctl("load --frames 64x8").output, "");
+  EXPECT_EQ(ctl("create-ifg brund").output, "");
+  refused("create-ifg _nil_ifg", 1, "not ctl, net_data or _nil_ifg");
+  zorvik_ifg_config wanted = description(2, 163);
+  wanted.link_config = 0x21;
+  wanted.fwd_unanalyzed = wanted.prop_link = 1;
+  wanted.prop_link_time = 6000;
+  zorvik_qpair_cfg pair{.index = 5, .size = 4000, .if_mask = 3, .cpu_mask = 0xc};
+  ASSERT_EQ(call(node("brund/ctl"), ZORVIK_IFG_CONFIGURE, &wanted), 0);
+  ASSERT_EQ(call(node("brund/ctl"), ZORVIK_QPAIR_SET, &pair), 0);
+  {
+    const Fd desc = node("brund/frm_desc");
+    EXPECT_EQ(alloc(desc, 65, 1).size(), 0u);
+    const auto ids = alloc(desc, 64, 62);
+    EXPECT_EQ(alloc(desc, 64, 1).size(), 0u);
+    EXPECT_EQ(freeId(desc, ids.at(3)), 0);
+  }
+  EXPECT_THAT(
+      ctl("status").output,
+      HasSubstr(
+          "group brund  flags 0x0  frames 8, free 1\n"
+          "  frames given out 8, taken back 1; requests that found none 1, that asked too much 1\n"
+          "  configuration 1  link 0x21  fwd-unanalyzed 1  prop-link 1 after 6000 ms\n"
+          "  interface 0 (gone)  kernel 163  mate 1  passive/4  mtu 1500  speed 1000  duplex 2\n"
+          "  interface 1 (gone)  kernel 164  mate 0  passive/4  mtu 1500  speed 1000  duplex 2\n"
+          "  queue pair 5  size 4000  interfaces 0x3  processors 0xc\n"));
 }
 
 TEST_F(CtlTest, Faults) {

@@ -1,5 +1,9 @@
 #include "platform/zorvik/zorvik_testing.h"
 
+#include <net/if.h>
+
+#include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <sstream>
 
@@ -58,9 +62,33 @@ void checkPool(State& state, std::ostream& out) {
       out << "group " << group.name << ": " << freeFrames.size() << " free frames, count says "
           << group.freeCount << ", " << used << " used of " << group.records << "\n";
     }
+    if (group.life == Life::kLive && group.allocs - group.frees != used) {
+      out << "group " << group.name << ": " << group.allocs << " given out, " << group.frees
+          << " taken back, but " << used << " used\n";
+    }
   }
   if (seen.size() != state.buffers) {
     out << state.buffers - seen.size() << " buffers lost\n";
+  }
+}
+
+// Settings are such as the driver accepts.
+void checkSettings(const State& state, std::ostream& out) {
+  for (const Group& group : state.groups) {
+    if (group.life != Life::kLive) {
+      continue;
+    }
+    const Settings& settings = group.settings();
+    const std::uint32_t count = settings.config.num_ifs;
+    if (group.inForce > 1 || count > ZORVIK_IF_MAX || (count == 0) != (settings.cookie == 0)) {
+      out << "group " << group.name << ": " << count << " interfaces, cookie " << settings.cookie
+          << "\n";
+    }
+    for (const zorvik_qpair_cfg& pair : settings.queuePairs) {
+      if (pair.if_mask >> count != 0) {
+        out << "queue pair " << pair.index << ": interface mask " << pair.if_mask << "\n";
+      }
+    }
   }
 }
 
@@ -112,6 +140,7 @@ std::string inconsistencies() {
   const Lock lock(driver->state());
   checkPool(driver->state(), out);
   checkRecords(driver->state(), out);
+  checkSettings(driver->state(), out);
   checkNodes(driver->state(), out);
   return out.str();
 }
@@ -131,3 +160,13 @@ void removeAllBut(const std::string& name) {
 }
 
 }  // namespace tarnik::zorvik
+
+// The machine, as the tests have it.
+extern "C" char* if_indextoname(unsigned index, char* name) noexcept {
+  if (index >= 101 && index <= 164) {
+    std::snprintf(name, IF_NAMESIZE, "test%u", index);
+    return name;
+  }
+  errno = ENXIO;
+  return nullptr;
+}

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <set>
@@ -76,6 +77,47 @@ inline int freeId(const Fd& desc, std::uint32_t id) {
   zorvik_frm_free argument{};
   argument.frame_id = id;
   return call(desc, ZORVIK_FRM_FREE, &argument);
+}
+
+// A description of `count` interfaces, of those from `first` on. In a test program the machine has
+// the interfaces 101 to 164 and no others.
+inline zorvik_ifg_config description(std::uint32_t count, std::uint32_t first = 101) {
+  zorvik_ifg_config config{};
+  config.num_ifs = count;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    config.ifs[i] = {.kern_if = first + i,
+                     .mate = i ^ 1u,
+                     .mode = ZORVIK_IF_PASSIVE,
+                     .sub_mode = 4,
+                     .mtu = 1500,
+                     .speed = 1000,
+                     .duplex = 2,
+                     .reserved = 0};
+  }
+  return config;
+}
+
+// The group's interfaces and, in `cookie`, the request's result.
+inline std::vector<zorvik_if_record> interfaces(const Fd& ifg, int* cookie = nullptr,
+                                                std::uint32_t capacity = ZORVIK_IF_MAX) {
+  std::vector<zorvik_if_record> records(ZORVIK_IF_MAX);
+  zorvik_ifg_query query{};
+  query.flags = reinterpret_cast<std::uintptr_t>(records.data());
+  query.count = capacity;
+  const int result = call(ifg, ZORVIK_IFG_QUERY, &query);
+  EXPECT_GE(result, 0);
+  if (cookie != nullptr) {
+    *cookie = result;
+  }
+  EXPECT_LE(query.count, std::min(capacity, ZORVIK_IF_MAX));
+  records.resize(std::min(query.count, ZORVIK_IF_MAX));
+  return records;
+}
+
+inline zorvik_ifg_stats statistics(const Fd& ifg) {
+  zorvik_ifg_stats stats{};
+  EXPECT_EQ(call(ifg, ZORVIK_IFG_STATS, &stats), 0);
+  return stats;
 }
 
 // A queue as an application opens it.

@@ -32,7 +32,7 @@ constexpr char kHelp[] =
   create-ifg NAME [--frames N]     create an interface group and its frame data
                                    (default: as many frames as there are buffers)
   remove-ifg NAME                  remove a group with its queues
-  status                           show pool, groups, queues and faults
+  status                           show pool, groups, their interfaces and queues, and faults
   repair GROUP QUEUE               free a queue that a process died in the middle of using: every
                                    torn slot when nobody has it open, else the one at which the
                                    others are stuck (make sure that the dead one is dead)
@@ -170,7 +170,7 @@ int createIfg(Driver& driver, const Arguments& arguments) {
     case -ENAMETOOLONG:
       return fail(quoted(name) +
                   " cannot name a group: 1 to 16 characters, no '/', no dot first, "
-                  "not ctl or net_data");
+                  "not ctl, net_data or " ZORVIK_IFG_NIL_NAME);
     case -ENOSPC:
       return fail("no room for another group (8 at most); remove one, or enlarge " ZORVIK_DEV_DIR);
     default:
