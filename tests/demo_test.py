@@ -25,6 +25,7 @@ class Recording(DemoTest):
         self.assertEqual(account["seen"], account["accepted"])
         self.assertEqual(account["files"], 60)
         self.assertIn("balanced", output)
+        self.assertNotIn("interface group stays", errors)
         self.assert_whole()
         self.assertIn("onTerminate: Received SIGTERM, exiting",
                       (self.out / "tarnikd.log").read_text())
@@ -123,6 +124,15 @@ class Refusals(DemoTest):
         self.assertIn("which is emptied first: choose another --out", errors)
         self.assertEqual(len(list((self.out / "captures").glob("*.pcap"))), 60)
 
+    def test_a_daemon_that_cannot_begin(self):
+        config = self.directory / "tarnik.conf"
+        config.write_text("tarnik.file.maxno = x\n")
+        status, _, errors = self.record("--config", config, self.traffic)
+        self.assertEqual(status, 1)
+        self.assertIn("demo: tarnikd ended with status 1; its last lines:\n", errors)
+        self.assertIn("Fatal error: tarnikd: Failed to load the configuration", errors)
+        self.assertNotIn("within 30 seconds", errors)  # brund-sim does not wait for it
+
     def test_a_place_where_another_demo_records(self):
         process = self.start("--speed", "100", self.traffic)
         self.daemon_of(process)
@@ -218,7 +228,7 @@ class Leftovers(DemoTest):
     def test_after_ctrl_c_in_a_chroot(self):
         process = self.start("--speed", "100", self.traffic, start_new_session=True,
                              env=dict(os.environ, TARNIK_PRIVATE_ROOT_MODE="chroot"))
-        time.sleep(4)
+        self.daemon_of(process)
         before = descendants(process.pid)
         os.killpg(process.pid, signal.SIGINT)
         _, errors = process.communicate(timeout=60)

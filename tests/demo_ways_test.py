@@ -11,7 +11,7 @@ import subprocess
 import time
 import unittest
 
-from demo_fixture import (AS_NOBODY, BUILD, NO_CHROOT, PRIVATE_ROOT, RECORD, DemoTest, can,
+from demo_fixture import (AS_NOBODY, BUILD, NO_BWRAP, NO_CHROOT, PRIVATE_ROOT, RECORD, DemoTest, can,
                           descendants, main)
 
 
@@ -52,7 +52,7 @@ class Signals(DemoTest):
 
 
 class Ways(DemoTest):
-    @unittest.skipUnless(can("bwrap"), "no namespaces on this machine: nothing to sniff")
+    @unittest.skipUnless(can("bwrap"), NO_BWRAP)
     def test_live_network(self):
         status, _, errors = self.record("--seconds", "6")
         self.assertEqual(status, 0, errors)

@@ -227,7 +227,7 @@ def generate(build, directory):
 
 
 def main():
-    if subprocess.run([PROJECT / "platform/private-root/private-root", "--which"],
+    if subprocess.run([PROJECT / "platform/private-root/private-root", "--which", "--pair"],
                       stdout=subprocess.DEVNULL).returncode != 0:
         return 77  # its reason stands in the line before
     build = pathlib.Path(sys.argv[1])

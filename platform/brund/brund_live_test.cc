@@ -7,12 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-
-#include "platform/brund/test_daemon.h"
-#include "platform/brund/test_data.h"
-#include "platform/brund/text_file.h"
+#include "platform/brund/test_run.h"
 
 namespace tarnik::brund {
 namespace {
@@ -45,46 +40,23 @@ bool connectTo(const OwnedFd& fd, std::uint16_t port) {
   return connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
-class BrundLive : public ::testing::Test {
+class BrundLive : public RunTest {
  protected:
-  // Starts to sniff. False when this machine does not allow it; then `why_` is set.
+  // Starts to sniff. False when this machine does not allow it.
   bool sniff(const std::vector<std::string>& more = {}) {
-    std::string error;
-    EXPECT_TRUE(writeTextFile(dir_.path() + "/rules",
-                              "ips 70000 TCP tcp portrange 48080-48081\n"
-                              "nap 9 datagrams udp port 48082\n",
-                              error));
-    std::vector<std::string> arguments{
-        "--rules", dir_.path() + "/rules", "--account", dir_.path() + "/account", "--live", "lo"};
+    std::vector<std::string> arguments{"--live", "lo"};
     arguments.insert(arguments.end(), more.begin(), more.end());
-    program_ = std::make_unique<Program>(brundSim(arguments));
-    while (program_->running() && program_->errors().find("sniffing lo") == std::string::npos) {
-      usleep(5000);
-    }
-    if (!program_->running()) {
-      why_ = program_->errors();
-    }
-    return why_.empty();
-  }
-  std::string account() const {
-    std::ifstream in(dir_.path() + "/account");
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    start(file("rules",
+               "ips 70000 TCP tcp portrange 48080-48081\n"
+               "nap 9 datagrams udp port 48082\n"),
+          arguments);
+    return waitFor("sniffing lo");
   }
   // Ends the sniffing at once: what was sent before is still seen. The exit status.
-  int finish() {
+  int stop() {
     program_->signal(SIGINT);
-    return program_->wait();
+    return finish();
   }
-  static void createQueue() {
-    Program program(brundSim({"--create-queue", "--queue-size", "51"}));
-    ASSERT_EQ(program.wait(), 0) << program.errors();
-  }
-
-  TempDir dir_;
-  std::unique_ptr<Program> program_;
-  std::string why_;
 };
 
 // A request, an answer, and an orderly close from both sides.
@@ -103,10 +75,9 @@ void talk(const OwnedFd& listener) {
 
 TEST_F(BrundLive, ConnectionIsRecordedUpToItsClose) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   if (!sniff()) {
-    GTEST_SKIP() << "sniffing is not allowed here: " << why_;
+    GTEST_SKIP() << "sniffing is not allowed here: " << errors();
   }
   const OwnedFd listener = open(SOCK_STREAM);
   const int yes = 1;
@@ -116,7 +87,7 @@ TEST_F(BrundLive, ConnectionIsRecordedUpToItsClose) {
   ASSERT_EQ(listen(listener.get(), 5), 0);
   talk(listener);
   talk(listener);
-  EXPECT_EQ(finish(), 0) << program_->errors();
+  EXPECT_EQ(stop(), 0) << errors();
   daemon.stop();
 
   ASSERT_THAT(daemon.metadata(), SizeIs(2));
@@ -136,14 +107,13 @@ TEST_F(BrundLive, ConnectionIsRecordedUpToItsClose) {
 
 TEST_F(BrundLive, RefusedConnectionIsClosedByItsReset) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   if (!sniff()) {
-    GTEST_SKIP() << "sniffing is not allowed here: " << why_;
+    GTEST_SKIP() << "sniffing is not allowed here: " << errors();
   }
   const OwnedFd client = open(SOCK_STREAM);
   EXPECT_FALSE(connectTo(client, kSilentPort));
-  EXPECT_EQ(finish(), 0);
+  EXPECT_EQ(stop(), 0);
   daemon.stop();
   ASSERT_THAT(daemon.frames(), SizeIs(2));
   EXPECT_FALSE(daemon.frames()[0].last);
@@ -152,10 +122,9 @@ TEST_F(BrundLive, RefusedConnectionIsClosedByItsReset) {
 
 TEST_F(BrundLive, IdleFlowEndsWithoutAFurtherFrame) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   if (!sniff({"--idle", "1"})) {
-    GTEST_SKIP() << "sniffing is not allowed here: " << why_;
+    GTEST_SKIP() << "sniffing is not allowed here: " << errors();
   }
   const OwnedFd receiver = open(SOCK_DGRAM);
   const sockaddr_in address = local(kUdpPort);
@@ -166,7 +135,7 @@ TEST_F(BrundLive, IdleFlowEndsWithoutAFurtherFrame) {
   ASSERT_EQ(send(sender.get(), "2", 1, 0), 1);
   sleep(3);
   ASSERT_EQ(send(sender.get(), "3", 1, 0), 1);
-  EXPECT_EQ(finish(), 0);
+  EXPECT_EQ(stop(), 0);
   daemon.stop();
   ASSERT_THAT(daemon.frames(), SizeIs(3));
   EXPECT_THAT(daemon.frames(), Each(Field(&Received::last, false)));
@@ -177,10 +146,9 @@ TEST_F(BrundLive, IdleFlowEndsWithoutAFurtherFrame) {
 
 TEST_F(BrundLive, NeverWaitsForTheQueue) {
   const Driver driver;
-  createQueue();
   Daemon daemon(0, false);
   if (!sniff()) {
-    GTEST_SKIP() << "sniffing is not allowed here: " << why_;
+    GTEST_SKIP() << "sniffing is not allowed here: " << errors();
   }
   const OwnedFd receiver = open(SOCK_DGRAM);
   const sockaddr_in address = local(kUdpPort);
@@ -194,7 +162,7 @@ TEST_F(BrundLive, NeverWaitsForTheQueue) {
   program_->signal(SIGINT);
   usleep(500000);
   program_->signal(SIGINT);  // it waits for the daemon to take what was queued
-  EXPECT_EQ(program_->wait(), 1);
+  EXPECT_EQ(finish(), 1);
   EXPECT_THAT(account(), AllOf(HasSubstr("\"seen\": 200,"), HasSubstr("\"matched\": 200,"),
                                HasSubstr("\"queued\": 63,"), HasSubstr("\"queue full\": 137,"),
                                HasSubstr("\"balanced\": true")));
@@ -202,21 +170,19 @@ TEST_F(BrundLive, NeverWaitsForTheQueue) {
 
 TEST_F(BrundLive, EndsAfterItsTime) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   if (!sniff({"--seconds", "1"})) {
-    GTEST_SKIP() << "sniffing is not allowed here: " << why_;
+    GTEST_SKIP() << "sniffing is not allowed here: " << errors();
   }
-  EXPECT_EQ(program_->wait(), 0) << program_->errors();
+  EXPECT_THAT(driver.status(), AllOf(HasSubstr("interface 0 lo "), HasSubstr("interface 1 ")));
+  EXPECT_EQ(finish(), 0) << errors();
 }
 
 TEST_F(BrundLive, UnknownInterfaceIsNamed) {
   const Driver driver;
-  std::string error;
-  ASSERT_TRUE(writeTextFile(dir_.path() + "/rules", "ips 70000 TCP tcp\n", error));
-  Program program(brundSim({"--rules", dir_.path() + "/rules", "--live", "nosuchif0"}));
-  EXPECT_EQ(program.wait(), 1);
-  EXPECT_THAT(program.errors(), HasSubstr("brund-sim: nosuchif0: "));
+  start(file("rules", "ips 70000 TCP tcp\n"), {"--live", "nosuchif0"});
+  EXPECT_EQ(finish(), 1);
+  EXPECT_THAT(errors(), HasSubstr("brund-sim: nosuchif0: "));
 }
 
 }  // namespace

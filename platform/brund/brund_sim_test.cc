@@ -4,14 +4,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <fstream>
-#include <sstream>
-
 #include "platform/brund/decode.h"
-#include "platform/brund/test_daemon.h"
-#include "platform/brund/test_data.h"
-#include "platform/brund/text_file.h"
+#include "platform/brund/test_run.h"
 
 namespace tarnik::brund {
 namespace {
@@ -24,40 +18,16 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::SizeIs;
 
-class BrundSim : public ::testing::Test {
+class BrundSim : public RunTest {
  protected:
-  std::string file(const std::string& name, const std::string& text) {
-    const std::string path = dir_.path() + "/" + name;
-    std::string error;
-    EXPECT_TRUE(writeTextFile(path, text, error)) << error;
-    return path;
-  }
-  std::string rules() {
+  std::string rules() const {
     return file("rules", "ips 70000 WEB tcp port 80\nnap 7 a-rule udp port 53\n");
-  }
-  std::string account() const {
-    std::ifstream in(accountPath());
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-  std::string accountPath() const { return dir_.path() + "/account.json"; }
-  static void createQueue(const std::string& size = "51") {
-    Program program(brundSim({"--create-queue", "--queue-size", size}));
-    ASSERT_EQ(program.wait(), 0) << program.errors();
   }
   // Replays with these arguments; the exit status.
   int replay(const std::vector<std::string>& arguments) {
-    std::vector<std::string> all{"--rules", rules(), "--account", accountPath()};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    Program program(brundSim(all));
-    const int status = program.wait();
-    errors_ = program.errors();
-    return status;
+    start(rules(), arguments);
+    return finish();
   }
-
-  TempDir dir_;
-  std::string errors_;
 };
 
 Bytes web(std::uint16_t client, std::size_t payload, bool back = false) {
@@ -76,11 +46,10 @@ Bytes other() {
 
 TEST_F(BrundSim, FramesOfMatchedFlowsArriveWhole) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   const std::vector<Bytes> input = {other(), web(1, 10), dns(), web(2, 20), web(1, 1400, true),
                                     other(), web(1, 0)};
-  EXPECT_EQ(replay({file("a.pcap", captureFile(input))}), 0) << errors_;
+  EXPECT_EQ(replay({file("a.pcap", captureFile(input))}), 0) << errors();
   daemon.stop();
 
   const auto& frames = daemon.frames();
@@ -92,6 +61,9 @@ TEST_F(BrundSim, FramesOfMatchedFlowsArriveWhole) {
     EXPECT_EQ(frames[i].wire_len, input[expected[i]].size()) << i;
     EXPECT_EQ(frames[i].ts_sec, 1700000000 + expected[i]) << i;
     EXPECT_EQ(frames[i].ts_usec, 123456u) << i;
+    const bool answer = i == 3;
+    EXPECT_EQ(frames[i].if_in, answer ? 1 : 0) << i;
+    EXPECT_EQ(frames[i].if_out, answer ? 0 : 1) << i;
   }
   const std::uint64_t first = frames[0].capture;
   EXPECT_EQ(frames[3].capture, first);
@@ -109,12 +81,11 @@ TEST_F(BrundSim, FramesOfMatchedFlowsArriveWhole) {
   EXPECT_THAT(account(), AllOf(HasSubstr("\"seen\": 7,"), HasSubstr("\"matched\": 5,"),
                                HasSubstr("\"queued\": 5,"), HasSubstr("\"captures\": 3,"),
                                HasSubstr("\"refused\": 0,"), HasSubstr("\"balanced\": true")));
-  EXPECT_THAT(errors_, HasSubstr("brund-sim: 7 frames seen, 5 matched, 5 queued in 3 captures"));
+  EXPECT_THAT(errors(), HasSubstr("brund-sim: 7 frames seen, 5 matched, 5 queued in 3 captures"));
 }
 
 TEST_F(BrundSim, FilesAreOneInput) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   EXPECT_EQ(replay({file("a.pcap", captureFile({web(1, 10)})),
                     file("b.pcap", captureFile({web(1, 20), dns()}))}),
@@ -128,7 +99,6 @@ TEST_F(BrundSim, FilesAreOneInput) {
 
 TEST_F(BrundSim, LoopsHaveCapturesOfTheirOwn) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   EXPECT_EQ(replay({"--loop", "3", file("a.pcap", captureFile({web(1, 1), web(1, 2)}))}), 0);
   daemon.stop();
@@ -151,9 +121,8 @@ TEST_F(BrundSim, ReplayWaitsForRoom) {
   const std::string capture = file("a.pcap", captureFile(input));
   for (const char* pool : {"2048x512", "2048x20"}) {
     const Driver driver(pool);
-    createQueue();
     Daemon daemon(50);
-    EXPECT_EQ(replay({capture}), 0) << errors_;
+    EXPECT_EQ(replay({capture}), 0) << errors();
     daemon.stop();
     ASSERT_THAT(daemon.frames(), SizeIs(input.size())) << pool;
     for (std::size_t i = 0; i < input.size(); ++i) {
@@ -164,10 +133,9 @@ TEST_F(BrundSim, ReplayWaitsForRoom) {
 
 TEST_F(BrundSim, WhatCannotBeCarriedIsCounted) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   std::string capture = captureFile({web(1, 65481), web(1, 65482), web(2, 65490)});
-  EXPECT_EQ(replay({file("a.pcap", capture)}), 0) << errors_;
+  EXPECT_EQ(replay({file("a.pcap", capture)}), 0) << errors();
   daemon.stop();
   ASSERT_THAT(daemon.frames(), SizeIs(1));
   EXPECT_THAT(daemon.frames()[0].data, SizeIs(65535));
@@ -180,12 +148,10 @@ TEST_F(BrundSim, WhatCannotBeCarriedIsCounted) {
 
 TEST_F(BrundSim, EmptyFramesAreCounted) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   const std::string rule = file("r2", "ips 70000 ALL greater 0\n");
-  Program program(brundSim({"--rules", rule, "--account", accountPath(),
-                            file("a.pcap", captureFile({Bytes(), Bytes(5, 1), Bytes()}))}));
-  EXPECT_EQ(program.wait(), 0) << program.errors();
+  start(rule, {file("a.pcap", captureFile({Bytes(), Bytes(5, 1), Bytes()}))});
+  EXPECT_EQ(finish(), 0) << errors();
   daemon.stop();
   ASSERT_THAT(daemon.frames(), SizeIs(1));
   EXPECT_EQ(daemon.frames()[0].data, Bytes(5, 1));
@@ -195,7 +161,6 @@ TEST_F(BrundSim, EmptyFramesAreCounted) {
 
 TEST_F(BrundSim, UnreadableInputIsNamedAndTheRestPlayed) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   std::string cut = captureFile({web(1, 10), web(1, 20)});
   cut.resize(cut.size() - 1);
@@ -207,33 +172,40 @@ TEST_F(BrundSim, UnreadableInputIsNamedAndTheRestPlayed) {
             1);
   daemon.stop();
   EXPECT_THAT(daemon.frames(), SizeIs(4));
-  EXPECT_THAT(errors_,
+  EXPECT_THAT(errors(),
               AllOf(HasSubstr("brund-sim: " + cutPath +
                               ": after 1 frames: truncated dump file; tried to "
                               "read 74 captured bytes, only got 73\n"),
                     HasSubstr("brund-sim: " + dir_.path() + "/none: No such file or directory\n"),
                     HasSubstr("brund-sim: " + emptyPath + ": empty file\n"),
                     HasSubstr("brund-sim: " + headPath + ": no frames in it\n")));
-  EXPECT_EQ(std::count(errors_.begin(), errors_.end(), '\n'), 5) << errors_;
+  const std::string lines = errors();  // and the summary, and that the daemon still has the queue
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 6) << lines;
 }
 
 TEST_F(BrundSim, RefusedRulesEndBeforeAnythingRuns) {
   const std::string bad = file("bad", "ips 1 A tcp\nnap 1 u tcp prot\n");
-  Program program(brundSim({"--rules", bad, "nothing.pcap"}));
-  EXPECT_EQ(program.wait(), 2);
-  EXPECT_THAT(program.errors(), AllOf(HasSubstr(bad + ":1: ips identifier 1 would be read"),
-                                      HasSubstr(bad + ":2: filter 'tcp prot' does not compile")));
+  start(bad, {"nothing.pcap"});
+  EXPECT_EQ(finish(), 2);
+  EXPECT_THAT(errors(), AllOf(HasSubstr(bad + ":1: ips identifier 1 would be read"),
+                              HasSubstr(bad + ":2: filter 'tcp prot' does not compile")));
 }
 
 TEST_F(BrundSim, NoDriverIsSaidInOneLine) {
   EXPECT_EQ(replay({file("a.pcap", captureFile({web(1, 1)}))}), 1);
-  EXPECT_THAT(errors_, HasSubstr("brund-sim: cannot open the driver's interface group brund"));
+  EXPECT_EQ(errors(),
+            "brund-sim: cannot make the interface group brund: No such file or directory (is the "
+            "driver loaded, and libzorvik.so preloaded?)\n");
 }
 
-TEST_F(BrundSim, NoDaemonIsSaidInOneLine) {
+TEST_F(BrundSim, NoDaemonIsSaidAfterAWait) {
   const Driver driver;
   EXPECT_EQ(replay({file("a.pcap", captureFile({web(1, 1)}))}), 1);
-  EXPECT_THAT(errors_, HasSubstr("brund-sim: no daemon listens on /run/orlo/tarnikd.sock: "));
+  EXPECT_EQ(errors(),
+            "brund-sim: waiting up to 30 seconds for tarnikd on /run/orlo/tarnikd.sock\n"
+            "brund-sim: no daemon listens on /run/orlo/tarnikd.sock: No such file or directory "
+            "(start tarnikd within 30 seconds of brund-sim)\n");
+  EXPECT_THAT(driver.status(), Not(HasSubstr("group brund ")));
 }
 
 std::vector<Bytes> manyFrames() {
@@ -242,15 +214,14 @@ std::vector<Bytes> manyFrames() {
 
 TEST_F(BrundSim, DaemonThatDiesDoesNotHangAReplay) {
   const Driver driver;
-  createQueue();
   auto daemon = std::make_unique<Daemon>(0, false);
   const std::string capture = file("a.pcap", captureFile(manyFrames()));
-  Program program(brundSim({"--rules", rules(), "--account", accountPath(), capture}));
+  start(rules(), {capture});
   usleep(500000);
-  EXPECT_TRUE(program.running());
+  EXPECT_TRUE(program_->running());
   daemon.reset();
-  EXPECT_EQ(program.wait(), 1);
-  EXPECT_THAT(program.errors(),
+  EXPECT_EQ(finish(), 1);
+  EXPECT_THAT(errors(),
               HasSubstr("the daemon has taken no frame for 10 seconds and does not listen on "
                         "/run/orlo/tarnikd.sock any more"));
   EXPECT_THAT(account(), HasSubstr("\"balanced\": true"));
@@ -258,16 +229,14 @@ TEST_F(BrundSim, DaemonThatDiesDoesNotHangAReplay) {
 
 TEST_F(BrundSim, SignalEndsAReplayWithItsAccount) {
   const Driver driver;
-  createQueue();
   Daemon daemon;
   const std::string capture = file("a.pcap", captureFile(manyFrames()));
-  Program program(
-      brundSim({"--rules", rules(), "--account", accountPath(), "--speed", "100", capture}));
+  start(rules(), {"--speed", "100", capture});
   usleep(500000);
-  program.signal(SIGTERM);
-  EXPECT_EQ(program.wait(), 1);
+  program_->signal(SIGTERM);
+  EXPECT_EQ(finish(), 1);
   daemon.stop();
-  EXPECT_THAT(program.errors(), HasSubstr("stopped by a signal before the end of the input"));
+  EXPECT_THAT(errors(), HasSubstr("stopped by a signal before the end of the input"));
   EXPECT_THAT(account(), HasSubstr("\"queued\": " + std::to_string(daemon.frames().size()) + ","));
   EXPECT_GT(daemon.frames().size(), 10u);
   EXPECT_LT(daemon.frames().size(), 200u);
@@ -276,16 +245,15 @@ TEST_F(BrundSim, SignalEndsAReplayWithItsAccount) {
 
 TEST_F(BrundSim, SignalEndsAReplayThatWaits) {
   const Driver driver;
-  createQueue();
   Daemon daemon(0, false);
   const std::string capture = file("a.pcap", captureFile(manyFrames()));
-  Program program(brundSim({"--rules", rules(), "--account", accountPath(), capture}));
+  start(rules(), {capture});
   usleep(1500000);
-  program.signal(SIGINT);
+  program_->signal(SIGINT);
   usleep(500000);
-  program.signal(SIGINT);  // it waits for the daemon to take the rest
-  EXPECT_EQ(program.wait(), 1);
-  EXPECT_THAT(program.errors(), HasSubstr("63 frames are left in the queue: stopped by a signal"));
+  program_->signal(SIGINT);  // it waits for the daemon to take the rest
+  EXPECT_EQ(finish(), 1);
+  EXPECT_THAT(errors(), HasSubstr("63 frames are left in the queue: stopped by a signal"));
   EXPECT_THAT(account(), AllOf(HasSubstr("\"queued\": 63,"), HasSubstr("\"stopped\": 1"),
                                HasSubstr("\"balanced\": true")));
 }

@@ -116,21 +116,22 @@ bool Delivery::announce(const FlowKey& flow, CaptureState& capture, Refusal& ref
   return true;
 }
 
-bool Delivery::deliver(const Frame& frame, const FlowKey& flow, CaptureState& capture, bool last) {
+bool Delivery::deliver(const Frame& frame, const Decoded& decoded, CaptureState& capture,
+                       bool last) {
   account_.matched();
   if (frame.data.empty() || frame.data.size() > kMaxFrame) {
     return refuse(frame.data.empty() ? Refusal::kEmpty : Refusal::kTooLarge);
   }
   Refusal refusal = Refusal::kStopped;
-  if (capture.id == 0 && !announce(flow, capture, refusal)) {
+  if (capture.id == 0 && !announce(decoded.key, capture, refusal)) {
     return refuse(refusal);
   }
   Waiting waiting(metadata_);
   Patience* patience = mode_ == Mode::kReplay ? &waiting : nullptr;
-  switch (queue_.put(frame, capture.id, last ? kPktLastFrame : 0, patience)) {
+  switch (queue_.put(frame, decoded.from_low, capture.id, last ? kPktLastFrame : 0, patience)) {
     case QueueSender::Put::kQueued:
       if (!capture.account) {
-        capture.account = account_.begin(capture.id, flow, *capture.rule);
+        capture.account = account_.begin(capture.id, decoded.key, *capture.rule);
       }
       account_.queued(*capture.account, frame.data.size(), last);
       return true;

@@ -32,7 +32,7 @@ class Delivery {
 
   // Delivers a frame of a flow whose rule matched. False when the run cannot go on: then failure()
   // says why, or is empty when a signal ended it.
-  [[nodiscard]] bool deliver(const Frame& frame, const FlowKey& flow, CaptureState& capture,
+  [[nodiscard]] bool deliver(const Frame& frame, const Decoded& decoded, CaptureState& capture,
                              bool last);
   [[nodiscard]] const std::string& failure() const { return failure_; }
   // Waits until the daemon has emptied the queue. False, with failure(), when it stopped taking

@@ -34,7 +34,7 @@ bool take(const Frame& frame, const RuleSet& rules, FlowFinder& finder, FlowTabl
     return true;
   }
   flow->closed = decoded.tcp && flow->tcp.closes(*decoded.tcp, decoded.from_low);
-  return delivery.deliver(frame, flow->key, flow->capture, flow->closed);
+  return delivery.deliver(frame, decoded, flow->capture, flow->closed);
 }
 
 }  // namespace

@@ -43,9 +43,6 @@ int main(int argc, char** argv) {
     std::fputs(tarnik::brund::kHelp, stdout);
     return kDone;
   }
-  if (options.action == Options::Action::kCreateQueue) {
-    return tarnik::brund::createQueue(options) ? kDone : kFailed;
-  }
   const auto rules = tarnik::brund::RuleSet::load(options.rules);
   for (const std::string& problem : rules.problems()) {
     std::fprintf(stderr, "%s\n", problem.c_str());

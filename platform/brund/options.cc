@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <string_view>
 
 namespace tarnik::brund {
 
@@ -16,7 +17,6 @@ const char kHelp[] =
   brund-sim --rules FILE --check                   only check the rules
   brund-sim --rules FILE --write-policy DIR [--issues FILE]
                                                    write ips.conf, acl.conf and issues.csv
-  brund-sim --create-queue [--queue-size N]        only create the queue, before tarnikd starts
 
 Rules, one a line; the first that matches a frame of a flow starts a capture of that flow:
   ips ID NAME FILTER...          ID 65536 to 4294967295
@@ -36,8 +36,16 @@ its TCP connection, or without a further frame when it was idle.
   --seconds N              stop after N seconds (default: at SIGINT or SIGTERM)
   --idle N                 seconds without a frame after which a flow has ended (default 30)
 
+The driver's interface group "brund" and its queue belong to brund-sim. It makes both when it
+starts, waits 30 seconds for tarnikd, and removes both when it ends. What tarnikd still has open by
+then stays, and the next brund-sim takes it over, as it does after one that was killed.
+  --ports A,B[,C,D...]     the group's network interfaces, in pairs (default: one pair, of the
+                           interface of --live and the machine's others, the loopback last)
+  --queue-size N           entries of the queue if it has to be made: 51 to 99999 (default 5000)
+  --stay                   at the end, when the account is written, wait until tarnikd has gone (or
+                           for a signal), so that both can be removed
+
   --account FILE           write the account of the run (JSON)
-  --queue-size N           entries of the queue if it has to be created: 51 to 99999 (default 5000)
   --quiet                  no progress, no summary
   --help
 
@@ -46,8 +54,8 @@ protocol where there are no ports, of MAC addresses and ethertype below IP. VLAN
 labels are passed over. A fragment after the first belongs to the flow of the last first fragment
 before it with the same addresses, protocol and identification, else to addresses and protocol.
 
-Exit status: 0 done; 1 something could not be read, sent or written, the run was cut short, or the
-account does not balance; 2 wrong usage or refused rules.
+Exit status: 0 done; 1 something could not be read, made, sent or written, the run was cut short, or
+the account does not balance; 2 wrong usage or refused rules.
 )";
 
 namespace {
@@ -57,14 +65,15 @@ enum Option : int {
   kCheckOnly,
   kWritePolicyTo,
   kIssues,
-  kCreate,
   kLiveOn,
   kSeconds,
   kIdle,
   kSpeed,
   kLoop,
   kAccount,
+  kPorts,
   kQueueSize,
+  kStay,
   kQuiet,
   kShowHelp,
 };
@@ -74,14 +83,15 @@ constexpr option kOptions[] = {
     {"check", no_argument, nullptr, kCheckOnly},
     {"write-policy", required_argument, nullptr, kWritePolicyTo},
     {"issues", required_argument, nullptr, kIssues},
-    {"create-queue", no_argument, nullptr, kCreate},
     {"live", required_argument, nullptr, kLiveOn},
     {"seconds", required_argument, nullptr, kSeconds},
     {"idle", required_argument, nullptr, kIdle},
     {"speed", required_argument, nullptr, kSpeed},
     {"loop", required_argument, nullptr, kLoop},
     {"account", required_argument, nullptr, kAccount},
+    {"ports", required_argument, nullptr, kPorts},
     {"queue-size", required_argument, nullptr, kQueueSize},
+    {"stay", no_argument, nullptr, kStay},
     {"quiet", no_argument, nullptr, kQuiet},
     {"help", no_argument, nullptr, kShowHelp},
     {nullptr, 0, nullptr, 0},
@@ -115,6 +125,22 @@ bool parseSpeed(const std::string& text, Options& options) {
   return true;
 }
 
+// Names parted by commas; false when one is empty.
+bool parsePorts(std::string_view text, std::vector<std::string>& ports) {
+  ports.clear();
+  for (;;) {
+    const std::size_t comma = text.find(',');
+    ports.emplace_back(text.substr(0, comma));
+    if (ports.back().empty()) {
+      return false;
+    }
+    if (comma == std::string_view::npos) {
+      return true;
+    }
+    text.remove_prefix(comma + 1);
+  }
+}
+
 // Applies one option; false when its argument is wrong. Actions are counted.
 bool apply(int option, const char* argument, Options& options, int& actions) {
   constexpr std::uint64_t kYear = 366ull * 24 * 3600;
@@ -135,8 +161,6 @@ bool apply(int option, const char* argument, Options& options, int& actions) {
     case kIssues:
       options.issues = argument;
       return true;
-    case kCreate:
-      return act(Options::Action::kCreateQueue);
     case kLiveOn:
       options.interface = argument;
       return act(Options::Action::kLive);
@@ -151,8 +175,13 @@ bool apply(int option, const char* argument, Options& options, int& actions) {
     case kAccount:
       options.account = argument;
       return true;
+    case kPorts:
+      return parsePorts(argument, options.ports);
     case kQueueSize:
       return parseCount(argument, 51, 99999, options.queue_size);
+    case kStay:
+      options.stay = true;
+      return true;
     case kQuiet:
       options.quiet = true;
       return true;
@@ -163,9 +192,9 @@ bool apply(int option, const char* argument, Options& options, int& actions) {
 
 std::string checkTogether(const Options& options, int actions) {
   if (actions > 1) {
-    return "only one of --check, --write-policy, --create-queue and --live can be given";
+    return "only one of --check, --write-policy and --live can be given";
   }
-  if (options.rules.empty() && options.action != Options::Action::kCreateQueue) {
+  if (options.rules.empty()) {
     return "--rules FILE is missing";
   }
   if (!options.issues.empty() && options.action != Options::Action::kWritePolicy) {

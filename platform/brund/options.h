@@ -10,7 +10,7 @@ namespace tarnik::brund {
 enum class Speed : std::uint8_t { kMax, kRecorded, kRate };
 
 struct Options {
-  enum class Action : std::uint8_t { kHelp, kCheck, kWritePolicy, kCreateQueue, kReplay, kLive };
+  enum class Action : std::uint8_t { kHelp, kCheck, kWritePolicy, kReplay, kLive };
 
   Action action = Action::kReplay;
   std::string rules;
@@ -18,6 +18,7 @@ struct Options {
   std::string issues;  // empty: issues.csv in policy_dir
   std::string account;
   std::string interface;
+  std::vector<std::string> ports;  // of the interface group; empty: chosen
   std::vector<std::string> files;
   Speed speed = Speed::kMax;
   double frames_per_second = 0;
@@ -25,6 +26,7 @@ struct Options {
   std::uint64_t queue_size = 5000;
   std::uint64_t seconds = 0;  // of live sniffing; 0: until a signal
   std::uint64_t idle = 30;
+  bool stay = false;
   bool quiet = false;
 };
 

@@ -33,8 +33,9 @@ Parsed parse(std::vector<std::string> words) {
 }
 
 TEST(OptionsTest, Replay) {
-  const Parsed parsed = parse({"--rules", "r", "a.pcap", "--speed=250.5", "--loop", "3",
-                               "--account", "x.json", "--queue-size", "51", "--quiet", "b.pcap"});
+  const Parsed parsed =
+      parse({"--rules", "r", "a.pcap", "--speed=250.5", "--loop", "3", "--account", "x.json",
+             "--queue-size", "51", "--ports", "a,b", "--stay", "--quiet", "b.pcap"});
   ASSERT_TRUE(parsed.good) << parsed.error;
   const Options& options = parsed.options;
   EXPECT_EQ(options.action, Options::Action::kReplay);
@@ -45,6 +46,8 @@ TEST(OptionsTest, Replay) {
   EXPECT_EQ(options.loops, 3u);
   EXPECT_EQ(options.account, "x.json");
   EXPECT_EQ(options.queue_size, 51u);
+  EXPECT_THAT(options.ports, ElementsAre("a", "b"));
+  EXPECT_TRUE(options.stay);
   EXPECT_TRUE(options.quiet);
 }
 
@@ -61,8 +64,6 @@ TEST(OptionsTest, OtherActions) {
   EXPECT_EQ(live.options.interface, "eth0");
   EXPECT_EQ(live.options.seconds, 9u);
   EXPECT_EQ(live.options.idle, 5u);
-  EXPECT_EQ(parse({"--create-queue"}).options.action, Options::Action::kCreateQueue);
-  EXPECT_TRUE(parse({"--create-queue"}).good);
   EXPECT_EQ(parse({"--check", "--help"}).options.action, Options::Action::kHelp);
 }
 
@@ -85,6 +86,10 @@ TEST(OptionsTest, WrongUsage) {
       {{"--rules", "r", "f", "--loop", "-1"}, "--loop: '-1' is not possible"},
       {{"--rules", "r", "f", "--queue-size", "50"}, "--queue-size: '50' is not possible"},
       {{"--rules", "r", "f", "--queue-size", "100000"}, "is not possible"},
+      {{"--rules", "r", "f", "--ports", ""}, "--ports: '' is not possible"},
+      {{"--rules", "r", "f", "--ports", "a,,b"}, "--ports: 'a,,b' is not possible"},
+      {{"--rules", "r", "f", "--ports", "a,b,"}, "--ports: 'a,b,' is not possible"},
+      {{"--rules", "r", "f", "--create-queue"}, "unknown option '--create-queue'"},
       {{"--rules", "r", "--live", "x", "--seconds", "1x"}, "--seconds: '1x' is not possible"},
   };
   for (const auto& entry : cases) {

@@ -12,17 +12,12 @@
 namespace tarnik::brund {
 namespace {
 
-constexpr char kGroup[] = "brund";
 // The library's limit is a budget of which the first look costs 1000 ms: this sleeps up to 2 s,
 // and is woken as soon as there is room.
 constexpr std::int32_t kWaitMs = 3000;
 constexpr useconds_t kPoolPollUs = 500;
 
 }  // namespace
-
-void QueueSender::CloseGroup::operator()(zorlib_ifg* group) const noexcept {
-  zorlib_ifg_close(group);
-}
 
 void QueueSender::CloseQueue::operator()(TarnikQ* queue) const noexcept {
   queue->Close();
@@ -31,18 +26,18 @@ void QueueSender::CloseQueue::operator()(TarnikQ* queue) const noexcept {
 
 QueueSender::~QueueSender() = default;
 
-bool QueueSender::open(std::size_t size, bool wait, std::string& reason) {
-  zorlib_ifg* group = nullptr;
-  if (zorlib_ifg_open(kGroup, &group) != 0) {
-    reason = std::string("cannot open the driver's interface group ") + kGroup + " in " +
-             ZORVIK_DEV_DIR + ": " + std::strerror(errno) + " (is the driver loaded?)";
+bool QueueSender::open(zorlib_ifg& group, bool wait, std::string& reason) {
+  zorvik_frm_desc* descriptors = nullptr;
+  std::uint8_t* payload = nullptr;
+  std::uint32_t size = 0;
+  std::uint32_t payloadSize = 0;
+  if (zorlib_map_frm_data(&group, &descriptors, &size, &payload, &payloadSize) != 0) {
+    reason = std::string("cannot map the frames: ") + std::strerror(errno);
     return false;
   }
-  group_.reset(group);
-  if (TarnikIfQInit2(group, size) != 0) {
-    reason = std::string("cannot create the queue: ") + std::strerror(errno);
-    return false;
-  }
+  group_.reset(&group);
+  zorlib_ifg_info info;
+  paired_ = zorlib_ifg_query(&group, &info) == 0 && info.num_ifs >= 2;
   queue_.reset(TarnikIfCreate());
   if (!queue_ || queue_->Open(TarnikQ::kEgress) != 0) {
     reason = std::string("cannot open the queue for writing: ") + std::strerror(errno);
@@ -97,8 +92,8 @@ void QueueSender::giveBack(zorvik_frm_desc* frame) {
   errno = error;
 }
 
-QueueSender::Put QueueSender::put(const Frame& frame, std::uint64_t captureId, std::uint32_t flags,
-                                  Patience* patience) {
+QueueSender::Put QueueSender::put(const Frame& frame, bool fromLow, std::uint64_t captureId,
+                                  std::uint32_t flags, Patience* patience) {
   const auto size = static_cast<std::uint32_t>(frame.data.size());
   Put failure = Put::kFailed;
   zorvik_frm_desc* desc = allocate(size, patience, failure);
@@ -117,6 +112,10 @@ QueueSender::Put QueueSender::put(const Frame& frame, std::uint64_t captureId, s
   desc->ts_sec = frame.ts_sec;
   desc->ts_usec = frame.ts_usec;
   desc->frame_size = static_cast<std::uint16_t>(size);
+  if (paired_) {
+    desc->if_in = fromLow ? 0 : 1;
+    desc->if_out = fromLow ? 1 : 0;
+  }
   for (;;) {
     const int result = queue_->WritePkt(desc, captureId, flags);
     if (result == 0) {

@@ -1,5 +1,4 @@
-// The producer's end of the daemon's queue: the interface group "brund" and its application queue
-// "TarnikQ", which is created when it is not there. One thread; one object a process.
+// The producer's end of the daemon's queue. One thread; one object a process.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +8,7 @@
 #include "base/owned.h"
 #include "frameq/tarnik_if.h"
 #include "platform/brund/frame.h"
+#include "platform/brund/group_owner.h"
 
 namespace tarnik::brund {
 
@@ -34,20 +34,19 @@ class QueueSender {
   QueueSender& operator=(const QueueSender&) = delete;
   ~QueueSender();
 
-  // Opens the group and the queue, of `size` entries when it has to be created. With `wait`, put()
-  // waits for room, else never. False with a reason.
-  [[nodiscard]] bool open(std::size_t size, bool wait, std::string& reason);
+  // Opens the queue that TarnikIfQInit or TarnikIfQInit2 has made, and takes a reference on
+  // `group`, a handle on its group, for the frames. With `wait`, put() waits for room, else never.
+  // False with a reason.
+  [[nodiscard]] bool open(zorlib_ifg& group, bool wait, std::string& reason);
   // Queues a copy of the frame (1 to kMaxFrame bytes) with the capture identifier and packet flags.
-  // Null patience: never waits.
-  [[nodiscard]] Put put(const Frame& frame, std::uint64_t captureId, std::uint32_t flags,
-                        Patience* patience);
+  // In a group of interfaces, one endpoint of each flow is behind the first of them and the other
+  // behind its mate. Null patience: never waits.
+  [[nodiscard]] Put put(const Frame& frame, bool fromLow, std::uint64_t captureId,
+                        std::uint32_t flags, Patience* patience);
   // Frames in the queue at this moment.
   [[nodiscard]] std::uint32_t used() const;
 
  private:
-  struct CloseGroup {
-    void operator()(zorlib_ifg* group) const noexcept;
-  };
   struct CloseQueue {
     void operator()(TarnikQ* queue) const noexcept;
   };
@@ -56,9 +55,10 @@ class QueueSender {
   void giveBack(zorvik_frm_desc* frame);
   [[nodiscard]] bool mapQueue(std::string& reason);
 
-  std::unique_ptr<zorlib_ifg, CloseGroup> group_;
+  GroupHandle group_;
   std::unique_ptr<TarnikQ, CloseQueue> queue_;
-  Mapping memory_;  // of the queue, to see how full it is
+  Mapping memory_;       // of the queue, to see how full it is
+  bool paired_ = false;  // the group has interfaces
 };
 
 }  // namespace tarnik::brund

@@ -67,13 +67,13 @@ bool playOnce(const Options& options, const RuleSet& rules, Flows flows, Deliver
         }
         account.seen();
         progress.show();
-        const FlowKey key = finder.find(frame).key;
-        Flow& flow = flows[key];
+        const Decoded decoded = finder.find(frame);
+        Flow& flow = flows[decoded.key];
         if (flow.capture.rule == nullptr) {
           flow.capture.rule = rules.match(frame);
         }
         return flow.capture.rule == nullptr ||
-               delivery.deliver(frame, key, flow.capture, number == flow.last);
+               delivery.deliver(frame, decoded, flow.capture, number == flow.last);
       },
       known);
 }

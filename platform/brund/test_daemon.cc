@@ -23,6 +23,16 @@ std::uint64_t little(const Bytes& bytes, std::size_t at, std::size_t size) {
   return value;
 }
 
+std::string contents(std::FILE* file) {
+  std::string text;
+  char chunk[4096];
+  ssize_t got = 0;
+  while ((got = pread(fileno(file), chunk, sizeof chunk, static_cast<off_t>(text.size()))) > 0) {
+    text.append(chunk, static_cast<std::size_t>(got));
+  }
+  return text;
+}
+
 void mustSucceed(const std::vector<std::string>& command) {
   Program program(command);
   EXPECT_EQ(program.wait(), 0) << command.back() << ": " << program.errors();
@@ -30,7 +40,8 @@ void mustSucceed(const std::vector<std::string>& command) {
 
 }  // namespace
 
-Program::Program(const std::vector<std::string>& command) : errors_(std::tmpfile()) {
+Program::Program(const std::vector<std::string>& command)
+    : output_(std::tmpfile()), errors_(std::tmpfile()) {
   std::vector<char*> argv;
   for (const std::string& word : command) {
     argv.push_back(const_cast<char*>(word.c_str()));
@@ -38,6 +49,7 @@ Program::Program(const std::vector<std::string>& command) : errors_(std::tmpfile
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fileno(output_.get()), STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, fileno(errors_.get()), STDERR_FILENO);
   EXPECT_EQ(posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ), 0) << command[0];
   posix_spawn_file_actions_destroy(&actions);
@@ -68,24 +80,26 @@ int Program::wait() {
   return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
 }
 
+std::string Program::output() const {
+  return contents(output_.get());
+}
+
 std::string Program::errors() const {
-  std::string text;
-  char chunk[4096];
-  ssize_t got = 0;
-  while ((got = pread(fileno(errors_.get()), chunk, sizeof chunk,
-                      static_cast<off_t>(text.size()))) > 0) {
-    text.append(chunk, static_cast<std::size_t>(got));
-  }
-  return text;
+  return contents(errors_.get());
 }
 
 Driver::Driver(const std::string& frames) {
   mustSucceed({ZORVIKCTL, "load", "--frames", frames});
-  mustSucceed({ZORVIKCTL, "create-ifg", "brund"});
 }
 
 Driver::~Driver() {
   mustSucceed({ZORVIKCTL, "unload"});
+}
+
+std::string Driver::status() const {
+  Program program({ZORVIKCTL, "status"});
+  EXPECT_EQ(program.wait(), 0) << program.errors();
+  return program.output();
 }
 
 Daemon::Daemon(unsigned pauseUs, bool reads)
@@ -96,17 +110,13 @@ Daemon::Daemon(unsigned pauseUs, bool reads)
   unlink(kDaemonSocket);
   EXPECT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0)
       << std::strerror(errno);
-  EXPECT_EQ(zorlib_ifg_open("brund", &group_), 0) << std::strerror(errno);
-  EXPECT_EQ(zorlib_q_app_open(group_, "TarnikQ", ZORLIB_READ, &queue_), 0) << std::strerror(errno);
-  if (reads && queue_ != nullptr) {
-    reader_ = std::thread([this] { read(); });
-  }
+  server_ = std::thread([this, reads] { serve(reads); });
 }
 
 void Daemon::stop() {
   stopping_ = true;
-  if (reader_.joinable()) {
-    reader_.join();
+  if (server_.joinable()) {
+    server_.join();
   }
   if (queue_ != nullptr) {
     zorlib_q_close(queue_);
@@ -117,6 +127,17 @@ void Daemon::stop() {
     receiveMetadata();
     socket_.reset();
     unlink(kDaemonSocket);
+  }
+}
+
+void Daemon::serve(bool reads) {
+  if (!waitForQueue([this] { return stopping_.load(); })) {
+    return;
+  }
+  EXPECT_EQ(zorlib_ifg_open("brund", &group_), 0) << std::strerror(errno);
+  EXPECT_EQ(zorlib_q_app_open(group_, "TarnikQ", ZORLIB_READ, &queue_), 0) << std::strerror(errno);
+  if (reads && queue_ != nullptr) {
+    read();
   }
 }
 
@@ -142,6 +163,8 @@ void Daemon::take(zorvik_frm_desc* frame) {
   received.wire_len = frame->wire_len;
   received.ts_sec = frame->ts_sec;
   received.ts_usec = frame->ts_usec;
+  received.if_in = frame->if_in;
+  received.if_out = frame->if_out;
   received.last = (frame->flags & ZORVIK_FRM_PKT_FLAG_4) != 0;
   EXPECT_EQ(frame->frame_size, frame->cap_len);
   const std::uint8_t* data = zorlib_q_frm_data(queue_, frame);
@@ -176,6 +199,16 @@ std::vector<Received> Daemon::framesOf(std::uint64_t capture) const {
   return result;
 }
 
+bool waitForQueue(const std::function<bool()>& stop) {
+  while (access(kQueueNode, F_OK) != 0) {
+    if (stop()) {
+      return false;
+    }
+    usleep(1000);
+  }
+  return true;
+}
+
 std::vector<std::string> brundSim(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), BRUND_SIM);
   return arguments;
@@ -188,7 +221,7 @@ int main(int argc, char** argv) {
   const char* preloaded = std::getenv("LD_PRELOAD");
   if (preloaded == nullptr || std::strstr(preloaded, ZORVIK_PRELOAD) == nullptr) {
     setenv("LD_PRELOAD", ZORVIK_PRELOAD, 1);
-    execv("/proc/self/exe", argv);
+    execvp(argv[0], argv);  // a chroot has no /proc/self/exe
     std::perror("cannot run again with the driver preloaded");
     return 1;
   }

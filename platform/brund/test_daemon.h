@@ -1,12 +1,13 @@
-// What stands at the other end of brund-sim in its tests: a driver, a command socket and a reader
-// of the queue. It needs the driver's stand-in preloaded (see main() in test_daemon.cc) and the
-// fixed paths to itself.
+// What brund-sim meets in its tests: a driver, and in the daemon's place a command socket and a
+// reader of the queue. It needs the driver's stand-in preloaded (see main() in test_daemon.cc) and
+// the fixed paths to itself.
 #pragma once
 
 #include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -20,7 +21,7 @@
 
 namespace tarnik::brund::fixture {
 
-// A program that runs, its standard error kept. Ended with the object.
+// A program that runs, what it writes kept. Ended with the object.
 class Program {
  public:
   explicit Program(const std::vector<std::string>& command);
@@ -32,13 +33,16 @@ class Program {
   [[nodiscard]] bool running();
   // Its exit status, -1 when a signal ended it.
   int wait();
-  [[nodiscard]] std::string errors() const;  // standard error so far
+  [[nodiscard]] pid_t pid() const { return pid_; }
+  [[nodiscard]] std::string output() const;  // so far
+  [[nodiscard]] std::string errors() const;
 
  private:
   pid_t pid_ = -1;
   int status_ = -1;
   bool ended_ = false;
-  std::unique_ptr<std::FILE, StreamCloser> errors_;
+  Stream output_;
+  Stream errors_;
 };
 
 struct Received {
@@ -47,9 +51,13 @@ struct Received {
   std::uint32_t wire_len = 0;
   std::uint32_t ts_sec = 0;
   std::uint32_t ts_usec = 0;
+  std::int16_t if_in = 0;
+  std::int16_t if_out = 0;
   bool last = false;
   bool announced = false;  // its metadata had been sent before
 };
+
+inline constexpr char kQueueNode[] = "/dev/zorvik/brund/TarnikQ";
 
 // Loads the driver with the pool `frames` ("SIZExCOUNT,...") and unloads it at the end.
 class Driver {
@@ -58,13 +66,17 @@ class Driver {
   ~Driver();
   Driver(const Driver&) = delete;
   Driver& operator=(const Driver&) = delete;
+
+  // What zorvikctl status says.
+  [[nodiscard]] std::string status() const;
 };
 
-// Listens on the daemon's socket and reads its queue until it is stopped or destroyed.
+// Listens on the daemon's socket, and reads its queue as soon as it is there, until it is stopped
+// or destroyed.
 class Daemon {
  public:
-  // The queue must be there. `pauseUs`: how long it takes over each frame. Without `reads` it
-  // leaves the frames where they are.
+  // `pauseUs`: how long it takes over each frame. Without `reads` it leaves the frames where they
+  // are.
   explicit Daemon(unsigned pauseUs = 0, bool reads = true);
   ~Daemon() { stop(); }
   Daemon(const Daemon&) = delete;
@@ -78,6 +90,7 @@ class Daemon {
   [[nodiscard]] std::vector<Received> framesOf(std::uint64_t capture) const;
 
  private:
+  void serve(bool reads);
   void read();
   void take(zorvik_frm_desc* frame);
   void receiveMetadata();
@@ -87,10 +100,13 @@ class Daemon {
   zorlib_ifg* group_ = nullptr;
   zorlib_q* queue_ = nullptr;
   std::atomic<bool> stopping_{false};
-  std::thread reader_;
+  std::thread server_;
   std::vector<Received> frames_;
   std::map<std::uint64_t, Metadata> metadata_;
 };
+
+// Waits until the queue is there, or `stop`; false when it never came.
+[[nodiscard]] bool waitForQueue(const std::function<bool()>& stop);
 
 // brund-sim with these arguments.
 [[nodiscard]] std::vector<std::string> brundSim(std::vector<std::string> arguments);

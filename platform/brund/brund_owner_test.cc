@@ -1,0 +1,355 @@
+// brund-sim as the owner of the interface group and its queue, with the real daemon.
+#include <net/if.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "platform/brund/group_owner.h"
+#include "platform/brund/test_run.h"
+
+namespace tarnik::brund {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace fixture;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr char kCaptures[] = "/var/support/tarnik";
+
+class BrundOwner : public RunTest {
+ protected:
+  void SetUp() override {
+    for (const auto& left : fs::directory_iterator(kCaptures)) {
+      fs::remove_all(left);
+    }
+    std::string error;
+    ASSERT_TRUE(writeTextFile("/etc/tarnik.conf", "", error)) << error;
+    rules_ = file("rules", "ips 70000 WEB tcp port 80\n");
+    Program policy(brundSim({"--rules", rules_, "--write-policy", "/etc"}));
+    ASSERT_EQ(policy.wait(), 0) << policy.errors();
+  }
+  // A capture file with so many frames of one flow.
+  [[nodiscard]] std::string input(std::size_t frames) const {
+    const Bytes frame = ethernet(0x0800, ipv4({}, tcp(1025, 80)));
+    return file("input.pcap", captureFile(std::vector<Bytes>(frames, frame)));
+  }
+  // Starts brund-sim, which makes group and queue.
+  void begin(const std::vector<std::string>& arguments) {
+    fs::remove(accountPath());
+    start(rules_, arguments);
+    EXPECT_TRUE(waitForQueue([this] { return !program_->running(); })) << errors();
+  }
+  // Waits until the daemon has taken every frame.
+  void waitForAccount() {
+    while (!fs::exists(accountPath()) && program_->running()) {
+      usleep(1000);
+    }
+  }
+  // Waits until the daemon has begun a capture; besides, it makes templates in that directory.
+  void waitForCapture() {
+    const auto isCapture = [](const fs::directory_entry& entry) {
+      return !entry.path().filename().native().starts_with("template");
+    };
+    while (program_->running() &&
+           std::none_of(fs::directory_iterator(kCaptures), fs::directory_iterator(), isCapture)) {
+      usleep(1000);
+    }
+  }
+  void end() {
+    program_->signal(SIGKILL);
+    finish();
+  }
+  void expectMade() const {
+    EXPECT_THAT(driver_.status(), AllOf(HasSubstr("group brund "), HasSubstr("queue TarnikQ ")));
+  }
+  void expectRemoved() const {
+    EXPECT_THAT(driver_.status(), Not(HasSubstr("group brund ")));
+    EXPECT_FALSE(fs::exists("/dev/zorvik/brund"));
+  }
+  void expectInterfaces(const std::string& first, const std::string& second) const {
+    EXPECT_THAT(driver_.status(),
+                AllOf(HasSubstr("interface 0 " + first + " "),
+                      HasSubstr("interface 1 " + second + " "), Not(HasSubstr("interface 2 "))));
+  }
+
+  const Driver driver_;
+  std::string rules_;
+};
+
+// The real daemon.
+class Tarnikd : public Program {
+ public:
+  Tarnikd() : Program({TARNIKD, "-D", "-p", "/etc"}) {}
+  // Its exit status.
+  int stop() {
+    signal(SIGTERM);
+    return wait();
+  }
+};
+
+// The frames in the capture files, which have one length each.
+std::size_t recorded() {
+  std::size_t frames = 0;
+  for (const auto& entry : fs::directory_iterator(kCaptures)) {
+    if (entry.path().extension() == ".pcap") {
+      frames += (entry.file_size() - 24) / (16 + 54);
+    }
+  }
+  return frames;
+}
+
+TEST_F(BrundOwner, GroupAndQueueAreThereFromStartToEnd) {
+  begin({"--stay", input(100)});
+  expectMade();
+  Tarnikd daemon;
+  waitForAccount();
+  expectMade();
+  EXPECT_TRUE(program_->running());
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(finish(), 0);
+  EXPECT_THAT(errors(), Not(HasSubstr("stays")));
+  expectRemoved();
+  EXPECT_EQ(recorded(), 100u);
+}
+
+TEST_F(BrundOwner, WhatTheDaemonHasOpenStaysForTheNext) {
+  begin({input(100)});
+  Tarnikd daemon;
+  EXPECT_EQ(finish(), 0);
+  // A chroot has no /proc to ask. Elsewhere a child that the daemon is forking may be named as
+  // well.
+  const std::string user = fs::exists("/proc/self")
+                               ? "tarnikd (process " + std::to_string(daemon.pid()) + ")"
+                               : "another process";
+  EXPECT_THAT(errors(), AllOf(HasSubstr("brund-sim: the interface group stays, in use by " + user),
+                              HasSubstr(": the next brund-sim takes it over\n")));
+  expectMade();
+
+  begin({"--quiet", input(10)});
+  EXPECT_EQ(finish(), 0);
+  EXPECT_EQ(errors(), "");
+  expectMade();
+
+  begin({"--stay", input(1000)});
+  waitForAccount();
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(finish(), 0);
+  expectRemoved();
+  EXPECT_EQ(recorded(), 1110u);
+}
+
+TEST_F(BrundOwner, KilledOneIsTakenOverWhileTheDaemonGoesOn) {
+  begin({"--speed", "100", input(3000)});
+  Tarnikd daemon;
+  waitForCapture();
+  end();
+  expectMade();
+  begin({"--stay", input(1000)});
+  waitForAccount();
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(finish(), 0) << errors();
+  expectRemoved();
+  EXPECT_THAT(recorded(), AllOf(::testing::Gt(1000u), ::testing::Lt(4000u)));
+}
+
+TEST_F(BrundOwner, KilledOneIsTakenOverBeforeTheDaemonStarts) {
+  begin({input(100)});
+  end();
+  expectMade();
+  begin({"--stay", input(100)});
+  Tarnikd daemon;
+  waitForAccount();
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(finish(), 0) << errors();
+  expectRemoved();
+  EXPECT_EQ(recorded(), 100u);
+}
+
+TEST_F(BrundOwner, SignalledOneRemovesBoth) {
+  begin({"--stay", "--speed", "100", input(3000)});
+  Tarnikd daemon;
+  waitForCapture();
+  program_->signal(SIGTERM);
+  waitForAccount();
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(finish(), 1);
+  EXPECT_THAT(errors(), HasSubstr("brund-sim: stopped by a signal before the end of the input\n"));
+  expectRemoved();
+}
+
+TEST_F(BrundOwner, SignalWhileItWaitsForTheDaemon) {
+  begin({input(1)});
+  program_->signal(SIGINT);
+  EXPECT_EQ(finish(), 1);
+  EXPECT_THAT(errors(), HasSubstr("brund-sim: no daemon listens on /run/orlo/tarnikd.sock: "));
+  EXPECT_THAT(errors(), HasSubstr(" (stopped by a signal)\n"));
+  expectRemoved();
+}
+
+TEST_F(BrundOwner, SignalEndsTheStay) {
+  begin({"--stay", input(1)});
+  Tarnikd daemon;
+  waitForAccount();
+  EXPECT_TRUE(waitFor("brund-sim: all is done: waiting for tarnikd to end\n"));
+  program_->signal(SIGINT);
+  EXPECT_EQ(finish(), 0);
+  EXPECT_THAT(errors(), HasSubstr("brund-sim: the interface group stays, in use by "));
+  expectMade();
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+// ---- The group's interfaces
+
+// Where syslog lines arrive.
+class SystemLog {
+ public:
+  SystemLog() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, kPath);
+    EXPECT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0)
+        << std::strerror(errno);
+  }
+  ~SystemLog() { unlink(kPath); }
+  SystemLog(const SystemLog&) = delete;
+  SystemLog& operator=(const SystemLog&) = delete;
+
+  [[nodiscard]] std::string text() const {
+    std::string all;
+    char line[4096];
+    ssize_t got = 0;
+    while ((got = recv(socket_.get(), line, sizeof line, 0)) > 0) {
+      all.append(line, static_cast<std::size_t>(got)).append("\n");
+    }
+    return all;
+  }
+
+ private:
+  static constexpr char kPath[] = "/dev/log";
+  OwnedFd socket_;
+};
+
+TEST_F(BrundOwner, PortsThatAreRefused) {
+  const SystemLog log;
+  const std::string index = std::to_string(if_nametoindex("lo"));
+  const struct {
+    const char* ports;
+    std::string said;
+    std::string logged;  // by the library
+  } cases[] = {
+      {"lo", "an interface group takes pairs of interfaces, 2 to 32 in all, and not 1",
+       "Invalid num_ifs 1 (0 < N <= 32 && (N % 2) == 0)"},
+      {"lo,a,b", "an interface group takes pairs of interfaces, 2 to 32 in all, and not 3",
+       "Invalid num_ifs 3 (0 < N <= 32 && (N % 2) == 0)"},
+      {"a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a,a",
+       "an interface group takes pairs of interfaces, 2 to 32 in all, and not 34",
+       "Invalid num_ifs 34 (0 < N <= 32 && (N % 2) == 0)"},
+      {"lo,nosuchif0", "there is no network interface 'nosuchif0' ('ip link' lists them)",
+       "Invalid kern IF 0 [if#1] failed - No such device or address"},
+      {"lo,lo", "an interface group takes each interface once: 'lo'",
+       "Duplicate kern IF " + index + " [if#0 & 1] failed - File exists"},
+  };
+  for (const auto& entry : cases) {
+    start(rules_, {"--ports", entry.ports, input(1)});
+    EXPECT_EQ(finish(), 1);
+    EXPECT_EQ(errors(), "brund-sim: " + entry.said + "\n");
+    EXPECT_THAT(log.text(), HasSubstr("Error: zorlib_ifg_create: " + entry.logged));
+    expectRemoved();
+  }
+}
+
+// This machine's, the loopback last.
+std::vector<std::string> ofTheMachine() {
+  std::vector<std::string> names;
+  struct if_nameindex* const all = if_nameindex();
+  for (const struct if_nameindex* one = all; one->if_index != 0; ++one) {
+    names.emplace_back(one->if_name);
+  }
+  if_freenameindex(all);
+  std::stable_partition(names.begin(), names.end(),
+                        [](const std::string& name) { return name != "lo"; });
+  return names;
+}
+
+TEST_F(BrundOwner, PortsOfAnotherGroup) {
+  zorvik_ifg_config config{};
+  config.num_ifs = 2;
+  config.ifs[0] = {.kern_if = if_nametoindex(ofTheMachine()[0].c_str()),
+                   .mate = 1,
+                   .mode = ZORVIK_IF_INLINE,
+                   .sub_mode = 0,
+                   .mtu = 0,
+                   .speed = 0,
+                   .duplex = 0,
+                   .reserved = 0};
+  config.ifs[1] = config.ifs[0];
+  config.ifs[1].kern_if = if_nametoindex("lo");
+  config.ifs[1].mate = 0;
+  zorlib_ifg* other = nullptr;
+  ASSERT_EQ(zorlib_ifg_create("other", &config, &other), 0) << std::strerror(errno);
+  start(rules_, {input(1)});
+  EXPECT_EQ(finish(), 1);
+  EXPECT_EQ(errors(),
+            "brund-sim: cannot make the interface group brund: Device or resource busy (another "
+            "group has one of its interfaces: name others with --ports)\n");
+  expectRemoved();
+  zorlib_ifg_close(other);
+}
+
+TEST_F(BrundOwner, PortsAreChosen) {
+  const std::vector<std::string> all = ofTheMachine();
+  EXPECT_THAT(choosePorts(""), ElementsAre(all[0], all[1]));
+  EXPECT_THAT(choosePorts(all[0]), ElementsAre(all[0], all[1]));
+  EXPECT_THAT(choosePorts(all[1]), ElementsAre(all[1], all[0]));
+  EXPECT_THAT(choosePorts("lo"), ElementsAre("lo", all[0]));
+  begin({input(1)});
+  expectInterfaces(all[0], all[1]);
+  end();
+}
+
+TEST_F(BrundOwner, PortsAreNamed) {
+  const std::vector<std::string> all = ofTheMachine();
+  begin({"--ports", all[1] + ",lo", input(1)});
+  expectInterfaces(all[1], "lo");
+  end();
+  // Those of one that takes over are in force as well.
+  begin({"--ports", all[0] + "," + all[1], input(1)});
+  EXPECT_TRUE(waitFor("waiting up to 30 seconds"));
+  expectInterfaces(all[0], all[1]);
+  end();
+}
+
+TEST_F(BrundOwner, LoopbackAloneIsNoPair) {
+  const std::string path = input(1);
+  int error = 0;
+  std::thread elsewhere([&] {  // in a network of its own
+    error = unshare(CLONE_NEWNET) == 0 ? 0 : errno;
+    if (error == 0) {
+      start(rules_, {path});
+    }
+  });
+  elsewhere.join();
+  if (error != 0) {
+    GTEST_SKIP() << "no network namespace can be made here: " << std::strerror(error);
+  }
+  EXPECT_EQ(finish(), 1);
+  EXPECT_EQ(errors(),
+            "brund-sim: the interface group takes a pair of network interfaces, and here is only "
+            "lo: make a pair (ip link add port0 type veth peer name port1) or name one with "
+            "--ports\n");
+  expectRemoved();
+}
+
+}  // namespace
+}  // namespace tarnik::brund
