@@ -12,12 +12,12 @@
 namespace tarnik {
 namespace {
 
-// A descriptor of our own, with what a capture file tells about a frame.
+// A descriptor of our own, with what a capture file tells about a frame; the rest is not set.
 zorvik_frm_desc lengthsAndTime(zorvik_frm_desc& frame) {
   const auto load = [](std::uint32_t& word) {
     return std::atomic_ref(word).load(std::memory_order_relaxed);
   };
-  zorvik_frm_desc seen{};
+  zorvik_frm_desc seen;
   seen.wire_len = load(frame.wire_len);
   seen.cap_len = load(frame.cap_len);
   seen.ts_sec = load(frame.ts_sec);

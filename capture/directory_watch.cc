@@ -5,6 +5,7 @@
 #include <linux/magic.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
+#include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -49,6 +50,14 @@ void prepend(const std::string& path, std::deque<std::string>& rest) {
     begin = end + 1;
   }
   rest.insert(rest.begin(), components.begin(), components.end());
+}
+
+// What is ready of an epoll descriptor, at once. Not the C library's call: that is a point where a
+// thread may be cancelled, and a process of several threads pays for it each time.
+int readyOf(int epoll, epoll_event* events, int count) {
+  constexpr int kNoWait = 0;
+  return static_cast<int>(
+      ::syscall(SYS_epoll_pwait, epoll, events, count, kNoWait, nullptr, std::size_t{0}));
 }
 
 bool addTo(int epoll, int fd, std::uint32_t wanted) {
@@ -133,7 +142,7 @@ void DirectoryWatch::unwatchFile(int file) {
 
 bool DirectoryWatch::collect(DirectoryNews& news) {
   std::array<epoll_event, 2> ready{};
-  const int count = ::epoll_wait(either_.get(), ready.data(), static_cast<int>(ready.size()), 0);
+  const int count = readyOf(either_.get(), ready.data(), static_cast<int>(ready.size()));
   if (count == 0) {
     return true;
   }

@@ -1,9 +1,15 @@
 #include "capture/meta_cache.h"
 
+#include <algorithm>
+
 #include "base/log.h"
 
 namespace tarnik {
 namespace {
+
+// So many entries cost no more than themselves: the index grows only past them, and nobody who
+// waits for the lock waits for that.
+constexpr std::size_t kUsualEntries = 10000;
 
 // Holds a lock that `take` has taken, for reading or for writing.
 class Guard {
@@ -24,7 +30,9 @@ TarnikMetaCache& TarnikMetaCache::instance() {
   return cache;
 }
 
-TarnikMetaCache::TarnikMetaCache() : lockReady_(pthread_rwlock_init(&lock_, nullptr) == 0) {}
+TarnikMetaCache::TarnikMetaCache() : lockReady_(pthread_rwlock_init(&lock_, nullptr) == 0) {
+  entries_.reserve(kUsualEntries);
+}
 
 TarnikMetaCache::~TarnikMetaCache() {
   if (lockReady_) {
@@ -86,23 +94,35 @@ void TarnikMetaCache::expire() {
   TARNIK_DEBUG(3, "Debug: %s: entry", "expire");
   const std::time_t now = std::time(nullptr);
   const Guard guard(lock_, pthread_rwlock_wrlock);
-  std::erase_if(entries_, [now](const auto& item) {
-    const auto& [captureId, entry] = item;
+  for (const Entries::iterator item : ascending()) {
+    const auto& [captureId, entry] = *item;
     if (now <= entry.expireTime) {
-      return false;
+      continue;
     }
     TARNIK_DEBUG(3, "Debug: %s: Expiring 0x%lx (flowId=0x%lx, triggerId=0x%x)", "expire", captureId,
                  entry.flowId, entry.triggerId);
-    return true;
-  });
+    entries_.erase(item);
+  }
 }
 
 void TarnikMetaCache::dump() {
   const Guard guard(lock_, pthread_rwlock_rdlock);
   TARNIK_INFO("%s: TarnikMetaCache", "dump");
-  for (const auto& [captureId, entry] : entries_) {
+  for (const Entries::iterator item : ascending()) {
+    const auto& [captureId, entry] = *item;
     TARNIK_INFO("0x%lx: 0x%lx 0x%x", captureId, entry.flowId, entry.triggerId);
   }
+}
+
+std::vector<TarnikMetaCache::Entries::iterator> TarnikMetaCache::ascending() {
+  std::vector<Entries::iterator> items;
+  items.reserve(entries_.size());
+  for (auto item = entries_.begin(); item != entries_.end(); ++item) {
+    items.push_back(item);
+  }
+  std::sort(items.begin(), items.end(),
+            [](const auto& one, const auto& other) { return one->first < other->first; });
+  return items;
 }
 
 }  // namespace tarnik

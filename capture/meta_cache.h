@@ -11,7 +11,8 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
-#include <map>
+#include <unordered_map>
+#include <vector>
 
 namespace tarnik {
 
@@ -50,7 +51,12 @@ class TarnikMetaCache {
 
   [[nodiscard]] std::time_t expireTimeFrom(std::time_t now) const;
 
-  std::map<std::uint64_t, Entry> entries_;  // guarded by lock_
+  using Entries = std::unordered_map<std::uint64_t, Entry>;
+
+  // All entries by ascending captureId. The order is asked for rarely, an entry for every frame.
+  [[nodiscard]] std::vector<Entries::iterator> ascending();
+
+  Entries entries_;  // guarded by lock_
   pthread_rwlock_t lock_;
   const bool lockReady_;
   std::atomic<std::int32_t> timeout_{0};  // seconds; relaxed: a plain setting, orders nothing

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <future>
 #include <limits>
 #include <thread>
@@ -187,6 +188,18 @@ TEST_F(MetaCacheTest, ExpireReadsTheClockOnce) {
   test::onTime([&] { ++reads; });
   cache.expire();
   EXPECT_EQ(reads, 1);
+}
+
+TEST_F(MetaCacheTest, DumpListsManyEntriesInOrder) {
+  std::vector<LogLine> expected = {{LOG_INFO, "dump: TarnikMetaCache"}};
+  for (std::uint64_t i = 0; i < 101; ++i) {
+    cache.add(1 + i * 37 % 101, 1, 2);  // 101 is prime: each identifier once
+    char line[32];
+    std::snprintf(line, sizeof line, "0x%lx: 0x1 0x2", i + 1);
+    expected.push_back({LOG_INFO, line});
+  }
+  cache.dump();
+  EXPECT_EQ(test::logLines(), expected);
 }
 
 TEST_F(MetaCacheTest, DumpListsTheEntriesInOrder) {

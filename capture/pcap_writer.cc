@@ -25,9 +25,10 @@ constexpr std::array<std::uint8_t, 24> kFileHeader = {
     1,    0,    0,    0,     // Ethernet
 };
 
-// Measured in bench/pcap_writer_bench.cc: half of it costs a fifth more time a frame, twice of it
-// saves nothing. Ten thousand open captures take 160 MB at most.
-constexpr std::size_t kStreamBufferSize = 16384;
+// Measured in bench/pipeline_bench.cc: with half of it a frame takes a tenth more time, since each
+// flush brings a look at the file's new size. A capture takes memory for what it has filled: ten
+// thousand long ones take 640 MB.
+constexpr std::size_t kStreamBufferSize = 65536;
 
 // Where the last whole record of `path` ends, within `size` bytes. `from` is the end of a record
 // that is known to be complete, and the answer when the file cannot be read.

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <utility>
 
 #include "base/log.h"
 #include "base/paths.h"
@@ -47,7 +47,7 @@ bool UsageLedger::rebuild() {
   while (const dirent* const entry = ::readdir(directory.get())) {
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") {
-      examine(name, false);
+      examine(name);
     }
   }
   sorted_ = true;
@@ -67,19 +67,25 @@ void UsageLedger::clear() {
 
 void UsageLedger::entryChanged(const char* name) {
   selfStale_ = true;
-  examine(name, false);
+  examine(name);
 }
 
 void UsageLedger::fileChanged(int file) {
   const auto found = files_.find(file);
-  if (found != files_.end()) {
-    examine(found->second->first, true);
+  if (found == files_.end()) {
+    return;
+  }
+  Node& node = *found->second;
+  struct stat status {};
+  if (::lstat(pathOf(node.first), &status) == 0 && S_ISREG(status.st_mode)) {
+    setSize(node, static_cast<std::uint64_t>(status.st_size));
+  } else {
+    examine(node.first);
   }
 }
 
-// Looks at the entry anew. `known`: it is the entry that was looked at before, not another one of
-// that name.
-void UsageLedger::examine(std::string_view name, bool known) {
+// Looks at what goes by that name now.
+void UsageLedger::examine(std::string_view name) {
   struct stat status {};
   bool found = ::lstat(pathOf(name), &status) == 0;
   auto entry = entries_.find(name);
@@ -91,8 +97,7 @@ void UsageLedger::examine(std::string_view name, bool known) {
     entry = entries_.try_emplace(std::string(name)).first;
   }
   Node& node = *entry;
-  const bool watched = known && node.second.watch >= 0;
-  if (found && S_ISREG(status.st_mode) && !watched) {
+  if (found && S_ISREG(status.st_mode)) {
     // Looked at again: it may have changed before it was watched.
     found = watch(node) && ::lstat(path_.c_str(), &status) == 0;
   }
@@ -158,35 +163,44 @@ void UsageLedger::forget(Entries::iterator entry) {
 }
 
 void UsageLedger::setSize(Node& node, std::uint64_t size) {
-  setMissing(node);
-  node.second.counted = true;
+  if (!node.second.counted) {
+    node.second.counted = true;
+    captures_ += isCaptureFile(node.first.c_str()) ? 1 : 0;
+  }
+  bytes_ += size - node.second.size;
   node.second.size = size;
-  bytes_ += size;
-  captures_ += isCaptureFile(node.first.c_str()) ? 1 : 0;
 }
 
 void UsageLedger::setMissing(Node& node) {
   if (node.second.counted) {
     node.second.counted = false;
-    bytes_ -= node.second.size;
     captures_ -= isCaptureFile(node.first.c_str()) ? 1 : 0;
+    bytes_ -= std::exchange(node.second.size, 0);
   }
 }
 
 bool UsageLedger::measureDirectories() {
-  const auto measure = [this](const char* name, bool& stale, std::uint64_t& size) {
-    struct stat status {};
-    if (stale && ::stat(pathOf(name), &status) != 0) {
-      return false;
-    }
-    size = stale ? static_cast<std::uint64_t>(status.st_size) : size;
-    stale = false;
+  return measureDirectory(".", selfStale_, selfBytes_) &&
+         measureDirectory("..", parentStale_, parentBytes_);
+}
+
+bool UsageLedger::measureDirectory(const char* name, bool& stale, std::uint64_t& size) {
+  if (!stale) {
     return true;
-  };
-  return measure(".", selfStale_, selfBytes_) && measure("..", parentStale_, parentBytes_);
+  }
+  struct stat status {};
+  if (::stat(pathOf(name), &status) != 0) {
+    return false;
+  }
+  size = static_cast<std::uint64_t>(status.st_size);
+  stale = false;
+  return true;
 }
 
 void UsageLedger::revisitAll() {
+  if (revisited_.empty()) {
+    return;
+  }
   visiting_ = revisited_;
   const auto missing = std::count_if(visiting_.begin(), visiting_.end(),
                                      [this](Node* node) { return !revisit(*node); });

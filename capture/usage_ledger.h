@@ -33,11 +33,11 @@ class UsageLedger : private DirectoryNews {
 
  private:
   struct Entry {
-    std::uint64_t size = 0;
+    std::uint64_t size = 0;  // as it is part of the sum
     int watch = -1;          // number of the watched file
     int error = 0;           // why there was no status
     std::size_t rank = 0;    // place in the directory
-    bool counted = false;    // is part of the sums
+    bool counted = false;    // has a status
     bool revisited = false;  // is looked at each time
   };
   struct Hash {
@@ -55,7 +55,7 @@ class UsageLedger : private DirectoryNews {
 
   [[nodiscard]] bool rebuild();
   void clear();
-  void examine(std::string_view name, bool known);
+  void examine(std::string_view name);
   [[nodiscard]] bool watch(Node& node);
   void unwatch(Node& node);
   void visitAlways(Node& node);
@@ -64,6 +64,7 @@ class UsageLedger : private DirectoryNews {
   void setSize(Node& node, std::uint64_t size);
   void setMissing(Node& node);
   [[nodiscard]] bool measureDirectories();
+  [[nodiscard]] bool measureDirectory(const char* name, bool& stale, std::uint64_t& size);
   void revisitAll();
   [[nodiscard]] bool revisit(Node& node);
   void sortByDirectory();

@@ -34,6 +34,7 @@ std::uint64_t costOf(const Bytes& message) {
 TEST(AllocationTest, MetadataCostsItsEntryAndNothingElse) {
   setDebugLevel(0);
   clearLog();
+  TarnikMetaCache::instance().config(0);  // as the daemon's start does
   ASSERT_EQ(OrloCmdInit("tarnikd", 0), 0);
   const Bytes message = metadataMessage();
   EXPECT_EQ(costOf(message), 1U);
