@@ -1,7 +1,7 @@
 // The processor time of a frame that is written to its capture's file: by the writer, by libpcap's
-// pcap_dump, and by bare streams with buffers of several sizes, which is where the size of the
-// writer's buffer comes from. Frames of 40 to 960 bytes, 500 in the mean, in random order over the
-// files; opening and closing them is not counted.
+// pcap_dump, and by bare streams with buffers of several sizes. Frames of 40 to 960 bytes, 500 in
+// the mean, in random order over the files; opening and closing them is not counted. What a
+// buffer's size costs besides, in looks at grown files, pipeline_bench tells.
 //
 // Works on the capture directory itself: run it in a private root, whose files lie in memory.
 #include <benchmark/benchmark.h>

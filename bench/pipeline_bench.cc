@@ -1,32 +1,37 @@
 // What a frame costs from the queue to its return to the driver, beside a bare libpcap loop that
 // writes the same frames into a pcap_dump file for each flow: once reading them from a capture
-// file, and once from memory, which saves it the reading.
+// file, and once from memory, which saves it the reading. The capture thread is the daemon's.
 //
-// Needs the driver with the group "brund" (bench/on-the-driver). The queue is filled in advance.
+// Needs the driver with the group "brund" (platform/zorvik/on-the-driver).
+#include <fcntl.h>
+#include <orlo_sdk.h>
 #include <pcap/pcap.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
+#include "base/owned.h"
 #include "bench/support.h"
 #include "capture/capture_manager.h"
+#include "capture/capture_thread.h"
 #include "capture/meta_cache.h"
 #include "frameq/tarnik_if.h"
-#include "platform/brund/queue_sender.h"
+#include "frameq/zorlib.h"
 
 namespace tarnik::bench {
 namespace {
 
 constexpr std::size_t kFlows = 1000;
-constexpr std::size_t kFill = 99000;  // the queue holds 99,999
 // So many that what still waits in a file's buffer at the end is next to nothing.
-constexpr std::size_t kFills = 4;
-constexpr std::size_t kFrames = kFill * kFills;
+constexpr std::size_t kFrames = 396000;
 constexpr char kDumpDir[] = "/tmp/dumps/";
 constexpr char kSource[] = "/tmp/frames.pcap";
 
@@ -38,27 +43,10 @@ struct Cost {
   [[nodiscard]] double perFrameWithOpening() const { return (opening + frames) / kFrames; }
 };
 
-// Runs `next(count)` for the first frames and then for all others, after `fill()` where the queue
-// is empty.
-template <class Fill, class Next>
-Cost timed(Fill fill, Next next) {
-  Cost cost;
-  for (std::size_t i = 0; i < kFills; ++i) {
-    fill();
-    const double start = threadTime();
-    if (i == 0) {
-      next(kFlows);
-    }
-    const double middle = threadTime();
-    next(i == 0 ? kFill - kFlows : kFill);
-    cost.opening += middle - start;
-    cost.frames += threadTime() - middle;
-  }
-  return cost;
-}
-
 // ---- The pipeline
 
+// The frames come in bursts, each in the queue as good as at once, so that the thread does not wait
+// while it is measured.
 class Pipeline {
  public:
   Pipeline() {
@@ -66,73 +54,94 @@ class Pipeline {
     for (std::uint64_t flow = 1; flow <= kFlows; ++flow) {
       TarnikMetaCache::instance().add(flow, flow, kUnshelledIssue);
     }
-    std::string reason;
-    if (!sender_.open(99999, false, reason)) {
-      giveUp(reason.c_str());
-    }
-    queue_.reset(TarnikIfCreate());
-    if (!queue_ || queue_->Open(TarnikQ::kIngress) != 0) {
+    if (TarnikIfQInit(kQueueSize) != 0 || zorlib_ifg_open("brund", &group_) != 0) {
       giveUp("queue");
     }
-    queue_->SetTimeout(1000);
   }
 
   Cost run(const Traffic& traffic) {
-    const Cost cost = timed([&] { fill(traffic); }, [this](std::size_t count) { consume(count); });
-    manager_.CloseWriters();
+    zorlib_q* queue = nullptr;
+    if (zorlib_q_app_open(group_, "TarnikQ", ZORLIB_WRITE, &queue) != 0) {
+      giveUp("queue");
+    }
+    thread_.start(kTimeoutMs);
+    Cost cost;
+    auto next = traffic.frames().begin();
+    cost.opening = consume(queue, {next, next + kFlows});
+    for (next += kFlows; next != traffic.frames().end();) {
+      const auto end = next + std::min<std::ptrdiff_t>(kBurst, traffic.frames().end() - next);
+      cost.frames += consume(queue, {next, end});
+      next = end;
+    }
+    thread_.stop();
+    thread_.join();
+    zorlib_q_close(queue);
     emptyCaptureDirectory();
     return cost;
   }
 
  private:
-  struct Close {
-    void operator()(TarnikQ* queue) const noexcept {
-      queue->Close();
-      TarnikIfDestroy(queue);
-    }
-  };
+  static constexpr std::size_t kQueueSize = 5000;  // the daemon's default
+  static constexpr std::ptrdiff_t kBurst = 4950;
+  static constexpr std::uint64_t kTimeoutMs = 60000;
+  using Frames = std::span<const Frame>;
 
-  void fill(const Traffic& traffic) {
-    for (const Frame& frame : traffic.frames()) {
-      const zorvik_frm_desc& words = frame.descriptor;
-      if (sender_.put({{frame.data, words.cap_len}, words.wire_len, words.ts_sec, words.ts_usec},
-                      frame.flow, 0, nullptr) != brund::QueueSender::Put::kQueued) {
-        giveUp("put");
+  // The thread's processor time for the frames, up to its next wait.
+  double consume(zorlib_q* queue, Frames frames) {
+    std::vector<zorvik_frm_desc*> ready;
+    ready.reserve(frames.size());
+    for (const Frame& frame : frames) {
+      ready.push_back(copyOf(frame));
+    }
+    const double start = processTime() - threadTime();
+    for (zorvik_frm_desc* const frame : ready) {
+      if (zorlib_q_write(queue, frame) != 0) {
+        giveUp("queue full");
       }
     }
+    consumed_ += frames.size();
+    awaitConsumed();
+    return processTime() - threadTime() - start;
   }
 
-  // The capture thread's loop.
-  void consume(std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-      zorvik_frm_desc* frame = nullptr;
-      std::uint8_t* data = nullptr;
-      std::uint64_t captureId = 0;
-      std::uint32_t flags = 0;
-      if (queue_->ReadPkt(&frame, &data, &captureId, &flags) != 0) {
-        giveUp("ReadPkt");
-      }
-      count_(2, 1);
-      const zorvik_frm_desc seen = *frame;
-      const bool inside = seen.cap_len <= queue_->room(data);
-      if (manager_.ConsumeFrame(captureId, seen, inside ? data : nullptr, flags) != 0) {
-        giveUp("ConsumeFrame");
-      }
-      count_(3, 1);
-      queue_->Free(frame);
-      manager_.UpdateUsageCounters();
-      count_(0, manager_.filesUsed());
-      count_(1, manager_.diskUsed());
+  zorvik_frm_desc* copyOf(const Frame& frame) {
+    zorvik_frm_desc* copy = nullptr;
+    if (zorlib_batch_alloc(group_, frame.descriptor.cap_len, &copy, 1) != 1) {
+      giveUp("no frame");
     }
-  }
-  void count_(std::size_t counter, std::uint64_t amount) {
-    std::atomic_ref(counters_[counter]).fetch_add(amount, std::memory_order_relaxed);
+    std::memcpy(zorlib_ifg_frm_data(group_, copy), frame.data, frame.descriptor.cap_len);
+    copy->wire_len = frame.descriptor.wire_len;
+    copy->cap_len = frame.descriptor.cap_len;
+    copy->ts_sec = frame.descriptor.ts_sec;
+    copy->ts_usec = frame.descriptor.ts_usec;
+    copy->frame_size = static_cast<std::uint16_t>(frame.descriptor.cap_len);
+    copy->tag = frame.flow;
+    return copy;
   }
 
-  brund::QueueSender sender_;
-  std::unique_ptr<TarnikQ, Close> queue_;
-  CaptureManager& manager_ = CaptureManager::instance();
-  alignas(64) std::array<std::uint64_t, 6> counters_{};
+  // By the statistics area; then the last frame has all the time it needs.
+  void awaitConsumed() {
+    std::array<std::uint64_t, 6> counters{};
+    while (counters[3] != consumed_) {
+      ::usleep(500);
+      if (!statistics_) {
+        statistics_.reset(::open(ORLO_STATS_DIR "/tarnik", O_RDONLY | O_CLOEXEC));
+      }
+      if (statistics_ && ::pread(statistics_.get(), counters.data(), sizeof counters,
+                                 sizeof(OrloStatsHeader)) != sizeof counters) {
+        giveUp("statistics");
+      }
+      if (counters[4] + counters[5] != 0) {
+        giveUp("a frame was refused");
+      }
+    }
+    ::usleep(500);
+  }
+
+  zorlib_ifg* group_ = nullptr;
+  CaptureThread thread_;
+  std::uint64_t consumed_ = 0;
+  OwnedFd statistics_;
 };
 
 // ---- libpcap
@@ -183,12 +192,23 @@ void writeSource(const Traffic& traffic) {
   if (!dumper) {
     giveUp(kSource);
   }
-  for (std::size_t i = 0; i < kFills; ++i) {
-    for (const Frame& frame : traffic.frames()) {
-      const pcap_pkthdr header = headerOf(frame);
-      ::pcap_dump(reinterpret_cast<u_char*>(dumper.get()), &header, frame.data);
-    }
+  for (const Frame& frame : traffic.frames()) {
+    const pcap_pkthdr header = headerOf(frame);
+    ::pcap_dump(reinterpret_cast<u_char*>(dumper.get()), &header, frame.data);
   }
+}
+
+// Runs `next(count)` for the first frames and then for all others.
+template <class Next>
+Cost timed(Next next) {
+  Cost cost;
+  const double start = threadTime();
+  next(kFlows);
+  const double middle = threadTime();
+  next(kFrames - kFlows);
+  cost.opening = middle - start;
+  cost.frames = threadTime() - middle;
+  return cost;
 }
 
 Cost libpcapFromFile() {
@@ -203,30 +223,28 @@ Cost libpcapFromFile() {
     std::memcpy(&flow, data, sizeof flow);
     reinterpret_cast<Dumpers*>(user)->dump(flow, *header, data);
   };
-  return timed([] {},
-               [&](std::size_t count) {
-                 if (::pcap_loop(source.get(), static_cast<int>(count), each,
-                                 reinterpret_cast<u_char*>(&dumpers)) != 0) {
-                   giveUp(::pcap_geterr(source.get()));
-                 }
-               });
+  return timed([&](std::size_t count) {
+    if (::pcap_loop(source.get(), static_cast<int>(count), each,
+                    reinterpret_cast<u_char*>(&dumpers)) != 0) {
+      giveUp(::pcap_geterr(source.get()));
+    }
+  });
 }
 
 Cost libpcapFromMemory(const Traffic& traffic) {
   Dumpers dumpers;
   auto frame = traffic.frames().begin();
-  return timed([&] { frame = traffic.frames().begin(); },
-               [&](std::size_t count) {
-                 for (std::size_t i = 0; i < count; ++i, ++frame) {
-                   dumpers.dump(frame->flow, headerOf(*frame), frame->data);
-                 }
-               });
+  return timed([&](std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i, ++frame) {
+      dumpers.dump(frame->flow, headerOf(*frame), frame->data);
+    }
+  });
 }
 
 // ---- Both
 
 void pipelineAndLibpcap(benchmark::State& state) {
-  static const Traffic traffic(kFlows, kFill);
+  static const Traffic traffic(kFlows, kFrames);
   static Pipeline pipeline;
   static const bool warm = [] {  // the machine's memory
     emptyDirectory(kDumpDir);

@@ -3,7 +3,7 @@
 // Concurrency Kit's and DPDK's, where they are installed. Ours also checks the handle, counts the
 // frame's reference, looks for a sleeper to wake and validates the descriptor it reads.
 //
-// Needs the driver with the group "brund" (bench/on-the-driver).
+// Needs the driver with the group "brund" (platform/zorvik/on-the-driver).
 #if TARNIK_BENCH_RTE
 #include <rte_ring.h>
 #endif
