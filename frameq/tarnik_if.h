@@ -7,9 +7,10 @@
 //
 // The functions may be called from several threads; one process-wide mutex serialises them, but
 // TarnikIfgOpen is meant for one thread at a time. A TarnikQ belongs to one thread; another may
-// call Shutdown (and Close, which begins with it).
+// call Shutdown and Close at any time while the object lives.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -27,7 +28,8 @@ class TarnikQ {
 
   virtual ~TarnikQ() = default;  // does not close the queue
   virtual int Open(int mode);
-  // Shuts the queue down and closes it. Afterwards the object is only fit to be destroyed.
+  // Shuts the queue down, waits until no operation is inside it, and closes it. Afterwards the
+  // object is only fit to be destroyed: what the library is asked for fails with ESHUTDOWN.
   virtual int Close();
   // Makes a read that waits, or starts later, fail with ESHUTDOWN.
   virtual void Shutdown();
@@ -63,6 +65,7 @@ class TarnikQ {
   [[maybe_unused]] std::uint64_t unused_;  // keeps the object's layout; never set, never read
   zorlib_q* q_ = nullptr;
   int mode_ = kNone;
+  std::atomic<std::uint32_t> users_ = 0;  // threads inside the library with q_; top bit: closed
 };
 
 // Opens the group once a process; 0 at once when it is open.

@@ -2,7 +2,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 #include "base/log.h"
 #include "frameq/ring.h"
@@ -13,6 +15,32 @@ namespace tarnik {
 
 using capture_if::ifg;
 using capture_if::kQueueName;
+
+namespace {
+
+constexpr std::uint32_t kClosed = 1U << 31U;
+
+// Keeps a queue's handle alive while an operation is inside the library with it. False, with errno
+// ESHUTDOWN, when the queue has been closed.
+class Use {
+ public:
+  explicit Use(std::atomic<std::uint32_t>& users) noexcept
+      : users_(users), open_((users.fetch_add(1) & kClosed) == 0) {
+    if (!open_) {
+      errno = ESHUTDOWN;
+    }
+  }
+  Use(const Use&) = delete;
+  Use& operator=(const Use&) = delete;
+  ~Use() { users_.fetch_sub(1); }
+  explicit operator bool() const noexcept { return open_; }
+
+ private:
+  std::atomic<std::uint32_t>& users_;
+  bool open_;
+};
+
+}  // namespace
 
 int TarnikQ::Open(int mode) {
   const std::lock_guard guard(capture_if::mutex);
@@ -31,6 +59,7 @@ int TarnikQ::Open(int mode) {
     return -1;
   }
   mode_ = mode;
+  users_ &= ~kClosed;
   TARNIK_DEBUG(3, "Debug: %s: zorlib_q_app_open %p", "Open", static_cast<void*>(q_));
   return 0;
 }
@@ -40,15 +69,25 @@ int TarnikQ::Close() {
     return 0;
   }
   Shutdown();
+  if ((users_.fetch_or(kClosed) & kClosed) != 0) {
+    return 0;
+  }
+  while (users_ != kClosed) {
+    // Whoever opens the queue anew takes the shutdown back, under a reader that has not seen it.
+    static_cast<void>(zorlib_q_shutdown(q_));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   if (zorlib_q_close(q_) != 0) {
     TARNIK_ERROR("Error: %s: zorlib_q_close failed, errno=%d", "Close", errno);
+    users_ &= ~kClosed;
     return -1;
   }
   return 0;
 }
 
 void TarnikQ::Shutdown() {
-  if (q_ != nullptr) {
+  const Use use(users_);
+  if (use && q_ != nullptr) {
     static_cast<void>(zorlib_q_shutdown(q_));
   }
 }
@@ -59,7 +98,8 @@ int TarnikQ::getSize() {
     return -2;
   }
   std::uint32_t entries = 0;
-  if (zorlib_q_get_size(q_, &entries) != 0) {
+  const Use use(users_);
+  if (!use || zorlib_q_get_size(q_, &entries) != 0) {
     TARNIK_ERROR("Error: %s: zorlib_q_get_size failed", "getSize");
     return -1;
   }
@@ -71,7 +111,8 @@ int TarnikQ::getFd() {
     TARNIK_INFO("%s: TarnikIf handle not initialized", "getFd");
     return -2;
   }
-  const int fd = zorlib_q_get_fd(q_);
+  const Use use(users_);
+  const int fd = use ? zorlib_q_get_fd(q_) : -1;
   if (fd < 0) {
     TARNIK_ERROR("Error: %s: zorlib_q_get_fd failed, errno=%d", "getFd", errno);
     return -1;
@@ -80,7 +121,11 @@ int TarnikQ::getFd() {
 }
 
 void TarnikQ::SetTimeout(std::int32_t ms) {
-  if (q_ != nullptr && zorlib_q_set_timeout(q_, ms) != 0) {
+  if (q_ == nullptr) {
+    return;
+  }
+  const Use use(users_);
+  if (!use || zorlib_q_set_timeout(q_, ms) != 0) {
     TARNIK_ERROR("Error: %s: zorlib_q_set_timeout failed, errno=%d", "SetTimeout", errno);
   }
 }
@@ -102,7 +147,9 @@ int TarnikQ::Read(zorvik_frm_desc** frame) {
   if (const int refused = refuse("Read", kIngress); refused != 0) {
     return refused;
   }
-  if (zorlib_q_read(q_, frame) == 0) {
+  *frame = nullptr;
+  const Use use(users_);
+  if (use && zorlib_q_read(q_, frame) == 0) {
     return 0;
   }
   if (errno == EAGAIN) {
@@ -118,7 +165,9 @@ int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t
                      std::uint32_t* flags) {
   *tag = 0;
   *flags = 0;
-  if (zorlib_q_read(q_, frame) != 0) {
+  *frame = nullptr;
+  const Use use(users_);
+  if (!use || zorlib_q_read(q_, frame) != 0) {
     if (errno == EAGAIN || errno == EINTR) {
       return -5;
     }
@@ -145,14 +194,16 @@ int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t
 }
 
 std::uint32_t TarnikQ::room(const std::uint8_t* data) {
-  return zorlib_q_room(q_, data);
+  const Use use(users_);
+  return use ? zorlib_q_room(q_, data) : 0;
 }
 
 int TarnikQ::Write(zorvik_frm_desc* frame) {
   if (const int refused = refuse("Write", kEgress); refused != 0) {
     return refused;
   }
-  if (zorlib_q_write(q_, frame) == 0) {
+  const Use use(users_);
+  if (use && zorlib_q_write(q_, frame) == 0) {
     return 0;
   }
   TARNIK_DEBUG(0, "Debug: %s: Failed to write %p", "Write", static_cast<void*>(frame));
@@ -185,7 +236,11 @@ int TarnikQ::Drain() {
   }
   TARNIK_DEBUG(0, "Debug: %s: Draining queue elements\n", "Drain");
   zorvik_frm_desc* frame = nullptr;
-  while (zorlib_q_read_timeout(q_, &frame, kPatience) == 0) {
+  const auto read = [&] {
+    const Use use(users_);
+    return use && zorlib_q_read_timeout(q_, &frame, kPatience) == 0;
+  };
+  while (read()) {
     static_cast<void>(Free(frame));
   }
   if (errno == EAGAIN) {
@@ -209,7 +264,8 @@ int TarnikQ::Free(zorvik_frm_desc* frame) {
 
 void TarnikQ::Dump(zorvik_frm_desc* frame, const char* label) {
   const auto length = static_cast<std::int32_t>(ring::load(frame->cap_len));
-  const std::uint8_t* const data = q_ == nullptr ? nullptr : zorlib_q_frm_data(q_, frame);
+  const Use use(users_);
+  const std::uint8_t* const data = use && q_ != nullptr ? zorlib_q_frm_data(q_, frame) : nullptr;
   TARNIK_DEBUG(0, "Debug: %s: %s (%d bytes) %p", "Dump", label, length,
                static_cast<const void*>(data));
   // The length is the producer's word; the payload memory's end is ours.
