@@ -28,64 +28,6 @@ class FramesTest : public test::ManagerTest {
   }
 };
 
-TEST_F(FramesTest, StepsOfANewCapture) {
-  manager.UpdateUsageCounters();
-  const std::string used = std::to_string(manager.diskUsed());
-  announce(0xabc, 70001, 0x77);
-  useDebugLevel(4);
-  ASSERT_EQ(consume(0xabc, 100, 0, 1), 0);
-  EXPECT_THAT(
-      steps(),
-      ElementsAre(
-          "Debug: ConsumeFrame: captureId=0xabc, flags=0x1, 0/1000 " + used + "/1000000000",
-          "Debug: LookupConnWriter: captureId=0xabc",
-          "Debug: LookupConnWriter: Not found captureId=0xabc",
-          "Debug: ConsumeFrame: New writer: 0xabc", "Debug: update: Update expireTime for 0xabc",
-          "Debug: ProcessMetaData: captureId=0xabc", "Debug: lookup: Lookup metadata for 0xabc",
-          "Debug: ProcessMetaData: Found metadata: 0x77", "Debug: UpdateWriter: triggerId=70001",
-          "Debug: LookupIssueName: issueId=0x11171", "Debug: LookupIssueName: 70001=X_Y ",
-          "Debug: UpdateWriter: /var/support/tarnik/20240305-070809.ips.X_Y.1.pcap",
-          "Debug: PushConnWriter: captureId=0xabc"));
-  EXPECT_EQ(manager.diskUsed(), std::stoul(used)) << "a frame does not measure";
-}
-
-TEST_F(FramesTest, StepsOfAnOpenCaptureUntilItsEnd) {
-  announce(0xabc, 70001);
-  ASSERT_EQ(consume(0xabc), 0);
-  useDebugLevel(4);
-  ASSERT_EQ(consume(0xabc, 100, 0, kPktLastFrame), 0);
-  const std::vector<std::string> taken = steps();
-  ASSERT_THAT(taken, SizeIs(7));
-  EXPECT_TRUE(taken[0].starts_with("Debug: ConsumeFrame: captureId=0xabc, flags=0x4, "));
-  EXPECT_THAT(std::vector(taken.begin() + 1, taken.end()),
-              ElementsAre("Debug: LookupConnWriter: captureId=0xabc",
-                          "Debug: LookupConnWriter: Found captureId=0xabc",
-                          "Debug: ConsumeFrame: Cached writer: 0xabc",
-                          "Debug: update: Update expireTime for 0xabc",
-                          "Debug: ProcessMetaData: captureId=0xabc",
-                          "Debug: EraseConnWriter: captureId=0xabc"));
-  EXPECT_FALSE(inTable(0xabc));
-}
-
-TEST_F(FramesTest, StepsAreToldFromTheirLevelsOn) {
-  announce(1, 70000);
-  useDebugLevel(1);
-  ASSERT_EQ(consume(1), 0);
-  EXPECT_THAT(steps(), ElementsAre("Debug: LookupIssueName: 70000=web ",
-                                   "Debug: UpdateWriter: "
-                                   "/var/support/tarnik/20240305-070809.ips.web.1.pcap"));
-  useDebugLevel(2);
-  ASSERT_EQ(consume(1), 0);
-  EXPECT_THAT(steps(), ElementsAre("Debug: ConsumeFrame: captureId=0x1, flags=0x0, 0/1000 "
-                                   "0/1000000000"));
-  useDebugLevel(3);
-  ASSERT_EQ(consume(1), 0);
-  EXPECT_THAT(steps(), SizeIs(1));
-  for (const LogLine& line : test::logLines()) {
-    EXPECT_EQ(line.priority, LOG_DEBUG);
-  }
-}
-
 TEST_F(FramesTest, OneFileHoldsAllFramesOfACapture) {
   announce(1, 70000);
   announce(2, 70001);

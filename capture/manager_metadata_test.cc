@@ -151,6 +151,23 @@ TEST_F(MetadataTest, EveryWrittenFrameRefreshesTheMetadata) {
   EXPECT_FALSE(cached(1));
 }
 
+TEST_F(MetadataTest, AFirstFrameThatIsNotWrittenRefreshesNothing) {
+  TarnikMetaCache::instance().config(10);
+  for (const std::uint64_t captureId : {1, 2, 3}) {
+    announce(captureId, 70000);
+  }
+  std::filesystem::create_directory(std::string(kCaptureDir) + "1");
+  test::setTime(test::kNow + 8);
+  EXPECT_EQ(consume(1), 5);
+  EXPECT_EQ(consume(2, 0), 6);
+  EXPECT_EQ(consume(3, 1'000'000), 11);
+  test::setTime(test::kNow + 11);
+  TarnikMetaCache::instance().expire();
+  for (const std::uint64_t captureId : {1, 2, 3}) {
+    EXPECT_FALSE(cached(captureId)) << captureId;
+  }
+}
+
 TEST_F(MetadataTest, WritersExpireWhenTheyHaveBeenIdleForLonger) {
   announce(1, 70000);
   announce(2, 70000);
@@ -206,6 +223,31 @@ TEST_F(MetadataTest, ExpiryTellsItsSteps) {
   EXPECT_THAT(steps(), ElementsAre("Debug: ExpireWriters: No metadata for flow 0xb",
                                    "Warning: Finalize: Failed to determine capture name for "
                                    "[/var/support/tarnik/b]"));
+}
+
+TEST_F(MetadataTest, TheEndOfACaptureIsNotToldBelowItsLevels) {
+  for (const unsigned level : {0u, 3u}) {
+    ASSERT_EQ(consume(0xa), 0);
+    announce(0xb, 70000);
+    ASSERT_EQ(consume(0xb), 0);
+    test::setTime(test::kNow + 121);
+    ASSERT_EQ(consume(0xc), 0);
+    announce(0xd, 70000);
+    ASSERT_EQ(consume(0xd), 0);
+    useDebugLevel(level);
+    manager.ExpireWriters();
+    manager.CloseWriters();
+    std::vector<std::string> told = steps();
+    std::erase_if(told, [](const std::string& text) { return text.starts_with("Warning: "); });
+    if (level == 0) {
+      EXPECT_THAT(told, IsEmpty());
+    } else {
+      EXPECT_THAT(told, ElementsAre("Debug: ExpireWriters: No metadata for flow 0xa",
+                                    "Debug: CloseWriters: No metadata for flow 0xc"));
+    }
+    useDebugLevel(0);
+    test::setTime(test::kNow);
+  }
 }
 
 TEST_F(MetadataTest, ANamedCaptureGoesWithoutARemark) {

@@ -1,7 +1,23 @@
 // UpdateWriter: the final name of a capture and what goes into its info file.
+#include <dlfcn.h>
+
 #include <limits>
 
 #include "capture/manager_test.h"
+
+namespace {
+bool noCalendar = false;
+}
+
+// In the place of the system library's.
+extern "C" std::tm* gmtime_r(const std::time_t* time, std::tm* parts) noexcept {
+  static auto* const real = reinterpret_cast<decltype(&gmtime_r)>(::dlsym(RTLD_NEXT, "gmtime_r"));
+  if (noCalendar) {
+    errno = ENOTRECOVERABLE;
+    return nullptr;
+  }
+  return real(time, parts);
+}
 
 namespace tarnik {
 namespace {
@@ -165,6 +181,15 @@ TEST_F(NamingTest, ATimeWithoutACalendarDate) {
   EXPECT_THAT(test::logLines(),
               ElementsAre(LogLine{LOG_ERR, "Error: UpdateWriter: Failed to get timestamp: " +
                                                std::to_string(EOVERFLOW)}));
+}
+
+TEST_F(NamingTest, AFailureUsesUpANumber) {
+  EXPECT_EQ(name(0), "20240305-070810.unknown.0.pcap");
+  noCalendar = true;
+  EXPECT_EQ(name(0), "none");
+  noCalendar = false;
+  EXPECT_EQ(name(70001234), "none") << "no such issue";
+  EXPECT_EQ(name(0), "20240305-070810.unknown.3.pcap");
 }
 
 TEST_F(NamingTest, LongNamesAreCut) {

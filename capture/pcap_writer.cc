@@ -27,7 +27,8 @@ constexpr std::array<std::uint8_t, 24> kFileHeader = {
 
 // Measured in bench/pipeline_bench.cc: with half of it a frame takes a tenth more time, since each
 // flush brings a look at the file's new size. A capture takes memory for what it has filled: ten
-// thousand long ones take 640 MB.
+// thousand long ones take 640 MB. No limit sees what waits in a buffer, and it is lost when the
+// daemon is killed.
 constexpr std::size_t kStreamBufferSize = 65536;
 
 // Where the last whole record of `path` ends, within `size` bytes. `from` is the end of a record

@@ -227,6 +227,9 @@ TEST_F(PcapWriterTest, UpdateNamesTheCapture) {
   writer.Update("/var/support/tarnik/b.naprule-7.0.pcap", 7, "uuid-7", -5);
   EXPECT_TRUE(writer.named());
   EXPECT_THAT(logLines(), IsEmpty());
+  setDebugLevel(3);
+  writer.Update("/var/support/tarnik/b.naprule-7.0.pcap", 7, "uuid-7", -5);
+  EXPECT_THAT(logLines(), IsEmpty());
   setDebugLevel(4);
   writer.Update(kFinal, 70000, "X_Y", 12);
   EXPECT_THAT(logLines(), ElementsAre(LogLine{

@@ -26,6 +26,12 @@ class PcapWriterTornTest : public testing::Test {
     emptyCaptureDir();
     clearLog();
   }
+  void fill(unsigned count, std::uint32_t frameSize);
+  void compareWithWhole(unsigned count, std::uint32_t frameSize, rlim_t from, rlim_t to,
+                        rlim_t step);
+
+  int torn_ = 0;           // files that met their limit
+  int refusedWrites_ = 0;  // those of them where a Write met it, and not the flush at close
 };
 
 // Limits the size of the files that this process writes.
@@ -46,7 +52,7 @@ class LimitedSize {
 };
 
 // Writes until the writer refuses, or `count` frames, and closes.
-void fill(unsigned count, std::uint32_t frameSize) {
+void PcapWriterTornTest::fill(unsigned count, std::uint32_t frameSize) {
   writeFile("/var/support/tarnik/template.nap.uuid", "");
   PcapWriter writer(kWorking, kNoLimit);
   ASSERT_TRUE(writer.Open());
@@ -54,6 +60,7 @@ void fill(unsigned count, std::uint32_t frameSize) {
   for (unsigned i = 0; i < count; ++i) {
     const auto data = frameData(frameSize + i % 7, i);
     if (!writer.Write(frame(2000, frameSize + i % 7, i, 0), data.data())) {
+      ++refusedWrites_;
       EXPECT_EQ(kPcapHeader.size() + writer.bytesWritten(), readFile(kWorking).size());
       break;
     }
@@ -71,8 +78,8 @@ std::size_t recordsThatFit(const std::vector<Record>& all, std::size_t size) {
   return count;
 }
 
-void compareWithWhole(unsigned count, std::uint32_t frameSize, rlim_t from, rlim_t to,
-                      rlim_t step) {
+void PcapWriterTornTest::compareWithWhole(unsigned count, std::uint32_t frameSize, rlim_t from,
+                                          rlim_t to, rlim_t step) {
   emptyCaptureDir();
   fill(count, frameSize);
   const auto whole = parsePcap(readFile(kFinal));
@@ -83,6 +90,7 @@ void compareWithWhole(unsigned count, std::uint32_t frameSize, rlim_t from, rlim
     {
       const LimitedSize limited(size);
       fill(count, frameSize);
+      ++torn_;
     }
     const auto kept = parsePcap(readFile(kFinal));
     ASSERT_TRUE(kept) << "torn with room for " << size;
@@ -93,15 +101,18 @@ void compareWithWhole(unsigned count, std::uint32_t frameSize, rlim_t from, rlim
 }
 
 TEST_F(PcapWriterTornTest, AFlushThatFailsPartWayLeavesWholeRecords) {
-  compareWithWhole(10, 40, 400, 600, 1);  // at close
+  compareWithWhole(10, 40, 400, 560, 1);
+  EXPECT_EQ(refusedWrites_, 0) << "all at close";
 }
 
 TEST_F(PcapWriterTornTest, AWriteThatFailsPartWayLeavesWholeRecords) {
-  compareWithWhole(1000, 100, 15000, 36000, 149);  // with more than one buffer
+  compareWithWhole(2500, 100, 60000, 190000, 1009);
+  EXPECT_EQ(refusedWrites_, torn_) << "with more than one buffer";
 }
 
 TEST_F(PcapWriterTornTest, LargeRecordsThatFailPartWay) {
-  compareWithWhole(4, 70000, 24, 290000, 7919);  // past the buffer
+  compareWithWhole(4, 70000, 24, 290000, 7919);
+  EXPECT_GT(refusedWrites_, 0) << "past the buffer";
 }
 
 TEST_F(PcapWriterTornTest, NoRoomForTheHeader) {

@@ -16,6 +16,7 @@ namespace {
 constexpr std::time_t kSystem = -1;
 std::atomic<std::time_t> clockTime{kSystem};
 std::function<void()> timeHook;
+std::function<void()> eventHook;
 
 std::mutex mutex;  // guards raised
 std::vector<Event> raised;
@@ -48,6 +49,10 @@ void clearEvents() {
   raised.clear();
 }
 
+void onEvent(std::function<void()> hook) {
+  eventHook = std::move(hook);
+}
+
 }  // namespace tarnik::test
 
 // These take the place of the system's and the platform's in the whole program.
@@ -78,6 +83,9 @@ void* OrloStatsArea(OrloStats* stats) {
 }
 
 void OrloLogEvent(const char* event, const char* category, const char* format, ...) {
+  if (tarnik::test::eventHook) {
+    tarnik::test::eventHook();
+  }
   char text[512];
   va_list arguments;
   va_start(arguments, format);

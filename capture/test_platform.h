@@ -28,5 +28,7 @@ std::ostream& operator<<(std::ostream& out, const Event& event);
 // The events since the last clearEvents(), in their order. Any thread.
 [[nodiscard]] std::vector<Event> events();
 void clearEvents();
+// Called by every event, first; empty for none. Set while one thread runs.
+void onEvent(std::function<void()> hook);
 
 }  // namespace tarnik::test

@@ -111,6 +111,32 @@ TEST_F(ThreadFramesTest, FramesRefusedByALimitAreADebugMatter) {
   }
 }
 
+TEST_F(ThreadFramesTest, AfterARefusedFrameTheDirectoryIsMeasuredToo) {
+  makeFiles(3);
+  std::uint64_t bytes = 0;
+  const auto refuse = [&](const Settings& settings, const test::Read& frame) {
+    initInstance(settings);
+    CaptureManager::instance().UpdateUsageCounters();
+    run({.reads = {frame}});
+    bytes += CaptureManager::instance().diskUsed();
+  };
+  refuse({.diskSpace = 1}, read(1));
+  refuse({.fileCount = 1}, read(1));
+  refuse({.maxFileSize = 50}, read(1));
+  refuse({}, read(1, 0));
+  EXPECT_THAT(counters(), ElementsAre(4 * 3, bytes, 4, 0, 4, 0));
+}
+
+// A frame goes back to the driver before the measurement, which may take its time.
+TEST_F(ThreadFramesTest, AFrameIsFreedBeforeTheDirectoryIsMeasured) {
+  run({.reads = {read(1)}, .onCall = [](const std::string& call) {
+         if (call.starts_with("Free")) {
+           makeFiles(7);
+         }
+       }});
+  EXPECT_EQ(counters()[0], 7u);
+}
+
 TEST_F(ThreadFramesTest, FramesRefusedOtherwiseAreErrors) {
   const LogLine error{LOG_ERR, "Error: processFrames: Failed to capture frame (0xabc)"};
   std::filesystem::create_directory(std::string(kCaptureDir) + "abc");
@@ -154,6 +180,21 @@ TEST_F(ThreadFramesTest, OnlyATimeoutExpiresIdleWriters) {
     next.before = look;
     run({.reads = {read(1), later(failure(error)), next}});
     EXPECT_EQ(seen.size(), error == EAGAIN ? 6u : error == EIO ? 3u : 1u) << error;
+  }
+}
+
+TEST_F(ThreadFramesTest, NoReadThatSucceedsExpiresIdleWriters) {
+  announce(1, 70000);
+  test::Read none = read(2);
+  none.frame = nullptr;
+  for (test::Read later : {read(2), none}) {
+    test::setTime(test::kNow);
+    later.before = [] { test::setTime(test::kNow + 121); };
+    std::vector<std::string> seen;
+    test::Read next = failure(EINTR);
+    next.before = [&] { seen = entries(); };
+    run({.reads = {read(1), later, next}});
+    EXPECT_THAT(seen, Contains("1")) << "still open under its working name";
   }
 }
 

@@ -2,8 +2,10 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/magic.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -14,6 +16,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <string>
 
 #include "base/owned.h"
 #include "capture/test_files.h"
@@ -25,6 +28,7 @@ namespace {
 std::atomic<int> calls = 0;  // system calls of a measurement
 int watchesLeft = -1;        // so many more can be had, or no limit
 bool noNotifications = false;
+std::string onOtherMachine;  // the path whose file system is another machine's
 
 template <class Function>
 Function* next(Function*, const char* name) {
@@ -68,6 +72,15 @@ int lstat(const char* path, struct stat* status) {
   return real(path, status);
 }
 
+int statfs(const char* path, struct statfs* status) {
+  static auto* const real = next(&statfs, "statfs");
+  const int result = real(path, status);
+  if (path == onOtherMachine) {
+    status->f_type = NFS_SUPER_MAGIC;
+  }
+  return result;
+}
+
 int inotify_init1(int flags) {
   static auto* const real = next(&inotify_init1, "inotify_init1");
   ++calls;
@@ -102,6 +115,7 @@ class UsageCostTest : public UsageTest {
   ~UsageCostTest() override {
     watchesLeft = -1;
     noNotifications = false;
+    onOtherMachine.clear();
   }
   void SetUp() override {
     if (::access("/proc/self/mountinfo", R_OK) != 0) {
@@ -235,6 +249,16 @@ TEST_F(UsageCostTest, WatchesRunOut) {
     append(kDir + "a.pcap", 10);
     append(kDir + "b.info", 10);
     EXPECT_TRUE(agrees(usage));
+  }
+}
+
+TEST_F(UsageCostTest, TheDirectoryOrItsParentOnAnotherMachine) {
+  for (const auto& path : {kDir, kDir + "/.."}) {
+    SCOPED_TRACE(path);
+    onOtherMachine = path;
+    usage_ = DiskUsage();
+    EXPECT_TRUE(agrees(usage_));
+    EXPECT_GT(callsOfUpdate(), 1) << "scanned, though nothing changed";
   }
 }
 

@@ -223,9 +223,5 @@ TEST_F(UsageLedgerTest, SomethingIsMountedOnTheWay) {
   EXPECT_TRUE(agrees(usage_));
 }
 
-// More happens between two looks than the kernel keeps.
-
-// Files for which there is no watch left are looked at each time.
-
 }  // namespace
 }  // namespace tarnik::test
