@@ -282,7 +282,8 @@ std::vector<std::string> ofTheMachine() {
   return names;
 }
 
-TEST_F(BrundOwner, PortsOfAnotherGroup) {
+// A group of this process that has the machine's first interface and the loopback.
+GroupHandle makeOther() {
   zorvik_ifg_config config{};
   config.num_ifs = 2;
   config.ifs[0] = {.kern_if = if_nametoindex(ofTheMachine()[0].c_str()),
@@ -297,14 +298,32 @@ TEST_F(BrundOwner, PortsOfAnotherGroup) {
   config.ifs[1].kern_if = if_nametoindex("lo");
   config.ifs[1].mate = 0;
   zorlib_ifg* other = nullptr;
-  ASSERT_EQ(zorlib_ifg_create("other", &config, &other), 0) << std::strerror(errno);
+  EXPECT_EQ(zorlib_ifg_create("other", &config, &other), 0) << std::strerror(errno);
+  return GroupHandle(other);
+}
+
+TEST_F(BrundOwner, PortsOfAnotherGroup) {
+  const GroupHandle other = makeOther();
+  ASSERT_TRUE(other);
   start(rules_, {input(1)});
   EXPECT_EQ(finish(), 1);
   EXPECT_EQ(errors(),
             "brund-sim: cannot make the interface group brund: Device or resource busy (another "
             "group has one of its interfaces: name others with --ports)\n");
   expectRemoved();
-  zorlib_ifg_close(other);
+}
+
+TEST_F(BrundOwner, GroupThatCannotBeTakenOverStays) {
+  Program zorvikctl({ZORVIKCTL, "create-ifg", "brund"});
+  ASSERT_EQ(zorvikctl.wait(), 0) << zorvikctl.errors();
+  const GroupHandle other = makeOther();
+  ASSERT_TRUE(other);
+  start(rules_, {input(1)});
+  EXPECT_EQ(finish(), 1);
+  EXPECT_EQ(errors(),
+            "brund-sim: cannot configure the interface group brund: Device or resource busy "
+            "(another group has one of its interfaces: name others with --ports)\n");
+  EXPECT_THAT(driver_.status(), HasSubstr("group brund "));
 }
 
 TEST_F(BrundOwner, PortsAreChosen) {

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 #include "frameq/tarnik_if.h"
 
@@ -142,11 +143,12 @@ bool GroupOwner::takeGroup(const std::vector<std::string>& ports, std::string& r
     reason = cannot("open", errno);
     return false;
   }
-  group_.reset(group);
+  GroupHandle opened(group);
   if (zorlib_ifg_configure(group, &config) != 0) {
     reason = cannot("configure", errno);
     return false;
   }
+  group_ = std::move(opened);
   return true;
 }
 

@@ -40,10 +40,11 @@ class GroupOwner {
   // there stays as it is, with its frames. False with a reason.
   [[nodiscard]] bool take(const std::vector<std::string>& ports, std::size_t queueSize,
                           std::string& reason);
-  // The open group, until remove(); null before take().
+  // The open group, until remove(); null before take(), and when take() had to leave it as it is.
   [[nodiscard]] zorlib_ifg* group() const { return group_.get(); }
-  // Removes queue and group. The process must have closed the queue. Unless done, with a reason:
-  // what has failed, or who uses the group: "tarnikd (process 17)", "another process".
+  // Removes queue and group, if there is group(). The process must have closed the queue. Unless
+  // done, with a reason: what has failed, or who uses the group: "tarnikd (process 17)", "another
+  // process".
   [[nodiscard]] Removal remove(std::string& reason);
 
  private:
