@@ -5,6 +5,8 @@
  * that is null or no longer valid fails with EBADR, any other pointer that is null where one is
  * needed with EINVAL and without a line. Handles may be used by several threads
  * unless a function says otherwise; closing one while another thread uses it is an error.
+ * zorlib_q_set_timeout, zorlib_q_frm_data and zorlib_q_room do not check the handle, nor does the
+ * second the frame.
  */
 #ifndef ZORLIB_H
 #define ZORLIB_H
@@ -26,7 +28,8 @@ enum { ZORLIB_READ = 0, ZORLIB_WRITE = 1 };
 
 /* ---- Interface groups -------------------------------------------------------------------*/
 
-/* Opens the group `name` (1 to 16 characters, else ENAMETOOLONG). *ifg is set on success only. */
+/* Opens the group `name` (1 to 16 characters, else, or null, ENAMETOOLONG). *ifg is set on success
+ * only. */
 int zorlib_ifg_open(const char* name, zorlib_ifg** ifg);
 
 /* The first half of zorlib_ifg_open: a handle on which only the driver's control node is open.
@@ -105,7 +108,8 @@ int zorlib_q_read_timeout(zorlib_q* q, struct zorvik_frm_desc** frame, uint32_t 
  * is the consumer's. EAGAIN when there was no room, ESHUTDOWN. */
 int zorlib_q_write(zorlib_q* q, struct zorvik_frm_desc* frame);
 
-/* Drops a reference on `frame` and, with the last one, writes it to the egress queue `q`. */
+/* Drops a reference on `frame` and, with the last one, writes it to the egress queue `q`: ENXIO
+ * for another queue, ENOSYS for null. */
 int zorlib_q_free(zorlib_q* q, struct zorvik_frm_desc* frame);
 
 /* Returns `frame` to the driver's pool. */
@@ -231,12 +235,12 @@ struct zorlib_param_spec {
   uint32_t type;       /* ZORLIB_VALUE_... */
 };
 
-/* Appends up to `count` rules to the registry of 32. 0; what did not fit is only logged, and so
- * is every call after the library's own. */
+/* Appends up to `count` rules to the registry of 32, none for null `specs`. Always 0; what did not
+ * fit is only logged, and so is every call after the library's own. */
 int zorlib_register_params(uint32_t count, const struct zorlib_param_spec* specs);
 
-/* Adds a pair to the list of at most 128; -1 (errno is not set) when no rule accepts it. Of
- * several pairs with one name the first counts. */
+/* Adds a pair to the list of at most 128; -1 (errno is not set) with a line when no rule accepts
+ * it or one of the two is null. Of several pairs with one name the first counts. */
 int zorlib_set_param(const char* name, const char* value);
 
 /* The size that the parameters give to the group's queue `queue` (10 to 16000000), or with null

@@ -256,7 +256,7 @@ int zorlib_register_params(uint32_t count, const zorlib_param_spec* specs) {
   const std::lock_guard guard(mutex);
   std::uint32_t appended = 0;
   if (ruleCount < rules.size()) {
-    while (appended < count && ruleCount < rules.size()) {
+    while (specs != nullptr && appended < count && ruleCount < rules.size()) {
       rules[ruleCount++] = specs[appended++];
     }
     if (ruleCount == appended) {

@@ -113,6 +113,9 @@ int zorlib_q_app_open(zorlib_ifg* ifg, const char* name, uint32_t mode, zorlib_q
     errno = EINVAL;
     return -1;
   }
+  if (!given(name, q)) {
+    return -1;
+  }
   std::unique_ptr<zorlib_q> handle(new (std::nothrow) zorlib_q);
   if (!handle || zorlib_map_frm_data(ifg, &handle->frmDesc, &handle->frmDescSize, &handle->payload,
                                      &handle->payloadSize) != 0) {
@@ -170,6 +173,9 @@ int zorlib_q_get_fd(zorlib_q* q) {
 int zorlib_q_get_size(zorlib_q* q, uint32_t* entries) {
   if (q == nullptr || q->magic.get() != kQMagic) {
     errno = EBADR;
+    return -1;
+  }
+  if (!given(entries)) {
     return -1;
   }
   *entries = q->entries;

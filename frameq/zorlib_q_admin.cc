@@ -32,7 +32,7 @@ std::uint32_t defaultSize(zorlib_ifg& ifg, const char* name) noexcept {
 extern "C" {
 
 int zorlib_ifg_create_q_app(zorlib_ifg* ifg, const char* name, uint32_t type, uint32_t size) {
-  if (!valid(ifg)) {
+  if (!valid(ifg) || !given(name)) {
     return -1;
   }
   if (std::strlen(name) > ZORVIK_NAME_MAX) {
@@ -56,7 +56,7 @@ int zorlib_ifg_create_q_app(zorlib_ifg* ifg, const char* name, uint32_t type, ui
 
 int zorlib_ifg_q_create(zorlib_ifg* ifg, const char* name, uint32_t type, uint32_t size,
                         uint64_t reserved1, uint64_t reserved2) {
-  if (!valid(ifg)) {
+  if (!valid(ifg) || !given(name)) {
     return -1;
   }
   zorvik_q_create request{};
@@ -86,7 +86,7 @@ int zorlib_ifg_q_create(zorlib_ifg* ifg, const char* name, uint32_t type, uint32
 }
 
 int zorlib_ifg_remove_q_app(zorlib_ifg* ifg, const char* name) {
-  if (!valid(ifg)) {
+  if (!valid(ifg) || !given(name)) {
     return -1;
   }
   zorvik_q_enum* found = nullptr;

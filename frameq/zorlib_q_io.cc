@@ -177,6 +177,14 @@ int receive(const zorlib_q& q, zorvik_frm_desc& frame, std::uint32_t id) noexcep
   return 0;
 }
 
+// What every read checks. *frame is null unless the read succeeds.
+bool canRead(const zorlib_q* q, zorvik_frm_desc** frame) noexcept {
+  if (frame != nullptr) {
+    *frame = nullptr;
+  }
+  return valid(q) && given(frame);
+}
+
 // One read or write: `look` at the ring until it did its work, sleeping on the own record in
 // between, then tell the peer.
 template <class LookAtRing>
@@ -215,16 +223,14 @@ int transfer(zorlib_q& q, zorvik_resq& own, zorvik_resq& peer, std::uint32_t ms,
 extern "C" {
 
 int zorlib_q_read(zorlib_q* q, zorvik_frm_desc** frame) {
-  *frame = nullptr;
-  if (!valid(q)) {
+  if (!canRead(q, frame)) {
     return -1;
   }
   return zorlib_q_read_timeout(q, frame, static_cast<std::uint32_t>(q->timeout));
 }
 
 int zorlib_q_read_timeout(zorlib_q* q, zorvik_frm_desc** frame, uint32_t ms) {
-  *frame = nullptr;
-  if (!valid(q)) {
+  if (!canRead(q, frame)) {
     return -1;
   }
   std::uint32_t id = 0;
@@ -244,7 +250,7 @@ int zorlib_q_read_timeout(zorlib_q* q, zorvik_frm_desc** frame, uint32_t ms) {
 }
 
 int zorlib_q_write(zorlib_q* q, zorvik_frm_desc* frame) {
-  if (!valid(q)) {
+  if (!valid(q) || !given(frame)) {
     return -1;
   }
   const std::uint32_t id = frameId(*frame);
@@ -273,11 +279,14 @@ int zorlib_q_free(zorlib_q* q, zorvik_frm_desc* frame) {
     TARNIK_ERROR("Error: zorlib_q_free must be done to an egress queue!");
     return fail(ENXIO);
   }
+  if (!given(frame)) {
+    return -1;
+  }
   return ring::decrement(frame->ref_cnt) == 1 ? zorlib_q_write(q, frame) : 0;
 }
 
 int zorlib_frm_free(zorlib_ifg* ifg, zorvik_frm_desc* frame) {
-  if (!valid(ifg)) {
+  if (!valid(ifg) || !given(frame)) {
     return -1;
   }
   return freeFrame(*ifg, frameId(*frame));
