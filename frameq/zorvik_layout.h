@@ -17,6 +17,18 @@
 #define ZORVIK_ASSERT(condition) _Static_assert(condition, #condition)
 #endif
 
+/* Where members of a structure stand, up to four of them. */
+#define ZORVIK_AT(type, a, at_a) ZORVIK_ASSERT(offsetof(struct type, a) == (at_a))
+#define ZORVIK_AT2(type, a, at_a, b, at_b) \
+  ZORVIK_AT(type, a, at_a);                \
+  ZORVIK_AT(type, b, at_b)
+#define ZORVIK_AT3(type, a, at_a, b, at_b, c, at_c) \
+  ZORVIK_AT2(type, a, at_a, b, at_b);               \
+  ZORVIK_AT(type, c, at_c)
+#define ZORVIK_AT4(type, a, at_a, b, at_b, c, at_c, d, at_d) \
+  ZORVIK_AT2(type, a, at_a, b, at_b);                        \
+  ZORVIK_AT2(type, c, at_c, d, at_d)
+
 /* ---- Device nodes -----------------------------------------------------------------------*/
 
 #define ZORVIK_DEV_DIR "/dev/zorvik"
@@ -260,26 +272,32 @@ ZORVIK_ASSERT(ZORVIK_IFG_ENUM == 0xc304bfa5u);
 ZORVIK_ASSERT(ZORVIK_QPAIR_SET == 0x4018bfa8u);
 ZORVIK_ASSERT(ZORVIK_QPAIR_GET == 0xc018bfaeu);
 ZORVIK_ASSERT(ZORVIK_IFG_STATS == 0x8030bfb3u);
-ZORVIK_ASSERT(offsetof(struct zorvik_ifg_query, count) == 8);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_create, type) == 0);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_create, size) == 4);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_create, reserved) == 8);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_create, reserved2) == 40);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_stat, id) == 0);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_stat, type) == 4);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_stat, entries) == 8);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_stat, mem_size) == 12);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_wait, kresq_handle) == 0);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_wait, timeout_ms) == 4);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_wake, kresq_handle) == 0);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_enum, records) == 4);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_record, id) == 0);
+
+ZORVIK_AT4(zorvik_if_record, kern_if, 0, mate, 4, mode, 8, sub_mode, 12);
+ZORVIK_AT4(zorvik_if_record, mtu, 16, speed, 20, duplex, 24, reserved, 28);
+ZORVIK_AT4(zorvik_ifg_config, num_ifs, 0, link_config, 4, reserved, 6, fwd_unanalyzed, 8);
+ZORVIK_AT4(zorvik_ifg_config, prop_link, 12, prop_link_time, 16, reserved2, 20, ifs, 24);
+ZORVIK_AT3(zorvik_ifg_query, flags, 0, count, 8, reserved, 12);
+ZORVIK_AT4(zorvik_q_record, id, 0, type, 4, entries, 8, reserved, 12);
+ZORVIK_AT2(zorvik_q_record, name, 16, requested, 32);
+ZORVIK_AT2(zorvik_q_enum, count, 0, records, 4);
+ZORVIK_AT4(zorvik_q_create, type, 0, size, 4, reserved, 8, name, 24);
+ZORVIK_AT(zorvik_q_create, reserved2, 40);
+ZORVIK_AT4(zorvik_qpair_cfg, index, 0, size, 4, if_mask, 8, cpu_mask, 16);
+ZORVIK_AT4(zorvik_ifg_stats, frm_count, 0, frm_free, 4, buf_count, 8, buf_free, 12);
+ZORVIK_AT4(zorvik_ifg_stats, frm_allocs, 16, frm_frees, 24, alloc_empty, 32, alloc_too_large, 40);
+ZORVIK_AT2(zorvik_frm_desc_size, reserved, 0, size, 4);
+ZORVIK_AT3(zorvik_frm_free, reserved, 0, frame_id, 8, reserved2, 12);
+ZORVIK_AT3(zorvik_frm_alloc, count, 0, size, 4, frame_ids, 8);
+ZORVIK_AT4(zorvik_q_stat, id, 0, type, 4, entries, 8, mem_size, 12);
+ZORVIK_AT(zorvik_q_stat, reserved, 16);
+ZORVIK_AT2(zorvik_q_wait, kresq_handle, 0, timeout_ms, 4);
+ZORVIK_AT2(zorvik_q_wake, kresq_handle, 0, reserved, 4);
+ZORVIK_AT(zorvik_ifg_create, name, 0);
+ZORVIK_AT3(zorvik_ifg_record, id, 0, num_ifs, 4, name, 8);
+ZORVIK_AT2(zorvik_ifg_enum, count, 0, records, 4);
 ZORVIK_ASSERT(sizeof(struct zorvik_q_record) == 36);
 ZORVIK_ASSERT(sizeof(struct zorvik_q_enum) == 1156);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_record, name) == 16);
-ZORVIK_ASSERT(offsetof(struct zorvik_q_create, name) == 24);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc_size, size) == 4);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_free, frame_id) == 8);
 
 /* ---- Queue memory -----------------------------------------------------------------------
  * A ring of frame identifiers, mapped from offset 0 of the queue's node. Producer and consumer
@@ -315,15 +333,10 @@ static inline uint64_t* zorvik_qmem_entries(struct zorvik_qmem* qmem) {
   return (uint64_t*)(void*)(qmem + 1);
 }
 
-ZORVIK_ASSERT(offsetof(struct zorvik_resq, tag) == 0);
-ZORVIK_ASSERT(offsetof(struct zorvik_resq, flags) == 4);
-ZORVIK_ASSERT(offsetof(struct zorvik_resq, kresq_handle) == 8);
-ZORVIK_ASSERT(offsetof(struct zorvik_qmem, presq) == 0);
-ZORVIK_ASSERT(offsetof(struct zorvik_qmem, cresq) == 64);
-ZORVIK_ASSERT(offsetof(struct zorvik_qmem, enqueue) == 128);
-ZORVIK_ASSERT(offsetof(struct zorvik_qmem, dequeue) == 192);
-ZORVIK_ASSERT(offsetof(struct zorvik_qmem, max_elements) == 256);
-ZORVIK_ASSERT(offsetof(struct zorvik_qmem, mask) == 260);
+ZORVIK_AT4(zorvik_resq, tag, 0, flags, 4, kresq_handle, 8, reserved, 12);
+ZORVIK_AT4(zorvik_qmem, presq, 0, cresq, 64, enqueue, 128, reserved1, 132);
+ZORVIK_AT4(zorvik_qmem, dequeue, 192, reserved2, 196, max_elements, 256, mask, 260);
+ZORVIK_AT(zorvik_qmem, reserved3, 264);
 ZORVIK_ASSERT(sizeof(struct zorvik_qmem) == 320);
 
 /* ---- Frame descriptors ------------------------------------------------------------------*/
@@ -366,19 +379,13 @@ struct zorvik_frm_desc {
   uint8_t reserved6[22];
 };
 
+ZORVIK_AT4(zorvik_frm_desc, wire_len, 0, cap_len, 4, ts_sec, 8, ts_usec, 12);
+ZORVIK_AT4(zorvik_frm_desc, data, 16, assoc_buf, 24, reserved1, 32, frame_size, 48);
+ZORVIK_AT4(zorvik_frm_desc, reserved2, 50, buf_size, 52, if_in, 56, if_out, 58);
+ZORVIK_AT4(zorvik_frm_desc, q_idx, 60, reserved3, 62, tag, 72, data_off, 80);
+ZORVIK_AT4(zorvik_frm_desc, index, 84, reserved4, 88, generation, 96, reserved5, 97);
+ZORVIK_AT4(zorvik_frm_desc, qref_cnt, 101, ref_cnt, 102, eng_ref_cnt, 103, flags, 104);
+ZORVIK_AT(zorvik_frm_desc, reserved6, 106);
 ZORVIK_ASSERT(sizeof(struct zorvik_frm_desc) == 128);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, wire_len) == 0);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, cap_len) == 4);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, ts_sec) == 8);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, ts_usec) == 12);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, data) == 16);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, frame_size) == 48);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, tag) == 72);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, data_off) == 80);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, index) == 84);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, generation) == 96);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, qref_cnt) == 101);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, ref_cnt) == 102);
-ZORVIK_ASSERT(offsetof(struct zorvik_frm_desc, flags) == 104);
 
 #endif
