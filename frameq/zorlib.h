@@ -173,8 +173,9 @@ int zorlib_ifg_create_frm_data(zorlib_ifg* ifg);
  * zorlib_ifg_create does. Frames that are out keep the numbers of their interfaces. */
 int zorlib_ifg_configure(zorlib_ifg* ifg, const struct zorvik_ifg_config* config);
 
-/* Removes the group with its queues and waits until it is gone; EBUSY while a process has it open,
- * ENOENT. */
+/* Removes the group with its queues and waits until it is gone; ENOENT, EBUSY while a process has
+ * a queue of it open, its frame memory mapped, or a handle through which it asked for anything
+ * else. A handle that was only opened does not keep the group, and fails once it is gone. */
 int zorlib_ifg_remove(const char* name);
 
 /* The driver's groups. Records of none, from list->count on, have the name ZORVIK_IFG_NIL_NAME. */

@@ -199,8 +199,10 @@ struct zorvik_q_wake {
 
 /* ---- Requests on the driver's control node ----------------------------------------------*/
 
-/* Also the argument of the group's removal (ENOENT when there is none, EBUSY while a process
- * holds it or one of its queues open; its queues go with it). */
+/* Also the argument of the group's removal (ENOENT when there is none, EBUSY while a process uses
+ * it or one of its queues; its queues go with it). A process uses what it has open from its first
+ * request there on: from ZORVIK_Q_STAT on a queue, ZORVIK_FRM_DESC_SIZE or ZORVIK_FRM_ALLOC on the
+ * descriptors, any on the control node. A node that was only opened does not keep the group. */
 struct __attribute__((packed)) zorvik_ifg_create {
   char name[ZORVIK_NAME_MAX + 1u];
 };
