@@ -115,7 +115,8 @@ int zorlib_q_free(zorlib_q* q, struct zorvik_frm_desc* frame);
 /* Returns `frame` to the driver's pool. */
 int zorlib_frm_free(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 
-/* Sets the wait of reads and writes: milliseconds, negative for no limit. Always 0. */
+/* Sets the wait of reads and writes: milliseconds, negative for no limit. Always 0. Not while
+ * another thread reads or writes. */
 int zorlib_q_set_timeout(zorlib_q* q, int32_t ms);
 
 /* The queue's descriptor, -1 with EBADR or ENOTCONN. Logs nothing. */
@@ -138,13 +139,15 @@ void zorlib_q_dump(zorlib_q* q);
 /* ---- Frame allocation -------------------------------------------------------------------*/
 
 /* Takes up to `count` frames whose buffers hold `size` bytes; their number, at least 1, or -1:
- * ENOBUFS when the pool is empty, EMSGSIZE when no buffer is that large. What the driver gives
- * beyond `count` waits in the handle's lists for the next call. */
+ * ENOBUFS when the pool is empty, EMSGSIZE when no buffer is that large, ENOTCONN when the group
+ * is not mapped (no queue of it was opened). What the driver gives beyond `count` waits in the
+ * handle's lists for the next call. */
 int zorlib_batch_alloc(zorlib_ifg* ifg, uint32_t size, struct zorvik_frm_desc** frames,
                        uint32_t count);
 
 /* Where a frame's buffer lies in this process, with room for frame->buf_size bytes; null when it
- * does not lie inside the payload memory. The group must be mapped (a queue open). */
+ * does not lie inside the payload memory. The group must be mapped, as it is for whoever has a
+ * frame. */
 uint8_t* zorlib_ifg_frm_data(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 
 /* One such frame, or null with errno. */

@@ -24,13 +24,22 @@ std::size_t listFor(std::uint32_t bufferSize) noexcept {
   return bufferSize <= kMedium ? 1 : 2;
 }
 
-// The lists' nodes, one a descriptor; null without memory.
-FrameNode* nodes(zorlib_ifg& ifg) noexcept {
+// Whether frame memory is mapped and the lists have their nodes, one a descriptor; else errno.
+// Whoever was here sees the mapping, also one that another thread made.
+bool canAllocate(zorlib_ifg& ifg) noexcept {
   const std::lock_guard guard(ifg.mutex);
+  if (!ifg.frmDesc || !ifg.payload) {
+    errno = ENOTCONN;
+    return false;
+  }
   if (!ifg.nodes) {
     ifg.nodes.reset(new (std::nothrow) FrameNode[ifg.frmDescCount]);
+    if (!ifg.nodes) {
+      errno = ENOMEM;
+      return false;
+    }
   }
-  return ifg.nodes.get();
+  return true;
 }
 
 // What a caller wants and has got so far.
@@ -97,12 +106,11 @@ int zorlib_batch_alloc(zorlib_ifg* ifg, uint32_t size, zorvik_frm_desc** frames,
   if (!valid(ifg) || !given(frames)) {
     return -1;
   }
-  if (!ifg->frmDesc) {
-    errno = ENOTCONN;
+  if (count == 0) {
+    errno = EINVAL;
     return -1;
   }
-  if (count == 0 || nodes(*ifg) == nullptr) {
-    errno = count == 0 ? EINVAL : ENOMEM;
+  if (!canAllocate(*ifg)) {
     return -1;
   }
   Wanted wanted{size, frames, std::min(count, ZORVIK_FRM_ALLOC_MAX)};

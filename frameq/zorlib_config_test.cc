@@ -297,6 +297,18 @@ TEST_F(ConfigTest, SaysWhyTheListFailed) {
                                             "No such file or directory")));
 }
 
+TEST_F(ConfigTest, AGroupThatIsMappedByHalfAllocatesNothing) {
+  createQueue(ifg_);
+  refuse(ZORVIK_NET_DATA_SIZE, EIO);
+  zorlib_q* q = nullptr;
+  EXPECT_EQ(zorlib_q_app_open(ifg_, "TarnikQ", ZORLIB_WRITE, &q), -1);
+  EXPECT_EQ(count(ZORVIK_FRM_DESC_SIZE), 1);
+  errno = 0;
+  EXPECT_EQ(zorlib_ifg_frm_alloc(ifg_, 64), nullptr);
+  EXPECT_EQ(errno, ENOTCONN);
+  EXPECT_EQ(count(ZORVIK_FRM_ALLOC), 0);
+}
+
 // ---- What applications must not give
 
 TEST_F(ConfigTest, NullPointersAreRefusedSilently) {
