@@ -35,6 +35,7 @@ bool QueueSender::open(zorlib_ifg& group, bool wait, std::string& reason) {
     reason = std::string("cannot map the frames: ") + std::strerror(errno);
     return false;
   }
+  payloadEnd_ = payload + payloadSize;
   group_.reset(&group);
   zorlib_ifg_info info;
   paired_ = zorlib_ifg_query(&group, &info) == 0 && info.num_ifs >= 2;
@@ -101,7 +102,8 @@ QueueSender::Put QueueSender::put(const Frame& frame, bool fromLow, std::uint64_
     return failure;
   }
   std::uint8_t* data = zorlib_ifg_frm_data(group_.get(), desc);
-  if (data == nullptr || desc->buf_size < size) {
+  // The buffer's size is shared memory too; the payload memory's end is ours.
+  if (data == nullptr || desc->buf_size < size || size > payloadEnd_ - data) {
     giveBack(desc);
     errno = EFAULT;
     return Put::kFailed;

@@ -56,6 +56,7 @@ class QueueSender {
   [[nodiscard]] bool mapQueue(std::string& reason);
 
   GroupHandle group_;
+  const std::uint8_t* payloadEnd_ = nullptr;  // of the group's mapping
   std::unique_ptr<TarnikQ, CloseQueue> queue_;
   Mapping memory_;       // of the queue, to see how full it is
   bool paired_ = false;  // the group has interfaces
