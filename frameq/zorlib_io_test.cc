@@ -79,6 +79,53 @@ TEST_F(IoTest, AsksTheDriverOnlyForTheFirstWakeUp) {
   EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
 }
 
+TEST_F(IoTest, AWakeUpIsAddedToWhatThePeersFlagsSay) {
+  zorvik_frm_desc* const frame = allocFrame(ifg_);
+  zorvik_frm_desc* read = nullptr;
+  for (const std::uint32_t flags : {4u, 0xfffffffeu}) {
+    clearRequests();
+    memory_->presq.flags = 0;
+    memory_->cresq.flags = flags;
+    EXPECT_EQ(zorlib_q_write(writer_, frame), 0) << "the other side's shutdown is not this one's";
+    EXPECT_EQ(memory_->cresq.flags, flags | 1);
+    EXPECT_EQ(count(ZORVIK_Q_WAKE), 1);
+    memory_->presq.flags = flags;
+    memory_->cresq.flags = 0;
+    EXPECT_EQ(zorlib_q_read(reader_, &read), 0);
+    EXPECT_EQ(memory_->presq.flags, flags | 1);
+    EXPECT_EQ(count(ZORVIK_Q_WAKE), 2);
+  }
+  frame->qref_cnt = 0;
+  EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
+}
+
+TEST_F(IoTest, ACounterFromOutsideTheRingNamesASlotInside) {
+  zorvik_frm_desc* const frame = allocFrame(ifg_);
+  for (const std::uint32_t wild : {8u + 3, 0x80000003u, 0xfffffffbu}) {
+    memory_->dequeue = 3;
+    memory_->enqueue = wild;
+    EXPECT_EQ(zorlib_q_write(writer_, frame), 0);
+    ASSERT_EQ(entry(3), zorlib::frameId(*frame)) << wild;
+    EXPECT_EQ(memory_->enqueue, 4u);
+    for (std::uint32_t i = 8; i < 64; ++i) {
+      EXPECT_EQ(entry(i), 0u) << i << ", behind the ring";
+      entry(i) = 99;
+    }
+    memory_->dequeue = wild;
+    zorvik_frm_desc* read = nullptr;
+    ASSERT_EQ(zorlib_q_read(reader_, &read), 0);
+    EXPECT_EQ(read, frame);
+    EXPECT_EQ(entry(3), 0u) << wild;
+    EXPECT_EQ(memory_->dequeue, 4u);
+    for (std::uint32_t i = 8; i < 64; ++i) {
+      EXPECT_EQ(entry(i), 99u) << i << ", behind the ring";
+      entry(i) = 0;
+    }
+  }
+  frame->qref_cnt = 0;
+  EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
+}
+
 TEST_F(IoTest, AShutDownSideFailsEvenWithFramesAndTheOtherGoesOn) {
   zorvik_frm_desc* const frame = allocFrame(ifg_);
   EXPECT_EQ(zorlib_q_write(writer_, frame), 0);

@@ -1,11 +1,14 @@
 // What comes between a look at the ring and what is done upon it: other readers and writers,
 // frames, room and shutdowns.
 #include <memory>
+#include <string>
 
 #include "frameq/testing/looks.h"
 
 namespace tarnik::test {
 namespace {
+
+using ::testing::ElementsAre;
 
 // The looks of a read that finds nothing, in their order: flags, both counters, and the flags once
 // more before it takes the wake-up and sleeps. Each moment is tried.
@@ -162,9 +165,101 @@ TEST_F(RaceTest, ALostSwapLooksAgain) {
   EXPECT_EQ(zorlib_q_read_timeout(reader_, &frame, 0), 0);
   EXPECT_EQ(frame, second);
   EXPECT_TRUE(overtaken);
+  EXPECT_EQ(reader_->slot(0), zorlib::frameId(*frame_)) << "the other one's to empty";
   onLook = nullptr;
   zorvik_qmem_entries(memory_)[0] = 0;
   EXPECT_EQ(zorlib_frm_free(ifg_, second), 0);
+}
+
+TEST_F(RaceTest, AWriterThatLostTheSwapTakesTheNextSlot) {
+  // Another producer takes the slot between this one's look at it and its swap.
+  zorlib_q_set_timeout(writer_, 0);
+  const auto otherMovesTo = [this](std::uint32_t enqueue) {
+    onChange = [this, enqueue](const void* word) {
+      if (word == &writer_->memory().enqueue) {
+        onChange = nullptr;
+        memory_->enqueue = enqueue;
+      }
+    };
+  };
+  otherMovesTo(1);
+  EXPECT_EQ(zorlib_q_write(writer_, frame_), 0);
+  EXPECT_FALSE(onChange);
+  EXPECT_EQ(writer_->slot(0), 0u) << "the other one's to fill";
+  EXPECT_EQ(writer_->slot(1), zorlib::frameId(*frame_));
+  EXPECT_EQ(memory_->enqueue, 2u);
+  EXPECT_EQ(frame_->qref_cnt, 1);
+  // Now it was the last one.
+  memory_->enqueue = kSlots - 2;
+  memory_->dequeue = 0;
+  otherMovesTo(kSlots - 1);
+  errno = 0;
+  EXPECT_EQ(zorlib_q_write(writer_, frame_), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_FALSE(onChange);
+  EXPECT_EQ(writer_->slot(kSlots - 2), 0u);
+  EXPECT_EQ(writer_->slot(kSlots - 1), 0u);
+  EXPECT_EQ(memory_->enqueue, kSlots - 1);
+  EXPECT_EQ(frame_->qref_cnt, 1);
+}
+
+TEST_F(RaceTest, AShutdownIsNotTakenBackWithAWakeUp) {
+  // It comes after the last look at the flags.
+  const auto shutDownBeforeTheTake = [this](zorlib_q* q) {
+    script([](std::uint32_t) { return -EINTR; });
+    onChange = [q](const void* word) {
+      if (word == &q->side().flags) {
+        onChange = nullptr;
+        EXPECT_EQ(zorlib_q_shutdown(q), 0);
+      }
+    };
+  };
+  for (const std::uint32_t flags : {0u, 1u, 0xfffffffbu}) {
+    memory_->cresq.flags = flags;
+    shutDownBeforeTheTake(reader_);
+    EXPECT_EQ(read(kNoLimit), -1);
+    EXPECT_EQ(errno, (flags & 1) != 0 ? ESHUTDOWN : EINTR);
+    EXPECT_EQ(memory_->cresq.flags, (flags & ~1u) | 4u);
+  }
+  fill();
+  for (const std::uint32_t flags : {0u, 1u, 0xfffffffbu}) {
+    memory_->presq.flags = flags;
+    shutDownBeforeTheTake(writer_);
+    EXPECT_EQ(write(kNoLimit), -1);
+    EXPECT_EQ(errno, (flags & 1) != 0 ? ESHUTDOWN : EINTR);
+    EXPECT_EQ(memory_->presq.flags, (flags & ~1u) | 4u);
+  }
+}
+
+TEST_F(RaceTest, AFrameIsCountedBeforeItCanBeRead) {
+  for (const std::uint32_t type : {ZORVIK_Q_FANOUT, ZORVIK_Q_APP}) {
+    const std::string name = "type" + std::to_string(type);
+    createQueue(ifg_, type, kSlots, name.c_str());
+    zorlib_q* const writer = openQueue(ifg_, ZORLIB_WRITE, name.c_str());
+    zorlib_q_set_timeout(writer, -1);
+    frame_->qref_cnt = 7;
+    std::vector<int> then;
+    onChange = [&](const void* word) {
+      if (word == &writer->slot(0)) {
+        then.push_back(frame_->qref_cnt);
+      }
+    };
+    EXPECT_EQ(zorlib_q_write(writer, frame_), 0);
+    EXPECT_EQ(frame_->qref_cnt, 8);
+    onChange = nullptr;
+    // While it waits for room, too, and given back when none comes.
+    writer->memory().dequeue = 2;
+    writer->memory().presq.flags = 0;
+    answer(ZORVIK_Q_WAIT, [&](int, void*) {
+      then.push_back(frame_->qref_cnt);
+      return -EINTR;
+    });
+    EXPECT_EQ(zorlib_q_write(writer, frame_), -1);
+    EXPECT_EQ(frame_->qref_cnt, 8);
+    EXPECT_THAT(then, ElementsAre(8, 9)) << type;
+    answerNothing();
+    EXPECT_EQ(zorlib_q_close(writer), 0);
+  }
 }
 
 }  // namespace
