@@ -112,6 +112,12 @@ TEST_F(ParamTest, RefusesWhatNoRuleAccepts) {
   refused("zorvik.g.2.cpu_mask", "xyz",
           warning("Warning: zorlib_set_param: Unrecognized param "
                   "zorvik.g.2.cpu_mask/xyz"));
+  for (const char* const value : {"ffz", "ff 1", "0xffz", "ff,1", "0x1 0"}) {
+    for (const char* const name : {"zorvik.g.2.cpu_mask", "zorvik.g.2.if_mask"}) {
+      refused(name, value,
+              warning(text("Warning: zorlib_set_param: Unrecognized param %s/%s", name, value)));
+    }
+  }
   refused("zorvik.g.2x.cpu_mask", "1",
           warning("Warning: zorlib_set_param: Unrecognized param "
                   "zorvik.g.2x.cpu_mask/1"));
@@ -253,8 +259,12 @@ TEST_F(ParamTest, TheListHolds128) {
   while (paramCount() < 128) {
     ASSERT_EQ(zorlib_set_param("zorvik.fill.q.q_size", "100"), 0);
   }
-  refused("zorvik.fill.q.q_size", "100",
-          error("Error: zorlib_set_param: Too many parameters, list full (128)"));
+  const LogLine full = error("Error: zorlib_set_param: Too many parameters, list full (128)");
+  refused("zorvik.fill.q.q_size", "100", full);
+  // That is looked at before the name is, but a name must be there.
+  refused("zorvi.fill.q.q_size", "100", full);
+  refused("", "", full);
+  refused(nullptr, nullptr, error("Error: zorlib_set_param: Nil name or value ((nil) (nil))"));
 }
 
 }  // namespace
