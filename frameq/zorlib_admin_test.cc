@@ -109,6 +109,9 @@ TEST_F(AdminTest, AcceptsTheBoundsOfNameTypeAndSize) {
 }
 
 TEST_F(AdminTest, AQueueWithoutASizeGetsTheDefault) {
+  EXPECT_EQ(create("silent", 5, 0), 0);
+  EXPECT_EQ(asked_.size, 100000u);
+  EXPECT_THAT(logLines(), IsEmpty());
   setDebugLevel(1);
   EXPECT_EQ(create("TarnikQ", 5, 0), 0);
   EXPECT_EQ(asked_.size, 100000u);

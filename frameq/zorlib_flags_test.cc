@@ -62,6 +62,25 @@ TEST_F(FlagsTest, FlagsThatCannotBeReadAreNotWritten) {
   EXPECT_EQ(count(ZORVIK_IFG_SET_FLAGS), 0);
 }
 
+TEST_F(FlagsTest, ANegativeResultIsHandedOnByReadingOnly) {
+  for (const int result : {-1, -4, -1000}) {
+    answerAsIs(ZORVIK_IFG_QUERY, result, EIO);
+    std::uint64_t flags = 77;
+    EXPECT_EQ(zorlib_ifg_get_flags(ifg_, &flags), result);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(flags, 77u);
+    EXPECT_EQ(zorlib_ifg_enable(ifg_), -1);
+    EXPECT_EQ(zorlib_ifg_disable(ifg_), -1);
+    zorlib_ifg_info info;
+    info.num_ifs = 77;
+    errno = 0;
+    EXPECT_EQ(zorlib_ifg_query(ifg_, &info), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(info.num_ifs, 77u);
+  }
+  EXPECT_EQ(count(ZORVIK_IFG_SET_FLAGS), 0);
+}
+
 TEST_F(FlagsTest, QueriesTheInterfaces) {
   answer(ZORVIK_IFG_QUERY, [](int, void* argument) {
     auto& query = *static_cast<zorvik_ifg_query*>(argument);
