@@ -97,6 +97,28 @@ TEST_F(LoggingTest, OpensTheControlNodeForOneCall) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
+TEST_F(LoggingTest, AsksWhatIsThereThoughTheWaitSawNothing) {
+  std::uint64_t mask = 0;
+  const std::function<int()> functions[] = {
+      [] { return zorlib_set_logging_mask(0xf0); },
+      [] { return zorlib_add_logging(0x0f); },
+      [] { return zorlib_del_logging(0x81); },
+      [&] { return zorlib_get_logging_mask(&mask); },
+  };
+  for (const auto& function : functions) {
+    clearLog();
+    systemCalls.looks = 0;
+    systemCalls.appearsAt = systemCalls.vanishesAt = 0;
+    systemCalls.fakeNode = true;
+    EXPECT_EQ(function(), 0);
+    systemCalls.fakeNode = false;
+    EXPECT_EQ(systemCalls.looks, 1501);
+    EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_devnode_wait: Timeout waiting for "
+                                              "devnode /dev/zorvik/ctl to appear")));
+  }
+  EXPECT_EQ(mask, 0x7eu);
+}
+
 TEST_F(LoggingTest, WithoutBitsNothingIsOpened) {
   systemCalls.looks = 0;
   EXPECT_EQ(zorlib_add_logging(0), 0);

@@ -101,6 +101,19 @@ TEST_F(IfgTest, WaitsForTheDriverBeforeItGivesUp) {
   std::filesystem::rename("/dev/zorvik/hidden", "/dev/zorvik/ctl");
 }
 
+TEST_F(IfgTest, OpensWhatIsThereThoughTheWaitSawNothing) {
+  systemCalls.looks = 0;
+  systemCalls.appearsAt = systemCalls.vanishesAt = 0;
+  systemCalls.fakeNode = true;
+  zorlib_ifg* const ifg = zorlib_ifg_alloc("brund");
+  ASSERT_NE(ifg, nullptr);
+  EXPECT_EQ(systemCalls.looks, 1501);
+  EXPECT_GE(ifg->ctlFd.get(), 0);
+  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_devnode_wait: Timeout waiting for "
+                                            "devnode /dev/zorvik/ctl to appear")));
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+}
+
 TEST_F(IfgTest, SaysWhenThereIsNoMemory) {
   systemCalls.allocationsLeft = 0;
   EXPECT_EQ(zorlib_ifg_alloc("brund"), nullptr);
