@@ -102,6 +102,27 @@ TEST_F(IoTest, FreesToAnEgressQueueWithTheLastReference) {
   EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
 }
 
+TEST_F(IoTest, AFrameIsFreedToNoOtherQueueAndKeepsItsReferences) {
+  for (const std::uint32_t type :
+       {ZORVIK_Q_INGRESS, ZORVIK_Q_SHARED, ZORVIK_Q_FANOUT, ZORVIK_Q_APP, ZORVIK_Q_RAW}) {
+    reopen(type);
+    zorvik_frm_desc* const frame = allocFrame(ifg_);
+    for (const std::uint8_t references : {std::uint8_t{1}, std::uint8_t{3}}) {
+      frame->ref_cnt = references;
+      clearLog();
+      errno = 0;
+      EXPECT_EQ(zorlib_q_free(writer_, frame), -1) << type;
+      EXPECT_EQ(errno, ENXIO);
+      EXPECT_EQ(frame->ref_cnt, references) << type;
+      EXPECT_EQ(frame->qref_cnt, 0) << type;
+      EXPECT_THAT(logLines(),
+                  ElementsAre(error("Error: zorlib_q_free must be done to an egress queue!")));
+      refusedByReader(EAGAIN);
+    }
+    EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
+  }
+}
+
 TEST_F(IoTest, AFrameIsReturnedByItsIdentifier) {
   zorvik_frm_desc* const frame = allocFrame(ifg_);
   const std::uint32_t id = zorlib::frameId(*frame);
