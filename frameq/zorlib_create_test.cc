@@ -135,6 +135,9 @@ TEST_F(CreateTest, ChecksTheModes) {
   refused([](auto& config) { config.ifs[2].mode = 4; }, EINVAL, "Idx 2 unsupported mode 4");
   refused([](auto& config) { config.ifs[1].sub_mode = 5; }, EINVAL, "Idx 1 unsupported sub_mode 5");
   removed(created([](auto& config) { config.ifs[0].sub_mode = config.ifs[1].sub_mode = 4; }));
+  for (const std::uint32_t mode : {1u, 2u, 3u}) {
+    removed(created([mode](auto& config) { config.ifs[2].mode = config.ifs[3].mode = mode; }));
+  }
 }
 
 TEST_F(CreateTest, ChecksThePairs) {

@@ -16,8 +16,10 @@
 namespace tarnik::test {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 class QueueTest : public DriverTest {
  protected:
@@ -335,6 +337,20 @@ TEST_F(QueueTest, DumpsHandleAndMemoryToTheDebugLog) {
   EXPECT_THAT(logLines(), ElementsAre(debug("Debug: zorlib_DBG: invalid queue")));
   memory.enqueue = memory.dequeue = 0;
   EXPECT_EQ(zorlib_q_close(q), 0);
+}
+
+TEST_F(QueueTest, ADumpTellsAReaderFromAWriter) {
+  const LogLine names[] = {debug("Debug: zorlib_DBG:\topen mode: Read"),
+                           debug("Debug: zorlib_DBG:\topen mode: Write")};
+  setDebugLevel(1);
+  for (const std::uint32_t mode : {ZORLIB_READ, ZORLIB_WRITE}) {
+    zorlib_q* const q = openQueue(ifg_, mode);
+    clearLog();
+    zorlib_q_dump(q);
+    EXPECT_THAT(logLines(), Contains(names[mode]));
+    EXPECT_THAT(logLines(), Not(Contains(names[1 - mode])));
+    EXPECT_EQ(zorlib_q_close(q), 0);
+  }
 }
 
 }  // namespace
