@@ -1,10 +1,11 @@
-// How writing and freeing fail, and what is logged of it.
+// How writing and freeing fail, and what becomes of the frame.
+#include <atomic>
 #include <cerrno>
-#include <string>
 #include <utility>
 #include <vector>
 
 #include "frameq/testing/tarnik_q.h"
+#include "frameq/testing/two_threads.h"
 
 namespace tarnik::test {
 namespace {
@@ -72,6 +73,26 @@ TEST_F(TarnikQTest, TagAndFlagsAreToldOfAFrameWithoutData) {
   EXPECT_EQ(flags, 5u);
   desc->data_off = offset;
   EXPECT_EQ(reader_->Free(read), 0);
+}
+
+TEST_F(TarnikQTest, FlagsOfAnotherHolderAreNotLost) {
+  zorvik_frm_desc* const desc = frame();
+  while (writer_->Write(desc) == 0) {
+  }
+  constexpr std::uint16_t kOthers = 0x0100;
+  const std::atomic_ref<std::uint16_t> flags(desc->flags);
+  int lost = 0;
+  int written = 0;
+  inTwoThreads([&] { written += writer_->WritePkt(desc, 1, 5) == 0 ? 1 : 0; },
+               [&] {
+                 flags.fetch_or(kOthers);
+                 lost += (flags.fetch_and(static_cast<std::uint16_t>(~kOthers)) & kOthers) == 0;
+                 lost += (flags.load() & kOthers) != 0;
+               });
+  EXPECT_EQ(lost, 0);
+  EXPECT_EQ(written, 0);
+  EXPECT_EQ(desc->flags, 0xc001);
+  desc->qref_cnt = 1;
 }
 
 }  // namespace
