@@ -1,9 +1,10 @@
 // Frames out of the driver's pool when it is nearly empty.
 #include <cerrno>
 #include <set>
+#include <thread>
 
 #include "base/log.h"
-#include "frameq/testing/driver.h"
+#include "frameq/testing/group.h"
 #include "frameq/zorlib_internal.h"
 
 namespace tarnik::test {
@@ -123,6 +124,37 @@ TEST_F(BatchTest, FramesThatWaitGoBackWithTheHandle) {
   EXPECT_EQ(freeFrames(), kFrames - 61 - 7) << "the mapping holds the handle";
   EXPECT_EQ(zorlib_ifg_close(other), 0);
   EXPECT_EQ(freeFrames(), kFrames);
+}
+
+TEST_F(GroupTest, AGroupThatIsMappedByHalfAllocatesNothing) {
+  createQueue(ifg_);
+  refuse(ZORVIK_NET_DATA_SIZE, EIO);
+  zorlib_q* q = nullptr;
+  EXPECT_EQ(zorlib_q_app_open(ifg_, "TarnikQ", ZORLIB_WRITE, &q), -1);
+  EXPECT_EQ(count(ZORVIK_FRM_DESC_SIZE), 1);
+  errno = 0;
+  EXPECT_EQ(zorlib_ifg_frm_alloc(ifg_, 64), nullptr);
+  EXPECT_EQ(errno, ENOTCONN);
+  EXPECT_EQ(count(ZORVIK_FRM_ALLOC), 0);
+}
+
+// Whoever allocates sees the mapping once it is there, with what belongs to it.
+TEST_F(GroupTest, FramesAreAllocatedWhileTheGroupIsMapped) {
+  createQueue(ifg_);
+  for (int round = 0; round < 20; ++round) {
+    zorlib_ifg* const group = openGroup();
+    zorlib_q* q = nullptr;
+    std::jthread other([&] { q = openQueue(group, ZORLIB_WRITE); });
+    zorvik_frm_desc* frame = nullptr;
+    while ((frame = zorlib_ifg_frm_alloc(group, 64)) == nullptr) {
+      ASSERT_EQ(errno, ENOTCONN);
+    }
+    EXPECT_NE(zorlib_ifg_frm_data(group, frame), nullptr);
+    other.join();
+    EXPECT_EQ(zorlib_frm_free(group, frame), 0);
+    EXPECT_EQ(zorlib_q_close(q), 0);
+    EXPECT_EQ(zorlib_ifg_close(group), 0);
+  }
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "base/log.h"
-#include "frameq/testing/driver.h"
+#include "frameq/testing/group.h"
 #include "frameq/zorlib_internal.h"
 #include "platform/zorvik/groups.h"
 
@@ -17,19 +17,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class CreateTest : public DriverTest {
+class CreateTest : public GroupTest {
  protected:
-  void SetUp() override {
-    DriverTest::SetUp();
-    systemCalls.fakeInterfaces = true;
-    ifg_ = openGroup();
-    clearRequests();
-  }
-  void TearDown() override {
-    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
-    DriverTest::TearDown();
-  }
-
   using Change = std::function<void(zorvik_ifg_config&)>;
   // A description that can neither be made nor put into force.
   void refused(const Change& change, int expected, const std::string& message) {
@@ -75,8 +64,7 @@ class CreateTest : public DriverTest {
     EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/mine"));
   }
 
-  zorvik_ifg_config config_ = description(4);
-  zorlib_ifg* ifg_ = nullptr;  // "brund"
+  zorvik_ifg_config config_ = description(4);  // "brund"
 };
 
 TEST_F(CreateTest, MakesTheGroupItsNodesAndItsFrames) {
