@@ -7,7 +7,7 @@
 #include <string>
 
 #include "base/log.h"
-#include "frameq/testing/driver.h"
+#include "frameq/testing/group.h"
 #include "frameq/zorlib_internal.h"
 
 namespace tarnik::test {
@@ -16,17 +16,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class AdminTest : public DriverTest {
+class AdminTest : public GroupTest {
  protected:
-  void SetUp() override {
-    DriverTest::SetUp();
-    ifg_ = openGroup();
-  }
-  void TearDown() override {
-    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
-    DriverTest::TearDown();
-  }
-
   // Creates a queue, and what the driver was asked for.
   int create(const char* name, std::uint32_t type, std::uint32_t size) {
     asked_ = zorvik_q_create{};
@@ -40,7 +31,6 @@ class AdminTest : public DriverTest {
     return zorlib_ifg_create_q_app(ifg_, name, type, size);
   }
 
-  zorlib_ifg* ifg_ = nullptr;
   zorvik_q_create asked_{};
 };
 

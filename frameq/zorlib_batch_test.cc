@@ -14,18 +14,16 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 // 128 buffers of 2048 bytes and 8 of 65536, for 256 descriptors.
-class BatchTest : public DriverTest {
+class BatchTest : public GroupTest {
  protected:
   void SetUp() override {
-    DriverTest::SetUp();
-    ifg_ = openGroup();
+    GroupTest::SetUp();
     createQueue(ifg_);
     q_ = openQueue(ifg_, ZORLIB_WRITE);
   }
   void TearDown() override {
     EXPECT_EQ(zorlib_q_close(q_), 0);
-    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
-    DriverTest::TearDown();
+    GroupTest::TearDown();
   }
   // Frames one by one until there are none.
   std::set<zorvik_frm_desc*> takeAll(std::uint32_t size) {
@@ -43,7 +41,6 @@ class BatchTest : public DriverTest {
     return stats.frm_free;
   }
 
-  zorlib_ifg* ifg_ = nullptr;
   zorlib_q* q_ = nullptr;
 };
 

@@ -2,7 +2,7 @@
 #include <cerrno>
 
 #include "base/log.h"
-#include "frameq/testing/driver.h"
+#include "frameq/testing/group.h"
 #include "frameq/zorlib_internal.h"
 
 namespace tarnik::test {
@@ -11,19 +11,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class FlagsTest : public DriverTest {
- protected:
-  void SetUp() override {
-    DriverTest::SetUp();
-    ifg_ = openGroup();
-  }
-  void TearDown() override {
-    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
-    DriverTest::TearDown();
-  }
-
-  zorlib_ifg* ifg_ = nullptr;
-};
+using FlagsTest = GroupTest;
 
 TEST_F(FlagsTest, ReadsAndSetsTheFlags) {
   std::uint64_t flags = 1;

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "base/log.h"
-#include "frameq/testing/driver.h"
+#include "frameq/testing/group.h"
 #include "frameq/zorlib_internal.h"
 
 namespace tarnik::test {
@@ -16,12 +16,10 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class CheckTest : public DriverTest {
+class CheckTest : public GroupTest {
  protected:
   void SetUp() override {
-    DriverTest::SetUp();
-    systemCalls.fakeInterfaces = true;
-    ifg_ = openGroup();
+    GroupTest::SetUp();
     configureElsewhere(2);
     createQueue(ifg_);
     q_ = openQueue(ifg_, ZORLIB_WRITE);
@@ -38,8 +36,7 @@ class CheckTest : public DriverTest {
   }
   void TearDown() override {
     EXPECT_EQ(zorlib_q_close(q_), 0);
-    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
-    DriverTest::TearDown();
+    GroupTest::TearDown();
   }
   // The log is the dead child's: it is shown on standard error before the process goes.
   void dies(zorvik_frm_desc* frame, const std::string& condition, const std::string& rest) {
@@ -61,7 +58,6 @@ class CheckTest : public DriverTest {
     dies(frame_, condition, rest);
   }
 
-  zorlib_ifg* ifg_ = nullptr;
   zorlib_q* q_ = nullptr;
   zorvik_frm_desc* frame_ = nullptr;
 };

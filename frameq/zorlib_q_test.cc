@@ -10,7 +10,7 @@
 #include <string>
 
 #include "base/log.h"
-#include "frameq/testing/driver.h"
+#include "frameq/testing/group.h"
 #include "frameq/zorlib_internal.h"
 
 namespace tarnik::test {
@@ -21,18 +21,16 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-class QueueTest : public DriverTest {
+class QueueTest : public GroupTest {
  protected:
   void SetUp() override {
-    DriverTest::SetUp();
-    ifg_ = openGroup();
+    GroupTest::SetUp();
     createQueue(ifg_);
     clearRequests();
   }
   void TearDown() override {
     EXPECT_EQ(ifg_->refs, 1u) << "a queue was left open, or a failed open kept its reference";
-    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
-    DriverTest::TearDown();
+    GroupTest::TearDown();
   }
 
   // Opens and fails.
@@ -45,8 +43,6 @@ class QueueTest : public DriverTest {
     EXPECT_EQ(q, nullptr);
     EXPECT_THAT(logLines(), ElementsAre(error(message)));
   }
-
-  zorlib_ifg* ifg_ = nullptr;
 };
 
 TEST_F(QueueTest, OpensWithWhatTheDriverTells) {

@@ -5,22 +5,20 @@
 #include <cstdint>
 
 #include "base/log.h"
-#include "frameq/testing/driver.h"
+#include "frameq/testing/group.h"
 #include "frameq/zorlib_internal.h"
 
 namespace tarnik::test {
 
-class IoTest : public DriverTest {
+class IoTest : public GroupTest {
  protected:
   void SetUp() override {
-    DriverTest::SetUp();
-    ifg_ = openGroup();
+    GroupTest::SetUp();
     open(ZORVIK_Q_APP, 8);
   }
   void TearDown() override {
     closeQueue();
-    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
-    DriverTest::TearDown();
+    GroupTest::TearDown();
   }
 
   void open(std::uint32_t type, std::uint32_t size) {
@@ -56,7 +54,6 @@ class IoTest : public DriverTest {
     EXPECT_EQ(frame, nullptr);
   }
 
-  zorlib_ifg* ifg_ = nullptr;
   zorlib_q* reader_ = nullptr;
   zorlib_q* writer_ = nullptr;
   zorvik_qmem* memory_ = nullptr;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "base/log.h"
-#include "frameq/testing/driver.h"
+#include "frameq/testing/group.h"
 #include "frameq/zorlib_internal.h"
 
 namespace tarnik::test {
@@ -22,11 +22,10 @@ inline constexpr std::uint32_t kSlots = 16;
 inline constexpr std::uint32_t kNoLimit = 0xffffffff;
 
 // One queue, open on both sides.
-class BudgetTest : public DriverTest {
+class BudgetTest : public GroupTest {
  protected:
   void SetUp() override {
-    DriverTest::SetUp();
-    ifg_ = openGroup();
+    GroupTest::SetUp();
     createQueue(ifg_, ZORVIK_Q_APP, kSlots);
     reader_ = openQueue(ifg_, ZORLIB_READ);
     writer_ = openQueue(ifg_, ZORLIB_WRITE);
@@ -39,8 +38,7 @@ class BudgetTest : public DriverTest {
     EXPECT_EQ(zorlib_frm_free(ifg_, frame_), 0);
     EXPECT_EQ(zorlib_q_close(reader_), 0);
     EXPECT_EQ(zorlib_q_close(writer_), 0);
-    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
-    DriverTest::TearDown();
+    GroupTest::TearDown();
   }
 
   // Counts looks of the side from now on.
@@ -79,7 +77,6 @@ class BudgetTest : public DriverTest {
     return zorlib_q_write(writer_, frame_);
   }
 
-  zorlib_ifg* ifg_ = nullptr;
   zorlib_q* reader_ = nullptr;
   zorlib_q* writer_ = nullptr;
   zorvik_qmem* memory_ = nullptr;
