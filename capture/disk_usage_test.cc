@@ -11,7 +11,7 @@
 #include <filesystem>
 
 #include "base/log.h"
-#include "capture/test_files.h"
+#include "capture/testing/files.h"
 #include "tests/support/captured_log.h"
 
 namespace tarnik::test {

@@ -1,5 +1,5 @@
 // Init and Reload of the capture manager.
-#include "capture/manager_test.h"
+#include "capture/testing/manager.h"
 
 namespace tarnik {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <cinttypes>
 
-#include "capture/manager_test.h"
+#include "capture/testing/manager.h"
 
 namespace tarnik {
 namespace {

@@ -5,7 +5,7 @@
 #include <limits>
 #include <tuple>
 
-#include "capture/manager_test.h"
+#include "capture/testing/manager.h"
 
 namespace tarnik {
 namespace {

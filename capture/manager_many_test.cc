@@ -1,7 +1,7 @@
 // Ten thousand captures open at the same time: each has its file, its name and all its frames.
 #include <sys/resource.h>
 
-#include "capture/manager_test.h"
+#include "capture/testing/manager.h"
 
 namespace tarnik {
 namespace {

@@ -1,5 +1,5 @@
 // Metadata that comes early, late, never, again or changed; idle captures; the end of all.
-#include "capture/manager_test.h"
+#include "capture/testing/manager.h"
 
 namespace tarnik {
 namespace {
@@ -153,7 +153,7 @@ TEST_F(MetadataTest, EveryWrittenFrameRefreshesTheMetadata) {
 
 TEST_F(MetadataTest, AFirstFrameThatIsNotWrittenRefreshesNothing) {
   TarnikMetaCache::instance().config(10);
-  for (const std::uint64_t captureId : {1, 2, 3}) {
+  for (const std::uint64_t captureId : {1U, 2U, 3U}) {
     announce(captureId, 70000);
   }
   std::filesystem::create_directory(std::string(kCaptureDir) + "1");
@@ -163,7 +163,7 @@ TEST_F(MetadataTest, AFirstFrameThatIsNotWrittenRefreshesNothing) {
   EXPECT_EQ(consume(3, 1'000'000), 11);
   test::setTime(test::kNow + 11);
   TarnikMetaCache::instance().expire();
-  for (const std::uint64_t captureId : {1, 2, 3}) {
+  for (const std::uint64_t captureId : {1U, 2U, 3U}) {
     EXPECT_FALSE(cached(captureId)) << captureId;
   }
 }

@@ -3,7 +3,7 @@
 
 #include <limits>
 
-#include "capture/manager_test.h"
+#include "capture/testing/manager.h"
 
 namespace {
 bool noCalendar = false;

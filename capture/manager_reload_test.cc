@@ -3,7 +3,7 @@
 #include <map>
 #include <thread>
 
-#include "capture/manager_test.h"
+#include "capture/testing/manager.h"
 
 namespace tarnik {
 namespace {

@@ -1,5 +1,5 @@
 // ConsumeFrame: the steps it takes, as the log and the event journal tell them.
-#include "capture/manager_test.h"
+#include "capture/testing/manager.h"
 
 namespace tarnik {
 namespace {
@@ -83,7 +83,7 @@ TEST_F(StepsTest, AtLevelThreeTheFinerStepsAreNotTold) {
   announce(1, 70000);
   announce(2, 5);
   useDebugLevel(3);
-  for (const std::uint64_t captureId : {1, 2, 3}) {
+  for (const std::uint64_t captureId : {1U, 2U, 3U}) {
     ASSERT_EQ(consume(captureId), 0);
     ASSERT_EQ(consume(captureId, 100, 0, kPktLastFrame), 0);
   }

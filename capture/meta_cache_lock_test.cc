@@ -6,7 +6,7 @@
 #include <string>
 
 #include "capture/meta_cache.h"
-#include "capture/test_platform.h"
+#include "capture/testing/platform.h"
 
 namespace {
 

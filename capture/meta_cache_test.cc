@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "base/log.h"
-#include "capture/test_platform.h"
+#include "capture/testing/platform.h"
 #include "tests/support/captured_log.h"
 
 namespace tarnik {

@@ -5,9 +5,9 @@
 #include <memory>
 
 #include "base/log.h"
-#include "capture/call_faults.h"
 #include "capture/pcap_writer.h"
-#include "capture/test_files.h"
+#include "capture/testing/call_faults.h"
+#include "capture/testing/files.h"
 #include "tests/support/captured_log.h"
 
 namespace tarnik::test {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "capture/pcap_writer.h"
-#include "capture/test_files.h"
+#include "capture/testing/files.h"
 #include "tests/support/counted_memory.h"
 
 namespace tarnik::test {

@@ -8,8 +8,8 @@
 #include <memory>
 
 #include "base/log.h"
-#include "capture/call_faults.h"
-#include "capture/test_files.h"
+#include "capture/testing/call_faults.h"
+#include "capture/testing/files.h"
 #include "tests/support/captured_log.h"
 
 namespace tarnik::test {

@@ -8,7 +8,7 @@
 
 #include "base/log.h"
 #include "capture/pcap_writer.h"
-#include "capture/test_files.h"
+#include "capture/testing/files.h"
 #include "tests/support/captured_log.h"
 
 namespace tarnik::test {

@@ -11,7 +11,7 @@
 #include <cstdarg>
 
 #include "capture/capture_thread.h"
-#include "capture/manager_test.h"
+#include "capture/testing/manager.h"
 #include "frameq/zorlib.h"
 #include "tests/support/counted_memory.h"
 #include "tests/support/traced_calls.h"

@@ -1,7 +1,7 @@
 // What the capture thread does with what it reads: frames, failures, counters.
 #include <unistd.h>
 
-#include "capture/thread_test.h"
+#include "capture/testing/thread.h"
 
 namespace tarnik {
 namespace {

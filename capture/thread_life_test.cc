@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "capture/thread_test.h"
+#include "capture/testing/thread.h"
 
 namespace tarnik {
 namespace {

@@ -19,8 +19,8 @@
 #include <string>
 
 #include "base/owned.h"
-#include "capture/test_files.h"
-#include "capture/usage_check.h"
+#include "capture/testing/files.h"
+#include "capture/testing/usage.h"
 #include "tests/support/counted_memory.h"
 
 namespace {

@@ -10,8 +10,8 @@
 #include <fstream>
 
 #include "base/owned.h"
-#include "capture/test_files.h"
-#include "capture/usage_check.h"
+#include "capture/testing/files.h"
+#include "capture/testing/usage.h"
 
 namespace tarnik::test {
 namespace {

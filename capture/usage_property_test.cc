@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "base/owned.h"
-#include "capture/test_files.h"
-#include "capture/usage_check.h"
+#include "capture/testing/files.h"
+#include "capture/testing/usage.h"
 
 namespace tarnik::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "capture/call_faults.h"
+#include "capture/testing/call_faults.h"
 
 #include <dlfcn.h>
 #include <sys/time.h>

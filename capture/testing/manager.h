@@ -14,8 +14,8 @@
 #include "base/paths.h"
 #include "capture/capture_manager.h"
 #include "capture/meta_cache.h"
-#include "capture/test_files.h"
-#include "capture/test_platform.h"
+#include "capture/testing/files.h"
+#include "capture/testing/platform.h"
 #include "frameq/tarnik_if.h"
 #include "tests/support/captured_log.h"
 

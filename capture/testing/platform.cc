@@ -1,4 +1,4 @@
-#include "capture/test_platform.h"
+#include "capture/testing/platform.h"
 
 #include <dlfcn.h>
 #include <orlo_sdk.h>

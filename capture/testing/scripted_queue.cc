@@ -1,4 +1,4 @@
-#include "capture/scripted_queue.h"
+#include "capture/testing/scripted_queue.h"
 
 #include <cerrno>
 #include <condition_variable>

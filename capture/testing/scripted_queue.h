@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "capture/test_files.h"
+#include "capture/testing/files.h"
 
 namespace tarnik::test {
 

@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "capture/capture_thread.h"
-#include "capture/manager_test.h"
-#include "capture/scripted_queue.h"
+#include "capture/testing/manager.h"
+#include "capture/testing/scripted_queue.h"
 
 namespace tarnik::test {
 

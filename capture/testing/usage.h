@@ -9,7 +9,7 @@
 
 #include "base/paths.h"
 #include "capture/disk_usage.h"
-#include "capture/test_files.h"
+#include "capture/testing/files.h"
 #include "tests/support/captured_log.h"
 
 namespace tarnik::test {
