@@ -225,7 +225,9 @@ TEST_F(FramesTest, WithoutDescriptorsOnlyNewCapturesFail) {
   for (std::uint64_t captureId = 1; captureId < refused; ++captureId) {
     EXPECT_EQ(consume(captureId, 100, 2), 0);
   }
+  EXPECT_EQ(reload({}), 0) << "which opens files";
   ASSERT_EQ(consume(3, 100, 3, kPktLastFrame), 0);
+  EXPECT_THAT(entries(), testing::Contains(testing::EndsWith(".info")));
   EXPECT_EQ(consume(refused, 100, 1), 0) << "the capture that ended gave its descriptor back";
   manager.CloseWriters();
   EXPECT_THAT(captures(), SizeIs(refused));

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <stdio_ext.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +32,22 @@ constexpr std::array<std::uint8_t, 24> kFileHeader = {
 // thousand long ones take 640 MB. No limit sees what waits in a buffer, and it is lost when the
 // daemon is killed.
 constexpr std::size_t kStreamBufferSize = 65536;
+
+// Whether one more capture leaves descriptors for what else the daemon opens, as at a reload or for
+// an info file; else errno is EMFILE. The lowest free one, which an open takes, tells.
+bool descriptorsToSpare() {
+  constexpr rlim_t kKept = 16;
+  rlimit limit{};
+  const OwnedFd next(::eventfd(0, EFD_CLOEXEC));
+  if (!next || ::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return false;
+  }
+  if (static_cast<rlim_t>(next.get()) + std::min(kKept, limit.rlim_cur / 4) < limit.rlim_cur) {
+    return true;
+  }
+  errno = EMFILE;
+  return false;
+}
 
 // Where the last whole record of `path` ends, within `size` bytes. `from` is the end of a record
 // that is known to be complete, and the answer when the file cannot be read.
@@ -61,6 +79,11 @@ bool PcapWriter::Open() {
   TARNIK_DEBUG(3, "Debug: %s: Opening [%s]", "Open", workingPath_.c_str());
   if (stream_) {
     return true;
+  }
+  if (!descriptorsToSpare()) {
+    TARNIK_ERROR("Error: %s: Failed to open %s: %s", "Open", workingPath_.c_str(),
+                 std::strerror(errno));
+    return false;
   }
   // Close-on-exec: the shell that copies an info template has no use for the captures' files.
   stream_.reset(std::fopen(workingPath_.c_str(), "wbe"));
@@ -185,15 +208,16 @@ bool PcapWriter::Close() {
   if (!stream_) {
     return true;
   }
-  if (std::fflush(stream_.get()) != 0 || tornErrno_ != 0) {
+  const int lostErrno = std::fflush(stream_.get()) == 0 ? 0 : errno;
+  if (lostErrno != 0 || tornErrno_ != 0) {
     mend();
   }
-  if (!closeStream(stream_)) {
+  const bool closed = closeStream(stream_);
+  if (!closed || lostErrno != 0) {
     TARNIK_ERROR("Error: %s: Failed to close [%s]: %s", "Close", workingPath_.c_str(),
-                 std::strerror(errno));
-    return false;
+                 std::strerror(closed ? lostErrno : errno));
   }
-  return Finalize();
+  return closed && Finalize();
 }
 
 bool PcapWriter::Finalize() {

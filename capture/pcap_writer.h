@@ -33,7 +33,8 @@ class PcapWriter {
   PcapWriter& operator=(const PcapWriter&) = delete;
 
   // Creates or truncates the working file and writes its header. True at once when it is open.
-  // False, with a log line, on failure; the writer is then only fit to be destroyed.
+  // False, with a log line, on failure, also when the last descriptors would go; the writer is then
+  // only fit to be destroyed.
   [[nodiscard]] bool Open();
 
   // Appends one record: `data` must be readable for frame.cap_len bytes, and nobody else may change
@@ -46,7 +47,8 @@ class PcapWriter {
               std::int64_t flowId);
 
   // Flushes, closes, moves the file to its final name and writes the info file; without a final
-  // name, or when the info file cannot be written, removes the capture. False, with a log line,
+  // name, or when the info file cannot be written, removes the capture. What can no longer be
+  // flushed is lost, with a log line; the whole records before it are kept. False, with a log line,
   // when the stream does not close or the file cannot be moved: the working file then stays. True
   // at once when nothing is open, so also after a close that failed.
   bool Close();
