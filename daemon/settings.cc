@@ -4,21 +4,16 @@
 
 #include <cerrno>
 #include <limits>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "base/log.h"
 #include "base/owned.h"
+#include "policy/tuning_file.h"
 
 namespace tarnik {
 namespace {
-
-struct TuningReleaser {
-  void operator()(OrloTuning* tuning) const noexcept { OrloTuningRelease(tuning); }
-};
-using Tuning = std::unique_ptr<OrloTuning, TuningReleaser>;
 
 using Field = std::int64_t& (*)(TarnikSettings&);
 
