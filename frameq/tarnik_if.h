@@ -6,8 +6,9 @@
 // no room) within the timeout.
 //
 // The functions may be called from several threads; one process-wide mutex serialises them, but
-// TarnikIfgOpen is meant for one thread at a time. A TarnikQ belongs to one thread; another may
-// call Shutdown and Close at any time while the object lives.
+// TarnikIfgOpen is meant for one thread at a time, and TarnikIfgClose for when nobody frees frames
+// any more. A TarnikQ belongs to one thread; once its Open has returned, another may call Shutdown
+// and Close while the object lives.
 #pragma once
 
 #include <atomic>
