@@ -11,26 +11,26 @@ namespace tarnik {
 
 // The fields bear the names of their keys: `tarnik.file.maxno` is file.maxno.
 struct TarnikSettings {
-  bool enabled = false;
+  bool enabled = false;  // shown by the dump, used by nobody
   std::uint32_t debuglevel = 0;
   struct {
     std::int64_t bytes = 53687091;  // a twentieth of 1 GiB
-    std::int64_t percent = 4;
+    std::int64_t percent = 4;       // shown by the dump, used by nobody
   } diskspace;
   struct {
     std::int64_t maxno = 1000;
     std::int64_t maxsize = 1048576;  // bytes
-    std::int64_t timeout = 120;      // seconds
+    std::int64_t timeout = 120;      // seconds; acts when a read of the queue times out
   } file;
   struct {
     std::int64_t timeout = 300;       // seconds
     std::int64_t interval = 300;      // seconds; no key writes it
-    std::int64_t qtimeout = 5000000;  // handed to the frame queue as it is
-    std::int64_t qsize = 5000;
+    std::int64_t qtimeout = 5000000;  // milliseconds, handed to the frame queue as it is
+    std::int64_t qsize = 5000;        // used by nobody: the queue's owner decides
   } brund;
   struct {
-    std::int64_t interval = 0;  // seconds
-    std::int64_t threshold = 0;
+    std::int64_t interval = 0;   // seconds
+    std::int64_t threshold = 0;  // frames
   } event;
 };
 
