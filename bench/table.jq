@@ -23,7 +23,7 @@ def compared: [
 
 [.[].benchmarks[]] as $all
 | {
-    context: .[0].context,
+    contexts: (map({key: (.context.executable | split("/") | last), value: .context}) | from_entries),
     ratios: [
       compared[] as [$what, $benchmark, $of, $to, $limit]
       | ($all | rounds($benchmark; $of)) as $ours
