@@ -14,6 +14,7 @@ def compared: [
   ["  with the opening of the files", "pipelineAndLibpcap", "ns_pipeline_with_opening",
     "ns_libpcap_with_opening", null],
   ["  / libpcap, frames in memory", "pipelineAndLibpcap", "ns_pipeline", "ns_libpcap_memory", null],
+  ["  with half of the buffer / with all of it", "halfTheBuffer", "ns_half", "ns_whole", null],
   ["a whole capture / its copy of the template", "captures", "ns_capture", "ns_copy", null],
   ["ring, one thread / ck_ring", "ringOneThread", "ns_zorlib", "ns_ck", null],
   ["ring, one thread / rte_ring", "ringOneThread", "ns_zorlib", "ns_rte", null],
