@@ -3,6 +3,7 @@
 #include <orlo_sdk.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <utility>
 
@@ -11,6 +12,8 @@
 
 namespace tarnik {
 namespace {
+
+constexpr std::chrono::seconds kJoinRound{1};
 
 // A descriptor of our own, with what a capture file tells about a frame; the rest is not set.
 zorvik_frm_desc lengthsAndTime(zorvik_frm_desc& frame) {
@@ -29,7 +32,8 @@ zorvik_frm_desc lengthsAndTime(zorvik_frm_desc& frame) {
 
 void CaptureThread::start(std::uint64_t queueTimeout) {
   queueTimeout_ = queueTimeout;
-  stopRequested_ = false;  // no thread yet that could read it
+  stopRequested_ = false;  // no thread yet that could read them
+  ended_ = false;
   TARNIK_DEBUG(3, "Debug: %s: Packet capture starting", "start");
   const int error = ::pthread_create(&thread_, nullptr, &CaptureThread::threadFunc, this);
   if (error != 0) {
@@ -49,10 +53,13 @@ void CaptureThread::stop() {
   }
 }
 
-void CaptureThread::join() {
+void CaptureThread::join(const std::function<void()>& onRound) {
   TARNIK_DEBUG(3, "Debug: %s: Packet capture stopping", "join");
   if (!started_) {
     return;
+  }
+  if (::pthread_equal(thread_, ::pthread_self()) == 0) {  // else there is nothing but the error
+    awaitEnd(onRound);
   }
   const int error = ::pthread_join(thread_, nullptr);
   if (error != 0) {
@@ -61,8 +68,28 @@ void CaptureThread::join() {
   started_ = false;
 }
 
+// Not pthread_timedjoin_np: its deadline is of the wall clock, which may be set back.
+void CaptureThread::awaitEnd(const std::function<void()>& onRound) {
+  std::unique_lock lock(mutex_);
+  while (!end_.wait_for(lock, kJoinRound, [this] { return ended_; })) {
+    // Whoever shares the queue's memory can take the shutdown back.
+    if (stopRequested_ && captureIf_) {
+      captureIf_->Shutdown();
+    }
+    lock.unlock();
+    if (onRound) {
+      onRound();
+    }
+    lock.lock();
+  }
+}
+
 void* CaptureThread::threadFunc(void* self) {
-  static_cast<CaptureThread*>(self)->run();
+  auto& thread = *static_cast<CaptureThread*>(self);
+  thread.run();
+  const std::lock_guard guard(thread.mutex_);
+  thread.ended_ = true;
+  thread.end_.notify_all();
   return nullptr;
 }
 

@@ -9,7 +9,9 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -30,8 +32,9 @@ class CaptureThread {
   void start(std::uint64_t queueTimeout);
   // Asks the thread to end and wakes it from a read.
   void stop();
-  // Waits until it has ended, with all captures closed. Harmless when it was never started.
-  void join();
+  // Waits until it has ended, with all captures closed, and calls `onRound` once a second
+  // meanwhile: closing thousands of captures takes its time. Harmless when it was never started.
+  void join(const std::function<void()>& onRound = {});
 
  protected:
   // Opens group and queue for reading; with `reopen` after closing those that are open. False,
@@ -56,6 +59,7 @@ class CaptureThread {
   };
 
   static void* threadFunc(void* self);
+  void awaitEnd(const std::function<void()>& onRound);
   void run();
   [[nodiscard]] bool initStatistics();
   void processFrames();
@@ -78,6 +82,8 @@ class CaptureThread {
   std::mutex mutex_;
   Queue captureIf_;             // null while there is no open queue
   bool stopRequested_ = false;  // guarded by mutex_
+  bool ended_ = false;          // guarded by mutex_
+  std::condition_variable end_;
 
   std::uint64_t* counters_ = nullptr;  // kCounters of them; null until the area exists
 };

@@ -126,7 +126,8 @@ void startCapture() {
 void shutDown(const LoopContext& context) {
   tickleWatchdog(&context);
   setState(kStopping);
-  captureThread.join();
+  // Thousands of open captures take longer to finalise than the watchdog waits.
+  captureThread.join([&context] { tickleWatchdog(&context); });
   tickleWatchdog(&context);
   OrloWatchdogTimerVirtDestroy(context.watchdogTimer);
   OrloCmdFini();

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 
 #include "base/owned.h"
@@ -49,6 +50,27 @@ TEST_F(EntryTest, RestartExitsWithTwoAfterTheSameShutdown) {
                                                        {"<6>onRestart: Restarting", "tickle",
                                                         "CaptureThread::stop()", "OrloLoopQuit()"},
                                                        kShutdown})));
+}
+
+TEST_F(EntryTest, TicklesSilentlyInEveryRoundOfTheJoin) {
+  writeConfig("tarnik.debuglevel=5\n");
+  sdk().joinRounds = 2;
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  const auto join = std::find(outcome.record.begin(), outcome.record.end(), kShutdown.at(2));
+  EXPECT_THAT(Record(join, outcome.record.end()), ElementsAreArray({
+                                                      "CaptureThread::join()",
+                                                      "tickle",
+                                                      "a round of the join",
+                                                      "tickle",
+                                                      "a round of the join",
+                                                      "tickle",
+                                                      "OrloWatchdogTimerVirtDestroy(timer)",
+                                                      "OrloCmdFini()",
+                                                      "<7>Debug: setState: 4",
+                                                      "<7>Debug: tarnikd Daemon stopped",
+                                                      "<7>Debug: tarnikd: exit status=0",
+                                                  }));
 }
 
 TEST_F(EntryTest, TerminationAfterARestartKeepsTheRestartStatus) {

@@ -20,6 +20,7 @@ std::vector<std::string> called;
 std::size_t nextRead = 0;
 bool waiting = false;
 bool shutDown = false;
+unsigned shutdowns = 0;
 
 void call(const std::string& name) {
   if (script.onCall) {
@@ -38,6 +39,7 @@ void play(Script newScript) {
   nextRead = 0;
   waiting = false;
   shutDown = false;
+  shutdowns = 0;
 }
 
 std::vector<std::string> calls() {
@@ -97,7 +99,7 @@ int TarnikQ::Close() {
 void TarnikQ::Shutdown() {
   call("Shutdown");
   const std::lock_guard guard(mutex);
-  test::shutDown = true;
+  test::shutDown = ++test::shutdowns > script.lostShutdowns;
   changed.notify_all();
 }
 

@@ -27,6 +27,7 @@ struct Script {
   bool create = true;                                // TarnikIfCreate gives an object
   int open = 0;                                      // result of Open
   std::vector<Read> reads{};                         // behind them, reads wait for the shutdown
+  unsigned lostShutdowns = 0;                        // so many are undone before a reader sees them
   std::function<void(const std::string&)> onCall{};  // before any call but ReadPkt, on its thread
 };
 

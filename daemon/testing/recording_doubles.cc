@@ -65,8 +65,12 @@ void CaptureThread::stop() {
   recorded("CaptureThread::stop");
 }
 
-void CaptureThread::join() {
+void CaptureThread::join(const std::function<void()>& onRound) {
   recorded("CaptureThread::join");
+  for (unsigned round = 0; round < test::sdk().joinRounds; ++round) {
+    onRound();
+    test::sdk().record("a round of the join");
+  }
 }
 
 TarnikMetaCache::TarnikMetaCache() : lock_(), lockReady_(false) {}

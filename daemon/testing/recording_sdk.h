@@ -67,6 +67,9 @@ class RecordingSdk {
   };
   std::vector<Response> responses;
 
+  // ---- the capture thread: so often its join calls back
+  unsigned joinRounds = 0;
+
   // ---- state of the platform
   std::unique_ptr<OrloWatchdogTimer> timer;
 
