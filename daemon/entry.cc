@@ -154,7 +154,9 @@ int tarnikMain(int argc, char** argv) {
   loadConfiguration(context);
   checkCaptureDirectory();
   startCapture();
-  [[maybe_unused]] const int served = OrloLoop();
+  if (OrloLoop() != 0) {
+    captureThread.stop();  // no callback has asked for the end, so none has stopped it
+  }
   shutDown(context);
   TARNIK_DEBUG(0, "Debug: %s: exit status=%d", kProgramName, *context.exitStatus);
   return *context.exitStatus;

@@ -52,6 +52,17 @@ TEST_F(EntryTest, RestartExitsWithTwoAfterTheSameShutdown) {
                                                        kShutdown})));
 }
 
+TEST_F(EntryTest, ALoopThatFailsStopsTheCaptureThreadBeforeItIsJoined) {
+  sdk().loopSteps.clear();
+  sdk().failWhere("OrloLoop()");
+  const Outcome outcome = runDaemon({"-D"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  Record expected = joined({kStart, kShutdown});
+  expected.insert(expected.begin() + static_cast<std::ptrdiff_t>(kStart.size()) + 1,
+                  "CaptureThread::stop()");
+  EXPECT_THAT(outcome.record, ElementsAreArray(expected));
+}
+
 TEST_F(EntryTest, TicklesSilentlyInEveryRoundOfTheJoin) {
   writeConfig("tarnik.debuglevel=5\n");
   sdk().joinRounds = 2;
