@@ -9,22 +9,20 @@
 
 #include "base/log.h"
 #include "capture/capture_manager.h"
+#include "frameq/ring.h"
 
 namespace tarnik {
 namespace {
 
 constexpr std::chrono::seconds kJoinRound{1};
 
-// A descriptor of our own, with what a capture file tells about a frame; the rest is not set.
+// A descriptor of our own, with what a capture file tells about a frame; the rest is 0.
 zorvik_frm_desc lengthsAndTime(zorvik_frm_desc& frame) {
-  const auto load = [](std::uint32_t& word) {
-    return std::atomic_ref(word).load(std::memory_order_relaxed);
-  };
-  zorvik_frm_desc seen;
-  seen.wire_len = load(frame.wire_len);
-  seen.cap_len = load(frame.cap_len);
-  seen.ts_sec = load(frame.ts_sec);
-  seen.ts_usec = load(frame.ts_usec);
+  zorvik_frm_desc seen{};
+  seen.wire_len = ring::load(frame.wire_len);
+  seen.cap_len = ring::load(frame.cap_len);
+  seen.ts_sec = ring::load(frame.ts_sec);
+  seen.ts_usec = ring::load(frame.ts_usec);
   return seen;
 }
 
