@@ -62,6 +62,9 @@ namespace {
 class ThreadCostTest : public test::ManagerTest {
  protected:
   void SetUp() override {
+    if (::access("/proc/self/mountinfo", R_OK) != 0) {
+      GTEST_SKIP() << "no mount table here, so every measurement is a scan";
+    }
     ManagerTest::SetUp();
     ASSERT_EQ(
         CaptureManager::instance().Init(test::kIssuesPath, 3600, 1 << 30, 1000, 1 << 30, 10, 1000),
@@ -74,6 +77,9 @@ class ThreadCostTest : public test::ManagerTest {
     ASSERT_NO_FATAL_FAILURE(fill());
   }
   void TearDown() override {
+    if (IsSkipped()) {
+      return;
+    }
     ManagerTest::TearDown();
     ASSERT_EQ(TarnikIfgOpen(), 0);
     EXPECT_EQ(TarnikIfQFini(), 0);
