@@ -5,14 +5,16 @@ usage: demo_ways_test.py BUILD_DIR [unittest argument]...
 """
 
 import os
+import pathlib
+import re
 import shutil
 import signal
 import subprocess
 import time
 import unittest
 
-from demo_fixture import (AS_NOBODY, BUILD, NO_BWRAP, NO_CHROOT, PRIVATE_ROOT, RECORD, DemoTest, can,
-                          descendants, main)
+from demo_fixture import (AS_NOBODY, BUILD, EVERYTHING, NO_BWRAP, NO_CHROOT, PRIVATE_ROOT, RECORD,
+                          DemoTest, can, descendants, main)
 
 
 class Signals(DemoTest):
@@ -24,17 +26,51 @@ class Signals(DemoTest):
         process.communicate(timeout=60)
         self.assert_whole()
 
-    def test_sighup_loses_no_frame(self):
-        process = self.start("--speed", "400", self.traffic)
+    def test_sighup_loses_no_frame_and_spoils_no_name(self):
+        """Reloads, each of other policy files and settings than the one before."""
+        self.rules.write_text("nap 10 uuid-one icmp or icmp6 or udp\n" + EVERYTHING)
+        process = self.start("--speed", "200", self.traffic)
         daemon = self.daemon_of(process)
-        for _ in range(8):
+        etc = pathlib.Path(f"/proc/{daemon}/root/etc")
+        changes = {"ruv-qan/issues.csv": ("everything", "anything"),
+                   "acl.conf": ("uuid-one", "uuid-two"),
+                   "tarnik.conf": ("maxno = 20000", "maxno = 19999")}
+        for turn in range(12):
+            for name, (one, other) in changes.items():
+                text = (etc / name).read_text()
+                one, other = (one, other) if turn % 2 == 0 else (other, one)
+                self.assertIn(one, text)
+                (etc / "new").write_text(text.replace(one, other))
+                os.replace(etc / "new", etc / name)
             os.kill(daemon, signal.SIGHUP)
             time.sleep(0.2)
         _, errors = process.communicate(timeout=120)
         self.assertEqual(process.returncode, 0, errors)
-        self.assertTrue(self.account()["balanced"])
-        self.assertEqual(self.account()["accepted"], self.account()["seen"])
-        self.assertEqual((self.out / "tarnikd.log").read_text().count("onReload: Reloading"), 9)
+        account = self.account()
+        self.assertTrue(account["balanced"])
+        self.assertEqual(account["accepted"], account["seen"])
+        self.assertEqual(account["files"], 60)
+        log = (self.out / "tarnikd.log").read_text()
+        self.assertEqual(log.count("onReload: Reloading"), 13)
+        self.assertNotIn("Error: ", log)
+        self.assert_whole()
+        self.assertEqual(self.triggers(), {"ips.everything", "ips.anything", "naprule-10 uuid-one",
+                                           "naprule-10 uuid-two"})
+
+    def triggers(self):
+        """What captures are called by their names and, as it has to agree, their info files."""
+        found = set()
+        for path in (self.out / "captures").glob("*.pcap"):
+            name = re.fullmatch(r"\d{8}-\d{6}\.(ips|naprule)([.-])(\w+)\.\d+\.pcap", path.name)
+            self.assertTrue(name, path.name)
+            info = path.with_suffix(".info").read_text()
+            if name[1] == "ips":
+                self.assertIn(f"ips.issue.name={name[3]}\n", info)
+                found.add(f"ips.{name[3]}")
+            else:
+                self.assertIn(f"nap.priority={name[3]}\n", info)
+                found.add(f"naprule-{name[3]} " + re.search(r"^nap\.uuid=(.*)$", info, re.M)[1])
+        return found
 
     def test_ctrl_c(self):
         self.interrupt(lambda process: os.killpg(process.pid, signal.SIGINT), 130)
