@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -29,19 +30,22 @@ constexpr unsigned kPool = 20000;  // frames that the driver has
 constexpr seconds kWatchdog{4};    // longer than the three seconds between two tickles
 constexpr seconds kClosing{10};    // what closing should take
 
-// As many captures as take that long to close: what counts is the shell's copy of a template.
+// As many captures as take that long to close, thousands at least: what counts is the shell's copy
+// of a template, of which the machine tells the usual duration.
 unsigned captureCount() {
-  constexpr int kCopies = 30;
   writeFile("/tmp/template", "text");
-  const auto begin = steady_clock::now();
-  for (int i = 0; i < kCopies; ++i) {
+  std::array<duration<double>, 31> copies{};
+  for (duration<double>& copy : copies) {
+    const auto begin = steady_clock::now();
     EXPECT_EQ(std::system("cp /tmp/template /tmp/copy"), 0);
+    copy = steady_clock::now() - begin;
   }
-  const duration<double> one = (steady_clock::now() - begin) / kCopies;
+  std::ranges::sort(copies);
   rlimit files{};
   EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &files), 0);
   const auto most = std::min<rlim_t>(kPool, files.rlim_max) - 100;
-  return static_cast<unsigned>(std::min(static_cast<double>(most), kClosing / one));
+  const auto enough = static_cast<rlim_t>(kClosing / copies[copies.size() / 2]);
+  return static_cast<unsigned>(std::min(most, std::max<rlim_t>(enough, 4000)));
 }
 
 struct Files {
@@ -105,7 +109,8 @@ class ShutdownTest : public ::testing::Test {
   }
 
   static void awaitOpen(unsigned captures) {
-    const auto deadline = steady_clock::now() + seconds(60);
+    // Where the directory cannot be watched, each frame has it scanned.
+    const auto deadline = steady_clock::now() + seconds(200);
     while (files().open < captures && steady_clock::now() < deadline) {
       std::this_thread::sleep_for(milliseconds(20));
     }
@@ -130,8 +135,8 @@ TEST_F(ShutdownTest, ClosesEveryCaptureHoweverLongThatTakes) {
   EXPECT_EQ(left.infos, captures);
   EXPECT_EQ(left.open, 0U);
   EXPECT_EQ(daemon.newLog().back(), "Debug: tarnikd: exit status=0");
-  // Ended by its watchdog it would have been in the second after the limit.
-  if (took < kWatchdog + seconds(2)) {
+  // Its watchdog would have ended it within a second of the limit.
+  if (took < kWatchdog + seconds(1)) {
     GTEST_SKIP() << captures << " captures, as many as may be open here, are closed too quickly";
   }
 }
