@@ -46,10 +46,6 @@ inline bool takeWakeup(zorvik_resq& side) noexcept {
   return (std::atomic_ref(side.flags).fetch_and(~std::uint32_t{ZORVIK_RESQ_WOKEN}, kFull) &
           ZORVIK_RESQ_WOKEN) != 0;
 }
-// Written by the driver before the queue can be opened, but in shared memory all the same.
-inline std::uint32_t handle(zorvik_resq& side) noexcept {
-  return std::atomic_ref(side.kresq_handle).load(kFull);
-}
 
 // ---- Counters and slots
 

@@ -140,6 +140,11 @@ struct zorlib_q {
   // Slots - 1, checked against the mapping when the queue was opened. The shared copy is not
   // looked at again: it could have changed.
   std::uint32_t mask = 0;
+  // The driver's names of the two wait records, which it gives when it makes the queue and never
+  // changes; read when the queue was opened. Whoever changes the shared copy under a sleeper cannot
+  // make this handle's wake-ups and its shutdown miss him.
+  std::uint32_t producerRecord = 0;
+  std::uint32_t consumerRecord = 0;
 
   [[nodiscard]] zorvik_qmem& memory() const noexcept {
     return *static_cast<zorvik_qmem*>(qmem.base());
@@ -151,5 +156,9 @@ struct zorlib_q {
   // This handle's own side of the queue.
   [[nodiscard]] zorvik_resq& side() const noexcept {
     return mode == ZORLIB_WRITE ? memory().presq : memory().cresq;
+  }
+  // What a wait or wake request calls a side.
+  [[nodiscard]] std::uint32_t recordOf(const zorvik_resq& side) const noexcept {
+    return &side == &memory().presq ? producerRecord : consumerRecord;
   }
 };

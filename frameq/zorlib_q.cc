@@ -31,7 +31,7 @@ bool valid(const zorlib_q* q) noexcept {
 
 void wake(const zorlib_q& q, zorvik_resq& side) noexcept {
   zorvik_q_wake request{};
-  request.kresq_handle = ring::handle(side);
+  request.kresq_handle = q.recordOf(side);
   // Nobody to wake is no failure, and there is nothing else that the caller could do.
   static_cast<void>(::ioctl(q.fd.get(), ZORVIK_Q_WAKE, &request));
 }
@@ -95,6 +95,8 @@ int attach(zorlib_q& q) noexcept {
     errno = ENXIO;
     return -1;
   }
+  q.producerRecord = ring::load(q.memory().presq.kresq_handle);
+  q.consumerRecord = ring::load(q.memory().cresq.kresq_handle);
   ring::clearShutdown(q.side());
   wake(q, q.side());
   return 0;

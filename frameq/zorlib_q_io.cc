@@ -49,7 +49,7 @@ class Budget {
       return 0;
     }
     zorvik_q_wait request{};
-    request.kresq_handle = ring::handle(side);
+    request.kresq_handle = q.recordOf(side);
     request.timeout_ms = limited() ? remaining_ : 0;
     const int left = ::ioctl(q.fd.get(), ZORVIK_Q_WAIT, &request);
     if (left < 0) {
