@@ -1,7 +1,6 @@
 // Several processes and threads on one queue, over the driver stand-in: every frame arrives once,
 // whoever dies, and a shutdown or a wake-up reaches who sleeps.
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -9,33 +8,16 @@
 #include <chrono>
 #include <csignal>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include "frameq/testing/driver.h"
+#include "frameq/testing/processes.h"
 #include "frameq/zorlib_internal.h"
 
 namespace tarnik::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// A process of its own that runs `body` and ends with its result.
-template <class Body>
-pid_t process(Body body) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::alarm(100);  // a test that hangs must not leave processes behind
-    ::_exit(body());
-  }
-  return pid;
-}
-
-int statusOf(pid_t pid) {
-  int status = -1;
-  ::waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 // What the processes tell each other.
 struct Shared {
@@ -268,55 +250,6 @@ TEST_F(ProcessTest, TheDeathOfAPeerNeverHangsTheOthers) {
     EXPECT_EQ(zorlib_ifg_remove_q_app(ifg, "TarnikQ"), 0);
     EXPECT_EQ(zorlib_ifg_close(ifg), 0);
   }
-}
-
-TEST_F(ProcessTest, ReadsGoOnWhileTheMemoryIsScribbledOver) {
-  makeQueue(16);
-  zorlib_ifg* const ifg = openGroup();
-  zorlib_q* const q = openQueue(ifg, ZORLIB_READ);
-  const pid_t vandal = process([&]() -> int {
-    std::mt19937 generator(1);
-    const auto random = [&] { return static_cast<std::uint32_t>(generator()); };
-    auto* const words = reinterpret_cast<volatile std::uint32_t*>(q->qmem.base());
-    auto* const descriptors = reinterpret_cast<volatile std::uint32_t*>(q->frmDesc);
-    constexpr std::uint32_t kChosen[] = {0, 1, 15, 16, 0x7fffffff, 0x80000000, 0xffffffff};
-    const std::uint32_t queueWords[] = {17, 32, 48, 80, 82, 84, 86, 88, 90, 92, 94};
-    for (;;) {
-      const std::uint32_t value = random() % 2 == 0 ? kChosen[random() % 7] : random();
-      // Not the shutdown bit, which would end the game.
-      words[queueWords[random() % 11]] = value & ~4u;
-      descriptors[random() % (q->frmDescSize / 4)] = random();
-    }
-  });
-  int outcomes[3] = {};
-  std::thread stopper([&] {
-    std::this_thread::sleep_for(std::chrono::seconds(2));
-    ::kill(vandal, SIGKILL);
-    statusOf(vandal);
-    EXPECT_EQ(zorlib_q_shutdown(q), 0);
-  });
-  for (;;) {
-    zorvik_frm_desc* frame = nullptr;
-    if (zorlib_q_read_timeout(q, &frame, 0) == 0) {
-      ++outcomes[0];
-      ASSERT_GE(frame, q->frmDesc);
-      ASSERT_LE(frame + 1, q->frmDesc + q->frmDescSize / sizeof *frame);
-      const std::uint8_t* const data = zorlib_q_frm_data(q, frame);
-      if (data != nullptr) {
-        ASSERT_GE(data, q->payload);
-        ASSERT_LE(data, q->payload + q->payloadSize);
-      }
-    } else if (errno == ESHUTDOWN) {
-      break;
-    } else {
-      ASSERT_TRUE(errno == EAGAIN || errno == ENXIO) << errno;
-      ++outcomes[errno == ENXIO ? 1 : 2];
-    }
-  }
-  stopper.join();
-  EXPECT_GT(outcomes[1], 0) << "invalid identifiers came";
-  EXPECT_EQ(zorlib_q_close(q), 0);
-  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
 }
 
 }  // namespace
