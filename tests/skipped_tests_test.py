@@ -9,7 +9,7 @@ SCRIPT = pathlib.Path(__file__).resolve().parent.parent / "tools/skipped-tests"
 
 LOG = """\
 Start testing: Nov 21 03:36 UTC
-1/4 Testing: live_test
+1/5 Testing: live_test
 [ RUN      ] Live.Sniffs
 /a folder/live_test.cc:12: Skipped
 sniffing is not allowed here: no right
@@ -18,14 +18,16 @@ sniffing is not allowed here: no right
 [       OK ] Live.Ends (2 ms)
 [  SKIPPED ] 1 test, listed below:
 [  SKIPPED ] Live.Sniffs
-2/4 Testing: demo_Ways
+2/5 Testing: demo_Ways
 test_chroot (__main__.Ways.test_chroot) ... skipped 'chroot needs root'
 OK (skipped=1)
-3/4 Testing: writer_test
+3/5 Testing: writer_test
 private-root: bubblewrap is missing: apt-get install bubblewrap
-4/4 Testing: thread_test
+4/5 Testing: thread_test
 private-root: no namespaces on this machine, using chroot
 [       OK ] Thread.Ends (2 ms)
+5/5 Testing: ring_model_shutdown
+skipped: spin is not installed (apt-get install spin)
 """
 
 
@@ -39,6 +41,7 @@ class SkippedTests(unittest.TestCase):
 skipped: Live.Sniffs: sniffing is not allowed here: no right
 skipped: test_chroot: 'chroot needs root'
 skipped: writer_test: private-root: bubblewrap is missing: apt-get install bubblewrap
+skipped: ring_model_shutdown: spin is not installed (apt-get install spin)
 """)
 
     def test_none(self):
