@@ -157,13 +157,13 @@ TEST_F(TarnikQCloseTest, ClosedWhileFramesFlow) {
     const auto q = fresh();
     ASSERT_EQ(q->Open(TarnikQ::kIngress), 0);
     q->SetTimeout(-1);
+    const std::uint8_t* const payload = handleOf(q.get())->payload;
     std::thread closer([&] {
       for (int i = 0; i < 200; ++i) {
         static_cast<void>(writer_->Write(sent));
       }
       EXPECT_EQ(q->Close(), 0);
     });
-    const std::uint8_t* const payload = handleOf(q.get())->payload;
     while (readPkt(q.get()) == 0) {
       EXPECT_THAT(q->room(data_), AnyOf(kPayload - (data_ - payload), 0u));
     }
