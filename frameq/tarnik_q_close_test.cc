@@ -1,7 +1,6 @@
 // A queue that another thread closes while its own thread is at work with it.
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <thread>
 
 #include "frameq/ring.h"
@@ -16,11 +15,6 @@ using ::testing::IsEmpty;
 
 class TarnikQCloseTest : public TarnikQTest {
  protected:
-  static zorlib_q* handleOf(const TarnikQ* object) {
-    zorlib_q* handle = nullptr;
-    std::memcpy(&handle, reinterpret_cast<const char*>(object) + 16, sizeof handle);
-    return handle;
-  }
   int readPkt(TarnikQ* q) {
     data_ = nullptr;
     return q->ReadPkt(&desc_, &data_, &tag_, &flags_);

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,10 +47,8 @@ TEST_F(TarnikQTest, TellsOfAnOpenAtDebugLevelFour) {
     setDebugLevel(level);
     EXPECT_EQ(q->Open(TarnikQ::kIngress), 0);
     setDebugLevel(0);
-    zorlib_q* opened = nullptr;
-    std::memcpy(&opened, reinterpret_cast<const char*>(q.get()) + 16, sizeof opened);
     const LogLine line =
-        debug(text("Debug: Open: zorlib_q_app_open %p", static_cast<void*>(opened)));
+        debug(text("Debug: Open: zorlib_q_app_open %p", static_cast<void*>(handleOf(q.get()))));
     const std::vector<LogLine> lines = logLines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), line), level == 4 ? 1 : 0);
     EXPECT_EQ(q->Close(), 0);
@@ -301,8 +298,7 @@ TEST_F(TarnikQTest, ARefusedFreeIsAnError) {
 }
 
 TEST_F(TarnikQTest, AQueueThatTheLibraryRefusesIsAnError) {
-  zorlib_q* q = nullptr;
-  std::memcpy(&q, reinterpret_cast<const char*>(reader_) + 16, sizeof q);
+  zorlib_q* const q = handleOf(reader_);
   q->magic = 0xbaadf00d;
   clearLog();
   EXPECT_EQ(reader_->getSize(), -1);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -39,6 +40,12 @@ class TarnikQTest : public DriverTest {
   // An object that was never opened.
   std::unique_ptr<TarnikQ, decltype(&TarnikIfDestroy)> fresh() {
     return {TarnikIfCreate(), &TarnikIfDestroy};
+  }
+  // The library's handle, as it lies in the object.
+  static zorlib_q* handleOf(const TarnikQ* object) {
+    zorlib_q* handle = nullptr;
+    std::memcpy(&handle, reinterpret_cast<const char*>(object) + 16, sizeof handle);
+    return handle;
   }
   // `format` with the address of the frame's data.
   static std::string payloadAt(zorvik_frm_desc* desc, const char* format) {
