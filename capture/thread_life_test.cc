@@ -2,6 +2,7 @@
 #include <pthread.h>
 
 #include <chrono>
+#include <latch>
 
 #include "capture/testing/thread.h"
 
@@ -137,11 +138,14 @@ TEST_F(ThreadLifeTest, AThreadThatCannotBeJoined) {
 #endif
 #endif
   pthread_t handle{};
+  std::latch started(1);
   test::play({.reads = {{.before = [&] {
                 handle = ::pthread_self();
+                started.wait();
                 thread.join();  // a thread cannot join itself
               }}}});
   thread.start(1000);
+  started.count_down();
   test::awaitEndOfScript();
   EXPECT_THAT(test::logLines(),
               testing::Contains(LogLine{LOG_ERR,
