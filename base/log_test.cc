@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <ctime>
 
-#include "tests/support/captured_log.h"
+#include "base/testing/captured_log.h"
 
 namespace {
 int zoneReadings = 0;

@@ -34,7 +34,7 @@ void announce(std::uint64_t captureId, std::uint32_t triggerId) {
 
 // As the capture thread does it.
 void consume(const Frame& frame, std::uint64_t captureId, std::uint32_t flags = 0) {
-  if (manager().ConsumeFrame(captureId, frame.descriptor, frame.data, flags) != 0) {
+  if (manager().ConsumeFrame(captureId, frame.header, frame.data, flags) != 0) {
     giveUp("ConsumeFrame");
   }
   manager().UpdateUsageCounters();

@@ -27,7 +27,7 @@ constexpr int kFrames = 400000;
 
 struct Frame {
   std::size_t file;
-  zorvik_frm_desc descriptor;
+  FrameHeader header;
 };
 
 const std::vector<std::uint8_t>& data() {
@@ -40,9 +40,9 @@ std::vector<Frame> frames(std::size_t files) {
   std::vector<Frame> result(kFrames);
   for (Frame& frame : result) {
     frame.file = random() % files;
-    frame.descriptor.cap_len = static_cast<std::uint32_t>(40 + random() % 921);
-    frame.descriptor.wire_len = frame.descriptor.cap_len;
-    frame.descriptor.ts_sec = 1700000000;
+    frame.header.capturedLength = static_cast<std::uint32_t>(40 + random() % 921);
+    frame.header.wireLength = frame.header.capturedLength;
+    frame.header.seconds = 1700000000;
   }
   return result;
 }
@@ -70,7 +70,7 @@ void measure(benchmark::State& state, std::size_t fileCount, Open open, Write wr
     auto files = open(fileCount);
     const double start = processorTime();
     for (const Frame& frame : all) {
-      write(files[frame.file], frame.descriptor);
+      write(files[frame.file], frame.header);
     }
     return processorTime() - start;
   };
@@ -100,8 +100,8 @@ void writer(benchmark::State& state) {
         }
         return writers;
       },
-      [](std::unique_ptr<PcapWriter>& one, const zorvik_frm_desc& descriptor) {
-        benchmark::DoNotOptimize(one->Write(descriptor, data().data()));
+      [](std::unique_ptr<PcapWriter>& one, const FrameHeader& header) {
+        benchmark::DoNotOptimize(one->Write(header, data().data()));
       });
 }
 
@@ -127,12 +127,12 @@ void libpcap(benchmark::State& state) {
         }
         return dumpers;
       },
-      [](Dumper& dumper, const zorvik_frm_desc& descriptor) {
+      [](Dumper& dumper, const FrameHeader& header) {
         pcap_pkthdr header{};
-        header.ts.tv_sec = descriptor.ts_sec;
-        header.ts.tv_usec = descriptor.ts_usec;
-        header.caplen = descriptor.cap_len;
-        header.len = descriptor.wire_len;
+        header.ts.tv_sec = header.seconds;
+        header.ts.tv_usec = header.microseconds;
+        header.caplen = header.capturedLength;
+        header.len = header.wireLength;
         ::pcap_dump(reinterpret_cast<u_char*>(dumper.get()), &header, data().data());
       });
 }
@@ -159,10 +159,10 @@ void streamBuffer(benchmark::State& state) {
         }
         return files;
       },
-      [](Buffered& file, const zorvik_frm_desc& descriptor) {
-        benchmark::DoNotOptimize(std::fwrite(&descriptor, 16, 1, file.stream.get()));
+      [](Buffered& file, const FrameHeader& header) {
+        benchmark::DoNotOptimize(std::fwrite(&header, 16, 1, file.stream.get()));
         benchmark::DoNotOptimize(
-            std::fwrite(data().data(), descriptor.cap_len, 1, file.stream.get()));
+            std::fwrite(data().data(), header.capturedLength, 1, file.stream.get()));
       });
 }
 

@@ -28,7 +28,7 @@
 #include "capture/capture_thread.h"
 #include "capture/meta_cache.h"
 #include "frameq/tarnik_if.h"
-#include "frameq/zorlib.h"
+#include "zorlib/zorlib.h"
 
 namespace {
 
@@ -123,15 +123,11 @@ class Pipeline {
 
   zorvik_frm_desc* copyOf(const Frame& frame) {
     zorvik_frm_desc* copy = nullptr;
-    if (zorlib_batch_alloc(group_, frame.descriptor.cap_len, &copy, 1) != 1) {
+    if (zorlib_batch_alloc(group_, frame.header.capturedLength, &copy, 1) != 1) {
       giveUp("no frame");
     }
-    std::memcpy(zorlib_ifg_frm_data(group_, copy), frame.data, frame.descriptor.cap_len);
-    copy->wire_len = frame.descriptor.wire_len;
-    copy->cap_len = frame.descriptor.cap_len;
-    copy->ts_sec = frame.descriptor.ts_sec;
-    copy->ts_usec = frame.descriptor.ts_usec;
-    copy->frame_size = static_cast<std::uint16_t>(frame.descriptor.cap_len);
+    std::memcpy(zorlib_ifg_frm_data(group_, copy), frame.data, frame.header.capturedLength);
+    writeFrameHeader(*copy, frame.header);
     copy->tag = frame.flow;
     return copy;
   }
@@ -196,10 +192,10 @@ class Dumpers {
 
 pcap_pkthdr headerOf(const Frame& frame) {
   pcap_pkthdr header{};
-  header.ts.tv_sec = frame.descriptor.ts_sec;
-  header.ts.tv_usec = frame.descriptor.ts_usec;
-  header.caplen = frame.descriptor.cap_len;
-  header.len = frame.descriptor.wire_len;
+  header.ts.tv_sec = frame.header.seconds;
+  header.ts.tv_usec = frame.header.microseconds;
+  header.caplen = frame.header.capturedLength;
+  header.len = frame.header.wireLength;
   return header;
 }
 

@@ -17,7 +17,7 @@
 
 #include "bench/ck_ring_calls.h"
 #include "bench/support.h"
-#include "frameq/zorlib.h"
+#include "zorlib/zorlib.h"
 
 namespace tarnik::bench {
 namespace {

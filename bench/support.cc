@@ -76,18 +76,18 @@ Traffic::Traffic(std::size_t flows, std::size_t frames) : frames_(frames) {
   for (std::size_t i = 0; i < frames; ++i) {
     Frame& frame = frames_[i];
     frame.flow = 1 + (i < flows ? i : random() % flows);
-    frame.descriptor.cap_len = static_cast<std::uint32_t>(40 + random() % 921);
-    frame.descriptor.wire_len = frame.descriptor.cap_len;
-    frame.descriptor.ts_sec = 1700000000;
-    frame.descriptor.ts_usec = static_cast<std::uint32_t>(i % 1000000);
-    size += frame.descriptor.cap_len;
+    frame.header.capturedLength = static_cast<std::uint32_t>(40 + random() % 921);
+    frame.header.wireLength = frame.header.capturedLength;
+    frame.header.seconds = 1700000000;
+    frame.header.microseconds = static_cast<std::uint32_t>(i % 1000000);
+    size += frame.header.capturedLength;
   }
   bytes_.assign(size, 0x5a);
   std::uint8_t* at = bytes_.data();
   for (Frame& frame : frames_) {
     std::memcpy(at, &frame.flow, sizeof frame.flow);
     frame.data = at;
-    at += frame.descriptor.cap_len;
+    at += frame.header.capturedLength;
   }
 }
 

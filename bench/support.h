@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "frameq/zorvik_layout.h"
+#include "frameq/frame_header.h"
 
 namespace tarnik::bench {
 
@@ -31,7 +31,7 @@ void emptyDirectory(const char* path);
 // in random order. The flow is also the first eight bytes of the data.
 struct Frame {
   std::uint64_t flow = 0;  // from 1
-  zorvik_frm_desc descriptor{};
+  FrameHeader header;
   const std::uint8_t* data = nullptr;
 };
 class Traffic {

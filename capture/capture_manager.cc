@@ -115,7 +115,7 @@ CaptureManager::Admission CaptureManager::admit(std::time_t now) {
   return admission;
 }
 
-int CaptureManager::ConsumeFrame(std::uint64_t captureId, const zorvik_frm_desc& frame,
+int CaptureManager::ConsumeFrame(std::uint64_t captureId, const FrameHeader& frame,
                                  const std::uint8_t* data, std::uint32_t flags) {
   using enum LimitEvent::Verdict;
   const Admission admission = admit(std::time(nullptr));
@@ -154,7 +154,7 @@ int CaptureManager::ConsumeFrame(std::uint64_t captureId, const zorvik_frm_desc&
   return kOk;
 }
 
-int CaptureManager::consumeFirst(std::uint64_t captureId, const zorvik_frm_desc& frame,
+int CaptureManager::consumeFirst(std::uint64_t captureId, const FrameHeader& frame,
                                  const std::uint8_t* data, std::uint32_t flags,
                                  std::int64_t maxFileSize) {
   TARNIK_DEBUG(3, "Debug: %s: New writer: 0x%lx", "ConsumeFrame", captureId);

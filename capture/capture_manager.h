@@ -21,7 +21,7 @@
 #include "capture/disk_usage.h"
 #include "capture/limits.h"
 #include "capture/pcap_writer.h"
-#include "frameq/zorvik_layout.h"
+#include "frameq/frame_header.h"
 #include "policy/issue_map.h"
 #include "policy/nap_map.h"
 
@@ -60,10 +60,9 @@ class CaptureManager {
 
   // Writes one frame to its capture's file, which is opened with the first frame, named as soon as
   // the capture's metadata is known, and closed with the frame that `flags` (of ReadPkt) call the
-  // last one. `frame` and `data` stay the caller's; nobody else may change `frame` meanwhile. A
-  // result other than kOk means that the frame is not in a file; the log and, for limits, a
-  // platform event say why.
-  [[nodiscard]] int ConsumeFrame(std::uint64_t captureId, const zorvik_frm_desc& frame,
+  // last one. `data` stays the caller's. A result other than kOk means that the frame is not in a
+  // file; the log and, for limits, a platform event say why.
+  [[nodiscard]] int ConsumeFrame(std::uint64_t captureId, const FrameHeader& frame,
                                  const std::uint8_t* data, std::uint32_t flags);
 
   // True when the writer is named, or could be now from the capture's metadata.
@@ -101,7 +100,7 @@ class CaptureManager {
                 const Limits& limits);
   [[nodiscard]] Limits limits() const;
   [[nodiscard]] Admission admit(std::time_t now);
-  [[nodiscard]] int consumeFirst(std::uint64_t captureId, const zorvik_frm_desc& frame,
+  [[nodiscard]] int consumeFirst(std::uint64_t captureId, const FrameHeader& frame,
                                  const std::uint8_t* data, std::uint32_t flags,
                                  std::int64_t maxFileSize);
   void closeWriter(const char* operation, WriterTable::iterator position);

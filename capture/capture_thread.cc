@@ -9,22 +9,12 @@
 
 #include "base/log.h"
 #include "capture/capture_manager.h"
-#include "frameq/ring.h"
+#include "frameq/frame_header.h"
 
 namespace tarnik {
 namespace {
 
 constexpr std::chrono::seconds kJoinRound{1};
-
-// A descriptor of our own, with what a capture file tells about a frame; the rest is 0.
-zorvik_frm_desc lengthsAndTime(zorvik_frm_desc& frame) {
-  zorvik_frm_desc seen{};
-  seen.wire_len = ring::load(frame.wire_len);
-  seen.cap_len = ring::load(frame.cap_len);
-  seen.ts_sec = ring::load(frame.ts_sec);
-  seen.ts_usec = ring::load(frame.ts_usec);
-  return seen;
-}
 
 }  // namespace
 
@@ -193,11 +183,11 @@ void CaptureThread::processFrame(CaptureManager& manager, zorvik_frm_desc& frame
                                  const std::uint8_t* data, std::uint64_t captureId,
                                  std::uint32_t flags) {
   count(kFramesRead, 1);
-  // Read once: whoever shares the descriptor may change it while it is looked at. A length beyond
-  // the payload memory is no frame's; without data, the frame is refused like any bad one.
-  const zorvik_frm_desc seen = lengthsAndTime(frame);
-  const bool inside = seen.cap_len <= captureIf_->room(data);
-  const int result = manager.ConsumeFrame(captureId, seen, inside ? data : nullptr, flags);
+  // A frame whose length reaches beyond the payload memory is passed on without data, which the
+  // manager refuses.
+  const FrameHeader header = readFrameHeader(frame);
+  const bool inside = header.capturedLength <= captureIf_->room(data);
+  const int result = manager.ConsumeFrame(captureId, header, inside ? data : nullptr, flags);
   if (result == CaptureManager::kDiskSpaceExceeded ||
       result == CaptureManager::kFileCountExceeded) {
     TARNIK_DEBUG(0, "Debug: %s: Failed to capture frame (0x%lx)", "processFrames", captureId);

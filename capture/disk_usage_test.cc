@@ -11,8 +11,8 @@
 #include <filesystem>
 
 #include "base/log.h"
+#include "base/testing/captured_log.h"
 #include "capture/testing/files.h"
-#include "tests/support/captured_log.h"
 
 namespace tarnik::test {
 namespace {

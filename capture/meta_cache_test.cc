@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "base/log.h"
+#include "base/testing/captured_log.h"
 #include "capture/testing/platform.h"
-#include "tests/support/captured_log.h"
 
 namespace tarnik {
 namespace {

@@ -119,17 +119,17 @@ bool PcapWriter::WritePCAPHeader() {
   return true;
 }
 
-bool PcapWriter::Write(const zorvik_frm_desc& frame, const std::uint8_t* data) {
+bool PcapWriter::Write(const FrameHeader& frame, const std::uint8_t* data) {
   const void* address = data;
   TARNIK_DEBUG(0, "Debug: %s: Writing [%s] [%p] size=[%d,%d]", "Write", workingPath_.c_str(),
-               address, static_cast<int>(frame.wire_len), static_cast<int>(frame.cap_len));
-  if (data == nullptr || !stream_ || frame.cap_len == 0) {
+               address, static_cast<int>(frame.wireLength), static_cast<int>(frame.capturedLength));
+  if (data == nullptr || !stream_ || frame.capturedLength == 0) {
     TARNIK_ERROR("Error: %s: frameData=%p, fileStream=%p size=%d", "Write", address,
-                 static_cast<void*>(stream_.get()), static_cast<int>(frame.cap_len));
+                 static_cast<void*>(stream_.get()), static_cast<int>(frame.capturedLength));
     return false;
   }
-  recordHeader_ = {frame.ts_sec, frame.ts_usec, frame.cap_len, frame.wire_len};
-  const std::uint64_t recordSize = sizeof recordHeader_ + std::uint64_t{frame.cap_len};
+  recordHeader_ = {frame.seconds, frame.microseconds, frame.capturedLength, frame.wireLength};
+  const std::uint64_t recordSize = sizeof recordHeader_ + std::uint64_t{frame.capturedLength};
   if (maxFileSize_ < bytesWritten_ + recordSize) {
     status_ = kStatusFull;
     return false;
@@ -139,7 +139,7 @@ bool PcapWriter::Write(const zorvik_frm_desc& frame, const std::uint8_t* data) {
     mend();
     return false;
   }
-  if (!append(data, frame.cap_len)) {
+  if (!append(data, frame.capturedLength)) {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
     mend();
     return false;

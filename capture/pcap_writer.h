@@ -16,7 +16,7 @@
 #include <string>
 
 #include "base/owned.h"
-#include "frameq/zorvik_layout.h"
+#include "frameq/frame_header.h"
 #include "policy/capture_info.h"
 
 namespace tarnik {
@@ -37,10 +37,10 @@ class PcapWriter {
   // only fit to be destroyed.
   [[nodiscard]] bool Open();
 
-  // Appends one record: `data` must be readable for frame.cap_len bytes, and nobody else may change
-  // `frame` meanwhile. False when the record would exceed the size limit (status() is then 11,
-  // nothing is written or logged) or, with a log line, on failure. Allocates nothing.
-  [[nodiscard]] bool Write(const zorvik_frm_desc& frame, const std::uint8_t* data);
+  // Appends one record: `data` must be readable for frame.capturedLength bytes. False when the
+  // record would exceed the size limit (status() is then 11, nothing is written or logged) or, with
+  // a log line, on failure. Allocates nothing.
+  [[nodiscard]] bool Write(const FrameHeader& frame, const std::uint8_t* data);
 
   // Records the final name and the policy that asked for the capture; the last call wins.
   void Update(const std::string& finalPath, std::uint32_t policyId, const std::string& policyName,

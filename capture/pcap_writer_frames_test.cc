@@ -4,9 +4,9 @@
 
 #include <cstdlib>
 
+#include "base/testing/counted_memory.h"
 #include "capture/pcap_writer.h"
 #include "capture/testing/files.h"
-#include "tests/support/counted_memory.h"
 
 namespace tarnik::test {
 namespace {
@@ -24,10 +24,10 @@ TEST_F(PcapFramesTest, AFrameTakesNoMemory) {
   PcapWriter writer(kWorking, kNoLimit);
   ASSERT_TRUE(writer.Open());
   const auto data = frameData(3000);
-  const zorvik_frm_desc frames[] = {frame(60, 60), frame(1500, 1500), frame(3000, 3000)};
+  const FrameHeader frames[] = {frame(60, 60), frame(1500, 1500), frame(3000, 3000)};
   const std::uint64_t before = allocations();
   for (int i = 0; i < 1000; ++i) {
-    for (const zorvik_frm_desc& one : frames) {
+    for (const FrameHeader& one : frames) {
       ASSERT_TRUE(writer.Write(one, data.data()));
     }
   }

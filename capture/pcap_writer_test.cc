@@ -8,9 +8,9 @@
 #include <memory>
 
 #include "base/log.h"
+#include "base/testing/captured_log.h"
 #include "capture/testing/call_faults.h"
 #include "capture/testing/files.h"
-#include "tests/support/captured_log.h"
 
 namespace tarnik::test {
 namespace {

@@ -7,9 +7,9 @@
 #include <csignal>
 
 #include "base/log.h"
+#include "base/testing/captured_log.h"
 #include "capture/pcap_writer.h"
 #include "capture/testing/files.h"
-#include "tests/support/captured_log.h"
 
 namespace tarnik::test {
 namespace {

@@ -10,11 +10,11 @@
 
 #include <cstdarg>
 
+#include "base/testing/counted_memory.h"
+#include "base/testing/traced_calls.h"
 #include "capture/capture_thread.h"
 #include "capture/testing/manager.h"
-#include "frameq/zorlib.h"
-#include "tests/support/counted_memory.h"
-#include "tests/support/traced_calls.h"
+#include "zorlib/zorlib.h"
 
 namespace {
 

@@ -267,11 +267,11 @@ TEST_F(ThreadFramesTest, ADescriptorThatChangesIsTakenAsItWasRead) {
   const test::Read second = read(1, 200, 2);
   test::onTime([&] {  // the manager asks for the time before it writes
     for (zorvik_frm_desc* const descriptor : {first.frame, second.frame}) {
-      *descriptor = test::frame(7, 0xffffffff, 7, 7);
+      writeFrameHeader(*descriptor, test::frame(7, 0xffffffff, 7, 7));
     }
   });
   test::Read restored = second;
-  restored.before = [&] { *second.frame = test::frame(204, 200, 2, 4); };
+  restored.before = [&] { writeFrameHeader(*second.frame, test::frame(204, 200, 2, 4)); };
   run({.reads = {first, restored}});
   test::onTime({});
   EXPECT_THAT(records(captures().at(0)), ElementsAre(record(100, 1), record(200, 2)));

@@ -40,8 +40,9 @@ class ReloadTest : public test::ThreadTest {
   }
 
   test::Read readOf(std::uint32_t captureId, unsigned seed) {
-    frames.push_back({test::frame(60, 60, captureId, seed), test::frameData(60, captureId + seed)});
+    frames.push_back({zorvik_frm_desc{}, test::frameData(60, captureId + seed)});
     Frame& made = frames.back();
+    writeFrameHeader(made.descriptor, test::frame(60, 60, captureId, seed));
     made.descriptor.index = static_cast<std::uint32_t>(frames.size());
     return {.frame = &made.descriptor,
             .data = made.data.data(),

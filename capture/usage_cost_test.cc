@@ -19,9 +19,9 @@
 #include <string>
 
 #include "base/owned.h"
+#include "base/testing/counted_memory.h"
 #include "capture/testing/files.h"
 #include "capture/testing/usage.h"
-#include "tests/support/counted_memory.h"
 
 namespace {
 

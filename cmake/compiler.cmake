@@ -19,6 +19,13 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64")
   add_compile_options(-mcx16)
 endif()
 
+# ccache shortens repeated builds; the project does not need it.
+find_program(CCACHE ccache)
+if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE} sloppiness=pch_defines,time_macros)
+endif()
+
 find_package(Threads REQUIRED)
 
 if(TARNIK_SANITIZE)

@@ -14,6 +14,21 @@ function(tarnik_headers target folder)
   endif()
 endfunction()
 
+# As tarnik_headers, for some of the folder's headers only.
+function(tarnik_public_headers target folder)
+  set(root ${PROJECT_BINARY_DIR}/include/public_${target})
+  file(MAKE_DIRECTORY ${root}/${folder})
+  foreach(header IN LISTS ARGN)
+    file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${folder}/${header} ${root}/${folder}/${header} SYMBOLIC)
+  endforeach()
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL INTERFACE_LIBRARY)
+    target_include_directories(${target} INTERFACE ${root})
+  else()
+    target_include_directories(${target} PUBLIC ${root})
+  endif()
+endfunction()
+
 # Compiles the target's own files quickly instead of well: what a test runs is the modules' code,
 # the test itself need not be fast. All such targets share one precompiled header, so they are
 # compiled alike in what it depends on.
@@ -22,19 +37,19 @@ function(tarnik_quick_compile target)
   set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
 endfunction()
 
-# tarnik_test(NAME file.cc... [LINKS target...] [ROOT [PAIR] [DRIVER frames]] [SERIAL]
+# tarnik_test(NAME file.cc... [LINKS target...] [ROOT [PAIR] [DRIVER frames]] [SERIAL] [LONG]
 #             [TIMEOUT seconds] [ARGS arg...])
 # A GoogleTest program and its CTest entry. With ROOT it runs in a private root, where the
 # daemon's fixed paths are its own; with PAIR only where that has a pair of network interfaces;
 # with DRIVER there is the preloaded driver, with the group "brund" and so many frames of a size
-# (SIZExCOUNT).
+# (SIZExCOUNT). LONG gives it the label "long": ./run-tests leaves it out, CI runs it.
 function(tarnik_test name)
   if(NOT TARNIK_TESTS)
     return()
   endif()
-  cmake_parse_arguments(PARSE_ARGV 1 T "ROOT;PAIR;SERIAL" "DRIVER;TIMEOUT" "LINKS;ARGS")
+  cmake_parse_arguments(PARSE_ARGV 1 T "ROOT;PAIR;SERIAL;LONG" "DRIVER;TIMEOUT" "LINKS;ARGS")
   add_executable(${name} ${T_UNPARSED_ARGUMENTS})
-  target_link_libraries(${name} PRIVATE ${T_LINKS} test_main GTest::gmock)
+  target_link_libraries(${name} PRIVATE ${T_LINKS} test_support test_main GTest::gmock)
   tarnik_quick_compile(${name})
   target_precompile_headers(${name} REUSE_FROM test_main)
   set(in_c ${T_UNPARSED_ARGUMENTS})
@@ -59,6 +74,9 @@ function(tarnik_test name)
     set(T_TIMEOUT 120)
   endif()
   set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT} SKIP_RETURN_CODE 77)
+  if(T_LONG)
+    set_tests_properties(${name} PROPERTIES LABELS long)
+  endif()
   if(T_SERIAL)
     set_tests_properties(${name} PROPERTIES RUN_SERIAL TRUE)
   endif()

@@ -8,11 +8,11 @@
 
 #include "base/log.h"
 #include "base/owned.h"
+#include "base/testing/captured_log.h"
+#include "base/testing/counted_memory.h"
 #include "capture/meta_cache.h"
 #include "daemon/command_handlers.h"
 #include "daemon/testing/messages.h"
-#include "tests/support/captured_log.h"
-#include "tests/support/counted_memory.h"
 
 namespace tarnik::test {
 namespace {

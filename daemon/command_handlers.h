@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "daemon/command.h"
+#include "command/message.h"
 
 namespace tarnik {
 

@@ -1,12 +1,11 @@
 // The command protocol over the recording platform: what is refused, in which order, and what is
 // done and answered, byte by byte.
-#include "daemon/command.h"
-
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cstring>
 
+#include "command/message.h"
 #include "daemon/command_handlers.h"
 #include "daemon/state.h"
 #include "daemon/testing/daemon_fixture.h"

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/captured_log.h"
+#include "base/testing/captured_log.h"
 
 namespace tarnik::test {
 namespace {

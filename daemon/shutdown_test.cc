@@ -14,7 +14,7 @@
 
 #include "daemon/testing/daemon_process.h"
 #include "frameq/tarnik_if.h"
-#include "frameq/zorlib.h"
+#include "zorlib/zorlib.h"
 
 namespace tarnik::test {
 namespace {

@@ -15,7 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "frameq/zorlib.h"
+#include "zorlib/zorlib.h"
 
 namespace tarnik {
 

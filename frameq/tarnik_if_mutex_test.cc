@@ -14,7 +14,7 @@
 #include "base/log.h"
 #include "frameq/tarnik_if.h"
 #include "frameq/tarnik_if_state.h"
-#include "frameq/testing/driver.h"
+#include "zorlib/testing/driver.h"
 
 namespace tarnik::test {
 namespace {

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <mutex>
 
-#include "frameq/zorlib.h"
+#include "zorlib/zorlib.h"
 
 namespace tarnik::capture_if {
 

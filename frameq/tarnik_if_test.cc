@@ -11,8 +11,8 @@
 
 #include "base/log.h"
 #include "frameq/tarnik_if_state.h"
-#include "frameq/testing/driver.h"
-#include "frameq/zorlib_internal.h"
+#include "zorlib/internal.h"
+#include "zorlib/testing/driver.h"
 
 namespace tarnik::test {
 namespace {

@@ -7,9 +7,9 @@
 #include <thread>
 
 #include "base/log.h"
-#include "frameq/ring.h"
 #include "frameq/tarnik_if.h"
 #include "frameq/tarnik_if_state.h"
+#include "zorlib/ring.h"
 
 namespace tarnik {
 

@@ -3,8 +3,8 @@
 #include <chrono>
 #include <thread>
 
-#include "frameq/ring.h"
 #include "frameq/testing/tarnik_q.h"
+#include "zorlib/ring.h"
 
 namespace tarnik::test {
 namespace {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "frameq/testing/tarnik_q.h"
-#include "frameq/testing/two_threads.h"
+#include "zorlib/testing/two_threads.h"
 
 namespace tarnik::test {
 namespace {

@@ -11,7 +11,7 @@
 #include "policy/capture_rules.h"
 #include "policy/issue_map.h"
 #include "policy/nap_map.h"
-#include "policy/policy_fixture.h"
+#include "policy/testing/fixture.h"
 
 namespace tarnik::test {
 namespace {

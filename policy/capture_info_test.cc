@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "policy/policy_fixture.h"
+#include "policy/testing/fixture.h"
 
 namespace tarnik::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <random>
 
-#include "policy/policy_fixture.h"
+#include "policy/testing/fixture.h"
 
 namespace tarnik::test {
 namespace {

@@ -6,7 +6,7 @@
 #include "base/paths.h"
 #include "policy/capture_info.h"
 #include "policy/output_file.h"
-#include "policy/policy_fixture.h"
+#include "policy/testing/fixture.h"
 
 namespace tarnik::test {
 namespace {

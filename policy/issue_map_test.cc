@@ -8,7 +8,7 @@
 #include <future>
 #include <thread>
 
-#include "policy/policy_fixture.h"
+#include "policy/testing/fixture.h"
 
 namespace tarnik::test {
 namespace {

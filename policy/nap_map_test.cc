@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "base/paths.h"
-#include "policy/policy_fixture.h"
+#include "policy/testing/fixture.h"
 
 namespace tarnik::test {
 namespace {

@@ -8,7 +8,7 @@
 
 #include "base/owned.h"
 #include "policy/capture_info.h"
-#include "policy/policy_fixture.h"
+#include "policy/testing/fixture.h"
 
 namespace tarnik::test {
 namespace {

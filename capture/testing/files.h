@@ -11,20 +11,15 @@
 #include <vector>
 
 #include "base/paths.h"
-#include "frameq/zorvik_layout.h"
+#include "frameq/frame_header.h"
 
 namespace tarnik::test {
 
 using Bytes = std::string;
 
-inline zorvik_frm_desc frame(std::uint32_t wireLength, std::uint32_t capturedLength,
-                             std::uint32_t seconds = 0, std::uint32_t microseconds = 0) {
-  zorvik_frm_desc result{};
-  result.wire_len = wireLength;
-  result.cap_len = capturedLength;
-  result.ts_sec = seconds;
-  result.ts_usec = microseconds;
-  return result;
+inline FrameHeader frame(std::uint32_t wireLength, std::uint32_t capturedLength,
+                         std::uint32_t seconds = 0, std::uint32_t microseconds = 0) {
+  return {wireLength, capturedLength, seconds, microseconds};
 }
 
 // Frame data that differs from frame to frame and from byte to byte.

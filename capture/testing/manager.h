@@ -12,12 +12,12 @@
 
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/testing/captured_log.h"
 #include "capture/capture_manager.h"
 #include "capture/meta_cache.h"
 #include "capture/testing/files.h"
 #include "capture/testing/platform.h"
 #include "frameq/tarnik_if.h"
-#include "tests/support/captured_log.h"
 
 namespace tarnik::test {
 

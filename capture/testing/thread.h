@@ -41,7 +41,8 @@ class ThreadTest : public ManagerTest {
     std::vector<std::uint8_t> data;
   };
   Frame& newFrame(std::uint32_t size, unsigned seed) {
-    frames.push_back({frame(size + 4, size, seed, seed * 2), frameData(size, seed)});
+    frames.push_back({zorvik_frm_desc{}, frameData(size, seed)});
+    writeFrameHeader(frames.back().descriptor, frame(size + 4, size, seed, seed * 2));
     frames.back().descriptor.index = static_cast<std::uint32_t>(frames.size());
     return frames.back();
   }

@@ -8,9 +8,9 @@
 #include <string>
 
 #include "base/paths.h"
+#include "base/testing/captured_log.h"
 #include "capture/disk_usage.h"
 #include "capture/testing/files.h"
-#include "tests/support/captured_log.h"
 
 namespace tarnik::test {
 

@@ -13,12 +13,12 @@
 
 #include "base/owned.h"
 #include "base/paths.h"
+#include "base/testing/captured_log.h"
 #include "daemon/callbacks.h"
 #include "daemon/entry.h"
 #include "daemon/options.h"
 #include "daemon/settings.h"
 #include "daemon/state.h"
-#include "tests/support/captured_log.h"
 
 namespace tarnik::test {
 namespace {

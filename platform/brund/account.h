@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/brund/decode.h"
+#include "packet/decode.h"
 #include "platform/brund/rules.h"
 
 namespace tarnik::brund {

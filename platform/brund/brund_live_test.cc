@@ -7,12 +7,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "platform/brund/test_run.h"
+#include "platform/brund/testing/run.h"
 
 namespace tarnik::brund {
 namespace {
 
-using namespace fixture;
+using namespace test;
 using ::testing::AllOf;
 using ::testing::Each;
 using ::testing::Field;

@@ -13,13 +13,13 @@
 #include <thread>
 
 #include "platform/brund/group_owner.h"
-#include "platform/brund/test_run.h"
+#include "platform/brund/testing/run.h"
 
 namespace tarnik::brund {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixture;
+using namespace test;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;

@@ -4,13 +4,13 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include "platform/brund/decode.h"
-#include "platform/brund/test_run.h"
+#include "packet/decode.h"
+#include "platform/brund/testing/run.h"
 
 namespace tarnik::brund {
 namespace {
 
-using namespace fixture;
+using namespace test;
 using ::testing::AllOf;
 using ::testing::Each;
 using ::testing::Field;

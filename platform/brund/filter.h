@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/brund/frame.h"
+#include "packet/frame.h"
 
 struct bpf_program;
 

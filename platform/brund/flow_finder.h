@@ -10,7 +10,7 @@
 #include <deque>
 #include <unordered_map>
 
-#include "platform/brund/decode.h"
+#include "packet/decode.h"
 
 namespace tarnik::brund {
 

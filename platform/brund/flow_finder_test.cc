@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/brund/test_frames.h"
+#include "packet/testing/frames.h"
 
 namespace tarnik::brund {
 namespace {
 
-using namespace fixture;
+using namespace test;
 
 constexpr std::uint16_t kMore = 0x2000;
 constexpr std::uint8_t kUdp = 17;

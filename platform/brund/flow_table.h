@@ -11,7 +11,7 @@
 #include <list>
 #include <unordered_map>
 
-#include "platform/brund/decode.h"
+#include "packet/decode.h"
 #include "platform/brund/delivery.h"
 
 namespace tarnik::brund {

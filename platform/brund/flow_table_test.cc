@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/brund/test_frames.h"
+#include "packet/testing/frames.h"
 
 namespace tarnik::brund {
 namespace {
 
-using namespace fixture;
+using namespace test;
 
 constexpr std::uint8_t kFin = TcpHeader::kFin, kSyn = TcpHeader::kSyn, kRst = TcpHeader::kRst,
                        kAck = TcpHeader::kAck;

@@ -12,12 +12,12 @@
 
 #include "platform/brund/flow_finder.h"
 #include "platform/brund/source.h"
-#include "platform/brund/test_data.h"
+#include "platform/brund/testing/data.h"
 
 namespace tarnik::brund {
 namespace {
 
-using namespace fixture;
+using namespace test;
 
 enum Column {
   kEthSource,

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "frameq/zorlib.h"
+#include "zorlib/zorlib.h"
 
 namespace tarnik::brund {
 

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/brund/test_data.h"
+#include "platform/brund/testing/data.h"
 
 namespace tarnik::brund {
 namespace {
@@ -51,7 +51,7 @@ class MetadataSenderTest : public ::testing::Test {
     bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
     return bytes;
   }
-  fixture::TempDir dir_;
+  test::TempDir dir_;
 };
 
 TEST_F(MetadataSenderTest, SendsWithRisingIdentifiers) {

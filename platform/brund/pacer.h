@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "platform/brund/frame.h"
+#include "packet/frame.h"
 #include "platform/brund/options.h"
 
 namespace tarnik::brund {

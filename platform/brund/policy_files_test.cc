@@ -7,11 +7,11 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/brund/test_data.h"
+#include "base/testing/captured_log.h"
+#include "platform/brund/testing/data.h"
 #include "policy/capture_rules.h"
 #include "policy/issue_map.h"
 #include "policy/nap_map.h"
-#include "tests/support/captured_log.h"
 
 namespace tarnik::brund {
 namespace {
@@ -42,7 +42,7 @@ class PolicyFiles : public ::testing::Test {
   }
   std::string path(const std::string& name) const { return dir_.path() + "/policy" + name; }
 
-  fixture::TempDir dir_;
+  test::TempDir dir_;
 };
 
 TEST_F(PolicyFiles, IssueNamesAreFound) {

@@ -6,8 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "frameq/ring.h"
-#include "frameq/zorlib.h"
+#include "frameq/frame_header.h"
+#include "zorlib/ring.h"
+#include "zorlib/zorlib.h"
 
 namespace tarnik::brund {
 namespace {
@@ -109,11 +110,7 @@ QueueSender::Put QueueSender::put(const Frame& frame, bool fromLow, std::uint64_
     return Put::kFailed;
   }
   std::memcpy(data, frame.data.data(), size);
-  desc->wire_len = frame.wire_len;
-  desc->cap_len = size;
-  desc->ts_sec = frame.ts_sec;
-  desc->ts_usec = frame.ts_usec;
-  desc->frame_size = static_cast<std::uint16_t>(size);
+  writeFrameHeader(*desc, {frame.wire_len, size, frame.ts_sec, frame.ts_usec});
   if (paired_) {
     desc->if_in = fromLow ? 0 : 1;
     desc->if_out = fromLow ? 1 : 0;

@@ -7,7 +7,7 @@
 
 #include "base/owned.h"
 #include "frameq/tarnik_if.h"
-#include "platform/brund/frame.h"
+#include "packet/frame.h"
 #include "platform/brund/group_owner.h"
 
 namespace tarnik::brund {

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/brund/test_frames.h"
+#include "packet/testing/frames.h"
 
 namespace tarnik::brund {
 namespace {
@@ -106,7 +106,7 @@ TEST(Rules, PriorityAndIdentifierDoNotMeet) {
 }
 
 TEST(Rules, FirstMatchWins) {
-  using namespace fixture;
+  using namespace test;
   const RuleSet set = RuleSet::parse("r",
                                      "ips 70000 WEB (tcp port 80) or (vlan and tcp port 80)\n"
                                      "nap 5 any ip\n");

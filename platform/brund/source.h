@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/brund/frame.h"
+#include "packet/frame.h"
 
 struct pcap;
 

@@ -10,14 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "platform/brund/test_data.h"
-#include "platform/brund/test_frames.h"
+#include "packet/testing/frames.h"
+#include "platform/brund/testing/data.h"
 #include "platform/brund/text_file.h"
 
 namespace tarnik::brund {
 namespace {
 
-using namespace fixture;
+using namespace test;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 

@@ -11,9 +11,9 @@
 #include <cstdarg>
 #include <type_traits>
 
-#include "frameq/zorvik_layout.h"
 #include "platform/zorvik/known_descriptors.h"
 #include "platform/zorvik/requests.h"
+#include "zorlib/zorvik_layout.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "frameq/zorvik_layout.h"
+#include "zorlib/zorvik_layout.h"
 
 namespace tarnik::zorvik {
 

@@ -18,7 +18,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "frameq/zorvik_layout.h"
+#include "zorlib/zorvik_layout.h"
 
 namespace tarnik::zorvik {
 

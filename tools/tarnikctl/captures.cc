@@ -13,7 +13,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "platform/brund/decode.h"
+#include "packet/decode.h"
 #include "tools/tarnikctl/output.h"
 
 namespace tarnik::ctl {
@@ -84,8 +84,8 @@ void readRecords(const fs::path& path, Capture& capture) {
     const double time =
         static_cast<double>(header->ts.tv_sec) + static_cast<double>(header->ts.tv_usec) / 1e6;
     if (capture.frames++ == 0) {
-      const brund::Frame frame{.data = {data, header->caplen}, .wire_len = header->len};
-      capture.flow = brund::decode(frame).key.text();
+      const Frame frame{.data = {data, header->caplen}, .wire_len = header->len};
+      capture.flow = decode(frame).key.text();
       capture.start = header->ts.tv_sec;
       first = time;
     }

@@ -13,7 +13,7 @@
 #include <fstream>
 #include <string>
 
-#include "tools/tarnikctl/run_tarnikctl.h"
+#include "tools/tarnikctl/testing/tarnikctl.h"
 
 namespace tarnik::test {
 namespace {

@@ -1,4 +1,6 @@
 // tarnikctl as a person runs it, against the real daemon where it needs one.
+#include "tools/tarnikctl/testing/tarnikctl.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <orlo_sdk.h>
@@ -14,7 +16,6 @@
 #include <string_view>
 
 #include "daemon/testing/daemon_process.h"
-#include "tools/tarnikctl/run_tarnikctl.h"
 
 namespace tarnik::test {
 namespace {

@@ -1,0 +1,40 @@
+// The result of an operation of a tool: a value, or an error text that tells the user what went
+// wrong and what to do. The daemon does not use it.
+#pragma once
+
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <variant>
+
+namespace tarnik {
+
+struct Error {
+  std::string text;  // without program name and newline
+};
+
+// What an operation without a value returns.
+struct Done {};
+
+template <class Value = Done>
+class [[nodiscard]] Result {
+ public:
+  Result() requires std::is_default_constructible_v<Value>
+  = default;
+  Result(Value value) : content_(std::move(value)) {}  // NOLINT(google-explicit-constructor)
+  Result(Error error) : content_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
+
+  [[nodiscard]] bool ok() const { return std::holds_alternative<Value>(content_); }
+  [[nodiscard]] explicit operator bool() const { return ok(); }
+  // Only when ok().
+  [[nodiscard]] Value& operator*() { return std::get<Value>(content_); }
+  [[nodiscard]] const Value& operator*() const { return std::get<Value>(content_); }
+  [[nodiscard]] Value* operator->() { return &std::get<Value>(content_); }
+  // Only when not ok().
+  [[nodiscard]] const std::string& error() const { return std::get<Error>(content_).text; }
+
+ private:
+  std::variant<Value, Error> content_;
+};
+
+}  // namespace tarnik

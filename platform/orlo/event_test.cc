@@ -1,0 +1,219 @@
+// Platform events: the syslog line and the journal.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <orlo_sdk.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "base/testing/captured_log.h"
+#include "platform/orlo/testing/child.h"
+
+namespace orlo::test {
+namespace {
+
+namespace fs = std::filesystem;
+using tarnik::test::clearLog;
+using tarnik::test::LogLine;
+using tarnik::test::logLines;
+using ::testing::ElementsAre;
+
+class Event : public RunDirTest {
+ protected:
+  void SetUp() override {
+    ASSERT_NO_FATAL_FAILURE(RunDirTest::SetUp());
+    clearLog();
+    ASSERT_EQ(OrloLogInit("tarnikd", 0), 0);
+  }
+};
+
+std::vector<std::string> journal() {
+  std::ifstream file(ORLO_EVENT_JOURNAL, std::ios::binary);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+// A journal line behind its time, which is always of one length.
+std::string behindTime(const std::string& line) {
+  constexpr std::size_t kLength =
+      std::string_view(R"({"time":"2024-05-01T12:00:00.000123Z",)").size();
+  return line.size() < kLength ? line : line.substr(kLength);
+}
+
+// The "args" of the journal's only line, as they are written there.
+std::string journalArguments() {
+  const std::vector<std::string> lines = journal();
+  const std::string head = R"("ident":"tarnikd","pid":)" + std::to_string(getpid()) +
+                           R"(,"event":"E","category":"C","args":)";
+  if (lines.size() != 1 || !behindTime(lines[0]).starts_with(head) || !lines[0].ends_with("}")) {
+    return "another journal";
+  }
+  const std::string rest = behindTime(lines[0]).substr(head.size());
+  return rest.substr(0, rest.size() - 1);
+}
+
+TEST_F(Event, GoesToSyslogAsANotice) {
+  OrloLogEvent("VRKPC0001I", "VRK_events", "%s of %d", "three", 4);
+  OrloLogEventNoArg("VRKUA0006E", "VRK_events");
+  OrloLogEvent("VRKUA0007E", "VRK_events", "%s", "");
+  EXPECT_THAT(logLines(),
+              ElementsAre(LogLine{LOG_NOTICE, "Event: VRK_events: VRKPC0001I: three of 4"},
+                          LogLine{LOG_NOTICE, "Event: VRK_events: VRKUA0006E"},
+                          LogLine{LOG_NOTICE, "Event: VRK_events: VRKUA0007E"}));
+}
+
+TEST_F(Event, GoesToTheJournalOneLineAnEvent) {
+  const std::time_t before = std::time(nullptr);
+  OrloLogEvent("VRKPC0001I", "VRK_events", "%s of %d", "three", 4);
+  OrloLogEventNoArg("VRKUA0006E", "VRK_events");
+  const std::vector<std::string> lines = journal();
+  ASSERT_EQ(lines.size(), 2u);
+  const std::string who = R"("ident":"tarnikd","pid":)" + std::to_string(getpid());
+  EXPECT_EQ(behindTime(lines[0]),
+            who + R"(,"event":"VRKPC0001I","category":"VRK_events","args":"three of 4"})");
+  EXPECT_EQ(behindTime(lines[1]),
+            who + R"(,"event":"VRKUA0006E","category":"VRK_events","args":""})");
+  std::tm utc{};
+  const char* const rest = strptime(lines[0].c_str(), R"({"time":"%Y-%m-%dT%H:%M:%S)", &utc);
+  ASSERT_NE(rest, nullptr) << lines[0];
+  EXPECT_GE(timegm(&utc), before);
+  EXPECT_LE(timegm(&utc), std::time(nullptr));
+  EXPECT_THAT(std::string(rest, 10), testing::MatchesRegex("\\.[0-9]+Z\","));
+}
+
+struct ArgumentCase {
+  const char* text;
+  const char* json;
+};
+
+TEST_F(Event, IsEscapedInTheJournal) {
+  constexpr ArgumentCase kCases[] = {
+      {"plain", R"("plain")"},
+      {R"(say "x" \ y)", R"("say \"x\" \\ y")"},
+      {"line\nfeed\r\ttab", R"("line\u000afeed\u000d\u0009tab")"},
+      {"\x01\x1F\x7F", R"("\u0001\u001f\u007f")"},
+      {"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80",
+       "\"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80\""},
+      {"\xC3", R"("\ufffd")"},                                               // cut short
+      {"\xC3(", R"("\ufffd(")"},                                             // no continuation
+      {"\xE9t\xE9", R"("\ufffdt\ufffd")"},                                   // another encoding
+      {"\x80", R"("\ufffd")"},                                               // a continuation alone
+      {"\xC0\xAF", R"("\ufffd\ufffd")"},                                     // overlong
+      {"\xE0\x9F\xBF", R"("\ufffd\ufffd\ufffd")"},                           // overlong
+      {"\xED\xA0\x80", R"("\ufffd\ufffd\ufffd")"},                           // a surrogate
+      {"\xF0\x8F\xBF\xBF", R"("\ufffd\ufffd\ufffd\ufffd")"},                 // overlong
+      {"\xF4\x90\x80\x80", R"("\ufffd\ufffd\ufffd\ufffd")"},                 // behind the last
+      {"\xF5\x80\x80\x80", R"("\ufffd\ufffd\ufffd\ufffd")"},                 // behind the last
+      {"\xF4\x8F\xBF\xBF\xED\x9F\xBF", "\"\xF4\x8F\xBF\xBF\xED\x9F\xBF\""},  // the last ones
+  };
+  for (const ArgumentCase& c : kCases) {
+    fs::remove(ORLO_EVENT_JOURNAL);
+    OrloLogEvent("E", "C", "%s", c.text);
+    EXPECT_EQ(journalArguments(), c.json);
+  }
+}
+
+TEST_F(Event, CutsLongArguments) {
+  OrloLogEvent("E", "C", "%s", std::string(5000, 'x').c_str());
+  EXPECT_EQ(journalArguments(), "\"" + std::string(4095, 'x') + "\"");
+}
+
+TEST_F(Event, NeverFails) {
+  errno = ELOOP;
+  OrloLogEvent("E", "C", "%d", 1);
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(journalArguments(), R"("1")");
+  OrloLogEventNoArg(nullptr, nullptr);
+  EXPECT_EQ(journal().size(), 2u);
+
+  fs::remove_all(ORLO_RUN_DIR);  // nowhere yet
+  OrloLogEventNoArg("E", "C");
+  EXPECT_EQ(journalArguments(), R"("")");
+
+  const auto inTheWay = [](const auto& put) {
+    fs::remove_all(ORLO_EVENT_JOURNAL);
+    put();
+    clearLog();
+    errno = ELOOP;
+    OrloLogEventNoArg("E", "C");
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(logLines().size(), 1u);
+  };
+  inTheWay([] { fs::create_directory(ORLO_EVENT_JOURNAL); });
+  inTheWay([] { EXPECT_EQ(mkfifo(ORLO_EVENT_JOURNAL, 0600), 0); });
+  inTheWay([] { fs::create_symlink("/tmp/elsewhere", ORLO_EVENT_JOURNAL); });
+  EXPECT_FALSE(fs::exists("/tmp/elsewhere"));
+}
+
+TEST_F(Event, HasAJournalThatCanBeRotated) {
+  const mode_t mask = umask(0);
+  OrloLogEventNoArg("first", "C");
+  umask(mask);
+  struct stat status {};
+  ASSERT_EQ(stat(ORLO_EVENT_JOURNAL, &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0644u);
+  fs::rename(ORLO_EVENT_JOURNAL, ORLO_EVENT_JOURNAL ".1");
+  OrloLogEventNoArg("second", "C");
+  EXPECT_THAT(journal(), ElementsAre(testing::HasSubstr(R"("event":"second")")));
+}
+
+TEST_F(Event, IsWrittenWholeByManyThreadsAndProcesses) {
+  constexpr int kWriters = 4;
+  constexpr int kEvents = 200;
+  const auto raiseAll = [] {
+    std::vector<std::thread> threads;
+    for (int writer = 0; writer < kWriters; ++writer) {
+      threads.emplace_back([writer] {
+        for (int i = 0; i < kEvents; ++i) {
+          OrloLogEvent("E", "C", "%d %d %s", writer, i, std::string(500, 'x').c_str());
+        }
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+  };
+  const pid_t other = startChild(raiseAll);
+  raiseAll();
+  EXPECT_EQ(waitFor(other), kPassed);
+  std::multiset<std::string> expected;
+  for (const pid_t pid : {getpid(), other}) {
+    for (int i = 0; i < kWriters * kEvents; ++i) {
+      expected.insert(R"("ident":"tarnikd","pid":)" + std::to_string(pid) +
+                      R"(,"event":"E","category":"C","args":")" + std::to_string(i / kEvents) +
+                      " " + std::to_string(i % kEvents) + " " + std::string(500, 'x') + "\"}");
+    }
+  }
+  std::multiset<std::string> found;
+  for (const std::string& line : journal()) {
+    found.insert(behindTime(line));
+  }
+  EXPECT_TRUE(found == expected) << found.size() << " lines";
+}
+
+TEST_F(Event, CarriesTheNameGivenAtTheOpening) {
+  EXPECT_EQ(OrloLogInit("", 0), -1);
+  EXPECT_EQ(OrloLogInit(nullptr, 0), -1);
+  OrloLogEventNoArg("E", "C");
+  EXPECT_EQ(journalArguments(), R"("")");
+}
+
+TEST_F(Event, LeavesTheDebugLevelToTheDaemon) {
+  EXPECT_EQ(OrloLogDebugLevel, 0u);
+}
+
+}  // namespace
+}  // namespace orlo::test

@@ -1,0 +1,158 @@
+#include "policy/testing/fixture.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <orlo_sdk.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace tarnik::test {
+
+Platform platform;
+
+namespace {
+
+// The system's own function behind one that is replaced below.
+template <typename Function>
+Function real(const char* name) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+int openDescriptors() {
+  int count = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    count += fcntl(fd, F_GETFD) != -1 ? 1 : 0;
+  }
+  return count;
+}
+
+}  // namespace
+
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream stream(path, std::ios::binary | std::ios::trunc);
+  stream << content;
+  stream.close();
+  ASSERT_TRUE(stream) << path;
+}
+
+std::optional<std::string> readFile(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  if (!stream) {
+    return std::nullopt;
+  }
+  return std::string(std::istreambuf_iterator<char>(stream), {});
+}
+
+PolicyTest::PolicyTest() : directory_("/tmp/policy.XXXXXX"), openBefore_(openDescriptors()) {
+  if (mkdtemp(directory_.data()) == nullptr) {
+    std::perror("mkdtemp");
+    std::abort();
+  }
+  platform = Platform();
+  setDebugLevel(0);
+  clearLog();
+}
+
+PolicyTest::~PolicyTest() {
+  EXPECT_EQ(openDescriptors(), openBefore_);
+  EXPECT_EQ(platform.parsersReleased, platform.parsersMade);
+  EXPECT_EQ(platform.recordsDestroyed, platform.recordsRead);
+  platform = Platform();
+  std::filesystem::remove_all(directory_);
+}
+
+std::string PolicyTest::file(const std::string& content) const {
+  writeFile(path("file"), content);
+  return path("file");
+}
+
+FullDisk::FullDisk(rlim_t bytes) {
+  EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before_), 0);
+  const struct rlimit limit { bytes, before_.rlim_max };
+  std::signal(SIGXFSZ, SIG_IGN);
+  EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+}
+
+FullDisk::~FullDisk() {
+  EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before_), 0);
+  std::signal(SIGXFSZ, SIG_DFL);
+}
+
+}  // namespace tarnik::test
+
+using tarnik::test::platform;
+using tarnik::test::real;
+
+extern "C" {
+
+OrloTuning* OrloTuningAlloc(FILE* stream) {
+  static const auto next = real<OrloTuning* (*)(FILE*)>("OrloTuningAlloc");
+  if (platform.onParser) {
+    platform.onParser();
+  }
+  if (platform.parserToFail == platform.parsersMade + 1) {
+    return nullptr;
+  }
+  ++platform.parsersMade;
+  return next(stream);
+}
+
+void OrloTuningRelease(OrloTuning* tuning) {
+  static const auto next = real<void (*)(OrloTuning*)>("OrloTuningRelease");
+  platform.parsersReleased += tuning != nullptr ? 1 : 0;
+  next(tuning);
+}
+
+CsvRecord* CsvRecordRead(FILE* stream) {
+  static const auto next = real<CsvRecord* (*)(FILE*)>("CsvRecordRead");
+  if (platform.onRecord) {
+    platform.onRecord();
+  }
+  CsvRecord* record = next(stream);
+  platform.recordsRead += record != nullptr ? 1 : 0;
+  return record;
+}
+
+void CsvRecordDestroy(CsvRecord* record) {
+  static const auto next = real<void (*)(CsvRecord*)>("CsvRecordDestroy");
+  platform.recordsDestroyed += record != nullptr ? 1 : 0;
+  next(record);
+}
+
+time_t time(time_t* result) noexcept {
+  static const auto next = real<time_t (*)(time_t*)>("time");
+  const time_t now = platform.now ? *platform.now : next(nullptr);
+  if (result != nullptr) {
+    *result = now;
+  }
+  return now;
+}
+
+int system(const char* command) {
+  static const auto next = real<int (*)(const char*)>("system");
+  if (platform.noShell) {
+    return -1;
+  }
+  platform.commands.emplace_back(command);
+  if (platform.onCommand) {
+    platform.onCommand();
+  }
+  return next(command);
+}
+
+// A child process that ends like this leaves its log on standard error, for its parent to see.
+void _Exit(int status) noexcept {
+  for (const tarnik::test::LogLine& line : tarnik::test::logLines()) {
+    std::fprintf(stderr, "<%d>%s\n", line.priority, line.text.c_str());
+  }
+  syscall(SYS_exit_group, status);
+  std::abort();
+}
+}

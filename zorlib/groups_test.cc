@@ -1,0 +1,346 @@
+// Groups on the preloaded driver, from several processes: what one tells the driver the others
+// find, and nothing is lost or torn when one is killed. The interfaces are the machine's.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/testing/captured_log.h"
+#include "zorlib/zorlib.h"
+
+namespace tarnik::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+int zorvikctl(const std::string& arguments) {
+  return std::system((ZORVIKCTL " " + arguments).c_str());
+}
+
+std::string status() {
+  std::FILE* const pipe = ::popen(ZORVIKCTL " status", "r");
+  std::string text;
+  std::array<char, 4096> line{};
+  while (pipe != nullptr && std::fgets(line.data(), line.size(), pipe) != nullptr) {
+    text += line.data();
+  }
+  EXPECT_EQ(pipe == nullptr ? -1 : ::pclose(pipe), 0);
+  return text;
+}
+
+// Another process that runs `body`, to be killed or to end with its result; 99 when an expectation
+// failed in it. `body` may tell its parent, a call at a time, how far it is.
+class Process {
+ public:
+  using Tell = std::function<void()>;
+  explicit Process(const std::function<int(const Tell& tell)>& body) {
+    EXPECT_EQ(::pipe(ends_.data()), 0);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::alarm(100);  // a test that hangs must not leave processes behind
+      const int result = body([this] { EXPECT_EQ(::write(ends_[1], "x", 1), 1); });
+      ::_exit(::testing::Test::HasFailure() ? 99 : result);
+    }
+    ::close(std::exchange(ends_[1], -1));
+  }
+  ~Process() {
+    kill();
+    ::close(ends_[0]);
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  void awaitTold(int times = 1) {
+    for (char byte = 0; times > 0; --times) {
+      ASSERT_EQ(::read(ends_[0], &byte, 1), 1) << "it ended before";
+    }
+  }
+  int join() {
+    int result = -1;
+    ::waitpid(std::exchange(pid_, -1), &result, 0);
+    return WIFEXITED(result) ? WEXITSTATUS(result) : -1;
+  }
+  void kill() {
+    if (pid_ > 0) {
+      ::kill(pid_, SIGKILL);
+      (void)join();
+    }
+  }
+
+ private:
+  std::array<int, 2> ends_{};
+  pid_t pid_ = -1;
+};
+
+zorlib_ifg* opened(const char* name) {
+  zorlib_ifg* ifg = nullptr;
+  EXPECT_EQ(zorlib_ifg_open(name, &ifg), 0);
+  return ifg;
+}
+
+zorvik_ifg_stats statsOf(zorlib_ifg* ifg) {
+  zorvik_ifg_stats stats{};
+  EXPECT_EQ(zorlib_ifg_get_stats(ifg, &stats), 0);
+  return stats;
+}
+
+std::vector<std::pair<std::string, std::uint32_t>> groups() {
+  zorvik_ifg_enum list{};
+  EXPECT_EQ(zorlib_ifg_enum(&list), 0);
+  std::vector<std::pair<std::string, std::uint32_t>> result;
+  for (std::uint32_t i = 0; i < list.count; ++i) {
+    const zorvik_ifg_record& each = list.records[i];
+    result.emplace_back(std::string(each.name, ::strnlen(each.name, sizeof each.name)),
+                        each.num_ifs);
+  }
+  return result;
+}
+
+// The driver, loaded by its own program, with the group "brund" of 64 frames.
+class GroupsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(zorvikctl("load --frames 2048x64"), 0);
+    ASSERT_EQ(zorvikctl("create-ifg brund"), 0);
+    clearLog();
+  }
+  void TearDown() override { EXPECT_EQ(zorvikctl("unload"), 0) << "something was left open"; }
+};
+
+TEST_F(GroupsTest, AreListedAsTheyComeAndGo) {
+  EXPECT_THAT(groups(), ElementsAre(std::pair("brund", 0u)));
+  ASSERT_EQ(zorvikctl("create-ifg 1234567890123456 --frames 5"), 0);
+  EXPECT_THAT(groups(), ElementsAre(std::pair("brund", 0u), std::pair("1234567890123456", 0u)));
+  Process other([](const Process::Tell&) { return zorlib_ifg_remove("brund"); });
+  EXPECT_EQ(other.join(), 0);
+  EXPECT_THAT(groups(), ElementsAre(std::pair("1234567890123456", 0u)));
+  EXPECT_EQ(zorlib_ifg_remove("1234567890123456"), 0);
+  EXPECT_THAT(groups(), IsEmpty());
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(GroupsTest, CountersSurviveTheProcessesThatMadeThem) {
+  zorlib_ifg* const ifg = opened("brund");
+  EXPECT_EQ(statsOf(ifg).frm_count, 64u);
+  Process holder([](const Process::Tell& tell) {
+    zorlib_ifg* const mine = opened("brund");
+    zorvik_frm_desc* descriptors = nullptr;
+    std::uint32_t size = 0;
+    std::uint8_t* payload = nullptr;
+    EXPECT_EQ(zorlib_map_frm_data(mine, &descriptors, &size, &payload, &size), 0);
+    zorvik_frm_desc* frames[60] = {};
+    EXPECT_EQ(zorlib_batch_alloc(mine, 100, frames, 60), 60);
+    for (int i = 0; i < 7; ++i) {
+      EXPECT_EQ(zorlib_frm_free(mine, frames[i]), 0);
+    }
+    zorvik_frm_desc* large = nullptr;
+    EXPECT_EQ(zorlib_batch_alloc(mine, 4000, &large, 1), -1);
+    tell();
+    ::pause();
+    return 0;
+  });
+  holder.awaitTold();
+  EXPECT_EQ(statsOf(ifg).frm_allocs, 62u);
+  EXPECT_EQ(statsOf(ifg).frm_frees, 7u);
+  EXPECT_EQ(statsOf(ifg).frm_free, 9u);
+  EXPECT_EQ(statsOf(ifg).buf_free, 9u);
+  EXPECT_EQ(statsOf(ifg).alloc_too_large, 1u);
+  EXPECT_THAT(status(),
+              HasSubstr("  frames given out 62, taken back 7; requests that found none 0, "
+                        "that asked too much 1\n"));
+  holder.kill();
+  EXPECT_EQ(zorvikctl("reclaim brund >/dev/null"), 0);
+  EXPECT_EQ(statsOf(ifg).frm_allocs, 62u);
+  EXPECT_EQ(statsOf(ifg).frm_frees, 62u);
+  EXPECT_EQ(statsOf(ifg).frm_free, 64u);
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+}
+
+TEST_F(GroupsTest, AreNotMadeForInterfacesThatAreNotThere) {
+  zorvik_ifg_config config{};
+  config.num_ifs = 2;
+  zorlib_ifg* ifg = nullptr;
+  EXPECT_EQ(zorlib_ifg_create("mine", &config, &ifg), -1);
+  EXPECT_EQ(errno, ENXIO);
+  ASSERT_EQ(logLines().size(), 1u);
+  EXPECT_THAT(logLines()[0].text,
+              HasSubstr("Error: zorlib_ifg_create: Invalid kern IF 0 [if#0] failed - "));
+  EXPECT_THAT(groups(), ElementsAre(std::pair("brund", 0u)));
+}
+
+// Two interfaces of the machine, mated.
+class PairTest : public GroupsTest {
+ protected:
+  void SetUp() override {
+    GroupsTest::SetUp();
+    struct if_nameindex* const all = ::if_nameindex();
+    for (const struct if_nameindex* each = all; all != nullptr && each->if_index != 0; ++each) {
+      if (std::string(each->if_name) != "lo" && names_.size() < 2) {
+        names_.emplace_back(each->if_name);
+      }
+    }
+    ::if_freenameindex(all);
+    if (names_.size() < 2) {
+      GTEST_SKIP() << "a group needs two network interfaces besides lo, and this machine has "
+                   << names_.size();
+    }
+    config_.num_ifs = 2;
+    for (std::uint32_t i = 0; i < 2; ++i) {
+      config_.ifs[i] = {.kern_if = ::if_nametoindex(names_[i].c_str()),
+                        .mate = 1 - i,
+                        .mode = ZORVIK_IF_INLINE,
+                        .sub_mode = 0,
+                        .mtu = 0,
+                        .speed = 0,
+                        .duplex = 0,
+                        .reserved = 0};
+    }
+  }
+
+  std::vector<std::string> names_;
+  zorvik_ifg_config config_{};
+};
+
+TEST_F(PairTest, WhatTheCreatorToldOthersFind) {
+  Process creator([this](const Process::Tell&) {
+    EXPECT_EQ(zorlib_set_param("zorvik.mine.fd_count", "1000"), 0);
+    EXPECT_EQ(zorlib_set_param("zorvik.mine.q_size", "3000"), 0);
+    EXPECT_EQ(zorlib_set_param("zorvik.mine.3.if_mask", "2"), 0);
+    EXPECT_EQ(zorlib_set_param("zorvik.mine.3.cpu_mask", "f0"), 0);
+    zorlib_ifg* ifg = nullptr;
+    EXPECT_EQ(zorlib_ifg_create("mine", &config_, &ifg), 0);
+    const zorvik_qpair_cfg pair{.index = 3, .size = 0, .if_mask = 0, .cpu_mask = 0};
+    EXPECT_EQ(zorlib_ifg_set_qpair_cfg(ifg, &pair), 0);
+    return zorlib_ifg_close(ifg);
+  });
+  ASSERT_EQ(creator.join(), 0);
+  EXPECT_THAT(groups(), ElementsAre(std::pair("brund", 0u), std::pair("mine", 2u)));
+  zorlib_ifg* const ifg = opened("mine");
+  zorlib_ifg_info info{};
+  EXPECT_EQ(zorlib_ifg_query(ifg, &info), 0);
+  ASSERT_EQ(info.num_ifs, 2u);
+  EXPECT_EQ(info.ifs[0].kern_if, config_.ifs[0].kern_if);
+  EXPECT_EQ(info.ifs[1].kern_if, config_.ifs[1].kern_if);
+  EXPECT_EQ(statsOf(ifg).frm_count, 1000u);
+  zorvik_qpair_cfg pair{.index = 3, .size = 0, .if_mask = 0, .cpu_mask = 0};
+  EXPECT_EQ(zorlib_ifg_get_qpair_cfg(ifg, &pair), 0);
+  EXPECT_EQ(pair.size, 3000u);
+  EXPECT_EQ(pair.if_mask, 2u);
+  EXPECT_EQ(pair.cpu_mask, 0xf0u);
+  const std::string text = status();
+  EXPECT_THAT(text, HasSubstr("\n  interface 0 " + names_[0] + "  kernel "));
+  EXPECT_THAT(text, HasSubstr("\n  interface 1 " + names_[1] + "  kernel "));
+  EXPECT_THAT(text, HasSubstr("\n  queue pair 3  size 3000  interfaces 0x2  processors 0xf0\n"));
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  EXPECT_EQ(zorlib_ifg_remove("mine"), 0);
+  EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/mine"));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(PairTest, TheMachinesInterfacesAreListed) {
+  std::vector<zorlib_if> list(64);
+  const int count = zorlib_if_enum(list.data(), 64);
+  ASSERT_GE(count, 2);
+  list.resize(static_cast<std::size_t>(count));
+  for (std::size_t i = 0; i < names_.size(); ++i) {
+    const auto found = std::find_if(list.begin(), list.end(),
+                                    [&](const zorlib_if& each) { return names_[i] == each.name; });
+    ASSERT_NE(found, list.end()) << names_[i];
+    EXPECT_EQ(found->index, config_.ifs[i].kern_if);
+  }
+  EXPECT_EQ(zorlib_if_enum(list.data(), 1), 1);
+}
+
+TEST_F(PairTest, SizesAndTheCheckOfFramesUseTheInterfacesOfAnOpenedGroup) {
+  ASSERT_EQ(zorlib_set_param("zorvik.brund.q_size", "1000"), 0);
+  zorlib_ifg* const ifg = opened("brund");
+  zorvik_frm_desc* descriptors = nullptr;
+  std::uint32_t size = 0;
+  std::uint8_t* payload = nullptr;
+  ASSERT_EQ(zorlib_map_frm_data(ifg, &descriptors, &size, &payload, &size), 0);
+  zorvik_frm_desc* const frame = zorlib_ifg_frm_alloc(ifg, 100);
+  ASSERT_NE(frame, nullptr);
+  zorlib_FRM_Vm(ifg, frame);
+  Process owner([this](const Process::Tell&) {
+    zorlib_ifg* const mine = opened("brund");
+    EXPECT_EQ(zorlib_ifg_configure(mine, &config_), 0);
+    return zorlib_ifg_close(mine);
+  });
+  ASSERT_EQ(owner.join(), 0);
+  EXPECT_EQ(zorlib_ifg_lookup_qsize(ifg, nullptr), 1000u);
+  frame->if_in = 0;
+  frame->if_out = 1;
+  zorlib_FRM_Vm(ifg, frame);
+  EXPECT_THAT(logLines(), IsEmpty());
+  EXPECT_EQ(zorlib_frm_free(ifg, frame), 0);
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);  // the mapping's reference
+}
+
+TEST_F(PairTest, InterfacesOfAnotherGroupAreRefusedAndNothingIsLeft) {
+  zorlib_ifg* const ifg = opened("brund");
+  ASSERT_EQ(zorlib_ifg_configure(ifg, &config_), 0);
+  zorlib_ifg* mine = nullptr;
+  errno = 0;
+  EXPECT_EQ(zorlib_ifg_create("mine", &config_, &mine), -1);
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_EQ(mine, nullptr);
+  EXPECT_THAT(logLines(),
+              ElementsAre(LogLine{LOG_ERR,
+                                  "Error: zorlib_ifg_configure: configure ioctl (mine) failed - "
+                                  "Device or resource busy"}));
+  EXPECT_THAT(groups(), ElementsAre(std::pair("brund", 2u)));
+  EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/mine"));
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+}
+
+TEST_F(PairTest, AProcessKilledWhileItConfiguresLeavesNothingTorn) {
+  for (int killed = 0; killed < 30; ++killed) {
+    Process restless([this](const Process::Tell& tell) {
+      zorlib_ifg* const mine = opened("brund");
+      for (std::uint32_t round = 1;; ++round) {
+        zorvik_ifg_config config = config_;
+        std::swap(config.ifs[0].kern_if, config.ifs[round % 2].kern_if);
+        config.ifs[0].mtu = config.ifs[1].mtu = round;
+        EXPECT_EQ(zorlib_ifg_configure(mine, &config), 0);
+        const zorvik_qpair_cfg pair{.index = 1, .size = round, .if_mask = 3, .cpu_mask = round};
+        EXPECT_EQ(zorlib_ifg_set_qpair_cfg(mine, &pair), 0);
+        tell();
+      }
+      return 0;
+    });
+    restless.awaitTold(1 + killed);
+    restless.kill();
+    zorlib_ifg* const ifg = opened("brund");
+    zorlib_ifg_info info{};
+    EXPECT_EQ(zorlib_ifg_query(ifg, &info), 0);
+    ASSERT_EQ(info.num_ifs, 2u);
+    const std::uint32_t round = info.ifs[0].mtu;
+    EXPECT_EQ(info.ifs[1].mtu, round);
+    EXPECT_EQ(info.ifs[0].kern_if, config_.ifs[round % 2].kern_if);
+    EXPECT_EQ(info.ifs[1].kern_if, config_.ifs[1 - round % 2].kern_if);
+    zorvik_qpair_cfg pair{.index = 1, .size = 0, .if_mask = 0, .cpu_mask = 0};
+    EXPECT_EQ(zorlib_ifg_get_qpair_cfg(ifg, &pair), 0);
+    EXPECT_EQ(pair.size, pair.cpu_mask);
+    EXPECT_TRUE(pair.size == round || pair.size == round - 1) << pair.size << ", " << round;
+    EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  }
+}
+
+}  // namespace
+}  // namespace tarnik::test

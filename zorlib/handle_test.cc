@@ -1,0 +1,246 @@
+// The end of handles: what a failed opening leaves behind, and what a handle says when it goes.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/log.h"
+#include "zorlib/internal.h"
+#include "zorlib/testing/driver.h"
+
+namespace tarnik::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr std::uint32_t kDeadGroup = 0xdeadd00d;
+constexpr std::uint32_t kDeadQueue = 0xbaadf00d;
+constexpr char kQueueNode[] = "/dev/zorvik/brund/TarnikQ";
+constexpr char kDescriptorNode[] = "/dev/zorvik/brund/frm_desc";
+constexpr char kPayloadNode[] = "/dev/zorvik/net_data";
+
+// What a process holds of the driver and of memory.
+struct Holdings {
+  int descriptors = openDescriptors();
+  int queueMappings = mappingsOf(kQueueNode);
+  int descriptorMappings = mappingsOf(kDescriptorNode);
+  int payloadMappings = mappingsOf(kPayloadNode);
+  int objects = livingObjects();
+  bool operator==(const Holdings&) const = default;
+};
+std::ostream& operator<<(std::ostream& out, const Holdings& held) {
+  return out << held.descriptors << " descriptors, " << held.queueMappings << '/'
+             << held.descriptorMappings << '/' << held.payloadMappings << " mappings, "
+             << held.objects << " objects";
+}
+
+class HandleTest : public DriverTest {
+ protected:
+  void SetUp() override {
+    DriverTest::SetUp();
+    // The driver, in this program, maps what was once opened for itself.
+    zorlib_ifg* const ifg = openGroup();
+    createQueue(ifg);
+    EXPECT_EQ(zorlib_q_close(openQueue(ifg, ZORLIB_READ)), 0);
+    EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+    before_ = Holdings();
+    forgetObjects();
+    clearRequests();
+  }
+
+  Holdings before_;
+};
+
+// ---- Groups
+
+TEST_F(HandleTest, AGroupSaysThatItIsDeadOnceItsLastUserIsGone) {
+  zorlib_ifg* const ifg = openGroup();
+  zorlib_q* const q = openQueue(ifg, ZORLIB_READ);
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  EXPECT_THAT(lastWords(), IsEmpty()) << "the queue has it yet";
+  EXPECT_EQ(zorlib_q_close(q), 0);
+  EXPECT_THAT(lastWords(), ElementsAre(kDeadGroup, kDeadQueue));
+  EXPECT_EQ(Holdings(), before_);
+}
+
+TEST_F(HandleTest, AGroupThatCannotBeOpenedLeavesNothing) {
+  const std::string dir = "/dev/zorvik/";
+  for (const char* const missing : {"ctl", "brund/ctl", "brund/frm_desc"}) {
+    std::filesystem::rename(dir + missing, dir + "hidden");
+    systemCalls.looks = 0;
+    systemCalls.appearsAt = 1;  // the wait for the control node is not what is tried
+    systemCalls.vanishesAt = 0;
+    systemCalls.fakeNode = true;
+    forgetObjects();
+    zorlib_ifg* ifg = nullptr;
+    errno = 0;
+    EXPECT_EQ(zorlib_ifg_open("brund", &ifg), -1) << missing;
+    EXPECT_EQ(errno, ENOENT) << missing;
+    EXPECT_EQ(ifg, nullptr);
+    EXPECT_THAT(lastWords(), ElementsAre(kDeadGroup)) << missing;
+    std::filesystem::rename(dir + "hidden", dir + missing);
+    EXPECT_EQ(Holdings(), before_) << missing;
+  }
+}
+
+TEST_F(HandleTest, AGroupWithoutMemoryIsToldByErrno) {
+  systemCalls.allocationsLeft = 0;
+  zorlib_ifg* ifg = nullptr;
+  errno = 0;
+  EXPECT_EQ(zorlib_ifg_open("brund", &ifg), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(ifg, nullptr);
+  EXPECT_THAT(lastWords(), IsEmpty());
+  EXPECT_EQ(Holdings(), before_);
+}
+
+TEST_F(HandleTest, ThreadsMapTheFrameMemoryOnceAndTheLastOneToLeaveEndsTheGroup) {
+  for (int round = 0; round < 20; ++round) {
+    zorlib_ifg* const ifg = openGroup();
+    clearRequests();
+    forgetObjects();
+    std::vector<std::thread> threads;
+    threads.reserve(4);
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([ifg] {
+        for (int turn = 0; turn < 10; ++turn) {
+          EXPECT_EQ(zorlib_q_close(openQueue(ifg, ZORLIB_WRITE)), 0);
+        }
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    EXPECT_EQ(ifg->refs, 1u);
+    EXPECT_EQ(count(ZORVIK_FRM_DESC_SIZE), 1);
+    EXPECT_EQ(count(ZORVIK_NET_DATA_SIZE), 1);
+    const std::vector<std::uint32_t> soFar = lastWords();
+    EXPECT_EQ(soFar, std::vector<std::uint32_t>(40, kDeadQueue));
+    EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+    EXPECT_EQ(lastWords().back(), kDeadGroup);
+    EXPECT_EQ(Holdings(), before_);
+  }
+}
+
+// ---- Queues
+
+class QueueHandleTest : public HandleTest {
+ protected:
+  void SetUp() override {
+    HandleTest::SetUp();
+    ifg_ = openGroup();
+    // Frame memory stays mapped as long as the group: so it is not the opening's to give back.
+    EXPECT_EQ(zorlib_q_close(openQueue(ifg_, ZORLIB_READ)), 0);
+    before_ = Holdings();
+    forgetObjects();
+    clearLog();
+    clearRequests();
+  }
+  void TearDown() override {
+    EXPECT_EQ(zorlib_ifg_close(ifg_), 0);
+    HandleTest::TearDown();
+  }
+
+  void openFails(const char* name, int expected) {
+    zorlib_q* q = nullptr;
+    errno = 0;
+    EXPECT_EQ(zorlib_q_app_open(ifg_, name, ZORLIB_READ, &q), -1);
+    EXPECT_EQ(errno, expected);
+    EXPECT_EQ(q, nullptr);
+    EXPECT_EQ(Holdings(), before_);
+    EXPECT_EQ(ifg_->refs, 1u);
+  }
+
+  zorlib_ifg* ifg_ = nullptr;
+};
+
+TEST_F(QueueHandleTest, AQueueSaysThatItIsDeadWhenItIsClosed) {
+  zorlib_q* const q = openQueue(ifg_, ZORLIB_WRITE);
+  EXPECT_THAT(lastWords(), IsEmpty());
+  EXPECT_EQ(zorlib_q_close(q), 0);
+  EXPECT_THAT(lastWords(), ElementsAre(kDeadQueue));
+  EXPECT_EQ(Holdings(), before_);
+}
+
+TEST_F(QueueHandleTest, AQueueThatCannotBeOpenedLeavesNothing) {
+  int fd = -1;
+  const auto statOf = [&](std::uint32_t size, bool replaced) {
+    return [&fd, size, replaced](int descriptor, void* argument) {
+      fd = descriptor;
+      static_cast<zorvik_q_stat*>(argument)->mem_size = size;
+      if (replaced) {  // by what cannot be mapped
+        const int directory = ::open("/dev/zorvik", O_RDONLY | O_DIRECTORY);
+        EXPECT_EQ(::dup2(directory, descriptor), descriptor);
+        ::close(directory);
+      }
+      return 0;
+    };
+  };
+  struct Case {
+    const char* step;
+    int error;
+    std::function<void()> prepare;
+  };
+  const Case cases[] = {
+      {"stat", EIO, [] { refuse(ZORVIK_Q_STAT, EIO); }},
+      {"no memory", ENXIO, [&] { answer(ZORVIK_Q_STAT, statOf(0, false)); }},
+      {"mmap", EACCES, [&] { answer(ZORVIK_Q_STAT, statOf(448, true)); }},
+      {"no ring", ENXIO, [&] { answer(ZORVIK_Q_STAT, statOf(100, false)); }},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.step);
+    forgetObjects();
+    clearRequests();
+    each.prepare();
+    openFails("TarnikQ", each.error);
+    EXPECT_THAT(lastWords(), ElementsAre(kDeadQueue));
+    EXPECT_EQ(count(ZORVIK_Q_WAKE), 0) << "nothing of the queue was touched";
+    answerNothing();
+  }
+  EXPECT_GE(fd, 0);
+  forgetObjects();
+  clearRequests();
+  openFails("nobody", ENOENT);
+  EXPECT_THAT(lastWords(), ElementsAre(kDeadQueue));
+  EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(QueueHandleTest, AQueueWithoutAHandleIsToldByErrno) {
+  systemCalls.allocationsLeft = 0;
+  openFails("TarnikQ", ENOMEM);
+  EXPECT_THAT(lastWords(), IsEmpty());
+  EXPECT_THAT(logLines(), IsEmpty());
+  EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(HandleTest, AQueueWithoutFrameMemoryLeavesNothing) {
+  zorlib_ifg* const ifg = openGroup();
+  const Holdings held;
+  for (const unsigned long request : {ZORVIK_FRM_DESC_SIZE, ZORVIK_NET_DATA_SIZE}) {
+    forgetObjects();
+    clearRequests();
+    refuse(request, EIO);
+    zorlib_q* q = nullptr;
+    errno = 0;
+    EXPECT_EQ(zorlib_q_app_open(ifg, "TarnikQ", ZORLIB_READ, &q), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(q, nullptr);
+    EXPECT_EQ(ifg->refs, 1u);
+    EXPECT_THAT(lastWords(), ElementsAre(kDeadQueue));
+    EXPECT_EQ(openDescriptors(), held.descriptors);
+    EXPECT_EQ(livingObjects(), held.objects);
+    EXPECT_EQ(count(ZORVIK_Q_STAT), 0);
+    answerNothing();
+  }
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  EXPECT_EQ(Holdings(), before_) << "the descriptors that were mapped already went with the group";
+}
+
+}  // namespace
+}  // namespace tarnik::test

@@ -1,0 +1,121 @@
+// Making an interface group: its description is checked, then the driver is asked.
+#include <sys/ioctl.h>
+
+#include "base/log.h"
+#include "zorlib/param.h"
+
+using namespace tarnik;
+using namespace tarnik::zorlib;
+
+namespace {
+
+zorvik_ifg_create named(const char* name) noexcept {
+  zorvik_ifg_create request{};
+  std::memcpy(request.name, name, strnlen(name, ZORVIK_NAME_MAX));
+  return request;
+}
+
+int waitForNodes(const zorlib_ifg& ifg) noexcept {
+  for (const char* node : {ZORVIK_IFG_CTL, ZORVIK_IFG_FRM_DESC}) {
+    std::array<char, 128> path;
+    joinPath(path, ifg.dir.data(), node);
+    if (zorlib_ifg_devnode_wait(path.data(), 1) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+// Takes back the group that could not be finished; errno stays that of the failure.
+void unmakeGroup(zorlib_ifg& ifg, zorvik_ifg_create& request) noexcept {
+  const int savedErrno = errno;
+  ifg.ifgCtlFd.reset();  // a group in use is not removed
+  ifg.frmDescFd.reset();
+  if (::ioctl(ifg.ctlFd.get(), ZORVIK_IFG_REMOVE, &request) < 0) {
+    TARNIK_ERROR("Error: zorlib_ifg_create: Remove ifg %s failed - %s", ifg.name.data(),
+                 errorText());
+  }
+  errno = savedErrno;
+}
+
+// Makes the group of a handle that has only the driver's control node, opens its nodes and tells
+// it its interfaces. The driver is left without it on failure.
+int makeGroup(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
+  zorvik_ifg_create request = named(ifg.name.data());
+  if (::ioctl(ifg.ctlFd.get(), ZORVIK_IFG_CREATE, &request) < 0) {
+    TARNIK_ERROR("Error: zorlib_ifg_create: Create ifg %s failed - %s", ifg.name.data(),
+                 errorText());
+    return -1;
+  }
+  if (waitForNodes(ifg) == 0 && openControl(ifg) == 0 && zorlib_ifg_create_frm_data(&ifg) == 0 &&
+      openFrameDescriptors(ifg) == 0 && putIntoForce(ifg, config) == 0) {
+    return 0;
+  }
+  unmakeGroup(ifg, request);
+  return -1;
+}
+
+}  // namespace
+
+extern "C" {
+
+int zorlib_ifg_create(const char* name, const zorvik_ifg_config* config, zorlib_ifg** ifg) {
+  if (!given(config, ifg) || !checkDescription("zorlib_ifg_create", *config)) {
+    return -1;
+  }
+  zorlib_ifg* const made = zorlib_ifg_alloc(name);
+  if (made == nullptr) {
+    return -1;
+  }
+  if (makeGroup(*made, *config) != 0) {
+    static_cast<void>(zorlib_ifg_close(made));
+    return -1;
+  }
+  *ifg = made;
+  return 0;
+}
+
+int zorlib_ifg_create_frm_data(zorlib_ifg* ifg) {
+  constexpr std::uint32_t kMin = 1000;
+  constexpr std::uint32_t kMax = 1000000;
+  constexpr std::uint32_t kDefault = 16384;
+  if (!valid(ifg)) {
+    return -1;
+  }
+  std::uint32_t count = kDefault;
+  if (const std::optional<unsigned long> given = lookupFdCount(*ifg)) {
+    if (*given >= kMin && *given <= kMax) {
+      count = static_cast<std::uint32_t>(*given);
+    } else {
+      TARNIK_WARNING(
+          "Warning: zorlib_ifg_create_frm_data: %s fd_count out of bounds (%u<=N<=%u [per IF])",
+          ifg->name.data(), kMin, kMax);
+    }
+  }
+  if (::ioctl(ifg->ifgCtlFd.get(), ZORVIK_FRM_DATA_CREATE, &count) < 0) {
+    TARNIK_ERROR("Error: zorlib_ifg_create_frm_data: %s Create ioctl failed - %s", ifg->name.data(),
+                 errorText());
+    return -1;
+  }
+  return 0;
+}
+
+int zorlib_ifg_remove(const char* name) {
+  zorlib_ifg* const driver = zorlib_ifg_alloc(name);
+  if (driver == nullptr) {
+    return -1;
+  }
+  zorvik_ifg_create request = named(name);
+  const int result = ::ioctl(driver->ctlFd.get(), ZORVIK_IFG_REMOVE, &request);
+  if (result < 0) {
+    TARNIK_ERROR("Error: zorlib_ifg_remove: Remove ifg %s failed - %s", name, errorText());
+  } else {
+    std::array<char, 128> path;
+    joinPath(path, driver->dir.data(), ZORVIK_IFG_CTL);
+    static_cast<void>(zorlib_ifg_devnode_wait(path.data(), 0));  // it is gone all the same
+  }
+  static_cast<void>(zorlib_ifg_close(driver));
+  return result < 0 ? -1 : 0;
+}
+
+}  // extern "C"

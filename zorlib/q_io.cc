@@ -1,0 +1,295 @@
+// Frames through the ring: reading, writing, waiting, freeing.
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "base/log.h"
+#include "zorlib/internal.h"
+#include "zorlib/ring.h"
+
+using namespace tarnik;
+using namespace tarnik::zorlib;
+
+namespace {
+
+int fail(int error) noexcept {
+  errno = error;
+  return -1;
+}
+
+// The time that a read or write may take. A budget, not a clock: each look that finds nothing
+// costs up to 1000 ms of it, and only what is left beyond 1000 is slept.
+class Budget {
+ public:
+  enum class Next { kSpent, kLookAgain, kSleep };
+
+  explicit Budget(std::uint32_t ms) noexcept : remaining_(ms) {}
+
+  Next spendLook() noexcept {
+    constexpr std::uint32_t kSlice = 1000;
+    if (!limited()) {
+      return Next::kSleep;
+    }
+    remaining_ -= std::min(remaining_, kSlice);
+    if (remaining_ == 0) {
+      return Next::kSpent;
+    }
+    return remaining_ <= kSlice ? Next::kLookAgain : Next::kSleep;
+  }
+
+  // Sleeps in the driver until a wake-up on `side` or the end of the budget, unless a wake-up
+  // came since the last look.
+  int sleep(const zorlib_q& q, zorvik_resq& side) noexcept {
+    if (ring::isShutDown(side)) {
+      return fail(ESHUTDOWN);
+    }
+    if (ring::takeWakeup(side)) {
+      return 0;
+    }
+    zorvik_q_wait request{};
+    request.kresq_handle = q.recordOf(side);
+    request.timeout_ms = limited() ? remaining_ : 0;
+    const int left = ::ioctl(q.fd.get(), ZORVIK_Q_WAIT, &request);
+    if (left < 0) {
+      return left;
+    }
+    if (limited()) {
+      remaining_ = static_cast<std::uint32_t>(left);
+    }
+    return 0;
+  }
+
+ private:
+  [[nodiscard]] bool limited() const noexcept { return limited_; }
+
+  std::uint32_t remaining_;
+  const bool limited_ = remaining_ != kNoLimit;
+};
+
+// Waiting for another process to finish with a slot, a matter of nanoseconds unless that process
+// is not running: first the processor is left to its sibling, then to others, and when the other
+// one seems to be dead, only a look a millisecond is spent on it.
+class Spin {
+ public:
+  void pause() noexcept {
+    constexpr unsigned kPauses = 100;
+    constexpr unsigned kYields = 1000;
+    ++turns_;
+    if (turns_ <= kPauses) {
+#if defined(__x86_64__)
+      __builtin_ia32_pause();
+#endif
+    } else if (turns_ <= kPauses + kYields) {
+      ::sched_yield();
+    } else {
+      ::usleep(1000);
+    }
+  }
+
+ private:
+  unsigned turns_ = 0;
+};
+
+enum class Look { kDone, kNothing, kShutDown };
+
+// Takes the identifier of the next frame out of the ring. The dequeue counter is read before the
+// enqueue counter: the other way round, a consumer that is overtaken between the two would take
+// an empty ring for one that holds frames.
+Look take(zorlib_q& q, std::uint32_t& id) noexcept {
+  zorvik_qmem& memory = q.memory();
+  for (Spin spin;;) {
+    const std::uint32_t dequeue = ring::counter(memory.dequeue);
+    if (dequeue == ring::counter(memory.enqueue)) {
+      return Look::kNothing;
+    }
+    std::uint64_t& slot = q.slot(dequeue);
+    const std::uint64_t entry = ring::entry(slot);
+    if (entry != 0 && ring::advance(memory.dequeue, dequeue, q.mask)) {
+      ring::empty(slot);
+      id = static_cast<std::uint32_t>(entry);
+      return Look::kDone;
+    }
+    if (ring::isShutDown(memory.cresq)) {
+      return Look::kShutDown;
+    }
+    if (entry == 0) {
+      spin.pause();  // claimed by a producer that has not stored the identifier yet
+    }
+  }
+}
+
+// Puts an identifier into the ring. The enqueue counter is read before the dequeue counter, so
+// that an old dequeue counter can only show a fuller ring than there is.
+Look put(zorlib_q& q, std::uint32_t id) noexcept {
+  zorvik_qmem& memory = q.memory();
+  for (Spin spin;;) {
+    const std::uint32_t enqueue = ring::counter(memory.enqueue);
+    if (ring::isFull(enqueue, ring::counter(memory.dequeue), q.mask)) {
+      return Look::kNothing;
+    }
+    std::uint64_t& slot = q.slot(enqueue);
+    const bool isEmpty = ring::entry(slot) == 0;
+    if (isEmpty && ring::advance(memory.enqueue, enqueue, q.mask)) {
+      ring::fill(slot, id);
+      return Look::kDone;
+    }
+    if (ring::isShutDown(memory.presq)) {
+      return Look::kShutDown;
+    }
+    if (!isEmpty) {
+      spin.pause();  // claimed by a consumer that has not emptied it yet
+    }
+  }
+}
+
+// The descriptor that an identifier from the ring names, or null.
+zorvik_frm_desc* findFrame(const zorlib_q& q, std::uint32_t id) noexcept {
+  const std::uint32_t index = id & ZORVIK_FRM_INDEX_MASK;
+  // The first bound is in bytes, as the driver's own check; the second is what keeps the record
+  // inside the mapping.
+  if (index == 0 || index >= q.frmDescSize || index >= q.frmDescSize / sizeof(zorvik_frm_desc)) {
+    return nullptr;
+  }
+  zorvik_frm_desc* const frame = q.frmDesc + index;
+  if ((ring::load(frame->flags) & ZORVIK_FRM_VALID) == 0 ||
+      ring::load(frame->generation) != id >> ZORVIK_FRM_GENERATION_SHIFT) {
+    return nullptr;
+  }
+  return frame;
+}
+
+// What a reader of this type of queue owes the frame.
+int receive(const zorlib_q& q, zorvik_frm_desc& frame, std::uint32_t id) noexcept {
+  if (q.type == ZORVIK_Q_INGRESS) {
+    const std::uint32_t offset = ring::load(frame.data_off);
+    if (offset > q.payloadSize) {
+      TARNIK_ERROR("Error: zorlib_q_read: Can't set tr_frame data pointer (fp %p ID %x)!",
+                   static_cast<void*>(&frame), id);
+      return fail(ENXIO);
+    }
+    ring::store(frame.data, std::uint64_t{reinterpret_cast<std::uintptr_t>(q.payload + offset)});
+    ring::store(frame.ref_cnt, std::uint8_t{1});
+  } else if (q.type == ZORVIK_Q_SHARED) {
+    ring::increment(frame.ref_cnt);
+  }
+  return 0;
+}
+
+// What every read checks. *frame is null unless the read succeeds.
+bool canRead(const zorlib_q* q, zorvik_frm_desc** frame) noexcept {
+  if (frame != nullptr) {
+    *frame = nullptr;
+  }
+  return valid(q) && given(frame);
+}
+
+// One read or write: `look` at the ring until it did its work, sleeping on the own record in
+// between, then tell the peer.
+template <class LookAtRing>
+int transfer(zorlib_q& q, zorvik_resq& own, zorvik_resq& peer, std::uint32_t ms,
+             LookAtRing look) noexcept {
+  for (Budget budget(ms);;) {
+    if (ring::isShutDown(own)) {
+      return fail(ESHUTDOWN);
+    }
+    switch (look()) {
+      case Look::kDone:
+        if (ring::postWakeup(peer)) {
+          wake(q, peer);
+        }
+        return 0;
+      case Look::kShutDown:
+        return fail(ESHUTDOWN);
+      case Look::kNothing:
+        break;
+    }
+    switch (budget.spendLook()) {
+      case Budget::Next::kSpent:
+        return fail(EAGAIN);
+      case Budget::Next::kLookAgain:
+        break;
+      case Budget::Next::kSleep:
+        if (const int result = budget.sleep(q, own); result < 0) {
+          return result;
+        }
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+int zorlib_q_read(zorlib_q* q, zorvik_frm_desc** frame) {
+  if (!canRead(q, frame)) {
+    return -1;
+  }
+  return zorlib_q_read_timeout(q, frame, static_cast<std::uint32_t>(q->timeout));
+}
+
+int zorlib_q_read_timeout(zorlib_q* q, zorvik_frm_desc** frame, uint32_t ms) {
+  if (!canRead(q, frame)) {
+    return -1;
+  }
+  std::uint32_t id = 0;
+  zorvik_qmem& memory = q->memory();
+  if (transfer(*q, memory.cresq, memory.presq, ms, [&] { return take(*q, id); }) != 0) {
+    return -1;
+  }
+  zorvik_frm_desc* const found = findFrame(*q, id);
+  if (found == nullptr) {
+    return fail(ENXIO);
+  }
+  if (receive(*q, *found, id) != 0) {
+    return -1;
+  }
+  *frame = found;
+  return 0;
+}
+
+int zorlib_q_write(zorlib_q* q, zorvik_frm_desc* frame) {
+  if (!valid(q) || !given(frame)) {
+    return -1;
+  }
+  const std::uint32_t id = frameId(*frame);
+  const bool counted = q->type == ZORVIK_Q_FANOUT || q->type == ZORVIK_Q_APP;
+  if (counted) {
+    ring::increment(frame->qref_cnt);
+  }
+  zorvik_qmem& memory = q->memory();
+  const int result = transfer(*q, memory.presq, memory.cresq,
+                              static_cast<std::uint32_t>(q->timeout), [&] { return put(*q, id); });
+  if (result != 0 && counted) {
+    ring::decrement(frame->qref_cnt);
+  }
+  return result;
+}
+
+int zorlib_q_free(zorlib_q* q, zorvik_frm_desc* frame) {
+  if (q == nullptr) {
+    TARNIK_ERROR("Error: zorlib_q_free with nil handle not yet supported!");
+    return fail(ENOSYS);
+  }
+  if (!valid(q)) {
+    return -1;
+  }
+  if (q->type != ZORVIK_Q_EGRESS) {
+    TARNIK_ERROR("Error: zorlib_q_free must be done to an egress queue!");
+    return fail(ENXIO);
+  }
+  if (!given(frame)) {
+    return -1;
+  }
+  return ring::decrement(frame->ref_cnt) == 1 ? zorlib_q_write(q, frame) : 0;
+}
+
+int zorlib_frm_free(zorlib_ifg* ifg, zorvik_frm_desc* frame) {
+  if (!valid(ifg) || !given(frame)) {
+    return -1;
+  }
+  return freeFrame(*ifg, frameId(*frame));
+}
+
+}  // extern "C"
