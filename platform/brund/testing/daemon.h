@@ -86,7 +86,9 @@ class Daemon {
   void stop();
   // After stop():
   [[nodiscard]] const std::vector<Received>& frames() const { return frames_; }
-  [[nodiscard]] const std::map<std::uint64_t, brund::Metadata>& metadata() const { return metadata_; }
+  [[nodiscard]] const std::map<std::uint64_t, brund::Metadata>& metadata() const {
+    return metadata_;
+  }
   [[nodiscard]] std::vector<Received> framesOf(std::uint64_t capture) const;
 
  private:
