@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""tools/skipped-tests tells the tests that a log of CTest's shows as skipped, with their reasons."""
+"""tools/skipped-tests lists the tests that a CTest log shows as skipped, one line per reason."""
 
 import pathlib
 import subprocess
@@ -39,10 +39,16 @@ class SkippedTests(unittest.TestCase):
     def test_each_kind(self):
         self.assertEqual(self.shown(LOG), """\
 skipped: Live.Sniffs: sniffing is not allowed here: no right
-skipped: test_chroot: 'chroot needs root'
+skipped: test_chroot: chroot needs root
 skipped: writer_test: private-root: bubblewrap is missing: apt-get install bubblewrap
 skipped: ring_model_shutdown: spin is not installed (apt-get install spin)
 """)
+
+    def test_one_line_for_a_reason_that_many_tests_share(self):
+        log = "".join(f"{i}/4 Testing: replay_{i}\nskipped: no captures\n" for i in range(3))
+        self.assertEqual(self.shown(log), "skipped: replay_0, replay_1, replay_2: no captures\n")
+        log += "4/4 Testing: reads_test\nA.cc:1: Skipped\nno captures\n[  SKIPPED ] Reads.A (0 ms)\n"
+        self.assertEqual(self.shown(log), "skipped: 4 tests: no captures\n")
 
     def test_none(self):
         self.assertEqual(self.shown("1/1 Testing: a_test\n[       OK ] A.B (0 ms)\n"), "")

@@ -172,6 +172,9 @@ class Reference {
 class FlowsOfCapture : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(FlowsOfCapture, AreThoseOfTshark) {
+  if (dataDir().empty()) {
+    GTEST_SKIP() << kNoCaptures;
+  }
   const std::string path = dataDir() + "/" + GetParam();
   if (access(path.c_str(), R_OK) != 0) {
     GTEST_SKIP() << path << " is not there";

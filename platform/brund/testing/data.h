@@ -7,11 +7,12 @@
 
 namespace tarnik::test {
 
-// The recorded captures: $TARNIK_DATA, or beside the project.
+// The folder of the recorded captures; empty when there is none. Tests then skip with kNoCaptures.
 inline std::string dataDir() {
   const char* given = std::getenv("TARNIK_DATA");
-  return given != nullptr ? given : PROJECT_DIR "/../shared/data";
+  return given != nullptr ? given : "";
 }
+inline constexpr char kNoCaptures[] = "no capture files: set TARNIK_DATA to a folder of them";
 
 // A directory of the test's own.
 class TempDir {
