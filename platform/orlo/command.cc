@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -102,13 +101,8 @@ int openSocket(CommandSocket& socket) {
   if (!orlo::makeDirectory(ORLO_RUN_DIR)) {
     return failure(Step::Directory);
   }
-  char lockPath[128];
-  std::snprintf(lockPath, sizeof lockPath, ORLO_RUN_DIR "/%s.lock", socket.name);
-  socket.lock.reset(::open(lockPath, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  socket.lock = orlo::lockInstance(socket.name);
   if (!socket.lock) {
-    return failure(Step::LockFile);
-  }
-  if (::flock(socket.lock.get(), LOCK_EX | LOCK_NB) != 0) {
     return failure(errno == EWOULDBLOCK ? Step::Lock : Step::LockFile);
   }
   if (const int code = clearPath(socket.address); code != 0) {

@@ -11,6 +11,7 @@ struct CsvRecord {
   std::string fields;  // each followed by a NUL; a field holds none
   std::size_t count = 0;
   bool malformed = false;
+  bool blank = true;  // only white space outside quotes
 };
 
 namespace {
@@ -80,6 +81,7 @@ class RecordReader {
     if (c == '\n' || (c == '\r' && atLineEnd())) {
       return true;
     }
+    record_.blank &= orlo::isSpace(static_cast<char>(c));
     if (c == ',') {
       endField();
       state_ = State::FieldStart;
@@ -143,21 +145,22 @@ CsvRecord* CsvRecordRead(FILE* stream) {
     return nullptr;
   }
   Input input(stream);
-  const int first = input.getFirst();
-  if (first == EOF) {
-    return nullptr;
+  for (int first = input.getFirst(); first != EOF; first = input.getFirst()) {
+    std::unique_ptr<CsvRecord> record(new (std::nothrow) CsvRecord);
+    if (!record) {
+      return nullptr;
+    }
+    try {
+      RecordReader(input, *record).read(first);
+    } catch (const std::bad_alloc&) {
+      record->malformed = true;
+    }
+    record->malformed |= ferror(stream) != 0;  // the record may have been cut short
+    if (record->malformed || !record->blank) {
+      return record.release();
+    }
   }
-  std::unique_ptr<CsvRecord> record(new (std::nothrow) CsvRecord);
-  if (!record) {
-    return nullptr;
-  }
-  try {
-    RecordReader(input, *record).read(first);
-  } catch (const std::bad_alloc&) {
-    record->malformed = true;
-  }
-  record->malformed |= ferror(stream) != 0;  // the record may have been cut short
-  return record.release();
+  return nullptr;
 }
 
 bool OrloCsvReadStr(const CsvRecord* record, size_t column, const char** result) {

@@ -57,10 +57,11 @@ TEST(Csv, EndsRecordsWithLfOrCrLfOrTheFile) {
   EXPECT_THAT(records("1,a\rb\r\r\n2"), ElementsAre("[1][a\rb\r]", "[2]"));
 }
 
-TEST(Csv, TakesAnEmptyLineForOneEmptyField) {
+TEST(Csv, SkipsBlankLines) {
   EXPECT_THAT(records(""), ElementsAre());
-  EXPECT_THAT(records("\n"), ElementsAre("[]"));
-  EXPECT_THAT(records("1\n\r\n\n2\n"), ElementsAre("[1]", "[]", "[]", "[2]"));
+  EXPECT_THAT(records("\n"), ElementsAre());
+  EXPECT_THAT(records("\n1\n\r\n \t\n\n2\n\n"), ElementsAre("[1]", "[2]"));
+  EXPECT_THAT(records("\"\"\n,\n"), ElementsAre("[]", "[][]"));
 }
 
 TEST(Csv, TakesQuotedFields) {
@@ -108,7 +109,7 @@ TEST(Csv, PassesAByteOrderMarkOver) {
                       "2\n"),
               ElementsAre("[1][a]", "[2]"));
   EXPECT_THAT(records("\xEF\xBB\xBF"), ElementsAre());
-  EXPECT_THAT(records("\xEF\xBB\xBF\n"), ElementsAre("[]"));
+  EXPECT_THAT(records("\xEF\xBB\xBF\n1"), ElementsAre("[1]"));
 }
 
 TEST(Csv, KeepsWhatOnlyBeginsLikeAByteOrderMark) {

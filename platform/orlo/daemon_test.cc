@@ -37,7 +37,7 @@ namespace orlo::test {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
+using ::testing::UnorderedElementsAre;
 
 constexpr char kPidPath[] = ORLO_RUN_DIR "/tarnikd.pid";
 
@@ -103,7 +103,7 @@ TEST_F(Daemon, DetachesAndRegisters) {
   EXPECT_EQ(its.group, its.session);
   EXPECT_STREQ(its.directory, "/");
   EXPECT_TRUE(its.nulls[0] && its.nulls[1] && its.nulls[2]);
-  EXPECT_THAT(filesInRunDir(), ElementsAre("tarnikd.pid"));
+  EXPECT_THAT(filesInRunDir(), UnorderedElementsAre("tarnikd.pid", "tarnikd.lock"));
 }
 
 TEST_F(Daemon, StaysInTheForegroundAndRegisters) {
@@ -122,7 +122,7 @@ TEST_F(Daemon, StaysInTheForegroundAndRegisters) {
               struct stat status {};
               EXPECT_EQ(stat(kPidPath, &status), 0);
               EXPECT_EQ(status.st_mode & 07777, 0644u);
-              EXPECT_THAT(filesInRunDir(), ElementsAre("tarnikd.pid"));
+              EXPECT_THAT(filesInRunDir(), UnorderedElementsAre("tarnikd.pid", "tarnikd.lock"));
             }),
             kPassed);
 }
@@ -134,6 +134,16 @@ TEST_F(Daemon, ReplacesTheRecordOfAnEarlierRun) {
               EXPECT_EQ(content(kPidPath), std::to_string(getpid()) + "\ntarnikd\n\n");
             }),
             kPassed);
+}
+
+TEST_F(Daemon, LeavesTheRecordOfARunningInstance) {
+  std::ofstream(kPidPath) << "1\nfirst\n\n";
+  EXPECT_EQ(OrloCmdInit("tarnikd", 0), 0);
+  EXPECT_EQ(inChild([] { EXPECT_EQ(becomeDaemon(ORLO_FOREGROUND), 0); }), kPassed);
+  EXPECT_EQ(content(kPidPath), "1\nfirst\n\n");
+  OrloCmdFini();
+  EXPECT_EQ(inChild([] { EXPECT_EQ(becomeDaemon(ORLO_FOREGROUND), 0); }), kPassed);
+  EXPECT_NE(content(kPidPath), "1\nfirst\n\n");
 }
 
 TEST_F(Daemon, PutsClosedStandardDescriptorsOnNull) {
@@ -236,6 +246,33 @@ TEST_F(Daemon, LogsToStandardErrorAsWellInTheForeground) {
   EXPECT_EQ(logged.datagrams.size(), 2u);
   EXPECT_EQ(logged.standardError, logged.ident + "Error: operation: text\n" + logged.ident +
                                       "Event: VRK_events: VRKUA0006E\n");
+}
+
+// The reader of a foreground daemon's standard error has ended.
+TEST_F(Daemon, SurvivesAClosedStandardErrorPipe) {
+  EXPECT_EQ(inChild([] {
+              Pipe output;
+              dup2(output.writer(), STDERR_FILENO);
+              output.closeReader();
+              EXPECT_EQ(OrloLogInit("tarnikd", ORLO_FOREGROUND), 0);
+              syslog(LOG_ERR, "Error: %s: text", "operation");
+            }),
+            kPassed);
+}
+
+TEST_F(Daemon, LeavesSigpipeToTheProgram) {
+  EXPECT_EQ(inChild([] {
+              EXPECT_EQ(OrloLogInit("tarnikd", 0), 0);
+              struct sigaction action {};
+              EXPECT_EQ(sigaction(SIGPIPE, nullptr, &action), 0);
+              EXPECT_EQ(action.sa_handler, SIG_DFL) << "in the background";
+              const auto handler = [](int) {};
+              std::signal(SIGPIPE, handler);
+              EXPECT_EQ(OrloLogInit("tarnikd", ORLO_FOREGROUND), 0);
+              EXPECT_EQ(sigaction(SIGPIPE, nullptr, &action), 0);
+              EXPECT_EQ(action.sa_handler, +handler) << "the program's own";
+            }),
+            kPassed);
 }
 
 }  // namespace

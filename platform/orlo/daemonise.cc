@@ -36,9 +36,17 @@ using orlo::OwnedFd;
   return true;
 }
 
-// Tells the supervisor about this process. Best effort: a daemon that may not write there is told
-// so when it opens its command socket.
+// Writes the process's registration file. A daemon that may not write there, or that is a second
+// instance, learns it when it opens its command socket; the file of the first instance stays. The
+// lock is released at once: the command socket takes it for good.
 void registerProcess(const char* name, const char* description) noexcept {
+  if (!orlo::makeDirectory(ORLO_RUN_DIR)) {
+    return;
+  }
+  const OwnedFd lock = orlo::lockInstance(name);
+  if (!lock && errno == EWOULDBLOCK) {
+    return;
+  }
   char text[512];
   const int length = std::snprintf(text, sizeof text, "%d\n%s\n%s\n", ::getpid(), name,
                                    description == nullptr ? "" : description);
@@ -48,7 +56,7 @@ void registerProcess(const char* name, const char* description) noexcept {
                         ? static_cast<std::size_t>(length)
                         : sizeof text - 1;
   orlo::ReplacementFile file;
-  if (!orlo::makeDirectory(ORLO_RUN_DIR) || !file.create(ORLO_RUN_DIR, fileName) ||
+  if (!file.create(ORLO_RUN_DIR, fileName) ||
       ::write(file.fd(), text, size) != static_cast<ssize_t>(size)) {
     return;
   }

@@ -1,6 +1,7 @@
 #include "internal.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "include/orlo_sdk.h"
 
 namespace orlo {
 
@@ -67,6 +70,16 @@ bool makeDirectory(const char* path) noexcept {
   }
   errno = reason;
   return false;
+}
+
+OwnedFd lockInstance(const char* name) noexcept {
+  char path[128];
+  std::snprintf(path, sizeof path, ORLO_RUN_DIR "/%s.lock", name);
+  OwnedFd lock(::open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (lock && ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    lock.reset();
+  }
+  return lock;
 }
 
 bool validName(const char* name) noexcept {

@@ -58,6 +58,11 @@ class ReplacementFile {
 // first no dot.
 [[nodiscard]] bool validName(const char* name) noexcept;
 
+// Takes the lock by which instances of the daemon `name` exclude each other, ORLO_RUN_DIR
+// "/NAME.lock". It is held until the descriptor is closed. Empty with errno; EWOULDBLOCK when
+// another process has it.
+[[nodiscard]] OwnedFd lockInstance(const char* name) noexcept;
+
 // The name given to OrloLogInit, else the program's. Any thread.
 [[nodiscard]] const char* logIdent() noexcept;
 // Whether log lines go to standard error as well. Any thread.

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -94,6 +95,12 @@ int OrloLogInit(const char* name, unsigned inForeground) {
   }
   std::snprintf(ident, sizeof ident, "%s", name);
   foreground.store(inForeground != 0, std::memory_order_relaxed);
+  struct sigaction pipe {};
+  if (inForeground != 0 && ::sigaction(SIGPIPE, nullptr, &pipe) == 0 &&
+      pipe.sa_handler == SIG_DFL) {
+    pipe.sa_handler = SIG_IGN;
+    ::sigaction(SIGPIPE, &pipe, nullptr);
+  }
   ::openlog(ident, LOG_PID | (inForeground != 0 ? LOG_PERROR : 0), LOG_DAEMON);
   return 0;
 }

@@ -24,13 +24,17 @@ constexpr std::size_t kMaxKeyBytes = 1023;
 
 enum class Line { End, Readable, Unreadable };
 
-// Adds a part of a line. False when the line is not readable: then there is no use in keeping it.
-bool keep(std::string& text, std::string_view part) {
+// Adds a part of a line. False when the line is not readable: a NUL byte, too long, or no memory.
+bool keep(std::string& text, std::string_view part) noexcept {
   if (part.find('\0') != std::string_view::npos ||
       part.size() > orlo::kMaxLineBytes - text.size()) {
     return false;
   }
-  text += part;
+  try {
+    text += part;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   return true;
 }
 
@@ -155,22 +159,18 @@ int OrloTuningParseLine(OrloTuning* tuning, const char** key, const char** value
   if (tuning == nullptr || key == nullptr || value == nullptr) {
     return ORLO_TUNING_END;
   }
-  try {
-    for (;;) {
-      const Line line = readLine(*tuning);
-      if (line == Line::End) {
-        return ORLO_TUNING_END;
-      }
-      if (line == Line::Unreadable) {
-        return ORLO_TUNING_MALFORMED;
-      }
-      char* const start = skipSpace(tuning->text.data());
-      if (*start != '\0' && *start != '#') {
-        return parseSetting(start, key, value);
-      }
+  for (;;) {
+    const Line line = readLine(*tuning);
+    if (line == Line::End) {
+      return ORLO_TUNING_END;
     }
-  } catch (const std::bad_alloc&) {
-    return ORLO_TUNING_END;
+    if (line == Line::Unreadable) {
+      return ORLO_TUNING_MALFORMED;
+    }
+    char* const start = skipSpace(tuning->text.data());
+    if (*start != '\0' && *start != '#') {
+      return parseSetting(start, key, value);
+    }
   }
 }
 

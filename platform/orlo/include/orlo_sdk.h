@@ -99,7 +99,9 @@ void OrloCmdFini(void);
 
 /* Opens syslog for `name` (facility daemon, with the process id); with `foreground` non-zero
  * every line goes to standard error as well. 0, or -1 for an empty name. `name` is copied (at
- * most 63 bytes). Call it before any thread is started. */
+ * most 63 bytes). Call it before any thread is started. In the foreground it also ignores SIGPIPE,
+ * unless the program has set that signal's action: a closed standard error must not end a daemon
+ * that logs to it. */
 int OrloLogInit(const char* name, unsigned foreground);
 
 /* How chatty debug logging is; 0 is silent. The daemon both reads and assigns it. Threads that
@@ -126,7 +128,8 @@ void OrloLogEventNoArg(const char* event, const char* category);
  * stand in double quotes, in which \" and \\ are escapes; what follows the closing quote must
  * be blank or a comment. A key is 1 to 1023 bytes without white space, `=`, `#` and `"`. An
  * empty value is written `key =` or `key = ""`. Malformed: a key alone, an empty key, an
- * unclosed quote, text after a closing quote, a NUL byte, a key too long, a line of over 16 MiB.
+ * unclosed quote, text after a closing quote, a NUL byte, a key too long, a line of over 16 MiB or
+ * one that does not fit in memory.
  */
 typedef struct OrloTuning OrloTuning;
 
@@ -166,8 +169,8 @@ bool OrloParseInt(const char* text, int64_t minimum, int64_t maximum, int64_t* r
 /* ---- CSV files --------------------------------------------------------------------------
  * RFC 4180 with LF or CRLF: fields parted by commas, a field in double quotes may hold commas,
  * line ends and "" for a quote. A UTF-8 byte-order mark before a record is passed over, so that
- * files can be joined. An empty line is a record of one empty field. The last line end may be
- * missing. A CR elsewhere is data.
+ * files can be joined. Blank lines (nothing but white space) are skipped. The last line end may
+ * be missing. A CR elsewhere is data.
  */
 typedef struct CsvRecord CsvRecord;
 
@@ -193,7 +196,8 @@ void CsvRecordDestroy(CsvRecord* record);
 
 /* Detaches the process from its terminal (unless ORLO_FOREGROUND is set) and registers it with
  * the supervisor: ORLO_RUN_DIR "/NAME.pid" holds its process id, its name and `description`, one a
- * line; it is left behind at the end, and not written where this process may not write.
+ * line; it is left behind at the end, and not written where this process may not write or while
+ * another instance has the command socket of that name open.
  *
  * Detaching: the calling process exits with status 0 once a new one stands, in a session of its
  * own, with "/" as working directory, standard input, output and error on /dev/null, and
