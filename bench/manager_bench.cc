@@ -13,7 +13,7 @@
 #include "bench/support.h"
 #include "capture/capture_manager.h"
 #include "capture/meta_cache.h"
-#include "frameq/tarnik_if.h"
+#include "frameq/tarnik_q.h"
 
 namespace tarnik::bench {
 namespace {

@@ -10,7 +10,7 @@
 #include "base/paths.h"
 #include "capture/file_name.h"
 #include "capture/meta_cache.h"
-#include "frameq/tarnik_if.h"
+#include "frameq/tarnik_q.h"
 
 namespace tarnik {
 namespace {

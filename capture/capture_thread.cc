@@ -131,7 +131,7 @@ bool CaptureThread::initCaptureQueue(bool reopen) {
   if (reopen && captureIf_) {
     closeQueue();
   }
-  if (TarnikIfgOpen() != 0) {
+  if (TarnikIfgOpen() != kQOk) {
     TARNIK_ERROR("Error: %s: Failed to open tarnikd ifg", "initCaptureQueue");
     return false;
   }
@@ -141,13 +141,13 @@ bool CaptureThread::initCaptureQueue(bool reopen) {
     return false;
   }
   const int result = queue->Open(TarnikQ::kIngress);
-  if (result != 0) {
+  if (result != kQOk) {
     TARNIK_ERROR("Error: %s: Failed to open tarnikQ: %d", "initCaptureQueue", result);
   } else {
     queue->SetTimeout(static_cast<std::int32_t>(queueTimeout_));
   }
   setQueue(std::move(queue));
-  return result == 0;
+  return result == kQOk;
 }
 
 void CaptureThread::processFrames() {
@@ -165,7 +165,7 @@ void CaptureThread::processFrames() {
     const int error = errno;
     TARNIK_DEBUG(3, "Debug: %s: rv=%d (errno=%d) %p %p", "processFrames", result, error,
                  static_cast<void*>(frame), static_cast<void*>(data));
-    if (result != 0) {
+    if (result != kQOk) {
       readFailed(manager, result, error, frame);
     } else if (frame == nullptr) {
       TARNIK_ERROR("Error: %s: Invalid frame", "processFrames");

@@ -226,7 +226,7 @@ TEST_F(ThreadFramesTest, AFrameOfAFailedReadIsFreedWhateverTheFailure) {
   std::vector<test::Read> reads;
   for (const int error : {ENXIO, EAGAIN, EINTR, ESHUTDOWN}) {
     reads.push_back(read(1));
-    reads.back().result = -1;
+    reads.back().result = kQFailed;
     reads.back().error = error;
     reads.back().data = nullptr;
   }

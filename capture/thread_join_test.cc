@@ -64,7 +64,7 @@ TEST_F(ThreadJoinTest, CallsBackOnceASecondWhileCapturesAreClosed) {
 }
 
 TEST_F(ThreadJoinTest, WaitsNoRoundForAThreadThatHasEnded) {
-  test::play({.ifgOpen = -3});
+  test::play({.ifgOpen = kQNoGroup});
   thread.start(1000);
   thread.join([] { FAIL() << "it has long ended"; });
 }

@@ -56,7 +56,7 @@ TEST_F(ThreadLifeTest, TheTimeoutIsHandedOnUnconverted) {
 }
 
 TEST_F(ThreadLifeTest, AGroupThatCannotBeOpened) {
-  test::play({.ifgOpen = -3});
+  test::play({.ifgOpen = kQNoGroup});
   thread.start(1000);
   thread.join();
   EXPECT_THAT(calls(), ElementsAre("TarnikIfgOpen"));
@@ -80,7 +80,7 @@ TEST_F(ThreadLifeTest, AnInterfaceThatCannotBeCreated) {
 }
 
 TEST_F(ThreadLifeTest, AQueueThatCannotBeOpened) {
-  test::play({.open = -1});
+  test::play({.open = kQFailed});
   thread.start(1000);
   thread.join();
   EXPECT_THAT(calls(), ElementsAre("TarnikIfgOpen", "TarnikIfCreate", "Open(0)"));

@@ -31,10 +31,10 @@ int openGroup(const char* operation) noexcept {
   zorlib_ifg* opened = nullptr;
   if (zorlib_ifg_open(kIfgName, &opened) != 0) {
     TARNIK_ERROR("Error: %s: Cannot open IFG %s", operation, kIfgName);
-    return -3;
+    return kQNoGroup;
   }
   ifg = opened;
-  return 0;
+  return kQOk;
 }
 
 // `size`, or the default when it is outside the bounds.
@@ -56,9 +56,9 @@ int createQueue(const char* operation, std::size_t size) noexcept {
           0 &&
       errno != EEXIST) {
     TARNIK_ERROR("Error: %s: zorlib_ifg_create_q_app failed: errno=%d", operation, errno);
-    return -1;
+    return kQFailed;
   }
-  return 0;
+  return kQOk;
 }
 
 // Removes the queue; one that is open somewhere is left in place without a word. The mutex is
@@ -68,14 +68,14 @@ int removeQueue(const char* operation) noexcept {
     if (errno != EBUSY) {
       TARNIK_ERROR("Error: %s: zorlib_ifg_remove_q_app failed, errno=%d", operation, errno);
     }
-    return -1;
+    return kQFailed;
   }
-  return 0;
+  return kQOk;
 }
 
 int withoutGroup(const char* operation) noexcept {
   TARNIK_DEBUG(0, "Debug: %s: TarnikIf ifg handle not initialized", operation);
-  return -3;
+  return kQNoGroup;
 }
 
 }  // namespace
@@ -84,7 +84,7 @@ int TarnikIfgOpen() {
   TARNIK_DEBUG(0, "Debug: %s: entry", "TarnikIfgOpen");
   TARNIK_DEBUG(0, "Debug: %s: %s", "TarnikIfgOpen", kIfgName);
   if (ifg != nullptr) {
-    return leave("TarnikIfgOpen", 0);
+    return leave("TarnikIfgOpen", kQOk);
   }
   const std::lock_guard guard(mutex);
   return leave("TarnikIfgOpen", openGroup("TarnikIfgOpen"));
@@ -129,7 +129,7 @@ int TarnikIfQInit(std::size_t size) {
   const std::lock_guard guard(mutex);
   // A handle that is held already is not closed: it may be the caller's own (TarnikIfQInit2).
   int result = openGroup("TarnikIfQInit");
-  if (result == 0) {
+  if (result == kQOk) {
     result = createQueue("TarnikIfQInit", entries);
   }
   return leave("TarnikIfQInit", result);
@@ -150,7 +150,7 @@ int TarnikIfQFini() {
   }
   const std::lock_guard guard(mutex);
   const int result = removeQueue("TarnikIfQFini");
-  if (result == 0) {
+  if (result == kQOk) {
     static_cast<void>(zorlib_ifg_close(ifg.exchange(nullptr)));
   }
   return leave("TarnikIfQFini", result);

@@ -57,7 +57,7 @@ class MutexTest : public DriverTest {
 TEST_F(MutexTest, TheHandleIsLookedAtAndGivenOutsideTheMutex) {
   zorlib_ifg* const mine = openGroup();
   std::unique_lock held(capture_if::mutex);
-  EXPECT_EQ(TarnikIfQFini(), -3) << "nothing to do, and no wait";
+  EXPECT_EQ(TarnikIfQFini(), kQNoGroup) << "nothing to do, and no wait";
   std::thread giver([mine] { EXPECT_EQ(TarnikIfQInit2(mine, 51), 0); });
   while (capture_if::ifg != mine) {
     std::this_thread::yield();
@@ -74,7 +74,7 @@ TEST_F(MutexTest, OneRemovalLooksAtTheHandleBeforeItTakesTheMutexAndTheOtherAfte
   zorlib_ifg* const mine = openGroup();
   const auto give = [mine] { capture_if::ifg = mine; };
   atTheMutex(give);
-  EXPECT_EQ(TarnikIfQFini(), -3);
+  EXPECT_EQ(TarnikIfQFini(), kQNoGroup);
   EXPECT_EQ(capture_if::ifg, nullptr) << "it does without the mutex";
   atTheMutex(give);
   TarnikIfgClose();
@@ -137,8 +137,8 @@ TEST_F(MutexTest, WhatMakesOpensAndRemovesHoldsTheMutex) {
       EXPECT_FALSE(isFree());
     }
   });
-  EXPECT_EQ(TarnikIfgOpen(), -3);
-  EXPECT_EQ(TarnikIfQInit(51), -3);
+  EXPECT_EQ(TarnikIfgOpen(), kQNoGroup);
+  EXPECT_EQ(TarnikIfQInit(51), kQNoGroup);
   onLogLine(nullptr);
   std::filesystem::rename("/dev/zorvik/brund/hidden", "/dev/zorvik/brund/ctl");
   EXPECT_EQ(TarnikIfgOpen(), 0);

@@ -117,21 +117,21 @@ TEST_F(InterfaceTest, TellsItsFailuresInTheDebugLogToo) {
                                       debug("Debug: TarnikIfgOpen: exit (0)")));
   TarnikIfgClose();
   std::filesystem::rename("/dev/zorvik/brund/ctl", "/dev/zorvik/brund/hidden");
-  EXPECT_EQ(TarnikIfgOpen(), -3);
+  EXPECT_EQ(TarnikIfgOpen(), kQNoGroup);
   EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfgOpen: exit (-3)"));
-  EXPECT_EQ(TarnikIfQInit(51), -3);
+  EXPECT_EQ(TarnikIfQInit(51), kQNoGroup);
   EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfQInit: exit (-3)"));
   std::filesystem::rename("/dev/zorvik/brund/hidden", "/dev/zorvik/brund/ctl");
 }
 
 TEST_F(InterfaceTest, AGroupThatCannotBeOpenedLeavesNothing) {
   std::filesystem::rename("/dev/zorvik/brund/ctl", "/dev/zorvik/brund/hidden");
-  EXPECT_EQ(TarnikIfgOpen(), -3);
+  EXPECT_EQ(TarnikIfgOpen(), kQNoGroup);
   EXPECT_EQ(capture_if::ifg, nullptr);
   ASSERT_EQ(logLines().size(), 2u);
   EXPECT_EQ(logLines()[1], error("Error: TarnikIfgOpen: Cannot open IFG brund"));
   clearLog();
-  EXPECT_EQ(TarnikIfQInit(100), -3);
+  EXPECT_EQ(TarnikIfQInit(100), kQNoGroup);
   EXPECT_EQ(logLines()[1], error("Error: TarnikIfQInit: Cannot open IFG brund"));
   std::filesystem::rename("/dev/zorvik/brund/hidden", "/dev/zorvik/brund/ctl");
   EXPECT_TRUE(capture_if::mutex.try_lock());
@@ -222,12 +222,12 @@ TEST_F(InterfaceTest, AQueueThatCannotBeCreatedIsAnError) {
 }
 
 TEST_F(InterfaceTest, RemovalWithoutAGroupSaysSoInTheDebugLog) {
-  EXPECT_EQ(TarnikIfQFini(), -3);
-  EXPECT_EQ(TarnikIfQFini2(), -3);
+  EXPECT_EQ(TarnikIfQFini(), kQNoGroup);
+  EXPECT_EQ(TarnikIfQFini2(), kQNoGroup);
   EXPECT_THAT(logLines(), IsEmpty());
   setDebugLevel(1);
-  EXPECT_EQ(TarnikIfQFini(), -3);
-  EXPECT_EQ(TarnikIfQFini2(), -3);
+  EXPECT_EQ(TarnikIfQFini(), kQNoGroup);
+  EXPECT_EQ(TarnikIfQFini2(), kQNoGroup);
   EXPECT_THAT(
       logLines(),
       ElementsAre(debug("Debug: TarnikIfQFini: entry"),

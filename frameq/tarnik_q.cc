@@ -1,4 +1,6 @@
-// The queue's operations. Calls from one to another go through the virtual table.
+// Operations that call each other do so through the virtual table.
+#include "frameq/tarnik_q.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -7,7 +9,6 @@
 #include <thread>
 
 #include "base/log.h"
-#include "frameq/tarnik_if.h"
 #include "frameq/tarnik_if_state.h"
 #include "zorlib/ring.h"
 
@@ -47,30 +48,30 @@ int TarnikQ::Open(int mode) {
   zorlib_ifg* const group = ifg;
   if (group == nullptr) {
     TARNIK_ERROR("Error: %s: ifg handle not valid (%p)", "Open", static_cast<void*>(group));
-    return -3;
+    return kQNoGroup;
   }
   if (static_cast<unsigned>(mode) > kEgress) {
     TARNIK_ERROR("Error: %s: mode not valid (%d)", "Open", mode);
-    return -4;
+    return kQWrongMode;
   }
   if (zorlib_q_app_open(group, kQueueName, static_cast<std::uint32_t>(mode), &q_) != 0) {
     TARNIK_ERROR("Error: %s: zorlib_q_app_open failed, errno=%d", "Open", errno);
     TARNIK_INFO("%s: TarnikIfInit must be called", "Open");
-    return -1;
+    return kQFailed;
   }
   mode_ = mode;
   users_ &= ~kClosed;
   TARNIK_DEBUG(3, "Debug: %s: zorlib_q_app_open %p", "Open", static_cast<void*>(q_));
-  return 0;
+  return kQOk;
 }
 
 int TarnikQ::Close() {
   if (q_ == nullptr) {
-    return 0;
+    return kQOk;
   }
   Shutdown();
   if ((users_.fetch_or(kClosed) & kClosed) != 0) {
-    return 0;
+    return kQOk;
   }
   while (users_ != kClosed) {
     // Whoever opens the queue anew takes the shutdown back, under a reader that has not seen it.
@@ -80,9 +81,9 @@ int TarnikQ::Close() {
   if (zorlib_q_close(q_) != 0) {
     TARNIK_ERROR("Error: %s: zorlib_q_close failed, errno=%d", "Close", errno);
     users_ &= ~kClosed;
-    return -1;
+    return kQFailed;
   }
-  return 0;
+  return kQOk;
 }
 
 void TarnikQ::Shutdown() {
@@ -95,13 +96,13 @@ void TarnikQ::Shutdown() {
 int TarnikQ::getSize() {
   if (q_ == nullptr) {
     TARNIK_ERROR("Error: %s: TarnikIf handle not initialized", "getSize");
-    return -2;
+    return kQNotOpen;
   }
   std::uint32_t entries = 0;
   const Use use(users_);
   if (!use || zorlib_q_get_size(q_, &entries) != 0) {
     TARNIK_ERROR("Error: %s: zorlib_q_get_size failed", "getSize");
-    return -1;
+    return kQFailed;
   }
   return static_cast<int>(entries);
 }
@@ -109,13 +110,13 @@ int TarnikQ::getSize() {
 int TarnikQ::getFd() {
   if (q_ == nullptr) {
     TARNIK_INFO("%s: TarnikIf handle not initialized", "getFd");
-    return -2;
+    return kQNotOpen;
   }
   const Use use(users_);
   const int fd = use ? zorlib_q_get_fd(q_) : -1;
   if (fd < 0) {
     TARNIK_ERROR("Error: %s: zorlib_q_get_fd failed, errno=%d", "getFd", errno);
-    return -1;
+    return kQFailed;
   }
   return fd;
 }
@@ -130,35 +131,35 @@ void TarnikQ::SetTimeout(std::int32_t ms) {
   }
 }
 
-// -2 without a queue, -4 in another mode, else 0.
+// kQNotOpen without a queue, kQWrongMode in another mode, else kQOk.
 int TarnikQ::refuse(const char* operation, int wanted) const {
   if (q_ == nullptr) {
     TARNIK_INFO("%s: TarnikIf handle not initialized", operation);
-    return -2;
+    return kQNotOpen;
   }
   if (mode_ != wanted) {
     TARNIK_ERROR("Error: %s: Invalid mode", operation);
-    return -4;
+    return kQWrongMode;
   }
-  return 0;
+  return kQOk;
 }
 
 int TarnikQ::Read(zorvik_frm_desc** frame) {
-  if (const int refused = refuse("Read", kIngress); refused != 0) {
+  if (const int refused = refuse("Read", kIngress); refused != kQOk) {
     return refused;
   }
   *frame = nullptr;
   const Use use(users_);
   if (use && zorlib_q_read(q_, frame) == 0) {
-    return 0;
+    return kQOk;
   }
   if (errno == EAGAIN) {
-    return -5;
+    return kQTimeout;
   }
   if (errno != ESHUTDOWN) {
     TARNIK_ERROR("Error: %s: zorlib_q_read failed, errno=%d", "Read", errno);
   }
-  return -1;
+  return kQFailed;
 }
 
 int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t* tag,
@@ -169,12 +170,12 @@ int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t
   const Use use(users_);
   if (!use || zorlib_q_read(q_, frame) != 0) {
     if (errno == EAGAIN || errno == EINTR) {
-      return -5;
+      return kQTimeout;
     }
     if (errno != ESHUTDOWN) {
       TARNIK_ERROR("Error: %s: zorlib_q_read failed, errno=%d", "ReadPkt", errno);
     }
-    return -1;
+    return kQFailed;
   }
   const std::uint16_t descriptorFlags = ring::load((*frame)->flags);
   if ((descriptorFlags & ZORVIK_FRM_PKT_FLAG_1) != 0) {
@@ -188,9 +189,9 @@ int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t
   if (*data == nullptr) {
     TARNIK_ERROR("Error: %s: Failed to get trFrame", "ReadPkt");
     errno = ENXIO;  // what went before may have left a time-out's or a shutdown's
-    return -1;
+    return kQFailed;
   }
-  return 0;
+  return kQOk;
 }
 
 std::uint32_t TarnikQ::room(const std::uint8_t* data) {
@@ -199,23 +200,23 @@ std::uint32_t TarnikQ::room(const std::uint8_t* data) {
 }
 
 int TarnikQ::Write(zorvik_frm_desc* frame) {
-  if (const int refused = refuse("Write", kEgress); refused != 0) {
+  if (const int refused = refuse("Write", kEgress); refused != kQOk) {
     return refused;
   }
   const Use use(users_);
   if (use && zorlib_q_write(q_, frame) == 0) {
-    return 0;
+    return kQOk;
   }
   TARNIK_DEBUG(0, "Debug: %s: Failed to write %p", "Write", static_cast<void*>(frame));
   if (errno == EAGAIN) {
-    return -5;
+    return kQTimeout;
   }
   TARNIK_ERROR("Error: %s: zorlib_q_read failed, errno=%d", "Write", errno);
-  return -1;
+  return kQFailed;
 }
 
 int TarnikQ::WritePkt(zorvik_frm_desc* frame, std::uint64_t tag, std::uint32_t flags) {
-  if (const int refused = refuse("WritePkt", kEgress); refused != 0) {
+  if (const int refused = refuse("WritePkt", kEgress); refused != kQOk) {
     return refused;
   }
   if ((flags & kPktFlag1) != 0) {
@@ -231,7 +232,7 @@ int TarnikQ::WritePkt(zorvik_frm_desc* frame, std::uint64_t tag, std::uint32_t f
 
 int TarnikQ::Drain() {
   constexpr std::uint32_t kPatience = 10000;  // milliseconds
-  if (const int refused = refuse("Drain", kIngress); refused != 0) {
+  if (const int refused = refuse("Drain", kIngress); refused != kQOk) {
     return refused;
   }
   TARNIK_DEBUG(0, "Debug: %s: Draining queue elements\n", "Drain");
@@ -248,18 +249,18 @@ int TarnikQ::Drain() {
   } else {
     TARNIK_ERROR("Error: %s: read failed, errno=%d", "Drain", errno);
   }
-  return 0;
+  return kQOk;
 }
 
 int TarnikQ::Free(zorvik_frm_desc* frame) {
-  if (const int refused = refuse("Free", kIngress); refused != 0) {
+  if (const int refused = refuse("Free", kIngress); refused != kQOk) {
     return refused;
   }
   if (zorlib_frm_free(ifg, frame) < 0) {
     TARNIK_ERROR("Error: %s: zorlib_frm_free failed, errno=%d", "Free", errno);
-    return -1;
+    return kQFailed;
   }
-  return 0;
+  return kQOk;
 }
 
 void TarnikQ::Dump(zorvik_frm_desc* frame, const char* label) {

@@ -71,11 +71,11 @@ TEST_F(TarnikQTest, AFailedOpenChangesNeitherQueueNorMode) {
     EXPECT_EQ(fieldsOf(q.get()).q, nullptr);
     EXPECT_EQ(fieldsOf(q.get()).mode, -1);
   }
-  EXPECT_EQ(q->Open(2), -4);
+  EXPECT_EQ(q->Open(2), kQWrongMode);
   EXPECT_EQ(fieldsOf(q.get()).mode, -1);
   zorlib_q* const open = fieldsOf(writer_).q;
   EXPECT_EQ(writer_->Open(TarnikQ::kIngress), -1);
-  EXPECT_EQ(writer_->Open(2), -4);
+  EXPECT_EQ(writer_->Open(2), kQWrongMode);
   EXPECT_EQ(fieldsOf(writer_).q, open);
   EXPECT_EQ(fieldsOf(writer_).mode, 1) << "of the open that succeeded";
   answerNothing();

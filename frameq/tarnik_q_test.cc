@@ -16,13 +16,13 @@ using ::testing::IsEmpty;
 TEST_F(TarnikQTest, OpensInTwoModesOnly) {
   auto q = fresh();
   clearLog();
-  EXPECT_EQ(q->Open(2), -4);
-  EXPECT_EQ(q->Open(-1), -4);
+  EXPECT_EQ(q->Open(2), kQWrongMode);
+  EXPECT_EQ(q->Open(-1), kQWrongMode);
   EXPECT_THAT(logLines(), ElementsAre(error("Error: Open: mode not valid (2)"),
                                       error("Error: Open: mode not valid (-1)")));
   clearLog();
   zorlib_ifg* const group = capture_if::ifg.exchange(nullptr);
-  EXPECT_EQ(q->Open(2), -3) << "the group is looked at before the mode";
+  EXPECT_EQ(q->Open(2), kQNoGroup) << "the group is looked at before the mode";
   capture_if::ifg = group;
   EXPECT_THAT(logLines(), ElementsAre(error("Error: Open: ifg handle not valid ((nil))")));
 }
@@ -37,7 +37,7 @@ TEST_F(TarnikQTest, AFailedOpenLeavesTheObjectAsItWas) {
               ElementsAre(error("Error: zorlib_q_stat: stat ioctl failed - Input/output error"),
                           error("Error: Open: zorlib_q_app_open failed, errno=5"),
                           info("Open: TarnikIfInit must be called")));
-  EXPECT_EQ(q->getFd(), -2);
+  EXPECT_EQ(q->getFd(), kQNotOpen);
 }
 
 TEST_F(TarnikQTest, TellsOfAnOpenAtDebugLevelFour) {
@@ -60,13 +60,13 @@ TEST_F(TarnikQTest, WithoutAQueueEveryOperationSaysSo) {
   zorvik_frm_desc* const desc = frame();
   zorvik_frm_desc* read = nullptr;
   clearLog();
-  EXPECT_EQ(q->getSize(), -2);
-  EXPECT_EQ(q->getFd(), -2);
-  EXPECT_EQ(q->Read(&read), -2);
-  EXPECT_EQ(q->Write(desc), -2);
-  EXPECT_EQ(q->WritePkt(desc, 1, 7), -2);
-  EXPECT_EQ(q->Drain(), -2);
-  EXPECT_EQ(q->Free(desc), -2);
+  EXPECT_EQ(q->getSize(), kQNotOpen);
+  EXPECT_EQ(q->getFd(), kQNotOpen);
+  EXPECT_EQ(q->Read(&read), kQNotOpen);
+  EXPECT_EQ(q->Write(desc), kQNotOpen);
+  EXPECT_EQ(q->WritePkt(desc, 1, 7), kQNotOpen);
+  EXPECT_EQ(q->Drain(), kQNotOpen);
+  EXPECT_EQ(q->Free(desc), kQNotOpen);
   EXPECT_EQ(q->Close(), 0);
   q->Shutdown();
   q->SetTimeout(5);
@@ -96,11 +96,11 @@ TEST_F(TarnikQTest, EachModeHasItsOperations) {
   zorvik_frm_desc* const desc = frame();
   zorvik_frm_desc* read = nullptr;
   clearLog();
-  EXPECT_EQ(writer_->Read(&read), -4);
-  EXPECT_EQ(writer_->Free(desc), -4);
-  EXPECT_EQ(writer_->Drain(), -4);
-  EXPECT_EQ(reader_->Write(desc), -4);
-  EXPECT_EQ(reader_->WritePkt(desc, 1, 7), -4);
+  EXPECT_EQ(writer_->Read(&read), kQWrongMode);
+  EXPECT_EQ(writer_->Free(desc), kQWrongMode);
+  EXPECT_EQ(writer_->Drain(), kQWrongMode);
+  EXPECT_EQ(reader_->Write(desc), kQWrongMode);
+  EXPECT_EQ(reader_->WritePkt(desc, 1, 7), kQWrongMode);
   EXPECT_THAT(logLines(),
               ElementsAre(error("Error: Read: Invalid mode"), error("Error: Free: Invalid mode"),
                           error("Error: Drain: Invalid mode"), error("Error: Write: Invalid mode"),
@@ -198,9 +198,9 @@ TEST_F(TarnikQTest, AnEmptyQueueGivesNothingWithinTheTimeout) {
   std::uint8_t* data = nullptr;
   std::uint64_t tag = 0;
   std::uint32_t flags = 0;
-  EXPECT_EQ(reader_->ReadPkt(&desc, &data, &tag, &flags), -5);
+  EXPECT_EQ(reader_->ReadPkt(&desc, &data, &tag, &flags), kQTimeout);
   EXPECT_EQ(errno, EAGAIN);
-  EXPECT_EQ(reader_->Read(&desc), -5);
+  EXPECT_EQ(reader_->Read(&desc), kQTimeout);
 }
 
 TEST_F(TarnikQTest, AShutdownFromAnotherThreadEndsAWaitingRead) {
@@ -226,11 +226,11 @@ TEST_F(TarnikQTest, AFullQueueTakesNothingMore) {
   for (int i = 0; i < 63; ++i) {
     EXPECT_EQ(writer_->Write(desc), 0);
   }
-  EXPECT_EQ(writer_->Write(desc), -5);
+  EXPECT_EQ(writer_->Write(desc), kQTimeout);
   EXPECT_EQ(errno, EAGAIN);
   EXPECT_THAT(logLines(), IsEmpty());
   setDebugLevel(1);
-  EXPECT_EQ(writer_->Write(desc), -5);
+  EXPECT_EQ(writer_->Write(desc), kQTimeout);
   EXPECT_THAT(
       logLines(),
       ElementsAre(debug(text("Debug: Write: Failed to write %p", static_cast<void*>(desc)))));

@@ -17,7 +17,7 @@
 #include "capture/meta_cache.h"
 #include "capture/testing/files.h"
 #include "capture/testing/platform.h"
-#include "frameq/tarnik_if.h"
+#include "frameq/tarnik_q.h"
 
 namespace tarnik::test {
 

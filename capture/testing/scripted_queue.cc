@@ -93,7 +93,7 @@ int TarnikQ::Open(int mode) {
 
 int TarnikQ::Close() {
   call("Close");
-  return 0;
+  return kQOk;
 }
 
 void TarnikQ::Shutdown() {
@@ -117,7 +117,7 @@ int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t
   }
   if (test::shutDown) {
     errno = ESHUTDOWN;
-    return -1;
+    return kQFailed;
   }
   const test::Read& read = script.reads[test::nextRead++];
   lock.unlock();
@@ -134,7 +134,7 @@ int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t
 
 int TarnikQ::Free(zorvik_frm_desc* frame) {
   call("Free(" + std::to_string(frame->index) + ")");
-  return 0;
+  return kQOk;
 }
 
 std::uint32_t TarnikQ::room(const std::uint8_t*) {

@@ -55,7 +55,9 @@ class ThreadTest : public ManagerTest {
             .captureId = captureId,
             .flags = flags};
   }
-  static Read failure(int error) { return {.result = error == EAGAIN ? -5 : -1, .error = error}; }
+  static Read failure(int error) {
+    return {.result = error == EAGAIN ? kQTimeout : kQFailed, .error = error};
+  }
 
   // Plays the script to its end and stops the thread.
   void run(Script script) {

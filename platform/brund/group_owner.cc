@@ -157,7 +157,7 @@ bool GroupOwner::take(const std::vector<std::string>& ports, std::size_t queueSi
   if (!takeGroup(ports, reason)) {
     return false;
   }
-  if (TarnikIfQInit(queueSize) != 0) {
+  if (TarnikIfQInit(queueSize) != kQOk) {
     reason = cannot("make the queue of", errno);
     return false;
   }
@@ -168,7 +168,7 @@ GroupOwner::Removal GroupOwner::remove(std::string& reason) {
   if (!group_) {
     return Removal::kDone;
   }
-  int error = TarnikIfQFini() == -1 ? errno : 0;
+  int error = TarnikIfQFini() == kQFailed ? errno : 0;
   TarnikIfgClose();  // it stays open with a queue that stays
   group_.reset();
   if (error == 0 || error == ENOENT) {

@@ -41,7 +41,7 @@ bool QueueSender::open(zorlib_ifg& group, bool wait, std::string& reason) {
   zorlib_ifg_info info;
   paired_ = zorlib_ifg_query(&group, &info) == 0 && info.num_ifs >= 2;
   queue_.reset(TarnikIfCreate());
-  if (!queue_ || queue_->Open(TarnikQ::kEgress) != 0) {
+  if (!queue_ || queue_->Open(TarnikQ::kEgress) != kQOk) {
     reason = std::string("cannot open the queue for writing: ") + std::strerror(errno);
     return false;
   }
@@ -117,10 +117,10 @@ QueueSender::Put QueueSender::put(const Frame& frame, bool fromLow, std::uint64_
   }
   for (;;) {
     const int result = queue_->WritePkt(desc, captureId, flags);
-    if (result == 0) {
+    if (result == kQOk) {
       return Put::kQueued;
     }
-    const bool full = result == -5 || errno == EINTR;
+    const bool full = result == kQTimeout || errno == EINTR;
     if (!full || patience == nullptr || !patience->goOn()) {
       giveBack(desc);
       return full ? Put::kQueueFull : Put::kFailed;
