@@ -2,12 +2,23 @@
 
 #include <concepts>
 
-#include "base/log.h"
-
 namespace tarnik {
 namespace {
 
-constexpr std::uint16_t kIdentifiedSize = 16;  // below it a message has no readable identifier
+constexpr std::size_t kIdentifiedSize = 16;  // a shorter message has no identifier to read
+
+enum Offset : std::size_t {
+  kComponentIdAt = 0,
+  kMessageLengthAt = 2,
+  kMessageIdAt = 4,
+  kRequestTypeAt = 16,
+  kFlagsAt = 18,
+  kCaptureIdAt = 19,
+  kFlowIdAt = 27,
+  kTriggerIdAt = 35,
+  kStatusAt = 19,
+  kStateAt = 21,
+};
 
 template <std::unsigned_integral T>
 T bigEndian(const std::uint8_t* bytes) {
@@ -35,88 +46,92 @@ void putBigEndian(std::uint8_t* bytes, T value) {
   }
 }
 
-void writeResponse(std::uint8_t* response, std::size_t length, std::uint64_t messageId,
-                   RequestType type, std::uint16_t status) {
-  putBigEndian(response, kComponentId);
-  putBigEndian(response + 2, static_cast<std::uint16_t>(length));
-  putBigEndian(response + 4, messageId);
-  putBigEndian(response + 12, std::uint32_t{0});
-  putBigEndian(response + 16, static_cast<std::uint16_t>(type));
-  response[18] = kResponseFlag;
-  putBigEndian(response + 19, status);
+template <std::unsigned_integral T>
+void putLittleEndian(std::uint8_t* bytes, T value) {
+  for (std::size_t i = 0; i < sizeof(T); ++i) {
+    bytes[i] = static_cast<std::uint8_t>(value);
+    value = static_cast<T>(value >> 8U);
+  }
+}
+
+// A message of `size` bytes with its header filled in. All other bytes are 0.
+template <std::size_t size>
+std::array<std::uint8_t, size> makeMessage(RequestType type, std::uint64_t messageId,
+                                           std::uint8_t flags) {
+  std::array<std::uint8_t, size> message{};
+  putBigEndian(&message[kComponentIdAt], kComponentId);
+  putBigEndian(&message[kMessageLengthAt], static_cast<std::uint16_t>(size));
+  putBigEndian(&message[kMessageIdAt], messageId);
+  putBigEndian(&message[kRequestTypeAt], static_cast<std::uint16_t>(type));
+  message[kFlagsAt] = flags;
+  return message;
 }
 
 }  // namespace
 
-CommandHeader readHeader(const MessageView& message) {
+std::array<std::uint8_t, kHeaderSize> encodeRequest(RequestType type, std::uint64_t messageId) {
+  return makeMessage<kHeaderSize>(type, messageId, kRequestFlag);
+}
+
+std::array<std::uint8_t, kMetadataRequestSize> encodeMetadataRequest(
+    std::uint64_t messageId, const CaptureMetadata& metadata) {
+  auto message = makeMessage<kMetadataRequestSize>(RequestType::kMetadata, messageId, kRequestFlag);
+  putLittleEndian(&message[kCaptureIdAt], metadata.captureId);
+  putLittleEndian(&message[kFlowIdAt], metadata.flowId);
+  putLittleEndian(&message[kTriggerIdAt], metadata.triggerId);
+  return message;
+}
+
+std::optional<CommandResponse> decodeResponse(std::span<const std::uint8_t> message,
+                                              RequestType type, std::uint64_t messageId) {
+  const std::size_t expected =
+      type == RequestType::kGetState ? kStateResponseSize : kReloadResponseSize;
+  if (message.size() != expected) {
+    return std::nullopt;
+  }
+  const CommandHeader header = decodeHeader(message.data(), message.size());
+  if (header.componentId != kComponentId || header.messageLength != expected ||
+      header.messageId != messageId || header.requestType != static_cast<std::uint16_t>(type) ||
+      header.flags != kResponseFlag) {
+    return std::nullopt;
+  }
+  CommandResponse response{bigEndian<std::uint16_t>(&message[kStatusAt]), 0};
+  if (type == RequestType::kGetState) {
+    response.state = littleEndian<std::uint16_t>(&message[kStateAt]);
+  }
+  return response;
+}
+
+CommandHeader decodeHeader(const std::uint8_t* message, std::size_t received) {
   CommandHeader header{};
-  if (message.data == nullptr) {
-    return header;
+  if (received >= kIdentifiedSize) {
+    header.componentId = bigEndian<std::uint16_t>(message + kComponentIdAt);
+    header.messageLength = bigEndian<std::uint16_t>(message + kMessageLengthAt);
+    header.messageId = bigEndian<std::uint64_t>(message + kMessageIdAt);
   }
-  if (message.length >= kIdentifiedSize) {
-    header.componentId = bigEndian<std::uint16_t>(message.data);
-    header.messageLength = bigEndian<std::uint16_t>(message.data + 2);
-    header.messageId = getMessageId(message);
-  }
-  header.requestType = bigEndian<std::uint16_t>(message.data + 16);
-  header.flags = message.data[18];
+  header.requestType = bigEndian<std::uint16_t>(message + kRequestTypeAt);
+  header.flags = message[kFlagsAt];
   return header;
 }
 
-int validateMessage(const MessageView& message, std::uint32_t received) {
-  constexpr char kName[] = "validateMessage";
-  const CommandHeader header = readHeader(message);
-  if (header.componentId != kComponentId) {
-    TARNIK_ERROR("Error: %s: Component ID invalid: %d", kName, header.componentId);
-    return 1;
-  }
-  if (received > kMaxMessage) {
-    TARNIK_ERROR("Error: %s: Max length exceeded: got %d", kName, static_cast<int>(received));
-    return 1;
-  }
-  if (received < header.messageLength) {
-    TARNIK_ERROR("Error: %s: Incomplete message: exp %d got %d", kName, header.messageLength,
-                 static_cast<int>(received));
-    return 1;
-  }
-  if (header.requestType > kMetadataRequest) {
-    TARNIK_ERROR("Error: %s: Unsupported type: %d", kName, header.requestType);
-    return 1;
-  }
-  if ((header.flags & kRequestFlag) == 0) {
-    TARNIK_ERROR("Error: %s: Invalid flags: %02x", kName, header.flags);
-    return 1;
-  }
-  if (header.messageId == 0) {
-    TARNIK_ERROR("Error: %s: Invalid message ID", kName);
-    return 1;
-  }
-  return 0;
+CaptureMetadata decodeMetadata(std::span<const std::uint8_t, kMetadataRequestSize> message) {
+  return {littleEndian<std::uint64_t>(&message[kCaptureIdAt]),
+          littleEndian<std::uint64_t>(&message[kFlowIdAt]),
+          littleEndian<std::uint32_t>(&message[kTriggerIdAt])};
 }
 
-std::uint64_t getMessageId(const MessageView& message) {
-  if (message.data == nullptr || message.length < kIdentifiedSize) {
-    return 0;
-  }
-  return bigEndian<std::uint64_t>(message.data + 4);
+std::array<std::uint8_t, kReloadResponseSize> encodeReloadResponse(std::uint64_t messageId,
+                                                                   std::uint16_t status) {
+  auto message = makeMessage<kReloadResponseSize>(RequestType::kReload, messageId, kResponseFlag);
+  putBigEndian(&message[kStatusAt], status);
+  return message;
 }
 
-CaptureMetadata readMetadata(const MessageView& message) {
-  return {littleEndian<std::uint64_t>(message.data + 19),
-          littleEndian<std::uint64_t>(message.data + 27),
-          littleEndian<std::uint32_t>(message.data + 35)};
-}
-
-void writeReloadResponse(std::uint8_t (&response)[kReloadResponseSize], std::uint64_t messageId,
-                         std::uint16_t status) {
-  writeResponse(response, kReloadResponseSize, messageId, kReloadRequest, status);
-}
-
-void writeStateResponse(std::uint8_t (&response)[kStateResponseSize], std::uint64_t messageId,
-                        std::uint8_t state) {
-  writeResponse(response, kStateResponseSize, messageId, kGetStateRequest, 0);
-  response[21] = state;
-  response[22] = 0;
+std::array<std::uint8_t, kStateResponseSize> encodeStateResponse(std::uint64_t messageId,
+                                                                 std::uint8_t state) {
+  auto message = makeMessage<kStateResponseSize>(RequestType::kGetState, messageId, kResponseFlag);
+  putLittleEndian(&message[kStateAt], std::uint16_t{state});
+  return message;
 }
 
 }  // namespace tarnik

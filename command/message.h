@@ -1,45 +1,54 @@
-// The messages of the command socket: one a datagram, a header of 19 bytes and a payload.
+// The messages of the daemon's command socket. Each datagram is one message: a header of 19 bytes
+// and a payload.
 //
 //   offset  size  field          byte order
 //        0     2  componentId    big-endian, 7
-//        2     2  messageLength  big-endian, header included
-//        4     8  messageId      big-endian, not 0
-//       12     4  reserved
-//       16     2  requestType    big-endian
+//        2     2  messageLength  big-endian, includes the header
+//        4     8  messageId      big-endian, not 0; a response repeats that of its request
+//       12     4  reserved       0
+//       16     2  requestType    big-endian; a response repeats that of its request
 //       18     1  flags          bit 0: request, bit 1: response
 //       19        payload
 //
-//   metadata request   19  8 captureId, 27  8 flowId, 35  4 triggerId: little-endian
-//   any response       19  2 status, big-endian
-//   get-state response 21  2 daemon state, little-endian
+//   payload of             offset  size  field
+//   metadata request           19     8  captureId, little-endian
+//                              27     8  flowId, little-endian
+//                              35     4  triggerId, little-endian
+//   all responses              19     2  status, big-endian
+//   get-state response         21     2  daemon state, little-endian
+//
+// The functions here only read and write bytes. They are thread-safe.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <span>
 
 namespace tarnik {
 
 inline constexpr std::uint16_t kComponentId = 7;
 inline constexpr std::size_t kMaxMessage = 4096;
 inline constexpr std::size_t kHeaderSize = 19;
-inline constexpr std::size_t kMetadataSize = kHeaderSize + 20;
+inline constexpr std::size_t kMetadataRequestSize = kHeaderSize + 20;
 inline constexpr std::size_t kReloadResponseSize = kHeaderSize + 2;
 inline constexpr std::size_t kStateResponseSize = kHeaderSize + 4;
 
 enum : std::uint8_t { kRequestFlag = 0x01, kResponseFlag = 0x02 };
 
-enum RequestType : std::uint16_t {
-  kReloadRequest = 1,
-  kGetStateRequest = 2,
-  kDumpRequest = 3,
-  kMetadataRequest = 4,
+enum class RequestType : std::uint16_t {
+  kReload = 1,
+  kGetState = 2,
+  kDump = 3,
+  kMetadata = 4,
 };
 
 struct CommandHeader {
   std::uint16_t componentId;
   std::uint16_t messageLength;
   std::uint64_t messageId;
-  std::uint16_t requestType;
+  std::uint16_t requestType;  // any number: the sender is not trusted
   std::uint8_t flags;
 };
 
@@ -49,36 +58,38 @@ struct CaptureMetadata {
   std::uint32_t triggerId;
 };
 
-// A received message. The bytes stay the caller's. They are null or at least kHeaderSize, zeroes
-// standing in for what a short datagram does not hold; `length` counts those received.
-class MessageView {
- public:
-  MessageView(const std::uint8_t* bytes, std::uint16_t byteCount)
-      : data(bytes), length(byteCount) {}
-  virtual ~MessageView() = default;
-  MessageView(const MessageView&) = delete;
-  MessageView& operator=(const MessageView&) = delete;
-
-  const std::uint8_t* const data;
-  const std::uint16_t length;
+struct CommandResponse {
+  std::uint16_t status;  // 0: success
+  std::uint16_t state;   // of a get-state response; else 0
 };
 
-// The header's fields; the first three are 0 when fewer than 16 bytes were received.
-[[nodiscard]] CommandHeader readHeader(const MessageView& message);
+// Client side.
 
-// 0 when the header of a message of `received` bytes is acceptable; else 1, with a log line.
-[[nodiscard]] int validateMessage(const MessageView& message, std::uint32_t received);
+// A request without a payload: reload, get state or dump.
+[[nodiscard]] std::array<std::uint8_t, kHeaderSize> encodeRequest(RequestType type,
+                                                                  std::uint64_t messageId);
+[[nodiscard]] std::array<std::uint8_t, kMetadataRequestSize> encodeMetadataRequest(
+    std::uint64_t messageId, const CaptureMetadata& metadata);
 
-// The message's identifier, or 0 when it holds none.
-[[nodiscard]] std::uint64_t getMessageId(const MessageView& message);
+// The response to the reload or get-state request `messageId`. Empty when `message` is anything
+// else.
+[[nodiscard]] std::optional<CommandResponse> decodeResponse(std::span<const std::uint8_t> message,
+                                                            RequestType type,
+                                                            std::uint64_t messageId);
 
-// `message` holds kMetadataSize bytes.
-[[nodiscard]] CaptureMetadata readMetadata(const MessageView& message);
+// Daemon side.
 
-// Fill a response completely.
-void writeReloadResponse(std::uint8_t (&response)[kReloadResponseSize], std::uint64_t messageId,
-                         std::uint16_t status);
-void writeStateResponse(std::uint8_t (&response)[kStateResponseSize], std::uint64_t messageId,
-                        std::uint8_t state);
+// Reads the header of a message of which `received` bytes arrived. `message` has at least
+// kHeaderSize bytes all the same: zeroes follow those received. The first three fields are 0 when
+// fewer than 16 bytes arrived.
+[[nodiscard]] CommandHeader decodeHeader(const std::uint8_t* message, std::size_t received);
+
+[[nodiscard]] CaptureMetadata decodeMetadata(
+    std::span<const std::uint8_t, kMetadataRequestSize> message);
+
+[[nodiscard]] std::array<std::uint8_t, kReloadResponseSize> encodeReloadResponse(
+    std::uint64_t messageId, std::uint16_t status);
+[[nodiscard]] std::array<std::uint8_t, kStateResponseSize> encodeStateResponse(
+    std::uint64_t messageId, std::uint8_t state);
 
 }  // namespace tarnik

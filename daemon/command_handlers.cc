@@ -27,18 +27,22 @@ std::string nameOf(const SenderAddress& sender) {
   return {path, strnlen(path, sizeof sender.address.sun_path)};
 }
 
+CommandHeader headerOf(const MessageView& message) {
+  return message.data == nullptr ? CommandHeader{} : decodeHeader(message.data, message.length);
+}
+
 int dispatch(const MessageView& message, std::uint32_t received, const SenderAddress& sender) {
-  const std::uint16_t type = readHeader(message).requestType;
-  switch (type) {
-    case kReloadRequest:
+  const std::uint16_t type = headerOf(message).requestType;
+  switch (static_cast<RequestType>(type)) {
+    case RequestType::kReload:
       return processReloadRequest(getMessageId(message), sender);
-    case kGetStateRequest:
+    case RequestType::kGetState:
       return processGetStateRequest(getMessageId(message), sender);
-    case kDumpRequest:
+    case RequestType::kDump:
       dumpSettings(getSettings());
       TarnikMetaCache::instance().dump();
       return 0;
-    case kMetadataRequest:
+    case RequestType::kMetadata:
       return processMetadata(message, received);
     default:
       TARNIK_DEBUG(2, "Debug: %s: Unsupported request %d from %s", "processMessage", type,
@@ -48,6 +52,41 @@ int dispatch(const MessageView& message, std::uint32_t received, const SenderAdd
 }
 
 }  // namespace
+
+int validateMessage(const MessageView& message, std::uint32_t received) {
+  constexpr char kName[] = "validateMessage";
+  const CommandHeader header = headerOf(message);
+  if (header.componentId != kComponentId) {
+    TARNIK_ERROR("Error: %s: Component ID invalid: %d", kName, header.componentId);
+    return 1;
+  }
+  if (received > kMaxMessage) {
+    TARNIK_ERROR("Error: %s: Max length exceeded: got %d", kName, static_cast<int>(received));
+    return 1;
+  }
+  if (received < header.messageLength) {
+    TARNIK_ERROR("Error: %s: Incomplete message: exp %d got %d", kName, header.messageLength,
+                 static_cast<int>(received));
+    return 1;
+  }
+  if (header.requestType > static_cast<std::uint16_t>(RequestType::kMetadata)) {
+    TARNIK_ERROR("Error: %s: Unsupported type: %d", kName, header.requestType);
+    return 1;
+  }
+  if ((header.flags & kRequestFlag) == 0) {
+    TARNIK_ERROR("Error: %s: Invalid flags: %02x", kName, header.flags);
+    return 1;
+  }
+  if (header.messageId == 0) {
+    TARNIK_ERROR("Error: %s: Invalid message ID", kName);
+    return 1;
+  }
+  return 0;
+}
+
+std::uint64_t getMessageId(const MessageView& message) {
+  return headerOf(message).messageId;
+}
 
 void processMessage() {
   SenderAddress sender{};
@@ -77,26 +116,25 @@ int processReloadRequest(std::uint64_t messageId, const SenderAddress& sender) {
     TARNIK_ERROR("Error: %s: Failed to reload tarnikd config", "processReloadRequest");
     status = kStatusReloadFailed;
   }
-  std::uint8_t response[kReloadResponseSize];
-  writeReloadResponse(response, messageId, status);
-  return clientResp(response, sizeof response, sender);
+  const auto response = encodeReloadResponse(messageId, status);
+  return clientResp(response.data(), response.size(), sender);
 }
 
 int processGetStateRequest(std::uint64_t messageId, const SenderAddress& sender) {
   TARNIK_DEBUG(0, "Debug: %s: entry", "processGetStateRequest");
-  std::uint8_t response[kStateResponseSize];
-  writeStateResponse(response, messageId, DaemonState);
-  return clientResp(response, sizeof response, sender);
+  const auto response = encodeStateResponse(messageId, DaemonState);
+  return clientResp(response.data(), response.size(), sender);
 }
 
 int processMetadata(const MessageView& message, std::uint32_t received) {
   TARNIK_DEBUG(3, "Debug: %s: entry", "processMetadata");
-  if (received != kMetadataSize) {
+  if (received != kMetadataRequestSize) {
     TARNIK_ERROR("Error: %s: Invalid message length, got %d, exp %d", "processMetadata",
-                 static_cast<int>(received), static_cast<int>(kMetadataSize));
+                 static_cast<int>(received), static_cast<int>(kMetadataRequestSize));
     return kRefused;
   }
-  const CaptureMetadata metadata = readMetadata(message);
+  const CaptureMetadata metadata =
+      decodeMetadata(std::span<const std::uint8_t, kMetadataRequestSize>(message.data, received));
   TARNIK_DEBUG(0, "Debug: %s: Adding 0x%lx flowId=0x%lx triggerId=0x%x", "processMetadata",
                metadata.captureId, metadata.flowId, metadata.triggerId);
   TarnikMetaCache::instance().add(metadata.captureId, metadata.flowId, metadata.triggerId);

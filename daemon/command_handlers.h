@@ -11,6 +11,26 @@ namespace tarnik {
 
 using SenderAddress = OrloCmdSender;
 
+// A received message. The bytes belong to the caller: null, or at least kHeaderSize of them, with
+// zeroes in place of those that a short datagram lacks. `length` counts the bytes received.
+class MessageView {
+ public:
+  MessageView(const std::uint8_t* bytes, std::uint16_t byteCount)
+      : data(bytes), length(byteCount) {}
+  virtual ~MessageView() = default;
+  MessageView(const MessageView&) = delete;
+  MessageView& operator=(const MessageView&) = delete;
+
+  const std::uint8_t* const data;
+  const std::uint16_t length;
+};
+
+// 0 when the header of a message of `received` bytes is acceptable; else 1, with a log line.
+[[nodiscard]] int validateMessage(const MessageView& message, std::uint32_t received);
+
+// The message's identifier, or 0 when it holds none.
+[[nodiscard]] std::uint64_t getMessageId(const MessageView& message);
+
 // Receives one message and handles it. What is not acceptable is logged and gets no answer.
 void processMessage();
 

@@ -11,34 +11,9 @@
 #include <chrono>
 #include <cstring>
 
+#include "command/message.h"
+
 namespace tarnik::brund {
-namespace {
-
-constexpr std::uint16_t kComponentId = 7;
-constexpr std::uint16_t kRequestMetadata = 4;
-constexpr std::uint8_t kFlagRequest = 0x01;
-
-void put(MetadataRequest& bytes, std::size_t at, int size, std::uint64_t value, bool bigEndian) {
-  for (int i = 0; i < size; ++i) {
-    const int shift = 8 * (bigEndian ? size - 1 - i : i);
-    bytes[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(value >> shift);
-  }
-}
-
-}  // namespace
-
-MetadataRequest encodeMetadata(std::uint64_t messageId, const Metadata& metadata) {
-  MetadataRequest bytes{};
-  put(bytes, 0, 2, kComponentId, true);
-  put(bytes, 2, 2, bytes.size(), true);
-  put(bytes, 4, 8, messageId, true);
-  put(bytes, 16, 2, kRequestMetadata, true);
-  put(bytes, 18, 1, kFlagRequest, true);
-  put(bytes, 19, 8, metadata.capture_id, false);
-  put(bytes, 27, 8, metadata.flow_id, false);
-  put(bytes, 35, 4, metadata.trigger_id, false);
-  return bytes;
-}
 
 OwnedFd MetadataSender::connected() const {
   sockaddr_un address{};
@@ -70,7 +45,8 @@ MetadataSender::Sent MetadataSender::send(const Metadata& metadata) {
   if (!connect()) {
     return Sent::kNoDaemon;
   }
-  const MetadataRequest request = encodeMetadata(++message_id_, metadata);
+  const auto request = encodeMetadataRequest(
+      ++message_id_, {metadata.capture_id, metadata.flow_id, metadata.trigger_id});
   ssize_t sent = 0;
   do {
     sent = ::send(fd_.get(), request.data(), request.size(), MSG_DONTWAIT | MSG_NOSIGNAL);

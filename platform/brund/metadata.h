@@ -1,7 +1,6 @@
 // Tells the daemon, over its command socket, what a capture stands for. One thread.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <string>
 
@@ -16,10 +15,6 @@ struct Metadata {
   std::uint64_t flow_id = 0;
   std::uint32_t trigger_id = 0;
 };
-
-// The request's 39 bytes: the header big-endian, the payload little-endian.
-using MetadataRequest = std::array<std::uint8_t, 39>;
-[[nodiscard]] MetadataRequest encodeMetadata(std::uint64_t messageId, const Metadata& metadata);
 
 class MetadataSender {
  public:

@@ -10,28 +10,13 @@
 #include <thread>
 #include <vector>
 
+#include "command/message.h"
 #include "platform/brund/testing/data.h"
 
 namespace tarnik::brund {
 namespace {
 
 using Sent = MetadataSender::Sent;
-
-TEST(MetadataRequestTest, ByteForByte) {
-  const MetadataRequest request =
-      encodeMetadata(0x0102030405060708, {0x1112131415161718, 0x2122232425262728, 0x31323334});
-  const std::uint8_t expected[39] = {
-      0,    7,                                         // component
-      0,    39,                                        // length
-      1,    2,    3,    4,    5,    6,    7,    8,     // message identifier
-      0,    0,    0,    0,                             // reserved
-      0,    4,                                         // request type
-      1,                                               // a request
-      0x18, 0x17, 0x16, 0x15, 0x14, 0x13, 0x12, 0x11,  // capture, little-endian
-      0x28, 0x27, 0x26, 0x25, 0x24, 0x23, 0x22, 0x21,  // flow
-      0x34, 0x33, 0x32, 0x31};                         // trigger
-  EXPECT_EQ(std::memcmp(request.data(), expected, sizeof expected), 0);
-}
 
 class MetadataSenderTest : public ::testing::Test {
  protected:
@@ -60,7 +45,7 @@ TEST_F(MetadataSenderTest, SendsWithRisingIdentifiers) {
   ASSERT_TRUE(sender.connect());
   for (std::uint8_t id = 1; id <= 2; ++id) {
     ASSERT_EQ(sender.send({5, 6, 7}), Sent::kSent);
-    const MetadataRequest expected = encodeMetadata(id, {5, 6, 7});
+    const auto expected = encodeMetadataRequest(id, {5, 6, 7});
     EXPECT_EQ(receive(daemon), std::vector<std::uint8_t>(expected.begin(), expected.end()));
   }
 }

@@ -17,31 +17,6 @@
 namespace tarnik::ctl {
 namespace {
 
-constexpr std::uint16_t kComponentId = 7;
-constexpr std::size_t kHeaderSize = 19;
-constexpr std::uint8_t kRequestFlag = 0x01;
-constexpr std::uint8_t kResponseFlag = 0x02;
-
-void putBig(std::vector<std::uint8_t>& out, std::uint64_t value, int bytes) {
-  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
-    out.push_back(static_cast<std::uint8_t>(value >> shift));
-  }
-}
-
-void putLittle(std::vector<std::uint8_t>& out, std::uint64_t value, int bytes) {
-  for (int shift = 0; shift < 8 * bytes; shift += 8) {
-    out.push_back(static_cast<std::uint8_t>(value >> shift));
-  }
-}
-
-std::uint64_t getBig(const std::uint8_t* bytes, int count) {
-  std::uint64_t value = 0;
-  for (int i = 0; i < count; ++i) {
-    value = value << 8 | bytes[i];
-  }
-  return value;
-}
-
 bool address(const std::string& path, sockaddr_un& result) {
   result = {};
   result.sun_family = AF_UNIX;
@@ -66,28 +41,6 @@ std::uint64_t newMessageId() {
 }
 
 }  // namespace
-
-std::vector<std::uint8_t> makeRequest(Request type, std::uint64_t messageId,
-                                      const std::vector<std::uint8_t>& payload) {
-  std::vector<std::uint8_t> message;
-  putBig(message, kComponentId, 2);
-  putBig(message, kHeaderSize + payload.size(), 2);
-  putBig(message, messageId, 8);
-  putBig(message, 0, 4);
-  putBig(message, static_cast<std::uint16_t>(type), 2);
-  putBig(message, kRequestFlag, 1);
-  message.insert(message.end(), payload.begin(), payload.end());
-  return message;
-}
-
-std::vector<std::uint8_t> metadataPayload(std::uint64_t captureId, std::uint64_t flowId,
-                                          std::uint32_t triggerId) {
-  std::vector<std::uint8_t> payload;
-  putLittle(payload, captureId, 8);
-  putLittle(payload, flowId, 8);
-  putLittle(payload, triggerId, 4);
-  return payload;
-}
 
 CommandClient::~CommandClient() {
   if (!ownPath_.empty()) {
@@ -122,7 +75,7 @@ int CommandClient::connect(const std::string& path, double timeoutSeconds) {
   return kDone;
 }
 
-int CommandClient::send(const std::vector<std::uint8_t>& request) {
+int CommandClient::send(std::span<const std::uint8_t> request) {
   if (::send(socket_.get(), request.data(), request.size(), 0) ==
       static_cast<ssize_t>(request.size())) {
     return kDone;
@@ -137,12 +90,11 @@ int CommandClient::send(const std::vector<std::uint8_t>& request) {
                   std::strerror(errno));
 }
 
-int CommandClient::ask(Request type, Response& response) {
+int CommandClient::ask(RequestType type, CommandResponse& response) {
   const std::uint64_t messageId = newMessageId();
-  if (const int status = send(makeRequest(type, messageId)); status != kDone) {
+  if (const int status = send(encodeRequest(type, messageId)); status != kDone) {
     return status;
   }
-  const std::size_t expected = type == Request::kGetState ? 23 : 21;
   using Clock = std::chrono::steady_clock;
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                       std::chrono::duration<double>(timeout_));
@@ -159,12 +111,11 @@ int CommandClient::ask(Request type, Response& response) {
     setTimeout(socket_.get(), SO_RCVTIMEO, left);
     std::array<std::uint8_t, 64> bytes{};
     const ssize_t received = ::recv(socket_.get(), bytes.data(), bytes.size(), 0);
-    // Anything else is a late answer to somebody else's question.
-    if (received == static_cast<ssize_t>(expected) && getBig(&bytes[0], 2) == kComponentId &&
-        getBig(&bytes[2], 2) == expected && getBig(&bytes[4], 8) == messageId &&
-        getBig(&bytes[16], 2) == static_cast<std::uint16_t>(type) && bytes[18] == kResponseFlag) {
-      response.status = static_cast<std::uint16_t>(getBig(&bytes[19], 2));
-      response.state = static_cast<std::uint16_t>(bytes[21] | bytes[22] << 8);
+    // Other datagrams are late answers to earlier requests.
+    const std::span<const std::uint8_t> message(
+        bytes.data(), received > 0 ? static_cast<std::size_t>(received) : 0);
+    if (const auto decoded = decodeResponse(message, type, messageId)) {
+      response = *decoded;
       return kDone;
     }
     if (received < 0 && errno != EAGAIN && errno != EINTR) {

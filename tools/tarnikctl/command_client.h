@@ -2,27 +2,13 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
-#include <vector>
 
 #include "base/owned.h"
+#include "command/message.h"
 
 namespace tarnik::ctl {
-
-enum class Request : std::uint16_t { kReload = 1, kGetState = 2, kDump = 3, kMetadata = 4 };
-
-// A request as it goes over the wire: 19 bytes of header, then the payload.
-[[nodiscard]] std::vector<std::uint8_t> makeRequest(Request type, std::uint64_t messageId,
-                                                    const std::vector<std::uint8_t>& payload = {});
-// captureId, flowId and triggerId, little-endian: 20 bytes.
-[[nodiscard]] std::vector<std::uint8_t> metadataPayload(std::uint64_t captureId,
-                                                        std::uint64_t flowId,
-                                                        std::uint32_t triggerId);
-
-struct Response {
-  std::uint16_t status = 0;  // 0 done
-  std::uint16_t state = 0;   // of a get-state request
-};
 
 // One connection: a socket with a name of its own beside the daemon's, so that it can answer.
 class CommandClient {
@@ -36,9 +22,9 @@ class CommandClient {
   // Connects to the daemon's socket at `path`.
   [[nodiscard]] int connect(const std::string& path, double timeoutSeconds);
   // Sends a request that is not answered.
-  [[nodiscard]] int send(const std::vector<std::uint8_t>& request);
+  [[nodiscard]] int send(std::span<const std::uint8_t> request);
   // Sends a request and waits for the response that belongs to it.
-  [[nodiscard]] int ask(Request type, Response& response);
+  [[nodiscard]] int ask(RequestType type, CommandResponse& response);
 
  private:
   OwnedFd socket_;

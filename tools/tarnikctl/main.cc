@@ -55,10 +55,10 @@ struct Options {
 
 int reload(const Options& options) {
   CommandClient client;
-  Response response;
+  CommandResponse response{};
   int status = client.connect(options.socket, options.timeout);
   if (status == kDone) {
-    status = client.ask(Request::kReload, response);
+    status = client.ask(RequestType::kReload, response);
   }
   if (status == kDone && response.status != 0) {
     return complain(kFailed,
@@ -74,10 +74,10 @@ int state(const Options& options) {
       "unknown", "starting",        "started",   "stopping",
       "stopped", "failed to start", "reloading", "configuration invalid"};
   CommandClient client;
-  Response response;
+  CommandResponse response{};
   int status = client.connect(options.socket, options.timeout);
   if (status == kDone) {
-    status = client.ask(Request::kGetState, response);
+    status = client.ask(RequestType::kGetState, response);
   }
   if (status == kDone) {
     std::printf("%s\n", response.state < kStates.size() ? kStates[response.state] : "unknown");
@@ -85,14 +85,14 @@ int state(const Options& options) {
   return status;
 }
 
-int sendOnly(const Options& options, Request type, const std::vector<std::uint8_t>& payload) {
+int sendOnly(const Options& options, std::span<const std::uint8_t> request) {
   CommandClient client;
   const int status = client.connect(options.socket, options.timeout);
-  return status != kDone ? status : client.send(makeRequest(type, 1, payload));
+  return status != kDone ? status : client.send(request);
 }
 
 int dump(const Options& options) {
-  return sendOnly(options, Request::kDump, {});
+  return sendOnly(options, encodeRequest(RequestType::kDump, 1));
 }
 
 template <typename Number>
@@ -114,7 +114,7 @@ int metadata(const Options& options) {
                     "metadata takes three numbers: capture and flow up to 64 bits, trigger up to "
                     "32 bits");
   }
-  return sendOnly(options, Request::kMetadata, metadataPayload(captureId, flowId, triggerId));
+  return sendOnly(options, encodeMetadataRequest(1, {captureId, flowId, triggerId}));
 }
 
 std::string shown(const Options& options, const Stats& now) {

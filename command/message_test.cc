@@ -1,0 +1,56 @@
+#include "command/message.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace tarnik {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using ::testing::ElementsAreArray;
+
+constexpr std::uint64_t kId = 0x0102030405060708;
+
+TEST(CommandMessageTest, RequestsByteForByte) {
+  EXPECT_THAT(encodeRequest(RequestType::kDump, kId),
+              ElementsAreArray({0, 7, 0, 19, 1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0, 3, 1}));
+  EXPECT_THAT(encodeMetadataRequest(kId, {0x1112131415161718, 0x2122232425262728, 0x31323334}),
+              ElementsAreArray({0,    7,    0,    39,   1,    2,    3,    4,    5,    6,
+                                7,    8,    0,    0,    0,    0,    0,    4,    1,    0x18,
+                                0x17, 0x16, 0x15, 0x14, 0x13, 0x12, 0x11, 0x28, 0x27, 0x26,
+                                0x25, 0x24, 0x23, 0x22, 0x21, 0x34, 0x33, 0x32, 0x31}));
+}
+
+TEST(CommandMessageTest, DecodesResponses) {
+  const Bytes reload = {0, 7, 0, 21, 1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0, 1, 2, 0x01, 0x0c};
+  auto response = decodeResponse(reload, RequestType::kReload, kId);
+  ASSERT_TRUE(response);
+  EXPECT_EQ(response->status, 0x010c);
+  EXPECT_EQ(response->state, 0);
+  const Bytes state = {0, 7, 0, 23, 1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0, 2, 2, 0, 5, 0x34, 0x12};
+  response = decodeResponse(state, RequestType::kGetState, kId);
+  ASSERT_TRUE(response);
+  EXPECT_EQ(response->status, 5);
+  EXPECT_EQ(response->state, 0x1234);
+}
+
+TEST(CommandMessageTest, DecodesOnlyTheResponseToTheRequest) {
+  const Bytes reload = {0, 7, 0, 21, 1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0, 1, 2, 0, 0};
+  EXPECT_FALSE(decodeResponse(reload, RequestType::kReload, kId + 1));
+  EXPECT_FALSE(decodeResponse(reload, RequestType::kGetState, kId));
+  for (const std::size_t at : {0, 1, 2, 3, 4, 11, 16, 17, 18}) {
+    Bytes changed = reload;
+    changed[at] ^= 0x80;
+    EXPECT_FALSE(decodeResponse(changed, RequestType::kReload, kId)) << at;
+  }
+  for (const std::size_t size : {0, 15, 19, 20, 22, 23}) {
+    Bytes resized = reload;
+    resized.resize(size);
+    EXPECT_FALSE(decodeResponse(resized, RequestType::kReload, kId)) << size;
+  }
+}
+
+}  // namespace
+}  // namespace tarnik
