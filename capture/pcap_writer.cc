@@ -27,12 +27,6 @@ constexpr std::array<std::uint8_t, 24> kFileHeader = {
     1,    0,    0,    0,     // Ethernet
 };
 
-// Measured in bench/pipeline_bench.cc: with half of it a frame takes a tenth more time, since each
-// flush brings a look at the file's new size. A capture takes memory for what it has filled: ten
-// thousand long ones take 640 MB. No limit sees what waits in a buffer, and it is lost when the
-// daemon is killed.
-constexpr std::size_t kStreamBufferSize = 65536;
-
 // Whether one more capture leaves descriptors for what else the daemon opens, as at a reload or for
 // an info file; else errno is EMFILE. The lowest free one, which an open takes, tells.
 bool descriptorsToSpare() {
@@ -68,8 +62,11 @@ std::uint64_t lastRecordEnd(const char* path, std::uint64_t from, std::uint64_t 
 
 }  // namespace
 
-PcapWriter::PcapWriter(std::string workingPath, std::uint64_t maxFileSize)
-    : workingPath_(std::move(workingPath)), maxFileSize_(maxFileSize) {}
+PcapWriter::PcapWriter(std::string workingPath, std::uint64_t maxFileSize, std::size_t bufferSize)
+    : workingPath_(std::move(workingPath)),
+      bufferSize_(bufferSize),
+      bufferLimit_(bufferSize),
+      maxFileSize_(maxFileSize) {}
 
 PcapWriter::~PcapWriter() {
   Close();
@@ -94,8 +91,8 @@ bool PcapWriter::Open() {
   }
   // One thread at a time uses the writer, so the stream need not lock itself for every call.
   __fsetlocking(stream_.get(), FSETLOCKING_BYCALLER);
-  buffer_ = std::make_unique_for_overwrite<char[]>(kStreamBufferSize);
-  std::setvbuf(stream_.get(), buffer_.get(), _IOFBF, kStreamBufferSize);
+  buffer_ = std::make_unique_for_overwrite<char[]>(bufferSize_);
+  std::setvbuf(stream_.get(), buffer_.get(), _IOFBF, bufferSize_);
   info_.startTime = std::time(nullptr);
   if (!WritePCAPHeader()) {
     return false;
@@ -140,6 +137,11 @@ bool PcapWriter::Write(const FrameHeader& frame, const std::uint8_t* data) {
     return false;
   }
   if (!append(data, frame.capturedLength)) {
+    TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
+    mend();
+    return false;
+  }
+  if (__fpending(stream_.get()) > bufferLimit_ && std::fflush(stream_.get()) != 0) {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
     mend();
     return false;
@@ -193,6 +195,19 @@ bool PcapWriter::cutToWholeRecords() {
   }
   bytesWritten_ = end - kFileHeader.size();
   return true;
+}
+
+void PcapWriter::limitBuffer(std::size_t bytes) {
+  bufferLimit_ = std::min(bytes, bufferSize_);
+  if (!stream_ || __fpending(stream_.get()) <= bufferLimit_) {
+    return;
+  }
+  if (std::fflush(stream_.get()) == 0) {
+    wholeOnDisk_ = kFileHeader.size() + bytesWritten_;
+  } else {
+    TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
+    mend();
+  }
 }
 
 void PcapWriter::Update(const std::string& finalPath, std::uint32_t policyId,
