@@ -1,23 +1,24 @@
-/* The ring of a queue, for the model checker spin. Waits have no time limit.
+/* A model of a queue's ring for the model checker spin. Waits have no time limit.
  *
- *   SLOTS      of the ring, a power of two
- *   PRODUCERS  CONSUMERS
- *   FRAMES     that each producer writes
- *   EARLY_STOP both sides are shut down at any moment; without it nobody is
- *   NAIVE_WAIT the driver puts a waiter to sleep without looking at the flags
- *   UNWRAPPED  a swap fails when its counter has moved at all, even if it has come round to the same
- *              value: the ring as it would be with counters that never wrap
+ *   SLOTS      number of slots, a power of two
+ *   PRODUCERS  number of producers
+ *   CONSUMERS  number of consumers
+ *   FRAMES     number of frames that each producer writes
+ *   EARLY_STOP shut both sides down at any moment; without it there is no shutdown
+ *   NAIVE_WAIT the driver puts a waiter to sleep without checking the flags
+ *   UNWRAPPED  a swap fails when its counter has changed at all, even if it has advanced around the
+ *              ring to the same value: the ring as if its counters never wrapped
  *
- * Every access to a shared word is one step, as zorlib makes it (frameq/zorlib_q_io.cc names the
- * same steps). What a process then does with its own variables belongs to that step, because nobody
- * else can tell when it happens; and it forgets what it needs no more, so that states which differ
- * in nothing that matters are one. A spin is a wait for what ends it, so that endless spinning
- * shows.
+ * Each access to a shared word is one step, in the order of zorlib/q_io.cc. What a process then does
+ * with its own variables is part of that step, because no other process can observe when it
+ * happens. Variables that are no longer needed are set to 0, so that equivalent states are one
+ * state. A process that spins waits for the condition that ends the spin, so that endless spinning
+ * shows as a hang.
  *
- * What is checked: the frames are taken in the order in which their slots were claimed, each once
- * (the assertion, which numbers them as they are claimed); all of them are (init waits for it);
- * nobody hangs, for a lost wake-up, a lost frame or a broken ring leaves somebody waiting (an
- * invalid end state). Without EARLY_STOP consumers may sleep at the end, with it nobody may.
+ * The search checks that frames are taken in the order in which their slots were claimed, and each
+ * once (the assertion: frames are numbered when they are claimed), that all of them are taken (init
+ * waits for it), and that no process hangs: a lost wake-up or a lost frame leaves a process waiting,
+ * which is an invalid end state. Without EARLY_STOP consumers may sleep at the end.
  */
 #ifndef SLOTS
 #define SLOTS 4
@@ -39,10 +40,10 @@ byte enqueue, dequeue;
 byte slot[SLOTS];
 bool producerWoken, consumerWoken;
 
-/* The driver's: who sleeps. */
+/* State of the driver: which processes sleep. */
 bool producerAsleep[PRODUCERS], consumerAsleep[CONSUMERS];
 
-/* The observer's: slots claimed by producers and by consumers. */
+/* Only for the checks: the number of slots claimed by producers and by consumers. */
 byte claimed, taken;
 
 #ifdef UNWRAPPED
@@ -62,7 +63,7 @@ bool producerShut, consumerShut;
 #define STOP_IF(shut) skip
 #endif
 
-byte k; /* of the loops inside wake requests */
+byte k; /* loop variable of the wake requests */
 
 inline wakeProducers() {
   d_step { k = 0; do :: k < PRODUCERS -> producerAsleep[k] = false; k++ :: else -> break od; k = 0 }
@@ -179,7 +180,7 @@ init {
 #ifndef EARLY_STOP
   (taken == TOTAL)
 #else
-  /* As zorlib_q_shutdown does it for the other side. */
+  /* zorlib_q_shutdown on each side. */
   producerShut = true;
   wakeProducers();
   consumerShut = true;
