@@ -1,5 +1,5 @@
-// Frames out of the driver's pool, many with one request: what the caller does not need at once
-// waits in the handle's lists.
+// Allocates frames from the driver's pool, many with one request. The handle's lists keep the
+// frames that the caller does not need yet.
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -14,7 +14,7 @@ using namespace tarnik::zorlib;
 
 namespace {
 
-// The list for frames with such a buffer.
+// The index of the list for frames with buffers of this size.
 std::size_t listFor(std::uint32_t bufferSize) noexcept {
   constexpr std::uint32_t kSmall = 2048;
   constexpr std::uint32_t kMedium = 16384;
@@ -24,9 +24,10 @@ std::size_t listFor(std::uint32_t bufferSize) noexcept {
   return bufferSize <= kMedium ? 1 : 2;
 }
 
-// Whether frame memory is mapped and the lists have their nodes, one a descriptor; else errno.
-// Whoever was here sees the mapping, also one that another thread made.
-bool canAllocate(zorlib_ifg& ifg) noexcept {
+// Prepares the lists: creates their nodes, one per descriptor. False with errno when the frame
+// memory is not mapped or memory is short. Locks the mutex of the mapping, so that the caller sees
+// a mapping that another thread has just made.
+bool prepareLists(zorlib_ifg& ifg) noexcept {
   const std::lock_guard guard(ifg.mutex);
   if (!ifg.frmDesc || !ifg.payload) {
     errno = ENOTCONN;
@@ -42,7 +43,7 @@ bool canAllocate(zorlib_ifg& ifg) noexcept {
   return true;
 }
 
-// What a caller wants and has got so far.
+// The frames that a caller wants and those that it has so far.
 struct Wanted {
   std::uint32_t size;
   zorvik_frm_desc** frames;
@@ -53,8 +54,8 @@ struct Wanted {
   void take(zorvik_frm_desc* frame) noexcept { frames[taken++] = frame; }
 };
 
-// Takes frames that wait in the list; one whose buffer is too small after all goes back to the
-// driver.
+// Takes frames from the list. Frees a frame whose buffer is too small: its size is in shared memory
+// and may have changed.
 void takeCached(zorlib_ifg& ifg, FrameList& list, Wanted& wanted) noexcept {
   auto* const descriptors = static_cast<zorvik_frm_desc*>(ifg.frmDesc.base());
   while (!wanted.complete()) {
@@ -71,8 +72,8 @@ void takeCached(zorlib_ifg& ifg, FrameList& list, Wanted& wanted) noexcept {
   }
 }
 
-// The allocation request: what is not wanted now waits in the lists. False, with errno, when the
-// driver gives nothing.
+// Issues the allocation request and puts the frames that are not needed now into the lists. False
+// with errno when the driver gives no usable frame.
 bool takeFromDriver(zorlib_ifg& ifg, Wanted& wanted) noexcept {
   zorvik_frm_alloc request{};
   request.count = ZORVIK_FRM_ALLOC_MAX;
@@ -103,14 +104,14 @@ bool takeFromDriver(zorlib_ifg& ifg, Wanted& wanted) noexcept {
 extern "C" {
 
 int zorlib_batch_alloc(zorlib_ifg* ifg, uint32_t size, zorvik_frm_desc** frames, uint32_t count) {
-  if (!valid(ifg) || !given(frames)) {
+  if (!checkHandle(ifg) || !checkPointers(frames)) {
     return -1;
   }
   if (count == 0) {
     errno = EINVAL;
     return -1;
   }
-  if (!canAllocate(*ifg)) {
+  if (!prepareLists(*ifg)) {
     return -1;
   }
   Wanted wanted{size, frames, std::min(count, ZORVIK_FRM_ALLOC_MAX)};
@@ -118,13 +119,13 @@ int zorlib_batch_alloc(zorlib_ifg* ifg, uint32_t size, zorvik_frm_desc** frames,
   takeCached(*ifg, ifg->cached[own], wanted);
   if (!wanted.complete() && !takeFromDriver(*ifg, wanted)) {
     const int savedErrno = errno;
-    // Small frames come with large buffers when the small ones are used up: these wait elsewhere.
+    // When small buffers are used up, small frames get larger ones, which are in the other lists.
     for (std::size_t larger = own + 1; larger < ifg->cached.size(); ++larger) {
       takeCached(*ifg, ifg->cached[larger], wanted);
     }
     if (wanted.taken == 0) {
       errno = savedErrno;
-      // An empty pool is daily life for a producer that is ahead of its consumer.
+      // Not an error: a producer that is faster than its consumer empties the pool all the time.
       TARNIK_DEBUG(0, "Debug: zorlib_batch_alloc: alloc ioctl (%s) failed - %s", ifg->name.data(),
                    errorText());
       return -1;
@@ -139,7 +140,7 @@ zorvik_frm_desc* zorlib_ifg_frm_alloc(zorlib_ifg* ifg, uint32_t size) {
 }
 
 uint8_t* zorlib_ifg_frm_data(zorlib_ifg* ifg, zorvik_frm_desc* frame) {
-  if (!valid(ifg) || !given(frame)) {
+  if (!checkHandle(ifg) || !checkPointers(frame)) {
     return nullptr;
   }
   const std::uint32_t offset = ring::load(frame->data_off);

@@ -1,9 +1,9 @@
-// A lock-free stack of frames that wait in this process for their next use. Private memory: the
-// links never stand in the frame descriptors, which other processes can write.
+// A lock-free stack of frames that this process has allocated and not used yet. The links are in
+// private memory, because other processes can write the frame descriptors.
 //
-// Any thread may push and pop. The head is a pointer with a change counter, swapped as one
-// 128-bit unit: a pop that was overtaken by a pop and a push of the same node sees another
-// counter and starts again.
+// Any thread may push and pop. The head is a pointer and a change counter, which are swapped as one
+// 128-bit unit: when another thread pops a node and pushes it again during a pop, the counter has
+// changed, the swap fails, and the pop starts again.
 #pragma once
 
 #include <atomic>
@@ -12,8 +12,8 @@
 
 namespace tarnik {
 
-// One a frame descriptor; outlives the lists (a pop may look at a node that is already gone from
-// its list). In at most one list at a time, which `listed` says.
+// One per frame descriptor. Nodes live longer than the lists, because a pop may read a node that
+// another thread has already removed. A node is in one list at most; `listed` is set while it is.
 struct FrameNode {
   std::atomic<FrameNode*> next{nullptr};
   std::atomic<bool> listed{false};
@@ -21,16 +21,16 @@ struct FrameNode {
 
 class FrameList {
  public:
-  // False when the node is in a list already: a frame that is handed out twice must not tie the
-  // list into a ring.
+  // False when the node is in a list already. Otherwise a frame that the driver grants twice would
+  // make the list circular.
   bool push(FrameNode& node) noexcept {
-    // Pairs with the store in pop: the one who turns the flag owns the node's link.
+    // Pairs with the store in pop: the thread that sets the flag owns the node's link.
     if (node.listed.exchange(true, std::memory_order_acquire)) {
       return false;
     }
-    Head seen = look();
+    Head seen = read();
     do {
-      // Relaxed: published by the swap.
+      // Relaxed: the swap publishes it.
       node.next.store(seen.first, std::memory_order_relaxed);
     } while (!swap(seen, &node));
     return true;
@@ -38,10 +38,10 @@ class FrameList {
 
   // Null when the list is empty.
   FrameNode* pop() noexcept {
-    Head seen = look();
+    Head seen = read();
     while (seen.first != nullptr) {
-      // Relaxed: the node was published by a swap that look or swap has seen, and a link that
-      // changed meanwhile fails the swap.
+      // Relaxed: read() or swap() has seen the swap that published the node. If the link changes
+      // afterwards, the swap below fails.
       FrameNode* next = seen.first->next.load(std::memory_order_relaxed);
       if (swap(seen, next)) {
         seen.first->listed.store(false, std::memory_order_release);
@@ -58,12 +58,13 @@ class FrameList {
     std::uint64_t changes;
   };
 
-  // A full barrier, and the only way to see both halves of one moment.
-  Head look() noexcept {
+  // Reads both halves of the head at once. A full barrier.
+  Head read() noexcept {
     return std::bit_cast<Head>(__sync_val_compare_and_swap(&head_, Pair{0}, Pair{0}));
   }
 
-  // Puts `first` in the place of what was seen; else sees again. A full barrier.
+  // Replaces the head by `first` if it is still `seen`. Otherwise false, with the new head in
+  // `seen`. A full barrier.
   bool swap(Head& seen, FrameNode* first) noexcept {
     const Pair expected = std::bit_cast<Pair>(seen);
     const Pair found = __sync_val_compare_and_swap(

@@ -1,4 +1,4 @@
-// Whether a frame descriptor is sound.
+// Checks whether a frame descriptor is consistent.
 #include <execinfo.h>
 #include <unistd.h>
 
@@ -11,15 +11,15 @@ using namespace tarnik::zorlib;
 
 namespace {
 
-// The group as the checks see it.
+// The group's properties. The names are those that the log lines show.
 struct Group {
-  zorvik_frm_desc* bp;  // the descriptors
-  zorvik_frm_desc* ep;  // their end
+  zorvik_frm_desc* bp;  // the first descriptor
+  zorvik_frm_desc* ep;  // the end of the descriptors
   std::uint32_t frm_data_cnt;
   int num_if;
 };
 
-// A descriptor's words, each read once.
+// A copy of the descriptor's words, each read once.
 struct Frame {
   std::uint32_t frm_idx = 0;
   std::uint32_t buf_size = 0;
@@ -33,7 +33,7 @@ struct Frame {
   unsigned eng_ref_cnt = 0;
 };
 
-// Compared as numbers: the pointer may be any.
+// Compares addresses as numbers, because `fp` may be any pointer.
 bool isMember(const zorvik_frm_desc* fp, const Group& group) noexcept {
   const auto at = reinterpret_cast<std::uintptr_t>(fp);
   const auto begin = reinterpret_cast<std::uintptr_t>(group.bp);
@@ -41,7 +41,7 @@ bool isMember(const zorvik_frm_desc* fp, const Group& group) noexcept {
          (at - begin) % sizeof(zorvik_frm_desc) == 0;
 }
 
-// All zero for a pointer that is none of the array's.
+// Returns zeros for a pointer that is not in the array.
 Frame readFrame(zorvik_frm_desc* fp, const Group& group) noexcept {
   Frame frame;
   if (!isMember(fp, group)) {
@@ -65,7 +65,7 @@ bool isLocalOrBelow(int number, int count) noexcept {
 }
 
 // The first condition that does not hold, or null.
-const char* violated(zorvik_frm_desc* fp, const Frame& frame, const Group& group) noexcept {
+const char* findViolation(zorvik_frm_desc* fp, const Frame& frame, const Group& group) noexcept {
   const struct {
     bool holds;
     const char* condition;
@@ -97,7 +97,7 @@ const char* violated(zorvik_frm_desc* fp, const Frame& frame, const Group& group
   return nullptr;
 }
 
-[[noreturn]] void giveUp() noexcept {
+[[noreturn]] void abortWithStack() noexcept {
   std::array<void*, 64> stack;
   const int depth = ::backtrace(stack.data(), static_cast<int>(stack.size()));
   ::backtrace_symbols_fd(stack.data(), depth, STDERR_FILENO);
@@ -108,18 +108,18 @@ const char* violated(zorvik_frm_desc* fp, const Frame& frame, const Group& group
 }  // namespace
 
 extern "C" void zorlib_FRM_Vm(zorlib_ifg* ifg, zorvik_frm_desc* fp) {
-  if (!valid(ifg)) {
+  if (!checkHandle(ifg)) {
     return;
   }
   auto* const bp = static_cast<zorvik_frm_desc*>(ifg->frmDesc.base());
   Group group{bp, bp + ifg->frmDescCount, ifg->frmDescCount, static_cast<int>(ifg->numIfs.load())};
   const Frame frame = readFrame(fp, group);
-  const char* condition = violated(fp, frame, group);
+  const char* condition = findViolation(fp, frame, group);
   if (condition != nullptr) {
-    // It may be the number of interfaces that is not right any more.
+    // The number of interfaces may be out of date.
     refreshInterfaces(*ifg);
     group.num_if = static_cast<int>(ifg->numIfs.load());
-    condition = violated(fp, frame, group);
+    condition = findViolation(fp, frame, group);
   }
   if (condition == nullptr) {
     return;
@@ -132,5 +132,5 @@ extern "C" void zorlib_FRM_Vm(zorlib_ifg* ifg, zorvik_frm_desc* fp) {
       group.frm_data_cnt, frame.buf_size, frame.frame_size, frame.frm_idx,
       static_cast<unsigned>(frame.if_in), static_cast<unsigned>(frame.if_out),
       static_cast<unsigned>(group.num_if), frame.ref_cnt, frame.qref_cnt, frame.eng_ref_cnt);
-  giveUp();
+  abortWithStack();
 }

@@ -14,7 +14,7 @@ using namespace tarnik::zorlib;
 
 namespace tarnik::zorlib {
 
-bool valid(const zorlib_ifg* ifg) noexcept {
+bool checkHandle(const zorlib_ifg* ifg) noexcept {
   if (ifg == nullptr) {
     TARNIK_ERROR("Error: zorlib_ifg_validate: Nil handle");
     errno = EBADR;

@@ -1,4 +1,4 @@
-// The library's handles and what its sources share. Not for applications.
+// The library's handles and the functions that its sources share. Not for applications.
 #pragma once
 
 #include <array>
@@ -29,13 +29,13 @@ inline constexpr std::uint32_t kNoLimit = 0xffffffff;  // milliseconds
 inline constexpr std::uint32_t kMinEntries = 10;
 inline constexpr std::uint32_t kMaxEntries = 16000000;
 
-// For what an application frees with free(3).
+// Deletes memory that an application frees with free(3).
 struct Free {
   void operator()(void* memory) const noexcept { std::free(memory); }
 };
 
-// The first word of a handle; its destructor marks it as dead. Volatile, so that the mark is really
-// written before the memory goes back.
+// The first word of a handle; the handle's destructor marks it as closed. Volatile, so that the
+// compiler writes the mark although the memory is freed next.
 class Magic {
  public:
   explicit Magic(std::uint32_t value) noexcept : value_(value) {}
@@ -46,7 +46,7 @@ class Magic {
   volatile std::uint32_t value_;
 };
 
-// dir/name, cut to the buffer.
+// Writes "dir/name" into `out`, truncated to its size.
 template <std::size_t Size>
 void joinPath(std::array<char, Size>& out, const char* dir, const char* name) noexcept {
   static_cast<void>(std::snprintf(out.data(), out.size(), "%s/%s", dir, name));
@@ -57,9 +57,9 @@ void joinPath(std::array<char, Size>& out, const char* dir, const char* name) no
   return std::strerror(errno);
 }
 
-// Whether an application gave every pointer that a function needs; else errno EINVAL.
+// Checks the pointers that an application passed. False with errno EINVAL when one is null.
 template <class... Pointee>
-[[nodiscard]] bool given(const Pointee*... pointers) noexcept {
+[[nodiscard]] bool checkPointers(const Pointee*... pointers) noexcept {
   if (((pointers != nullptr) && ...)) {
     return true;
   }
@@ -67,31 +67,43 @@ template <class... Pointee>
   return false;
 }
 
-// errno EBADR and a log line for a handle that is null or not alive.
-[[nodiscard]] bool valid(const zorlib_ifg* ifg) noexcept;
-[[nodiscard]] bool valid(const zorlib_q* q) noexcept;
+// Checks a handle that an application passed. False with errno EBADR and a log line when it is null
+// or closed.
+[[nodiscard]] bool checkHandle(const zorlib_ifg* ifg) noexcept;
+[[nodiscard]] bool checkHandle(const zorlib_q* q) noexcept;
 
-// Open the group's two nodes; the first takes the handle's first reference. -1, with a log line.
+// Former names of the two, until all callers use the new ones.
+template <class... Pointee>
+[[nodiscard]] bool given(const Pointee*... pointers) noexcept {
+  return checkPointers(pointers...);
+}
+[[nodiscard]] inline bool valid(const zorlib_ifg* ifg) noexcept {
+  return checkHandle(ifg);
+}
+
+// Open the group's two nodes. openControl takes the handle's first reference. -1 with a log line on
+// failure.
 [[nodiscard]] int openControl(zorlib_ifg& ifg) noexcept;
 [[nodiscard]] int openFrameDescriptors(zorlib_ifg& ifg) noexcept;
 
-// Whether a group can be as `config` says; else errno and a log line that names `caller`.
+// Checks the description of a group. False with errno and a log line that names `caller` when no
+// group can be configured like this.
 [[nodiscard]] bool checkDescription(const char* caller, const zorvik_ifg_config& config) noexcept;
 
-// The configure request. -1, with a log line.
+// Issues the configure request. -1 with a log line on failure.
 [[nodiscard]] int putIntoForce(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept;
 
-// Brings numIfs up to date: another process may have configured the group. Logs nothing; when the
-// driver does not tell, it stays as it was.
+// Asks the driver for the number of interfaces and stores it in numIfs: another process may have
+// configured the group. Keeps the old number when the request fails. Logs nothing.
 void refreshInterfaces(zorlib_ifg& ifg) noexcept;
 
-// The identifier under which a descriptor travels.
+// The identifier of a descriptor in queues and requests: its generation and its index.
 [[nodiscard]] std::uint32_t frameId(zorvik_frm_desc& frame) noexcept;
 
-// The wake request on a side of the queue.
+// Issues the wake request for a side of the queue.
 void wake(const zorlib_q& q, zorvik_resq& side) noexcept;
 
-// The frame-free request.
+// Issues the frame-free request.
 [[nodiscard]] int freeFrame(zorlib_ifg& ifg, std::uint32_t id) noexcept;
 
 }  // namespace tarnik::zorlib
@@ -101,18 +113,18 @@ struct zorlib_ifg {
 
   tarnik::zorlib::Magic magic{tarnik::zorlib::kIfgMagic};
   tarnik::OwnedFd ctlFd;      // the driver's control node
-  tarnik::OwnedFd ifgCtlFd;   // the group's
-  tarnik::OwnedFd frmDescFd;  // its descriptors
+  tarnik::OwnedFd ifgCtlFd;   // the group's control node
+  tarnik::OwnedFd frmDescFd;  // the group's descriptor node
   tarnik::Mapping frmDesc;
   std::uint32_t frmDescCount = 0;
   std::uint32_t frmDescSize = 0;  // bytes
   tarnik::Mapping payload;
   std::uint32_t payloadSize = 0;  // bytes
-  std::mutex mutex;               // guards the mapping of frame memory, and the making of `nodes`
+  std::mutex mutex;               // guards the mapping of frame memory and the creation of `nodes`
   std::array<char, ZORVIK_NAME_MAX + 1> name{};
   std::array<char, 64> dir{};
-  std::atomic<std::uint32_t> numIfs{0};  // interfaces, as last configured or told
-  // One a descriptor; made by the first batch allocation, gone with the handle.
+  std::atomic<std::uint32_t> numIfs{0};  // as last configured or queried
+  // One per descriptor. The first batch allocation creates them; the handle owns them.
   std::unique_ptr<tarnik::FrameNode[]> nodes;
   std::atomic<std::uint32_t> refs{0};
   std::array<tarnik::FrameList, 3> cached;  // small, medium and large buffers
@@ -124,7 +136,7 @@ struct zorlib_q {
   tarnik::zorlib::Magic magic{tarnik::zorlib::kQMagic};
   std::uint32_t mode = ZORLIB_READ;
   tarnik::Mapping qmem;
-  zorlib_ifg* ifg = nullptr;  // one reference
+  zorlib_ifg* ifg = nullptr;  // the handle holds one reference
   zorvik_frm_desc* frmDesc = nullptr;
   std::uint8_t* payload = nullptr;
   std::uint32_t type = 0;
@@ -137,19 +149,18 @@ struct zorlib_q {
   std::uint32_t payloadSize = 0;  // bytes
   std::array<char, 20> name{};
   std::array<char, 128> path{};
-  // Slots - 1, checked against the mapping when the queue was opened. The shared copy is not
-  // looked at again: it could have changed.
+  // The number of slots - 1, checked against the mapping when the queue was opened. The shared copy
+  // is not read again, because it may have changed.
   std::uint32_t mask = 0;
-  // The driver's names of the two wait records, which it gives when it makes the queue and never
-  // changes; read when the queue was opened. Whoever changes the shared copy under a sleeper cannot
-  // make this handle's wake-ups and its shutdown miss him.
+  // The driver's names of the two wait records, read when the queue was opened.
   std::uint32_t producerRecord = 0;
   std::uint32_t consumerRecord = 0;
 
   [[nodiscard]] zorvik_qmem& memory() const noexcept {
     return *static_cast<zorvik_qmem*>(qmem.base());
   }
-  // A counter of the ring comes from shared memory: the mask keeps its slot inside the mapping.
+  // The counter comes from shared memory and may have any value. The mask keeps the slot inside the
+  // mapping.
   [[nodiscard]] std::uint64_t& slot(std::uint32_t counter) const noexcept {
     return zorvik_qmem_entries(&memory())[counter & mask];
   }
@@ -157,7 +168,7 @@ struct zorlib_q {
   [[nodiscard]] zorvik_resq& side() const noexcept {
     return mode == ZORLIB_WRITE ? memory().presq : memory().cresq;
   }
-  // What a wait or wake request calls a side.
+  // The name of a side in wait and wake requests.
   [[nodiscard]] std::uint32_t recordOf(const zorvik_resq& side) const noexcept {
     return &side == &memory().presq ? producerRecord : consumerRecord;
   }

@@ -1,4 +1,4 @@
-// Queue handles: opening, closing, shutting down, and the small questions.
+// Queue handles: open, close, shut down, and their properties.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
@@ -14,7 +14,7 @@ using namespace tarnik::zorlib;
 
 namespace tarnik::zorlib {
 
-bool valid(const zorlib_q* q) noexcept {
+bool checkHandle(const zorlib_q* q) noexcept {
   if (q == nullptr) {
     TARNIK_ERROR("Error: zorlib_q_validate: Nil handle");
     errno = EBADR;
@@ -32,7 +32,7 @@ bool valid(const zorlib_q* q) noexcept {
 void wake(const zorlib_q& q, zorvik_resq& side) noexcept {
   zorvik_q_wake request{};
   request.kresq_handle = q.recordOf(side);
-  // Nobody to wake is no failure, and there is nothing else that the caller could do.
+  // A failure has no consequence: the caller has no other way to wake the side.
   static_cast<void>(::ioctl(q.fd.get(), ZORVIK_Q_WAKE, &request));
 }
 
@@ -53,8 +53,8 @@ int statQueue(zorlib_q& q) noexcept {
   return 0;
 }
 
-// Everything that indexes the ring later relies on this.
-bool holdsRing(zorlib_q& q) noexcept {
+// Checks the geometry of the ring, on which all later accesses to its slots rely, and stores it.
+bool readGeometry(zorlib_q& q) noexcept {
   if (q.memSize < sizeof(zorvik_qmem)) {
     return false;
   }
@@ -89,7 +89,7 @@ int attach(zorlib_q& q) noexcept {
                  errorText());
     return -1;
   }
-  if (!holdsRing(q)) {
+  if (!readGeometry(q)) {
     TARNIK_ERROR("Error: zorlib_q_open: %s/%s queue memory of %u bytes holds no ring",
                  q.ifg->name.data(), q.name.data(), q.memSize);
     errno = ENXIO;
@@ -107,7 +107,7 @@ int attach(zorlib_q& q) noexcept {
 extern "C" {
 
 int zorlib_q_app_open(zorlib_ifg* ifg, const char* name, uint32_t mode, zorlib_q** q) {
-  if (!valid(ifg)) {
+  if (!checkHandle(ifg)) {
     return -1;
   }
   if (mode > ZORLIB_WRITE) {
@@ -115,7 +115,7 @@ int zorlib_q_app_open(zorlib_ifg* ifg, const char* name, uint32_t mode, zorlib_q
     errno = EINVAL;
     return -1;
   }
-  if (!given(name, q)) {
+  if (!checkPointers(name, q)) {
     return -1;
   }
   std::unique_ptr<zorlib_q> handle(new (std::nothrow) zorlib_q);
@@ -136,7 +136,7 @@ int zorlib_q_app_open(zorlib_ifg* ifg, const char* name, uint32_t mode, zorlib_q
 }
 
 int zorlib_q_close(zorlib_q* q) {
-  if (!valid(q)) {
+  if (!checkHandle(q)) {
     return -1;
   }
   const std::unique_ptr<zorlib_q> handle(q);
@@ -147,7 +147,7 @@ int zorlib_q_close(zorlib_q* q) {
 }
 
 int zorlib_q_shutdown(zorlib_q* q) {
-  if (!valid(q)) {
+  if (!checkHandle(q)) {
     return -1;
   }
   ring::raiseShutdown(q->side());
@@ -177,7 +177,7 @@ int zorlib_q_get_size(zorlib_q* q, uint32_t* entries) {
     errno = EBADR;
     return -1;
   }
-  if (!given(entries)) {
+  if (!checkPointers(entries)) {
     return -1;
   }
   *entries = q->entries;

@@ -1,4 +1,4 @@
-// A queue handle and its memory, for the log.
+// Logs a queue handle and its memory.
 #include "base/log.h"
 #include "zorlib/internal.h"
 #include "zorlib/ring.h"

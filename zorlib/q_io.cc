@@ -1,4 +1,4 @@
-// Frames through the ring: reading, writing, waiting, freeing.
+// Moves frames through the ring: read, write, wait, free.
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -19,8 +19,8 @@ int fail(int error) noexcept {
   return -1;
 }
 
-// The time that a read or write may take. A budget, not a clock: each look that finds nothing
-// costs up to 1000 ms of it, and only what is left beyond 1000 is slept.
+// The time that a read or write may take. It is a budget, not a clock: each look at the ring that
+// finds nothing costs up to 1000 ms, and the caller sleeps only while more than 1000 ms remain.
 class Budget {
  public:
   enum class Next { kSpent, kLookAgain, kSleep };
@@ -39,8 +39,8 @@ class Budget {
     return remaining_ <= kSlice ? Next::kLookAgain : Next::kSleep;
   }
 
-  // Sleeps in the driver until a wake-up on `side` or the end of the budget, unless a wake-up
-  // came since the last look.
+  // Sleeps in the driver until a wake-up on `side` or until the budget is spent. Returns at once
+  // when a wake-up was posted since the last look.
   int sleep(const zorlib_q& q, zorvik_resq& side) noexcept {
     if (ring::isShutDown(side)) {
       return fail(ESHUTDOWN);
@@ -68,9 +68,10 @@ class Budget {
   const bool limited_ = remaining_ != kNoLimit;
 };
 
-// Waiting for another process to finish with a slot, a matter of nanoseconds unless that process
-// is not running: first the processor is left to its sibling, then to others, and when the other
-// one seems to be dead, only a look a millisecond is spent on it.
+// Waits for another process to finish with a slot. This takes nanoseconds while that process runs:
+// first only the processor's pause instruction is used. If the process was preempted, it needs a
+// processor: the next turns yield. If it has died, the slot never changes: from then on the caller
+// looks once per millisecond.
 class Spin {
  public:
   void pause() noexcept {
@@ -94,9 +95,9 @@ class Spin {
 
 enum class Look { kDone, kNothing, kShutDown };
 
-// Takes the identifier of the next frame out of the ring. The dequeue counter is read before the
-// enqueue counter: the other way round, a consumer that is overtaken between the two would take
-// an empty ring for one that holds frames.
+// Takes the identifier of the next frame out of the ring. Reads the dequeue counter before the
+// enqueue counter. In the opposite order, a consumer that others overtake between the two reads
+// would mistake an empty ring for one with frames.
 Look take(zorlib_q& q, std::uint32_t& id) noexcept {
   zorvik_qmem& memory = q.memory();
   for (Spin spin;;) {
@@ -120,8 +121,8 @@ Look take(zorlib_q& q, std::uint32_t& id) noexcept {
   }
 }
 
-// Puts an identifier into the ring. The enqueue counter is read before the dequeue counter, so
-// that an old dequeue counter can only show a fuller ring than there is.
+// Puts an identifier into the ring. Reads the enqueue counter before the dequeue counter: the ring
+// may then look fuller than it is, never emptier.
 Look put(zorlib_q& q, std::uint32_t id) noexcept {
   zorvik_qmem& memory = q.memory();
   for (Spin spin;;) {
@@ -147,8 +148,8 @@ Look put(zorlib_q& q, std::uint32_t id) noexcept {
 // The descriptor that an identifier from the ring names, or null.
 zorvik_frm_desc* findFrame(const zorlib_q& q, std::uint32_t id) noexcept {
   const std::uint32_t index = id & ZORVIK_FRM_INDEX_MASK;
-  // The first bound is in bytes, as the driver's own check; the second is what keeps the record
-  // inside the mapping.
+  // The first bound is in bytes, like the driver's own check. The second keeps the record inside
+  // the mapping.
   if (index == 0 || index >= q.frmDescSize || index >= q.frmDescSize / sizeof(zorvik_frm_desc)) {
     return nullptr;
   }
@@ -160,7 +161,7 @@ zorvik_frm_desc* findFrame(const zorlib_q& q, std::uint32_t id) noexcept {
   return frame;
 }
 
-// What a reader of this type of queue owes the frame.
+// Does what reads from this type of queue do to the frame.
 int receive(const zorlib_q& q, zorvik_frm_desc& frame, std::uint32_t id) noexcept {
   if (q.type == ZORVIK_Q_INGRESS) {
     const std::uint32_t offset = ring::load(frame.data_off);
@@ -177,16 +178,16 @@ int receive(const zorlib_q& q, zorvik_frm_desc& frame, std::uint32_t id) noexcep
   return 0;
 }
 
-// What every read checks. *frame is null unless the read succeeds.
-bool canRead(const zorlib_q* q, zorvik_frm_desc** frame) noexcept {
+// Checks the arguments of a read. Sets *frame to null: it stays null unless the read succeeds.
+bool checkRead(const zorlib_q* q, zorvik_frm_desc** frame) noexcept {
   if (frame != nullptr) {
     *frame = nullptr;
   }
-  return valid(q) && given(frame);
+  return checkHandle(q) && checkPointers(frame);
 }
 
-// One read or write: `look` at the ring until it did its work, sleeping on the own record in
-// between, then tell the peer.
+// One read or write: calls `look` until it has moved a frame, sleeps on the own wait record between
+// the calls, then wakes the peer.
 template <class LookAtRing>
 int transfer(zorlib_q& q, zorvik_resq& own, zorvik_resq& peer, std::uint32_t ms,
              LookAtRing look) noexcept {
@@ -223,14 +224,14 @@ int transfer(zorlib_q& q, zorvik_resq& own, zorvik_resq& peer, std::uint32_t ms,
 extern "C" {
 
 int zorlib_q_read(zorlib_q* q, zorvik_frm_desc** frame) {
-  if (!canRead(q, frame)) {
+  if (!checkRead(q, frame)) {
     return -1;
   }
   return zorlib_q_read_timeout(q, frame, static_cast<std::uint32_t>(q->timeout));
 }
 
 int zorlib_q_read_timeout(zorlib_q* q, zorvik_frm_desc** frame, uint32_t ms) {
-  if (!canRead(q, frame)) {
+  if (!checkRead(q, frame)) {
     return -1;
   }
   std::uint32_t id = 0;
@@ -250,7 +251,7 @@ int zorlib_q_read_timeout(zorlib_q* q, zorvik_frm_desc** frame, uint32_t ms) {
 }
 
 int zorlib_q_write(zorlib_q* q, zorvik_frm_desc* frame) {
-  if (!valid(q) || !given(frame)) {
+  if (!checkHandle(q) || !checkPointers(frame)) {
     return -1;
   }
   const std::uint32_t id = frameId(*frame);
@@ -272,21 +273,21 @@ int zorlib_q_free(zorlib_q* q, zorvik_frm_desc* frame) {
     TARNIK_ERROR("Error: zorlib_q_free with nil handle not yet supported!");
     return fail(ENOSYS);
   }
-  if (!valid(q)) {
+  if (!checkHandle(q)) {
     return -1;
   }
   if (q->type != ZORVIK_Q_EGRESS) {
     TARNIK_ERROR("Error: zorlib_q_free must be done to an egress queue!");
     return fail(ENXIO);
   }
-  if (!given(frame)) {
+  if (!checkPointers(frame)) {
     return -1;
   }
   return ring::decrement(frame->ref_cnt) == 1 ? zorlib_q_write(q, frame) : 0;
 }
 
 int zorlib_frm_free(zorlib_ifg* ifg, zorvik_frm_desc* frame) {
-  if (!valid(ifg) || !given(frame)) {
+  if (!checkHandle(ifg) || !checkPointers(frame)) {
     return -1;
   }
   return freeFrame(*ifg, frameId(*frame));

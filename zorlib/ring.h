@@ -1,17 +1,18 @@
-// Every atomic access to the memory that driver and processes share: the ring's words and the
-// descriptor words that change hands. All are full barriers, for the other side may be any
-// process, and each word is read once into a local that the caller bounds before use.
+// All atomic accesses to the memory that the driver and the processes share: the words of the ring
+// and of the descriptors. Every access is a full barrier. Every word is read once into a local
+// variable, which the caller checks before use: any process may change the shared copy at any time.
 //
-// The ring, for those who work on this file: the counters move only by compare-and-swap; a
-// producer claims a slot by moving `enqueue` and then stores the identifier; a consumer claims
-// it by moving `dequeue` and then stores 0. So a slot's word tells whether its claimant is done.
+// How the ring works: both counters change only by compare-and-swap. A producer claims a slot by
+// advancing `enqueue`, then stores the frame's identifier in it. A consumer claims a slot by
+// advancing `dequeue`, then stores 0 in it. So a slot's value shows whether the process that
+// claimed it has finished.
 //
-// Limit: the counters are masked, so a swap also succeeds after the counter has gone round the
-// whole ring and come back to the value that was seen. A producer (or consumer) that stands still
-// between look and swap, while others of its side move exactly the ring's length, then claims a
-// slot that is not its to claim, and frames are lost or read twice. With one producer and one
-// consumer it cannot happen, with several it wants a ring longer than what the others move while
-// one is preempted. zorlib/model shows that this is the ring's only fault.
+// Limit: the counters are masked, so a swap also succeeds when its counter has advanced once around
+// the whole ring since it was read. If a producer (or consumer) is preempted between the read and
+// the swap while others of its side move exactly as many frames as the ring has slots, it claims a
+// slot that it must not claim, and frames are lost or read twice. This cannot happen with one
+// producer and one consumer. With more, the ring must be longer than what the others move in the
+// meantime. zorlib/model shows that the ring has no other fault.
 #pragma once
 
 #include <atomic>
@@ -35,13 +36,13 @@ inline void raiseShutdown(zorvik_resq& side) noexcept {
 inline void clearShutdown(zorvik_resq& side) noexcept {
   std::atomic_ref(side.flags).fetch_and(~std::uint32_t{ZORVIK_RESQ_SHUTDOWN}, kFull);
 }
-// Posts a wake-up; true when none was posted, so that the driver has to be asked. Pairs with
-// takeWakeup: what was stored before the post is seen after the take.
+// Posts a wake-up. True when none was posted yet; the caller then issues the wake request. Pairs
+// with takeWakeup: the waiter sees everything that was stored before the post.
 inline bool postWakeup(zorvik_resq& side) noexcept {
   return (std::atomic_ref(side.flags).fetch_or(ZORVIK_RESQ_WOKEN, kFull) & ZORVIK_RESQ_WOKEN) == 0;
 }
-// Takes a posted wake-up back; true when there was one, so that the waiter looks again instead of
-// sleeping. Pairs with postWakeup.
+// Removes a posted wake-up. True when there was one; the waiter then reads the ring again instead
+// of sleeping. Pairs with postWakeup.
 inline bool takeWakeup(zorvik_resq& side) noexcept {
   return (std::atomic_ref(side.flags).fetch_and(~std::uint32_t{ZORVIK_RESQ_WOKEN}, kFull) &
           ZORVIK_RESQ_WOKEN) != 0;
@@ -53,7 +54,8 @@ inline bool takeWakeup(zorvik_resq& side) noexcept {
 inline std::uint32_t counter(std::uint32_t& word) noexcept {
   return std::atomic_ref(word).load(kFull);
 }
-// Claims the slot at `seen` for the caller: moves the counter on unless somebody else did.
+// Claims the slot at `seen` for the caller: advances the counter unless it has changed. True on
+// success.
 inline bool advance(std::uint32_t& word, std::uint32_t seen, std::uint32_t mask) noexcept {
   return std::atomic_ref(word).compare_exchange_strong(seen, (seen + 1) & mask, kFull);
 }
@@ -61,23 +63,23 @@ inline bool advance(std::uint32_t& word, std::uint32_t seen, std::uint32_t mask)
 inline std::uint64_t entry(std::uint64_t& slot) noexcept {
   return std::atomic_ref(slot).load(kFull);
 }
-// Publishes the frame: everything written into it before is seen by who reads the entry.
+// Publishes the frame: the process that reads the entry sees everything written into it before.
 inline void fill(std::uint64_t& slot, std::uint32_t frameId) noexcept {
   std::atomic_ref(slot).store(frameId, kFull);
 }
-// Gives the slot back to the producers.
+// Returns the slot to the producers.
 inline void empty(std::uint64_t& slot) noexcept {
   std::atomic_ref(slot).store(0, kFull);
 }
 
-// One slot always stays empty, so that a full ring is told from an empty one.
+// One slot always stays empty, so that a full ring differs from an empty one.
 inline bool isFull(std::uint32_t enqueue, std::uint32_t dequeue, std::uint32_t mask) noexcept {
   return dequeue - enqueue == 1 || (dequeue == 0 && enqueue == mask);
 }
 
 // ---- Descriptors
-// Their writers are the process that owns the frame at the moment and the driver; a hostile one
-// writes at any time, so each word is loaded once.
+// Written by the driver and by the process that owns the frame; a hostile process may write at any
+// time, so each word is loaded once.
 
 template <class Word>
 inline Word load(Word& word) noexcept {
@@ -87,14 +89,14 @@ template <class Word>
 inline void store(Word& word, Word value) noexcept {
   std::atomic_ref(word).store(value, kFull);
 }
-// The count before.
+// Both return the count before the change.
 inline std::uint8_t increment(std::uint8_t& count) noexcept {
   return std::atomic_ref(count).fetch_add(1, kFull);
 }
 inline std::uint8_t decrement(std::uint8_t& count) noexcept {
   return std::atomic_ref(count).fetch_sub(1, kFull);
 }
-// Several holders of a frame may set flags of their own.
+// Several holders of a frame may each set flags at the same time.
 inline void setFlags(std::uint16_t& flags, std::uint16_t bits) noexcept {
   std::atomic_ref(flags).fetch_or(bits, kFull);
 }
