@@ -1,18 +1,25 @@
-// What a measurement of the capture directory gives: the scan, and the ledger that replaces it.
+// What a measurement of the capture directory gives, by a scan and from the kernel's events, and
+// what it costs.
 #include "capture/disk_usage.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
+#include <functional>
 
 #include "base/log.h"
-#include "base/testing/captured_log.h"
-#include "capture/testing/files.h"
+#include "base/owned.h"
+#include "base/testing/counted_memory.h"
+#include "capture/testing/usage.h"
 
 namespace tarnik::test {
 namespace {
@@ -20,12 +27,14 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 const std::string kDir = kCaptureDir;
 
 struct Usage {
   std::uint64_t bytes = 4711;
   std::uint64_t files = 12;
+  bool operator==(const Usage&) const = default;
 };
 
 std::uint64_t sizeOf(const std::string& path) {
@@ -34,148 +43,426 @@ std::uint64_t sizeOf(const std::string& path) {
   return static_cast<std::uint64_t>(status.st_size);
 }
 
-// Both ways to measure; the ledger from its second measurement on.
-class DiskUsageTest : public testing::TestWithParam<bool> {
+std::uint64_t directories() {
+  return sizeOf(kDir + ".") + sizeOf(kDir + "..");
+}
+
+LogLine noStatus(const std::string& name, const std::string& error) {
+  return {LOG_WARNING, "Warning: UpdateUsageCounters: Failed to get disk size for [" + kDir + name +
+                           "]: " + error};
+}
+
+LogLine noDirectory(const std::string& error) {
+  return {LOG_ERR, "Error: UpdateUsageCounters: Failed to open [" + kDir + "]: " + error};
+}
+
+// The same expectations of a scan, of an update that scans, and of one that reads events.
+enum class By { kScan, kUpdateThatScans, kEvents };
+
+class MeasurementTest : public UsageTest, public testing::WithParamInterface<By> {
  protected:
-  DiskUsageTest() {
-    emptyCaptureDir();
-    Usage first;
-    usage_.update(first.bytes, first.files);
+  MeasurementTest() {
+    (void)measure();
     clearLog();
     setDebugLevel(9);
   }
-  ~DiskUsageTest() override { setDebugLevel(0); }
+  ~MeasurementTest() override { setDebugLevel(0); }
 
   Usage measure() {
     Usage usage;
-    if (GetParam()) {
-      usage_.update(usage.bytes, usage.files);
-    } else {
+    if (GetParam() == By::kScan) {
       scanDiskUsage(usage.bytes, usage.files);
+      return usage;
     }
+    if (GetParam() == By::kUpdateThatScans) {
+      passOneSecond();
+    }
+    usage_.update(usage.bytes, usage.files);
     return usage;
   }
-  static std::uint64_t directories() { return sizeOf(kDir + ".") + sizeOf(kDir + ".."); }
 
   DiskUsage usage_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Scan, DiskUsageTest, testing::Values(false));
-INSTANTIATE_TEST_SUITE_P(Ledger, DiskUsageTest, testing::Values(true));
+INSTANTIATE_TEST_SUITE_P(Scan, MeasurementTest, testing::Values(By::kScan));
+INSTANTIATE_TEST_SUITE_P(UpdateThatScans, MeasurementTest, testing::Values(By::kUpdateThatScans));
+INSTANTIATE_TEST_SUITE_P(Events, MeasurementTest, testing::Values(By::kEvents));
 
-TEST_P(DiskUsageTest, AnEmptyDirectoryHoldsItselfAndItsParent) {
-  const Usage usage = measure();
-  EXPECT_EQ(usage.bytes, directories());
-  EXPECT_EQ(usage.files, 0U);
+TEST_P(MeasurementTest, AnEmptyDirectoryCountsItselfAndItsParent) {
+  EXPECT_EQ(measure(), (Usage{directories(), 0}));
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_P(DiskUsageTest, CountsNamesThatHoldPcapAnywhere) {
-  writeFile(kDir + "a.pcap", std::string(1000, 'a'));
-  writeFile(kDir + "a.pcap.info", std::string(10, 'a'));
-  writeFile(kDir + "x.pcapng", "");
-  writeFile(kDir + ".pcap", "1");
-  writeFile(kDir + "abc", std::string(100, 'a'));
-  writeFile(kDir + "pcap", std::string(20, 'a'));
-  writeFile(kDir + "a.PCAP", std::string(3, 'a'));
-  writeFile(kDir + "a.info", "");
-  fs::create_directory(kDir + "dir.pcap");
-  writeFile(kDir + "dir.pcap/inside.pcap", std::string(5000, 'a'));
-  const Usage usage = measure();
-  EXPECT_EQ(usage.bytes, directories() + 1000 + 10 + 1 + 100 + 20 + 3 + sizeOf(kDir + "dir.pcap"));
-  EXPECT_EQ(usage.files, 5U);
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
-TEST_P(DiskUsageTest, LinksAreFollowed) {
-  writeFile("/tmp/target", std::string(777, 't'));
-  fs::create_symlink("/tmp/target", kDir + "link.pcap");
-  fs::create_symlink("/tmp", kDir + "to-directory");
-  const Usage usage = measure();
-  EXPECT_EQ(usage.bytes, directories() + 777 + sizeOf("/tmp"));
-  EXPECT_EQ(usage.files, 1U);
-  writeFile("/tmp/target", std::string(1777, 't'));
-  EXPECT_EQ(measure().bytes, directories() + 1777 + sizeOf("/tmp"));
-}
-
-TEST_P(DiskUsageTest, EveryNameOfAFileCounts) {
-  writeFile(kDir + "one.pcap", std::string(500, 'a'));
-  fs::create_hard_link(kDir + "one.pcap", kDir + "two.pcap");
-  const Usage usage = measure();
-  EXPECT_EQ(usage.bytes, directories() + 1000);
-  EXPECT_EQ(usage.files, 2U);
-}
-
-TEST_P(DiskUsageTest, ADanglingLinkIsToldOfEachTimeAndCountsNowhere) {
-  fs::create_symlink("/tmp/nothing", kDir + "gone.pcap");
-  fs::create_symlink("circle", kDir + "circle");
-  for (int i = 0; i < 3; ++i) {
-    clearLog();
-    const Usage usage = measure();
-    EXPECT_EQ(usage.bytes, directories());
-    EXPECT_EQ(usage.files, 0U);
-    EXPECT_THAT(logLines(),
-                testing::UnorderedElementsAre(
-                    LogLine{LOG_WARNING,
-                            "Warning: UpdateUsageCounters: Failed to get disk size for "
-                            "[/var/support/tarnik/gone.pcap]: No such file or directory"},
-                    LogLine{LOG_WARNING,
-                            "Warning: UpdateUsageCounters: Failed to get disk size for "
-                            "[/var/support/tarnik/circle]: Too many levels of symbolic links"}));
+TEST_P(MeasurementTest, CountsNamesThatContainPcapAnywhere) {
+  const std::string longName(250, 'n');
+  const std::pair<std::string, std::size_t> kFiles[] = {{"a.pcap", 1000},
+                                                        {"a.pcap.info", 10},
+                                                        {"x.pcapng", 0},
+                                                        {".pcap", 1},
+                                                        {"abc", 100},
+                                                        {"pcap", 20},
+                                                        {"a.PCAP", 3},
+                                                        {"a.info", 0},
+                                                        {longName, 50000},
+                                                        {"link1", 7},
+                                                        {longName + ".pcap", 4000}};
+  std::uint64_t bytes = 0;
+  for (const auto& [name, size] : kFiles) {
+    writeFile(kDir + name, std::string(size, 'x'));
+    bytes += size;
   }
-  writeFile("/tmp/nothing", "now there");
-  fs::remove(kDir + "circle");
-  clearLog();
-  EXPECT_EQ(measure().files, 1U);
-  EXPECT_THAT(logLines(), IsEmpty());
-  fs::remove("/tmp/nothing");
-}
-
-TEST_P(DiskUsageTest, SpecialFilesCount) {
+  fs::create_directory(kDir + "dir.pcap");
+  writeFile(kDir + "dir.pcap/inside.pcap", std::string(50000, 'a'));
+  fs::create_hard_link(kDir + "link1", kDir + "link2.pcap");
   ASSERT_EQ(::mkfifo((kDir + "fifo.pcap").c_str(), 0600), 0);
-  const int socket = ::socket(AF_UNIX, SOCK_DGRAM, 0);
+  const OwnedFd socket(::socket(AF_UNIX, SOCK_DGRAM, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   (kDir + "socket.pcap").copy(address.sun_path, sizeof address.sun_path - 1);
-  ASSERT_EQ(::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ::close(socket);
-  const Usage usage = measure();
-  EXPECT_EQ(usage.bytes, directories());
-  EXPECT_EQ(usage.files, 2U);
-}
-
-TEST_P(DiskUsageTest, WithoutDirectoryTheNumbersStay) {
-  fs::remove_all("/var/support/tarnik");
-  for (int i = 0; i < 2; ++i) {
-    clearLog();
-    const Usage usage = measure();
-    EXPECT_EQ(usage.bytes, 4711U);
-    EXPECT_EQ(usage.files, 12U);
-    EXPECT_THAT(logLines(),
-                ElementsAre(LogLine{LOG_ERR,
-                                    "Error: UpdateUsageCounters: Failed to open "
-                                    "[/var/support/tarnik/]: No such file or directory"}));
-  }
-  writeFile("/var/support/tarnik", "a file");
-  clearLog();
-  EXPECT_EQ(measure().files, 12U);
-  EXPECT_THAT(logLines(), ElementsAre(LogLine{LOG_ERR,
-                                              "Error: UpdateUsageCounters: Failed to open "
-                                              "[/var/support/tarnik/]: Not a directory"}));
-  fs::remove("/var/support/tarnik");
-  fs::create_directory("/var/support/tarnik");
-  clearLog();
-  EXPECT_EQ(measure().bytes, directories());
+  ASSERT_EQ(::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(measure(), (Usage{directories() + bytes + 7 + sizeOf(kDir + "dir.pcap"), 9}));
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_P(DiskUsageTest, ALongNameCounts) {
-  const std::string name(251, 'n');
-  writeFile(kDir + name + ".pc", "12345");
-  writeFile(kDir + name.substr(1) + ".pcap", "12345");
-  const Usage usage = measure();
-  EXPECT_EQ(usage.bytes, directories() + 10);
-  EXPECT_EQ(usage.files, 1U);
+TEST_P(MeasurementTest, FollowsLinks) {
+  writeFile("/var/other/target", std::string(777, 't'));
+  fs::create_symlink("/var/other/target", kDir + "link.pcap");
+  fs::create_symlink("/var/other", kDir + "to-directory");
+  EXPECT_EQ(measure(), (Usage{directories() + 777 + sizeOf("/var/other"), 1}));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_P(MeasurementTest, CountsSizesBeyond32Bits) {
+  writeFile(kDir + "big.pcap", "");
+  ASSERT_EQ(::truncate((kDir + "big.pcap").c_str(), 5'000'000'000), 0);
+  EXPECT_EQ(measure().bytes, directories() + 5'000'000'000);
+}
+
+TEST_P(MeasurementTest, WarnsOfEachEntryWithoutStatusAtEachScan) {
+  fs::create_symlink("/var/other/nothing", kDir + "gone.pcap");
+  fs::create_symlink("circle", kDir + "circle");
+  for (int i = 0; i < 3; ++i) {
+    clearLog();
+    EXPECT_EQ(measure(), (Usage{directories(), 0}));
+    if (GetParam() != By::kEvents) {
+      EXPECT_THAT(logLines(),
+                  UnorderedElementsAre(noStatus("gone.pcap", "No such file or directory"),
+                                       noStatus("circle", "Too many levels of symbolic links")));
+    }
+  }
+}
+
+TEST_P(MeasurementTest, CountsNoDirectoryWithoutStatus) {
+  for (const auto& [broken, counted] : {std::pair{".", ".."}, std::pair{"..", "."}}) {
+    pathWithoutStatus = kDir + broken;
+    passOneSecond();
+    clearLog();
+    EXPECT_EQ(measure(), (Usage{sizeOf(kDir + counted), 0}));
+    EXPECT_THAT(logLines(), ElementsAre(noStatus(broken, "Input/output error")));
+  }
+}
+
+TEST_P(MeasurementTest, KeepsTheCountersWithoutADirectory) {
+  const std::pair<const char*, std::function<void()>> kWays[] = {
+      {"No such file or directory", [] { fs::remove_all("/var/support/tarnik"); }},
+      {"Not a directory", [] { writeFile("/var/support/tarnik", "a file"); }}};
+  for (const auto& [error, take] : kWays) {
+    take();
+    for (int i = 0; i < 2; ++i) {
+      clearLog();
+      EXPECT_EQ(measure(), Usage{});
+      EXPECT_THAT(logLines(), ElementsAre(noDirectory(error)));
+    }
+  }
+  emptyCaptureDir();
+  clearLog();
+  EXPECT_EQ(measure(), (Usage{directories(), 0}));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+// Takes root's power to open any directory from this thread.
+class WithoutOverride {
+ public:
+  WithoutOverride() {
+    EXPECT_EQ(::syscall(SYS_capget, &header_, before_), 0);
+    __user_cap_data_struct less[2] = {before_[0], before_[1]};
+    less[0].effective &= ~(1U << CAP_DAC_OVERRIDE | 1U << CAP_DAC_READ_SEARCH);
+    EXPECT_EQ(::syscall(SYS_capset, &header_, less), 0);
+  }
+  ~WithoutOverride() { ::syscall(SYS_capset, &header_, before_); }
+  WithoutOverride(const WithoutOverride&) = delete;
+  WithoutOverride& operator=(const WithoutOverride&) = delete;
+
+ private:
+  __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct before_[2];
+};
+
+TEST_P(MeasurementTest, KeepsTheCountersWithoutPermission) {
+  const WithoutOverride unprivileged;
+  fs::permissions(kDir, fs::perms::none);
+  for (int i = 0; i < 2; ++i) {
+    clearLog();
+    EXPECT_EQ(measure(), Usage{});
+    EXPECT_THAT(logLines(), ElementsAre(noDirectory("Permission denied")));
+  }
+  fs::permissions(kDir, fs::perms::owner_all);
+  EXPECT_EQ(measure(), (Usage{directories(), 0}));
+}
+
+// Updates at times of the test's choice.
+class DiskUsageTest : public UsageTest {
+ protected:
+  DiskUsageTest() {
+    writeFile(kDir + "a.pcap", std::string(100, 'a'));
+    writeFile(kDir + "b.info", std::string(50, 'b'));
+    EXPECT_TRUE(agrees(usage_));
+  }
+
+  int callsOfUpdate() {
+    std::uint64_t bytes = 0;
+    std::uint64_t files = 0;
+    systemCalls = 0;
+    usage_.update(bytes, files);
+    return systemCalls;
+  }
+
+  DiskUsage usage_;
+};
+
+// Without a scan between them.
+TEST_F(DiskUsageTest, ReportsChangesToRegularFilesAtOnce) {
+  const OwnedFd open(::open((kDir + "a.pcap").c_str(), O_RDWR));
+  const std::pair<const char*, std::function<void()>> kChanges[] = {
+      {"append", [] { append(kDir + "a.pcap", 10); }},
+      {"truncate", [] { fs::resize_file(kDir + "a.pcap", 5); }},
+      {"rewrite", [] { writeFile(kDir + "a.pcap", "truncated and written"); }},
+      {"ftruncate", [&] { ASSERT_EQ(::ftruncate(open.get(), 4000), 0); }},
+      {"fallocate", [&] { ASSERT_EQ(::fallocate(open.get(), 0, 4000, 96), 0); }},
+      {"pwrite", [&] { ASSERT_EQ(::pwrite(open.get(), "x", 1, 100000), 1); }},
+      {"create", [] { writeFile(kDir + "c.pcap", "123"); }},
+      {"rename", [] { fs::rename(kDir + "c.pcap", kDir + "d"); }},
+      {"append after a rename", [] { append(kDir + "d", 5); }},
+      {"replace", [] { fs::rename(kDir + "d", kDir + "a.pcap"); }},
+      {"append to what replaced it", [] { append(kDir + "a.pcap", 5); }},
+      {"write what was replaced", [&] { ASSERT_EQ(::ftruncate(open.get(), 7000), 0); }},
+      {"move out", [] { fs::rename(kDir + "a.pcap", "/var/other/a.pcap"); }},
+      {"append elsewhere", [] { append("/var/other/a.pcap", 5); }},
+      {"move in", [] { fs::rename("/var/other/a.pcap", kDir + "b.info"); }},
+      {"append to what moved in", [] { append(kDir + "b.info", 5); }},
+      {"link", [] { fs::create_hard_link(kDir + "b.info", kDir + "e.pcap"); }},
+      {"remove", [] { fs::remove(kDir + "b.info"); }},
+      {"create and remove",
+       [] {
+         writeFile(kDir + "f.pcap", "short-lived");
+         fs::remove(kDir + "f.pcap");
+       }},
+      {"remove and create",
+       [] {
+         fs::remove(kDir + "e.pcap");
+         writeFile(kDir + "e.pcap", "again");
+       }},
+      {"swap",
+       [] {
+         writeFile(kDir + "f.pcap", "another");
+         ASSERT_EQ(::renameat2(AT_FDCWD, (kDir + "e.pcap").c_str(), AT_FDCWD,
+                               (kDir + "f.pcap").c_str(), RENAME_EXCHANGE),
+                   0);
+       }},
+      {"make it a directory",
+       [] {
+         fs::remove(kDir + "f.pcap");
+         fs::create_directory(kDir + "f.pcap");
+       }},
+      {"make it a link",
+       [] {
+         fs::remove(kDir + "f.pcap");
+         fs::create_symlink("e.pcap", kDir + "f.pcap");
+       }},
+      {"many names",
+       [] {
+         for (int i = 0; i < 500; ++i) {
+           writeFile(kDir + std::to_string(i) + std::string(50, 'n'), "x");
+         }
+       }},
+  };
+  listings = 0;
+  for (const auto& [what, change] : kChanges) {
+    change();
+    EXPECT_TRUE(agrees(usage_)) << what;
+  }
+  EXPECT_EQ(listings, static_cast<int>(std::size(kChanges))) << "only the comparison scans";
+}
+
+TEST_F(DiskUsageTest, ReportsOtherChangesWithinASecond) {
+  writeFile("/var/other/target", "");
+  fs::create_symlink("/var/other/target", kDir + "link.pcap");
+  fs::create_symlink("/var/other/nothing", kDir + "dangling");
+  fs::create_hard_link(kDir + "a.pcap", "/var/other/hard");
+  fs::create_directory(kDir + "sub.pcap");
+  const std::pair<const char*, std::function<void()>> kChanges[] = {
+      {"the target of a link", [] { append("/var/other/target", 10); }},
+      {"a dangling link", [] { writeFile("/var/other/nothing", "now there"); }},
+      {"a file through another name", [] { append("/var/other/hard", 10); }},
+      {"a subdirectory",
+       [] {
+         for (int i = 0; i < 300; ++i) {
+           writeFile(kDir + "sub.pcap/" + std::to_string(i), "");
+         }
+       }},
+      {"the parent directory",
+       [] {
+         for (int i = 0; i < 300; ++i) {
+           writeFile("/var/support/" + std::to_string(i), "");
+         }
+       }},
+      {"the path",
+       [] {
+         fs::rename("/var/support", "/var/other/support");
+         fs::create_directories("/var/support/tarnik");
+         writeFile(kDir + "new.pcap", "12345");
+       }},
+  };
+  for (const auto& [what, change] : kChanges) {
+    change();
+    passOneSecond();
+    EXPECT_TRUE(agrees(usage_)) << what;
+  }
+  append(kDir + "new.pcap", 5);
+  EXPECT_TRUE(agrees(usage_)) << "the directory at the end of the path is watched";
+}
+
+TEST_F(DiskUsageTest, ScansOnceASecond) {
+  listings = 0;
+  callsOfUpdate();
+  clockMilliseconds += 999;
+  callsOfUpdate();
+  EXPECT_EQ(listings, 0);
+  clockMilliseconds += 1;
+  callsOfUpdate();
+  callsOfUpdate();
+  EXPECT_EQ(listings, 1);
+}
+
+TEST_F(DiskUsageTest, ReportsAWriteDuringTheScan) {
+  passOneSecond();
+  onCloseDirectory = [] { append(kDir + "a.pcap", 10); };
+  callsOfUpdate();
+  EXPECT_TRUE(agrees(usage_));
+  DiskUsage first;
+  onCloseDirectory = [] { append(kDir + "a.pcap", 10); };
+  std::uint64_t bytes = 0;
+  std::uint64_t files = 0;
+  first.update(bytes, files);
+  EXPECT_TRUE(agrees(first));
+}
+
+TEST_F(DiskUsageTest, NoticesAtOnceThatTheDirectoryIsReplaced) {
+  fs::rename("/var/support/tarnik", "/var/other/moved");
+  EXPECT_TRUE(agrees(usage_));  // none
+  fs::create_directory("/var/support/tarnik");
+  EXPECT_TRUE(agrees(usage_));
+  append("/var/other/moved/a.pcap", 1000);
+  EXPECT_EQ(callsOfUpdate(), 1) << "the former directory is not watched";
+  writeFile(kDir + "new.pcap", "12345");
+  EXPECT_TRUE(agrees(usage_));
+  fs::remove_all("/var/support/tarnik");
+  fs::rename("/var/other/moved", "/var/support/tarnik");  // both between two updates
+  EXPECT_TRUE(agrees(usage_));
+  append(kDir + "a.pcap", 1000);
+  EXPECT_TRUE(agrees(usage_));
+}
+
+TEST_F(DiskUsageTest, FollowsMountsAndUnmounts) {
+  if (::mount("tmpfs", "/var/support/tarnik", "tmpfs", 0, nullptr) != 0) {
+    GTEST_SKIP() << "cannot mount here: " << std::strerror(errno);
+  }
+  passOneSecond();
+  EXPECT_TRUE(agrees(usage_));
+  writeFile(kDir + "mounted.pcap", "12345");
+  EXPECT_TRUE(agrees(usage_));
+  ASSERT_EQ(::umount("/var/support/tarnik"), 0);
+  EXPECT_TRUE(agrees(usage_)) << "an unmount is reported at once";
+  append(kDir + "a.pcap", 10);
+  EXPECT_TRUE(agrees(usage_));
+
+  writeFile("/var/other/below", "below");
+  ASSERT_EQ(::mount("/var/other/below", (kDir + "a.pcap").c_str(), nullptr, MS_BIND, nullptr), 0);
+  append("/var/other/below", 100);
+  passOneSecond();
+  EXPECT_TRUE(agrees(usage_));
+  ASSERT_EQ(::umount((kDir + "a.pcap").c_str()), 0);
+  passOneSecond();
+  EXPECT_TRUE(agrees(usage_));
+}
+
+TEST_F(DiskUsageTest, ScansWhenTheKernelDropsEvents) {
+  const OwnedFd one(::open((kDir + "a.pcap").c_str(), O_WRONLY));
+  const OwnedFd other(::open((kDir + "b.info").c_str(), O_WRONLY));
+  for (int i = 0; i < 10000; ++i) {  // the queue takes 16384 events by default
+    ASSERT_EQ(::pwrite(one.get(), "x", 1, i), 1);
+    ASSERT_EQ(::pwrite(other.get(), "x", 1, i), 1);
+  }
+  writeFile(kDir + "c.pcap", "dropped");
+  EXPECT_TRUE(agrees(usage_));
+  callsOfUpdate();
+  EXPECT_EQ(callsOfUpdate(), 1);
+  append(kDir + "c.pcap", 100);
+  EXPECT_TRUE(agrees(usage_));
+}
+
+TEST_F(DiskUsageTest, ScansEachTimeWithoutInotify) {
+  for (const char* const call :
+       {"inotify_init1", "inotify_add_watch", "epoll_create1", "epoll_ctl"}) {
+    SCOPED_TRACE(call);
+    DiskUsage fresh;
+    passOneSecond();
+    failingCall = call;
+    for (int i = 0; i < 3; ++i) {
+      append(kDir + "a.pcap", 10);
+      EXPECT_TRUE(agrees(fresh));
+      EXPECT_TRUE(agrees(usage_));
+    }
+    failingCall.clear();
+    EXPECT_TRUE(agrees(fresh));
+    append(kDir + "a.pcap", 10);
+    listings = 0;
+    EXPECT_TRUE(agrees(fresh));
+    EXPECT_EQ(listings, 1) << "only the comparison scans";
+  }
+}
+
+TEST_F(DiskUsageTest, ScansWithoutMemory) {
+  writeFile(kDir + "a name that is too long for a small string.pcap", "x");
+  Usage usage;
+  outOfMemory = true;
+  usage_.update(usage.bytes, usage.files);
+  outOfMemory = false;
+  EXPECT_EQ(usage, (Usage{directories() + 151, 2}));
+  EXPECT_TRUE(agrees(usage_));
+}
+
+TEST_F(DiskUsageTest, MakesOneCallAndAllocatesNothingWhenNothingChanged) {
+  for (int i = 0; i < 2000; ++i) {
+    append(kDir + std::to_string(i) + ".pcap", 1);
+  }
+  EXPECT_TRUE(agrees(usage_));
+  const std::uint64_t before = allocations();
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(callsOfUpdate(), 1);
+  }
+  EXPECT_EQ(allocations() - before, 0U);
+}
+
+TEST_F(DiskUsageTest, MakesThreeCallsAndAllocatesNothingWhenOneFileGrew) {
+  const OwnedFd file(::open((kDir + "a.pcap").c_str(), O_WRONLY | O_APPEND));
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(::write(file.get(), "xyz", 3), 3);
+    const std::uint64_t before = allocations();
+    EXPECT_EQ(callsOfUpdate(), 3);  // epoll_wait, read, stat
+    EXPECT_EQ(allocations() - before, 0U);
+    EXPECT_TRUE(agrees(usage_));
+  }
 }
 
 }  // namespace

@@ -41,6 +41,17 @@ void frameFreed() {
 
 }  // namespace
 
+// The clock of the usage scans stands still, so that none happens during the test.
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  static const auto real =
+      reinterpret_cast<decltype(&clock_gettime)>(::dlsym(RTLD_NEXT, "clock_gettime"));
+  if (clock != CLOCK_MONOTONIC_COARSE) {
+    return real(clock, now);
+  }
+  *now = {};
+  return 0;
+}
+
 // In front of the preloaded driver's.
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   using Ioctl = int (*)(int, unsigned long, ...);
@@ -62,9 +73,6 @@ namespace {
 class ThreadCostTest : public test::ManagerTest {
  protected:
   void SetUp() override {
-    if (::access("/proc/self/mountinfo", R_OK) != 0) {
-      GTEST_SKIP() << "no mount table here, so every measurement is a scan";
-    }
     ManagerTest::SetUp();
     ASSERT_EQ(
         CaptureManager::instance().Init(test::kIssuesPath, 3600, 1 << 30, 1000, 1 << 30, 10, 1000),
@@ -77,9 +85,6 @@ class ThreadCostTest : public test::ManagerTest {
     ASSERT_NO_FATAL_FAILURE(fill());
   }
   void TearDown() override {
-    if (IsSkipped()) {
-      return;
-    }
     ManagerTest::TearDown();
     ASSERT_EQ(TarnikIfgOpen(), 0);
     EXPECT_EQ(TarnikIfQFini(), 0);
@@ -146,9 +151,10 @@ TEST_F(ThreadCostTest, FramesMakeOneSystemCallAndTheWritesOfFullBuffers) {
   const unsigned writes = std::exchange(counts[SYS_write], 0);
   EXPECT_GE(writes, kFrames * 516 / 65536 - 4);
   EXPECT_LE(writes, kFrames * 516 / 65536 + 4);
-  // One look for changes a frame; the request that frees it is the driver's, which answers here
-  // without the kernel. A write is seen as a change: read what changed, look how large it is.
-  EXPECT_EQ(std::exchange(counts[SYS_epoll_pwait], 0), kFrames);
+  // For each frame the usage counters ask whether the directory changed. A write is a change: the
+  // events are read and the size of the file is queried. The stand-in driver frees frames without a
+  // system call.
+  EXPECT_EQ(std::exchange(counts[SYS_epoll_wait], 0), kFrames);
   EXPECT_EQ(std::exchange(counts[SYS_read], 0), writes);
   EXPECT_EQ(std::exchange(counts[SYS_newfstatat], 0), writes);
   std::erase_if(counts, [](const auto& item) { return item.second == 0; });

@@ -1,10 +1,12 @@
-// What the tests of the ledger share: a directory to measure, and the comparison of the ledger with
-// the scan, the numbers and what they log.
+// For tests of the disk usage: the clock of its scans, faults and counts of its system calls, and
+// the comparison with a full scan.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "base/paths.h"
@@ -14,6 +16,21 @@
 
 namespace tarnik::test {
 
+// These replace C functions of the test program (usage.cc).
+inline std::atomic<std::int64_t> clockMilliseconds{1'000'000};  // CLOCK_MONOTONIC_COARSE
+inline std::atomic<int> systemCalls{0};                         // all that usage.cc replaces
+inline std::atomic<int> listings{0};                            // opendir
+inline std::string failingCall;        // inotify_init1, inotify_add_watch, epoll_...: ENOSPC
+inline std::string pathWithoutStatus;  // stat fails with EIO there
+inline std::function<void()> onCloseDirectory;
+inline bool outOfMemory = false;  // operator new throws
+
+// Lets the next update scan the directory.
+inline void passOneSecond() {
+  clockMilliseconds += 1000;
+}
+
+// Compares an update with a scan: both counters and what is logged.
 inline testing::AssertionResult agrees(DiskUsage& usage) {
   std::uint64_t bytes = 4711;
   std::uint64_t files = 12;
@@ -38,19 +55,22 @@ inline testing::AssertionResult agrees(DiskUsage& usage) {
   return testing::AssertionSuccess();
 }
 
-// A capture directory of two files that the ledger has measured once, and a directory elsewhere.
+// An empty capture directory, and a directory elsewhere.
 class UsageTest : public testing::Test {
  protected:
   UsageTest() {
-    std::filesystem::remove_all("/var/other");
+    std::error_code ignored;
+    std::filesystem::remove_all("/var/other", ignored);
+    std::filesystem::remove_all("/var/support", ignored);
     std::filesystem::create_directory("/var/other");
     emptyCaptureDir();
-    writeFile(std::string(kCaptureDir) + "a.pcap", std::string(100, 'a'));
-    writeFile(std::string(kCaptureDir) + "b.info", std::string(50, 'b'));
-    EXPECT_TRUE(agrees(usage_));
+    clearLog();
   }
-
-  DiskUsage usage_;
+  ~UsageTest() override {
+    failingCall.clear();
+    pathWithoutStatus.clear();
+    onCloseDirectory = nullptr;
+  }
 };
 
 }  // namespace tarnik::test
