@@ -6,6 +6,8 @@
 #include <csignal>
 #include <cstdio>
 
+#include "daemon/loop_context.h"
+#include "daemon/reload.h"
 #include "daemon/settings.h"
 #include "daemon/state.h"
 #include "daemon/testing/daemon_fixture.h"

@@ -7,7 +7,7 @@
 
 #include "base/log.h"
 #include "capture/meta_cache.h"
-#include "daemon/callbacks.h"
+#include "daemon/reload.h"
 #include "daemon/settings.h"
 #include "daemon/state.h"
 
@@ -21,7 +21,7 @@ constexpr std::uint16_t kStatusReloadFailed = 12;
 
 static_assert(sizeof(SenderAddress) == 116 && offsetof(sockaddr_un, sun_path) == 2);
 
-// Empty for a sender without a name. The longest path fills its field without a closing NUL.
+// Empty for a sender without a name. The longest path fills its field and has no NUL.
 std::string nameOf(const SenderAddress& sender) {
   const char* const path = sender.address.sun_path;
   return {path, strnlen(path, sizeof sender.address.sun_path)};
@@ -98,7 +98,6 @@ void processMessage() {
     return;
   }
   const MessageView message(buffer.data(), static_cast<std::uint16_t>(received));
-  // Whatever passes is a request: its flags have bit 0 set.
   if (validateMessage(message, received) != 0) {
     TARNIK_ERROR("Error: %s: Invalid message from %s", "processMessage", nameOf(sender).c_str());
     return;

@@ -1,4 +1,4 @@
-// Serves the command socket: receives a message, does what it asks, answers. Main thread.
+// Handles the messages of the command socket. Main thread.
 #pragma once
 
 #include <orlo_sdk.h>
@@ -31,10 +31,10 @@ class MessageView {
 // The message's identifier, or 0 when it holds none.
 [[nodiscard]] std::uint64_t getMessageId(const MessageView& message);
 
-// Receives one message and handles it. What is not acceptable is logged and gets no answer.
+// Receives one message and handles it. An invalid message is logged and gets no response.
 void processMessage();
 
-// Handlers of the request types. 0, or a number other than 0 that processMessage logs.
+// Handle a request. Return 0 or, after a failure, a number that processMessage logs.
 [[nodiscard]] int processReloadRequest(std::uint64_t messageId, const SenderAddress& sender);
 [[nodiscard]] int processGetStateRequest(std::uint64_t messageId, const SenderAddress& sender);
 [[nodiscard]] int processMetadata(const MessageView& message, std::uint32_t received);

@@ -15,7 +15,9 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "daemon/callbacks.h"
+#include "daemon/loop_context.h"
 #include "daemon/options.h"
+#include "daemon/reload.h"
 #include "daemon/settings.h"
 #include "daemon/state.h"
 
@@ -24,7 +26,7 @@ namespace {
 
 constexpr std::int64_t kTickleInterval = 3;  // seconds
 
-// Also kept here, beside the loop context, so that a debugger or a core file finds it.
+// Also in the loop context. A debugger finds it here.
 OrloWatchdogTimer* watchdogTimer = nullptr;
 
 void readCommandLine(int argc, char** argv) {
@@ -40,7 +42,8 @@ void unblockSignals() {
   sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-// Every open capture holds a file, and a busy sensor has more captures than the usual soft limit.
+// Every open capture has an open file, and a busy sensor has more captures than the usual soft
+// limit allows.
 void raiseDescriptorLimit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
@@ -96,7 +99,7 @@ void openCommandSocket(LoopContext& context) {
     std::exit(EXIT_FAILURE);
   }
   if (OrloLoopFdAdd(OrloCmdFd(), onCommand, &context) != 0) {
-    // The text for code 0: the line says which step failed, and the loop has no code of its own.
+    // The loop has no error code, so the line ends with the text for code 0.
     TARNIK_FATAL("Fatal error: %s: Failed to create command callback: %s", kProgramName,
                  OrloCmdError(0));
     std::exit(EXIT_FAILURE);
@@ -110,7 +113,8 @@ void loadConfiguration(LoopContext& context) {
   }
 }
 
-// Without a place to write, every capture fails later, one line a frame; say it once, and first.
+// When the directory is not writable, every capture fails later, with one log line for each frame.
+// Log the cause once, at start.
 void checkCaptureDirectory() {
   if (faccessat(AT_FDCWD, kCaptureDir, W_OK | X_OK, AT_EACCESS) != 0) {
     TARNIK_ERROR("Error: %s: Cannot write to [%s]: %s", "main", kCaptureDir, std::strerror(errno));
@@ -118,7 +122,7 @@ void checkCaptureDirectory() {
 }
 
 void startCapture() {
-  // A failed Init or start is logged by them; the daemon goes on and answers commands.
+  // Init and start log their failures. The daemon then still answers commands.
   applyCaptureSettings(&CaptureManager::Init);
   captureThread.start(static_cast<std::uint64_t>(getSettings().brund.qtimeout));
 }
@@ -155,7 +159,7 @@ int tarnikMain(int argc, char** argv) {
   checkCaptureDirectory();
   startCapture();
   if (OrloLoop() != 0) {
-    captureThread.stop();  // no callback has asked for the end, so none has stopped it
+    captureThread.stop();  // the loop failed, so no callback has stopped the thread
   }
   shutDown(context);
   TARNIK_DEBUG(0, "Debug: %s: exit status=%d", kProgramName, *context.exitStatus);

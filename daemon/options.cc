@@ -38,7 +38,7 @@ int parseOptions(int argc, char** argv, std::uint32_t& flags) {
         flags |= kNoDaemon;
         break;
       case 'w':
-        // Deliberately unchecked: what is no number is 0, and only 32 bits are kept.
+        // Deliberately unchecked: text that is no number is 0, and only 32 bits are kept.
         options.watchdogTime = static_cast<std::int32_t>(std::strtol(optarg, nullptr, 10));
         break;
       case 'p':

@@ -13,7 +13,7 @@ inline constexpr char kProgramName[] = "tarnikd";
 // Bit of the option flags: stay in the foreground.
 inline constexpr std::uint32_t kNoDaemon = 0x1;
 
-// What the command line says; one instance, written by parseOptions before anything reads it.
+// The command line's options. parseOptions writes the one instance before anything reads it.
 struct Options {
   std::uint32_t flags = 0;
   std::int64_t watchdogTime = 50;  // in the unit of the platform's watchdog
@@ -22,8 +22,9 @@ struct Options {
 };
 extern Options options;
 
-// Parses the command line into `options` and `flags`, and counts -v into the platform's debug
-// level. 0, or 12 when it is not acceptable; it is read to its end all the same. Prints nothing.
+// Parses the command line into `options` and `flags`. Each -v raises the platform's debug level.
+// Returns 0, or 12 when the command line is not acceptable; it parses to the end all the same.
+// Prints nothing.
 [[nodiscard]] int parseOptions(int argc, char** argv, std::uint32_t& flags);
 
 // Writes the usage line to standard error.

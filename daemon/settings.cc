@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "base/log.h"
-#include "base/owned.h"
 #include "policy/tuning_file.h"
 
 namespace tarnik {
@@ -41,8 +40,8 @@ constexpr IntegerKey kIntegerKeys[] = {
      [](TarnikSettings& s) -> std::int64_t& { return s.event.interval; }},
     {"brund", "timeout", 1, 48000,
      [](TarnikSettings& s) -> std::int64_t& { return s.brund.timeout; }},
-    // Sets the idle time-out of captures, as configurations in the field rely on: the later of this
-    // key and tarnik.file.timeout wins, and the expiry timer keeps its 300 seconds.
+    // This key sets the idle time-out of captures, and configurations in the field rely on it: the
+    // later of this key and tarnik.file.timeout wins, and the expiry timer keeps its 300 seconds.
     {"brund", "interval", 1, 3600,
      [](TarnikSettings& s) -> std::int64_t& { return s.file.timeout; }},
     {"brund", "qsize", 50, 100000,
@@ -125,36 +124,34 @@ int loadTarnikCfg(TarnikSettings& settings, std::span<const std::string_view> co
 }
 
 int load(TarnikSettings& settings, const char* path) {
-  const Stream stream = openForReading(path);
-  if (!stream) {
-    TARNIK_DEBUG(0, "Debug: %s: Failed to open config: %s", "load", path);
-    return 1;
-  }
-  const Tuning tuning(OrloTuningAlloc(stream.get()));
-  if (!tuning) {
-    TARNIK_DEBUG(0, "Debug: %s: Failed to allocate orlo tuning", "load");
-    return 1;
-  }
-  for (;;) {
-    const char* key = nullptr;
-    const char* value = nullptr;
-    const int parsed = OrloTuningParseLine(tuning.get(), &key, &value);
-    if (parsed == ORLO_TUNING_END) {
-      return 0;
-    }
-    if (parsed != ORLO_TUNING_SETTING) {
-      continue;
-    }
+  int result = 0;
+  const auto visit = [&](const char* key, const char* value) {
     const std::vector<std::string_view> components = splitAtDots(key);
-    if (components.front() != "tarnik") {
-      continue;
+    if (components.front() == "tarnik") {
+      result = loadTarnikCfg(settings, components, value);
     }
-    const int result = loadTarnikCfg(settings, components, value);
     if (result != 0) {
       TARNIK_DEBUG(0, "Debug: %s: Failed to load base cfg", "load");
-      return result;
     }
+    return result == 0;
+  };
+  switch (readTuningFile(path, MalformedLines::kSkip, visit).status) {
+    case TuningStatus::kEnd:
+    case TuningStatus::kMalformed:
+      return 0;
+    case TuningStatus::kStopped:
+      return result;
+    case TuningStatus::kCannotOpen:
+      TARNIK_DEBUG(0, "Debug: %s: Failed to open config: %s", "load", path);
+      return 1;
+    case TuningStatus::kNoParser:
+      TARNIK_DEBUG(0, "Debug: %s: Failed to allocate orlo tuning", "load");
+      return 1;
+    case TuningStatus::kReadError:
+      TARNIK_ERROR("Error: %s: Failed to read: %s, errno=%d", "load", path, errno);
+      return 1;
   }
+  return 1;
 }
 
 void dumpSettings(const TarnikSettings& settings) {
@@ -166,7 +163,8 @@ void dumpSettings(const TarnikSettings& settings) {
   TARNIK_INFO("tarnik.file.maxsize=%s", text(settings.file.maxsize).c_str());
   TARNIK_INFO("tarnik.file.timeout=%s", text(settings.file.timeout).c_str());
   TARNIK_INFO("tarnik.brund.timeout=%s", text(settings.brund.timeout).c_str());
-  // These two lines have always shown their neighbour's value, and readers of the log know it.
+  // The lines for brund.interval and brund.qsize show another setting's value; programs that read
+  // the log expect it.
   TARNIK_INFO("tarnik.brund.interval=%s", text(settings.brund.timeout).c_str());
   TARNIK_INFO("tarnik.brund.qtimeout=%s", text(settings.brund.qtimeout).c_str());
   TARNIK_INFO("tarnik.brund.qsize=%s", text(settings.brund.qtimeout).c_str());

@@ -16,7 +16,7 @@ struct StateReport {
   const char* event;  // null: none
 };
 
-// By state code; codes beyond the table are as unknown as code 0.
+// Indexed by state code. Codes beyond the table are unknown, like code 0.
 constexpr StateReport kReports[] = {
     {LOG_ERR, "Error: tarnikd Daemon state unknown", "VRKUA0008E"},
     {LOG_DEBUG, "Debug: tarnikd Daemon starting...", nullptr},

@@ -1,5 +1,5 @@
-// The daemon's life-cycle state, with the log line and the platform event of each. The state is
-// only a report: no code branches on it.
+// The daemon's life-cycle state. Clients ask for it, and each change is logged; no code branches on
+// it.
 #pragma once
 
 #include <cstdint>

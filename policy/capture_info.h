@@ -1,17 +1,14 @@
-// Info templates, made from the policy at start and on reload, and the ".info" file that
-// describes a finished capture.
+// The ".info" file that describes a finished capture.
 #pragma once
 
 #include <cstdint>
 #include <ctime>
-#include <span>
 #include <string>
-
-#include "policy/capture_rules.h"
 
 namespace tarnik {
 
-// Trigger identifiers up to this one are NAP rule priorities in info files, above it IPS issues.
+// In info files a trigger identifier up to this one is a NAP rule priority, a larger one an IPS
+// issue.
 inline constexpr std::uint32_t kMaxNapPriority = 65535;
 
 struct CaptureInfo {
@@ -25,23 +22,14 @@ struct CaptureInfo {
   std::int64_t flowId = 0;
 
   // Records the capture's final path and policy; the info path is the final path up to its first
-  // ".pcap", with ".info" behind it.
+  // ".pcap", followed by ".info".
   void set(const std::string& finalPath, std::uint32_t id, const std::string& name,
            std::int64_t flow);
 };
 
-// Writes the rules of all spans as "key=value" lines, replacing the file. False, with a log line,
-// when it cannot be opened. A full disk cuts the file short, with a log line.
-[[nodiscard]] bool writeInfoTemplate(const char* path, std::span<const RuleSpan> rules);
-
-// Main thread. Write the template of all IPS captures, and one template for each NAP rule that
-// asks for capture; without such rules nothing is written, which is success.
-[[nodiscard]] bool createIpsInfoTemplate();
-[[nodiscard]] bool createNapInfoTemplates();
-
 // Writes the capture's info file: the template's lines, then times, policy and size. Sets
 // info.endTime. False, with a log line, when the info file cannot be opened; a full disk cuts it
-// short, with a log line. The thread that closes the capture.
+// short, with a log line. Called by the thread that closes the capture.
 [[nodiscard]] bool fini(CaptureInfo& info);
 
 }  // namespace tarnik

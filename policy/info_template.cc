@@ -1,3 +1,5 @@
+#include "policy/info_template.h"
+
 #include <fcntl.h>
 
 #include <cerrno>
@@ -8,13 +10,12 @@
 #include "base/log.h"
 #include "base/owned.h"
 #include "base/paths.h"
-#include "policy/capture_info.h"
 #include "policy/output_file.h"
 
 namespace tarnik {
 namespace {
 
-// Stops at what cannot be written: more of it would leave a hole.
+// Stops at the first failure: writing on would leave a gap in the file.
 void writeRules(std::FILE* stream, std::span<const RuleSpan> rules) {
   for (const RuleSpan span : rules) {
     for (const Rule* rule : span) {
@@ -46,10 +47,10 @@ bool createIpsInfoTemplate() {
   if (references.empty()) {
     return true;
   }
-  RulesByReference byReference(kIpsPolicyPath, references);
+  CaptureRules captureRules(kIpsPolicyPath, references);
   std::vector<RuleSpan> rules;
   for (const std::string& reference : references) {
-    if (!byReference.get(reference, rules)) {
+    if (!captureRules.getTarnikRules(reference, rules)) {
       return false;
     }
   }
@@ -61,11 +62,11 @@ bool createNapInfoTemplates() {
   if (!getTarnikReferences(kNapPolicyPath, references)) {
     return false;
   }
-  RulesByReference byReference(kNapPolicyPath, references);
+  CaptureRules captureRules(kNapPolicyPath, references);
   for (const std::string& reference : references) {
     std::vector<RuleSpan> rules;
     const std::string path = kNapTemplatePrefix + reference;
-    if (!byReference.get(reference, rules) || !writeInfoTemplate(path.c_str(), rules)) {
+    if (!captureRules.getTarnikRules(reference, rules) || !writeInfoTemplate(path.c_str(), rules)) {
       return false;
     }
   }

@@ -1,10 +1,11 @@
+#include "policy/info_template.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 
 #include "base/paths.h"
-#include "policy/capture_info.h"
 #include "policy/output_file.h"
 #include "policy/testing/fixture.h"
 

@@ -3,6 +3,7 @@
 #include <orlo_sdk.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -17,68 +18,49 @@ struct RecordDestroyer {
 };
 using Record = std::unique_ptr<CsvRecord, RecordDestroyer>;
 
-}  // namespace
-
-bool IssueMap::populate(const char* path, Names& names) {
-  TARNIK_DEBUG(0, "Debug: %s: %s", "PopulateIssueMap", path);
-  const Stream stream = openForReading(path);
-  if (!stream) {
-    TARNIK_ERROR("Error: %s: Failed to open [%s]: %s", "PopulateIssueMap", path, strerror(errno));
+// Puts one record into `names`. False when it has no number or no name.
+bool addIssue(const CsvRecord* record, NameMap::Names& names) {
+  std::uint32_t id = 0;
+  const char* name = nullptr;
+  if (!OrloCsvReadUInt(record, 0, &id) || !OrloCsvReadStr(record, 1, &name)) {
     return false;
   }
-  std::size_t line = 0;
-  while (const Record record{CsvRecordRead(stream.get())}) {
-    ++line;
-    std::uint32_t id = 0;
-    const char* name = nullptr;
-    if (!OrloCsvReadUInt(record.get(), 0, &id) || !OrloCsvReadStr(record.get(), 1, &name)) {
-      TARNIK_ERROR("Error: %s: Could not read [%s], line: %zu", "PopulateIssueMap", path, line);
-      return false;
-    }
-    names.insert_or_assign(id, name);
-  }
-  TARNIK_DEBUG(0, "Debug: %s: Read %zu issues", "PopulateIssueMap", names.size());
+  names.insert_or_assign(id, name);
   return true;
 }
 
+bool readIssues(const char* path, NameMap::Names& names) {
+  constexpr char kName[] = "PopulateIssueMap";
+  TARNIK_DEBUG(0, "Debug: %s: %s", kName, path);
+  const Stream stream = openForReading(path);
+  if (!stream) {
+    TARNIK_ERROR("Error: %s: Failed to open [%s]: %s", kName, path, strerror(errno));
+    return false;
+  }
+  for (std::size_t line = 1;; ++line) {
+    const Record record(CsvRecordRead(stream.get()));
+    // The reader takes a read error for the end of the file, and the record may be cut short.
+    const bool readError = std::ferror(stream.get()) != 0;
+    if (readError || (record && !addIssue(record.get(), names))) {
+      TARNIK_ERROR("Error: %s: Could not read [%s], line: %zu", kName, path, line);
+      return false;
+    }
+    if (!record) {
+      break;
+    }
+  }
+  TARNIK_DEBUG(0, "Debug: %s: Read %zu issues", kName, names.size());
+  return true;
+}
+
+}  // namespace
+
 bool IssueMap::PopulateIssueMap(const char* path) {
-  // Only this thread changes the map, so it is still the one copied here when it is replaced.
-  Names names = snapshot();
-  const bool whole = populate(path, names);
-  replace(names);
-  return whole;
+  return names_.add([path](NameMap::Names& names) { return readIssues(path, names); });
 }
 
 bool IssueMap::Reload(const std::string& path) {
-  Names names;
-  const bool whole = populate(path.c_str(), names);
-  replace(names);
-  return whole;
-}
-
-bool IssueMap::LookupIssueName(std::uint32_t id, std::string& name) const {
-  const std::lock_guard guard(mutex_);
-  const auto found = names_.find(id);
-  if (found == names_.end()) {
-    return false;
-  }
-  name = found->second;
-  return true;
-}
-
-std::size_t IssueMap::size() const {
-  const std::lock_guard guard(mutex_);
-  return names_.size();
-}
-
-IssueMap::Names IssueMap::snapshot() const {
-  const std::lock_guard guard(mutex_);
-  return names_;
-}
-
-void IssueMap::replace(Names& names) {
-  const std::lock_guard guard(mutex_);
-  names_.swap(names);  // the caller frees the old names, when the guard is gone
+  return names_.refill([&path](NameMap::Names& names) { return readIssues(path.c_str(), names); });
 }
 
 }  // namespace tarnik

@@ -2,48 +2,57 @@
 
 #include <orlo_sdk.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "base/log.h"
-#include "base/owned.h"
 #include "base/paths.h"
 #include "policy/tuning_file.h"
 
 namespace tarnik {
+namespace {
 
-bool NapMap::populate(const char* path, Uuids& uuids) {
-  const Stream stream = openForReading(path);
-  if (!stream) {
-    TARNIK_ERROR("Error: %s: Could not open config file: %s", "PopulateNapMap", path);
-    return false;
+void addRule(const char* key, const char* value, NameMap::Names& uuids) {
+  const char* const uuid = OrloMatchPrefix(key, "acl.rule.priority.");
+  if (uuid == nullptr) {
+    return;
   }
-  const Tuning tuning(OrloTuningAlloc(stream.get()));
-  if (!tuning) {
-    TARNIK_FATAL("Fatal error: %s: tuning allocation failed", "PopulateNapMap");
-    endProcess();
-  }
-  const bool whole = readSettings(tuning.get(), [&uuids](const char* key, const char* value) {
-    // No check, as in all policy files: what is no number is 0, and -1 is the highest priority.
-    const auto priority = static_cast<std::uint32_t>(std::strtol(value, nullptr, 10));
-    const char* uuid = OrloMatchPrefix(key, "acl.rule.priority.");
-    if (uuid == nullptr) {
-      return;
-    }
-    uuids.insert_or_assign(priority, *uuid == '_' ? uuid + 1 : uuid);
-  });
-  if (!whole) {
-    TARNIK_ERROR("Error: %s: Malformed tuning parameter at line %d", "PopulateNapMap",
-                 OrloTuningCurrLine(tuning.get()));
-  }
-  return whole;
+  // The value is not checked: text that is no number is 0, and -1 is the highest priority.
+  const auto priority = static_cast<std::uint32_t>(std::strtol(value, nullptr, 10));
+  uuids.insert_or_assign(priority, *uuid == '_' ? uuid + 1 : uuid);
 }
 
+bool readRules(const char* path, NameMap::Names& uuids) {
+  constexpr char kName[] = "PopulateNapMap";
+  const TuningOutcome outcome =
+      readTuningFile(path, MalformedLines::kStop, [&uuids](const char* key, const char* value) {
+        addRule(key, value, uuids);
+        return true;
+      });
+  switch (outcome.status) {
+    case TuningStatus::kCannotOpen:
+      TARNIK_ERROR("Error: %s: Could not open config file: %s", kName, path);
+      return false;
+    case TuningStatus::kNoParser:
+      TARNIK_FATAL("Fatal error: %s: tuning allocation failed", kName);
+      endProcess();
+    case TuningStatus::kReadError:
+      TARNIK_ERROR("Error: %s: Failed to read: %s, errno=%d", kName, path, errno);
+      return false;
+    case TuningStatus::kMalformed:
+      TARNIK_ERROR("Error: %s: Malformed tuning parameter at line %d", kName, outcome.line);
+      return false;
+    case TuningStatus::kEnd:
+    case TuningStatus::kStopped:
+      break;
+  }
+  return true;
+}
+
+}  // namespace
+
 bool NapMap::PopulateNapMap(const char* path) {
-  // Only this thread changes the map, so it is still the one copied here when it is replaced.
-  Uuids uuids = snapshot();
-  const bool whole = populate(path, uuids);
-  replace(uuids);
-  return whole;
+  return uuids_.add([path](NameMap::Names& uuids) { return readRules(path, uuids); });
 }
 
 bool NapMap::Load() {
@@ -51,43 +60,14 @@ bool NapMap::Load() {
 }
 
 bool NapMap::Reload() {
-  Uuids uuids;
-  const bool whole = populate(kNapPolicyPath, uuids);
-  replace(uuids);
-  return whole;
-}
-
-bool NapMap::LookupNapUuid(std::uint32_t priority, std::string& uuid) const {
-  const std::lock_guard guard(mutex_);
-  const auto found = uuids_.find(priority);
-  if (found == uuids_.end()) {
-    return false;
-  }
-  uuid = found->second;
-  return true;
+  return uuids_.refill([](NameMap::Names& uuids) { return readRules(kNapPolicyPath, uuids); });
 }
 
 void NapMap::Dump() const {
-  const Uuids uuids = snapshot();  // the log may block, so not under the guard
   TARNIK_INFO("%s: NAP map", "Dump");
-  for (const auto& [priority, uuid] : uuids) {
+  for (const auto& [priority, uuid] : uuids_.copy()) {  // a copy: the log may block
     TARNIK_INFO("0x%x: %s", priority, uuid.c_str());
   }
-}
-
-std::size_t NapMap::size() const {
-  const std::lock_guard guard(mutex_);
-  return uuids_.size();
-}
-
-NapMap::Uuids NapMap::snapshot() const {
-  const std::lock_guard guard(mutex_);
-  return uuids_;
-}
-
-void NapMap::replace(Uuids& uuids) {
-  const std::lock_guard guard(mutex_);
-  uuids_.swap(uuids);  // the caller frees the old ones, when the guard is gone
 }
 
 }  // namespace tarnik

@@ -1,40 +1,36 @@
 // NAP rule priorities and the rules' UUIDs, from the access-control policy "/etc/acl.conf".
-//
-// Thread safety: as IssueMap.
+// Thread safety: as NameMap.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
-#include <mutex>
 #include <string>
+
+#include "policy/name_map.h"
 
 namespace tarnik {
 
 class NapMap {
  public:
   // Adds the file's "acl.rule.priority." settings to the map; of two rules with one priority the
-  // later stays. False, with a log line, when the file cannot be opened or a line is malformed;
-  // the lines before it are kept. Ends the process with status 1 when no parser can be had.
+  // later replaces the earlier. False, with a log line, when the file cannot be opened or read or a
+  // line is malformed; the lines before it are kept. Ends the process with status 1 when the
+  // platform has no parser.
   [[nodiscard]] bool PopulateNapMap(const char* path);
   // Populates from the sensor's policy file.
   [[nodiscard]] bool Load();
-  // As Load, but what the map held before goes, also on failure.
+  // As Load, but discards what the map held before, also on failure.
   [[nodiscard]] bool Reload();
   // Copies the rule's UUID out and returns true, or returns false and leaves `uuid` alone.
-  [[nodiscard]] bool LookupNapUuid(std::uint32_t priority, std::string& uuid) const;
+  [[nodiscard]] bool LookupNapUuid(std::uint32_t priority, std::string& uuid) const {
+    return uuids_.lookup(priority, uuid);
+  }
   // Writes the map to the log. Any thread.
   void Dump() const;
-  [[nodiscard]] std::size_t size() const;
+  [[nodiscard]] std::size_t size() const { return uuids_.size(); }
 
  private:
-  using Uuids = std::map<std::uint32_t, std::string>;
-  static bool populate(const char* path, Uuids& uuids);
-  Uuids snapshot() const;
-  void replace(Uuids& uuids);
-
-  mutable std::mutex mutex_;  // guards uuids_
-  Uuids uuids_;
+  NameMap uuids_;
 };
 
 }  // namespace tarnik

@@ -1,43 +1,38 @@
-// What the readers of policy files share around the platform's tuning parser.
+// Reads files of "key = value" settings with the platform's tuning parser: the settings file and
+// the policy files.
 #pragma once
 
-#include <orlo_sdk.h>
-
-#include <cstdlib>
-#include <memory>
+#include <cstdint>
+#include <functional>
 
 namespace tarnik {
 
-struct TuningReleaser {
-  void operator()(OrloTuning* tuning) const noexcept { OrloTuningRelease(tuning); }
+enum class TuningStatus : std::uint8_t {
+  kEnd,         // the whole file was read
+  kStopped,     // the visitor ended the reading
+  kCannotOpen,  // with errno
+  kNoParser,    // the platform has no memory for one
+  kReadError,   // with errno
+  kMalformed,
 };
-// Declare it behind the stream it reads: the parser has to go first.
-using Tuning = std::unique_ptr<OrloTuning, TuningReleaser>;
 
-// Hands every setting to visit(key, value); both texts last until visit returns. True at the end
-// of the file, false at a malformed line, whose number OrloTuningCurrLine then tells.
-template <typename Visit>
-[[nodiscard]] bool readSettings(OrloTuning* tuning, Visit visit) {
-  const char* key = nullptr;
-  const char* value = nullptr;
-  for (;;) {
-    switch (OrloTuningParseLine(tuning, &key, &value)) {
-      case ORLO_TUNING_SETTING:
-        visit(key, value);
-        break;
-      case ORLO_TUNING_END:
-        return true;
-      default:
-        return false;
-    }
-  }
-}
+struct TuningOutcome {
+  TuningStatus status;
+  int line;  // of kMalformed, from 1; else 0
+};
 
-// Ends the process with status 1, at once. Not exit(): on a reload the capture thread is at work,
-// and exit() would destroy the writers and flush their streams, which have no locks, under it. The
-// price is what the streams of unfinished captures still hold; these have no final name yet.
-[[noreturn]] inline void endProcess() noexcept {
-  std::_Exit(EXIT_FAILURE);
-}
+// Gets each setting; both texts are valid until it returns. False ends the reading.
+using TuningVisitor = std::function<bool(const char* key, const char* value)>;
+
+enum class MalformedLines : std::uint8_t { kSkip, kStop };
+
+// Opens a regular file and hands its settings to `visit` in their order. Logs nothing.
+[[nodiscard]] TuningOutcome readTuningFile(const char* path, MalformedLines malformedLines,
+                                           const TuningVisitor& visit);
+
+// Ends the process with status 1 at once, without running destructors. During a reload the capture
+// thread is at work, and exit() would destroy its writers and flush their streams while it uses
+// them. What the streams of unfinished captures still hold is lost.
+[[noreturn]] void endProcess() noexcept;
 
 }  // namespace tarnik

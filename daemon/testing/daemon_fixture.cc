@@ -16,7 +16,9 @@
 #include "base/testing/captured_log.h"
 #include "daemon/callbacks.h"
 #include "daemon/entry.h"
+#include "daemon/loop_context.h"
 #include "daemon/options.h"
+#include "daemon/reload.h"
 #include "daemon/settings.h"
 #include "daemon/state.h"
 

@@ -15,7 +15,7 @@
 #include "capture/capture_thread.h"
 #include "capture/meta_cache.h"
 #include "daemon/testing/recording_sdk.h"
-#include "policy/capture_info.h"
+#include "policy/info_template.h"
 
 namespace tarnik {
 namespace {

@@ -12,6 +12,7 @@
 #include "policy/capture_rules.h"
 #include "policy/issue_map.h"
 #include "policy/nap_map.h"
+#include "policy/testing/rules.h"
 
 namespace tarnik::brund {
 namespace {
@@ -85,14 +86,12 @@ TEST_F(PolicyFiles, EachTriggerIsAReferenceOnce) {
 }
 
 TEST_F(PolicyFiles, RulesTellTheirFilters) {
-  Rules http;
-  ASSERT_TRUE(getTarnikRules(path("/ips.conf").c_str(), "HTTP", http));
+  const Rules http = test::rulesOf(path("/ips.conf"), "HTTP");
   EXPECT_THAT(http, Contains(Pair("ips.responses.object.HTTP", "log,tarnik:capture")));
   EXPECT_THAT(http, Contains(Pair("ips.issue.filter.HTTP",
                                   "((tcp port 80) or (tcp port 8080)) or (ip proto \\icmp)")));
   EXPECT_EQ(http.size(), 3u);
-  Rules reset;
-  ASSERT_TRUE(getTarnikRules(path("/acl.conf").c_str(), "_b.2", reset));
+  const Rules reset = test::rulesOf(path("/acl.conf"), "_b.2");
   EXPECT_THAT(reset, ElementsAre(Pair("acl.rule.priority.__b.2", "20"),
                                  Pair("acl.rule.priority.__b.2", "21"),
                                  Pair("acl.rule.action.__b.2", "allow"),

@@ -9,9 +9,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
 namespace tarnik::test {
 
@@ -19,7 +16,7 @@ Platform platform;
 
 namespace {
 
-// The system's own function behind one that is replaced below.
+// The function of the system or the platform that a function below replaces.
 template <typename Function>
 Function real(const char* name) {
   return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
@@ -35,26 +32,7 @@ int openDescriptors() {
 
 }  // namespace
 
-void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream stream(path, std::ios::binary | std::ios::trunc);
-  stream << content;
-  stream.close();
-  ASSERT_TRUE(stream) << path;
-}
-
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  if (!stream) {
-    return std::nullopt;
-  }
-  return std::string(std::istreambuf_iterator<char>(stream), {});
-}
-
-PolicyTest::PolicyTest() : directory_("/tmp/policy.XXXXXX"), openBefore_(openDescriptors()) {
-  if (mkdtemp(directory_.data()) == nullptr) {
-    std::perror("mkdtemp");
-    std::abort();
-  }
+PolicyTest::PolicyTest() : openBefore_(openDescriptors()) {
   platform = Platform();
   setDebugLevel(0);
   clearLog();
@@ -65,7 +43,6 @@ PolicyTest::~PolicyTest() {
   EXPECT_EQ(platform.parsersReleased, platform.parsersMade);
   EXPECT_EQ(platform.recordsDestroyed, platform.recordsRead);
   platform = Platform();
-  std::filesystem::remove_all(directory_);
 }
 
 std::string PolicyTest::file(const std::string& content) const {
@@ -147,7 +124,7 @@ int system(const char* command) {
   return next(command);
 }
 
-// A child process that ends like this leaves its log on standard error, for its parent to see.
+// The log goes to standard error, where a death test can check it.
 void _Exit(int status) noexcept {
   for (const tarnik::test::LogLine& line : tarnik::test::logLines()) {
     std::fprintf(stderr, "<%d>%s\n", line.priority, line.text.c_str());

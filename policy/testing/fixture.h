@@ -1,5 +1,5 @@
-// What the tests of the policy readers share: files, the platform's calls counted and failed at
-// will, and a check after each test that nothing was left open.
+// The fixture of the policy tests. It counts calls to the platform and makes them fail, and checks
+// after each test that nothing was left open.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -14,46 +14,43 @@
 
 #include "base/log.h"
 #include "base/testing/captured_log.h"
+#include "base/testing/files.h"
 
 namespace tarnik::test {
 
-// The system as the code under test meets it.
+// What the replaced functions of the platform and of libc do.
 struct Platform {
   int parsersMade = 0;
   int parsersReleased = 0;
   int recordsRead = 0;
   int recordsDestroyed = 0;
-  int parserToFail = 0;               // this one, counted from 1, cannot be had
+  int parserToFail = 0;               // the number, from 1, of the parser that is refused
   std::function<void()> onRecord;     // runs before each record is read
   std::function<void()> onParser;     // runs before each parser is made
   std::function<void()> onCommand;    // runs before each command
   std::optional<std::time_t> now;     // instead of the clock
-  std::vector<std::string> commands;  // those that reached a shell
-  bool noShell = false;               // none can be started
+  std::vector<std::string> commands;  // those passed to a shell
+  bool noShell = false;               // no shell can be started
 };
 extern Platform platform;
-
-void writeFile(const std::string& path, const std::string& content);
-// The file's bytes, or nothing when there is no such file.
-[[nodiscard]] std::optional<std::string> readFile(const std::string& path);
 
 class PolicyTest : public testing::Test {
  protected:
   PolicyTest();
   ~PolicyTest() override;
 
-  // A path in a directory that goes with the test.
-  [[nodiscard]] std::string path(const std::string& name) const { return directory_ + "/" + name; }
+  // A path in a directory that is removed after the test.
+  [[nodiscard]] std::string path(const std::string& name) const { return directory_ / name; }
   // Writes a file there and returns its path.
   [[nodiscard]] std::string file(const std::string& content) const;
 
  private:
-  std::string directory_;
+  TempDir directory_;
   int openBefore_;
 };
 
-// While it lives, no file grows beyond `bytes`: writing more fails with EFBIG, as it does with
-// another number on a full disk. Children inherit it.
+// During its lifetime no file grows beyond `bytes`: writing more fails with EFBIG, as writing to a
+// full disk fails with ENOSPC. Child processes inherit it.
 class FullDisk {
  public:
   explicit FullDisk(rlim_t bytes);
