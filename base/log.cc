@@ -11,13 +11,13 @@
 namespace tarnik {
 namespace {
 
-// The level is a plain variable of the SDK. Relaxed: it orders nothing, a line more or less while
-// it changes is harmless.
+// The level is a plain variable of the SDK. Relaxed, because it orders nothing: it does not matter
+// when exactly a change takes effect.
 std::atomic_ref<unsigned> level() noexcept {
   return std::atomic_ref<unsigned>(OrloLogDebugLevel);
 }
 
-// Both threads log, and tzset() rebuilds what they share.
+// Both threads log, and tzset() changes global data.
 std::mutex zoneMutex;
 
 }  // namespace

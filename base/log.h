@@ -1,9 +1,8 @@
 // Log lines of the daemon, as they go to syslog.
 //
-// A line is the level word, the operation's name and a text: "Error: %s: Failed to open [%s]: %s".
-// The format strings stand in the code as they are read in the log. The time zone is read anew
-// (tzset) before each line, errno survives the call, and the format is checked like printf's.
-// Any thread.
+// A line has the level word, the operation's name and a text: "Error: %s: Failed to open [%s]: %s".
+// Format strings appear in the source as in the log. The time zone is read (tzset) before each
+// line, errno is preserved, and formats are checked like printf's. Any thread.
 #pragma once
 
 #include <syslog.h>
@@ -20,8 +19,8 @@ void raiseDebugLevel() noexcept;
 
 }  // namespace tarnik
 
-// Writes a debug line when the debug level is above `threshold`; its arguments are evaluated
-// only then, so that a quiet frame path costs one load and one branch.
+// Writes a debug line when the debug level is above `threshold`. Otherwise the arguments are not
+// evaluated, and the cost is one load and one branch.
 #define TARNIK_DEBUG(threshold, ...)                       \
   do {                                                     \
     if (::tarnik::debugLevel() > (threshold)) [[unlikely]] \

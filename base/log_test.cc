@@ -9,12 +9,12 @@
 #include "base/testing/captured_log.h"
 
 namespace {
-int zoneReadings = 0;
+int zoneReads = 0;
 }
 
-// Takes the place of the system library's, which formats no time of day in this program.
+// Replaces libc's, which this program does not need.
 extern "C" void tzset() noexcept {
-  ++zoneReadings;
+  ++zoneReads;
 }
 
 namespace tarnik::test {
@@ -28,7 +28,7 @@ class LogTest : public ::testing::Test {
   LogTest() {
     setDebugLevel(0);
     clearLog();
-    zoneReadings = 0;
+    zoneReads = 0;
   }
   ~LogTest() override {
     setDebugLevel(0);
@@ -36,7 +36,7 @@ class LogTest : public ::testing::Test {
   }
 };
 
-TEST_F(LogTest, EachWordHasItsPriority) {
+TEST_F(LogTest, EachLevelHasItsPriority) {
   setDebugLevel(1);
   TARNIK_DEBUG(0, "Debug: %s", "a");
   TARNIK_INFO("%d", 2);
@@ -65,13 +65,13 @@ TEST_F(LogTest, TheTimeZoneIsReadBeforeEachLine) {
   static int readingsBefore[3];
   static int lines;
   lines = 0;
-  onLogLine([](const LogLine&) { readingsBefore[lines++] = zoneReadings; });
+  onLogLine([](const LogLine&) { readingsBefore[lines++] = zoneReads; });
   TARNIK_INFO("one");
   TARNIK_ERROR("two");
   TARNIK_FATAL("three");
   EXPECT_THAT(readingsBefore, ElementsAre(1, 2, 3));
   TARNIK_DEBUG(0, "not written");
-  EXPECT_EQ(zoneReadings, 3);
+  EXPECT_EQ(zoneReads, 3);
 }
 
 TEST_F(LogTest, ErrnoSurvives) {

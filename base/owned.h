@@ -1,5 +1,5 @@
-// Owned resources of the system: descriptors, streams, mappings. Each releases what it holds
-// when it goes; moving hands it on. None is thread-safe.
+// Owners of descriptors, streams and mappings. Each releases its resource in its destructor;
+// moving transfers it. None is thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -24,9 +24,9 @@ class OwnedFd {
 
   [[nodiscard]] int get() const noexcept { return fd_; }
   [[nodiscard]] explicit operator bool() const noexcept { return fd_ >= 0; }
-  // Gives the descriptor up without closing it.
+  // Releases ownership without closing.
   int release() noexcept { return std::exchange(fd_, -1); }
-  // Closes the held descriptor (errno is preserved) and holds `fd` from now on.
+  // Closes the current descriptor (errno is preserved) and owns `fd`.
   void reset(int fd = -1) noexcept;
 
  private:
@@ -70,8 +70,8 @@ struct StreamCloser {
 };
 using Stream = std::unique_ptr<std::FILE, StreamCloser>;
 
-// Closes the stream where the result matters: false, with errno, when fclose fails. `stream` is
-// empty afterwards either way, because fclose frees it even then.
+// Closes the stream and reports the result: false, with errno, when fclose fails. `stream` is empty
+// afterwards, because fclose frees it in any case.
 [[nodiscard]] bool closeStream(Stream& stream) noexcept;
 
 // Opens a file like fopen(path, "r"), but only a regular one: a directory fails with EISDIR, and

@@ -1,5 +1,5 @@
-// The daemon's fixed paths. They are the sensor's: nothing makes them configurable, so that the
-// binary that is tested is the binary that is installed.
+// The daemon's fixed paths, which are the sensor's. They are not configurable, so that the tested
+// binary is the installed binary.
 #pragma once
 
 namespace tarnik {

@@ -1,5 +1,5 @@
-// The result of an operation of a tool: a value, or an error text that tells the user what went
-// wrong and what to do. The daemon does not use it.
+// The result of an operation of a tool: a value, or an error text for the user that says what
+// failed and what to do. The daemon does not use it.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ struct Error {
   std::string text;  // without program name and newline
 };
 
-// What an operation without a value returns.
+// The value of an operation that returns none.
 struct Done {};
 
 template <class Value = Done>

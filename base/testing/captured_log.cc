@@ -54,7 +54,7 @@ void onLogLine(void (*hook)(const LogLine& line)) {
 
 }  // namespace tarnik::test
 
-// These take the place of the system library's in the whole program, its shared libraries included.
+// These replace libc's in the whole program, including its shared libraries.
 extern "C" {
 
 void vsyslog(int priority, const char* format, va_list arguments) {

@@ -1,5 +1,5 @@
-// What the code under test wrote to syslog. A test program that links `test_support` gets a
-// vsyslog of its own that keeps every line; nothing reaches the system's log.
+// The lines that the code under test logs. A test program that links `captured_log` replaces
+// syslog: it keeps every line, and nothing reaches the system's log.
 #pragma once
 
 #include <syslog.h>
@@ -17,13 +17,13 @@ struct LogLine {
 };
 std::ostream& operator<<(std::ostream& out, const LogLine& line);
 
-// The lines since the last clearLog(), in their order. Any thread.
+// The lines since the last clearLog(), in order. Any thread.
 [[nodiscard]] std::vector<LogLine> logLines();
-// Those lines without the debug ones.
+// The same without debug lines.
 [[nodiscard]] std::vector<LogLine> logLinesAboveDebug();
 void clearLog();
-// Has `hook` called with every line as it is written, too; null ends that. Not while other threads
-// log.
+// Calls `hook` for every line, before logLine returns; null for none. Set it while no other thread
+// logs.
 void onLogLine(void (*hook)(const LogLine& line));
 
 }  // namespace tarnik::test

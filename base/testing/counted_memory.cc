@@ -19,7 +19,6 @@ std::uint64_t tarnik::test::allocations() {
 }
 
 #ifdef TARNIK_SANITIZED
-// The memory is the sanitizer's, which tells of each allocation.
 namespace {
 [[maybe_unused]] const int installed = __sanitizer_install_malloc_and_free_hooks(
     [](const volatile void*, std::size_t) { ++count; }, [](const volatile void*) {});

@@ -1,13 +1,12 @@
-// Counts what a test program allocates. A test program that links `counted_memory` has its own
-// malloc in the place of the system's; a sanitizer, which brings one too, is asked to tell of each
-// call.
+// Counts the allocations of a test program that links `counted_memory`. It replaces libc's malloc;
+// with a sanitizer it uses the sanitizer's hooks.
 #pragma once
 
 #include <cstdint>
 
 namespace tarnik::test {
 
-// How often memory was allocated so far, operator new included. Any thread.
+// The number of allocations so far, including operator new. Any thread.
 [[nodiscard]] std::uint64_t allocations();
 
 }  // namespace tarnik::test

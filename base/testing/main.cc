@@ -1,5 +1,5 @@
-// The main function of the test programs. Exit status 77, by which CTest knows a skipped test: what
-// could run passed, but a test could not, and said why.
+// The main function of the test programs. Exit status 77 marks a skipped test for CTest: all tests
+// that could run passed, but at least one was skipped.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

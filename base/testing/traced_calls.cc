@@ -12,7 +12,7 @@ namespace {
 
 constexpr auto kMark = SYS_gettid;
 
-// The number of the call that the stopped thread is about to make, or -1.
+// The number of the system call that the stopped thread is entering, or -1.
 std::int64_t callOf(pid_t thread) {
   __ptrace_syscall_info info{};
   const bool entry = ::ptrace(PTRACE_GET_SYSCALL_INFO, thread, sizeof info, &info) > 0 &&
@@ -20,7 +20,7 @@ std::int64_t callOf(pid_t thread) {
   return entry ? static_cast<std::int64_t>(info.entry.nr) : -1;
 }
 
-// The signal that stopped a thread and is to be handed on to it, or 0.
+// The signal that stopped a thread and must be delivered to it, or 0.
 int signalOf(int status) {
   const bool traps = WSTOPSIG(status) == (SIGTRAP | 0x80) || status >> 16 != 0;
   return traps || WSTOPSIG(status) == SIGSTOP ? 0 : WSTOPSIG(status);

@@ -1,4 +1,4 @@
-// Counts the system calls of one thread between two points of its work.
+// Counts the system calls of one thread between two marks.
 #pragma once
 
 #include <sys/types.h>
@@ -8,16 +8,16 @@
 
 namespace tarnik::test {
 
-// Called by the thread that is counted, at both points.
+// Sets a mark. Called by the counted thread, twice.
 void markCalls();
 
-// Called first by a child of fork(): stops until the parent traces it. False when it may not be
-// traced.
+// Called first by a forked child: waits until the parent traces it. False when tracing is not
+// permitted.
 [[nodiscard]] bool letCallsBeTraced();
 
-// Called by the parent: traces the child and its threads to the child's end. The calls that
-// the thread which marks them made between its first two marks, by their numbers; nothing when
-// there were no such marks or the child could not be traced.
+// Called by the parent: traces the child and its threads until the child ends. The system calls, by
+// number, that the marking thread made between its first two marks. Empty without such marks or
+// when the child could not be traced.
 [[nodiscard]] std::map<std::uint64_t, unsigned> tracedCalls(pid_t child);
 
 }  // namespace tarnik::test

@@ -17,8 +17,8 @@ namespace {
 
 using orlo::OwnedFd;
 
-// Where opening the socket failed. A code of OrloCmdInit is the step in its upper bits and the
-// errno in its lower ones, so that its text can be given later.
+// Where opening the socket failed. A code of OrloCmdInit has the step in its upper bits and the
+// errno in its lower bits, so that OrloCmdError can describe it later.
 enum class Step {
   None,
   Name,
@@ -35,8 +35,7 @@ enum class Step {
 
 constexpr int kErrnoBits = 12;
 
-// The texts, with the daemon's name for %1$s, the socket's path for %2$s and the errno's text for
-// %3$s.
+// %1$s is the daemon's name, %2$s the socket's path, %3$s the text of the errno.
 constexpr const char* kTexts[] = {
     "no error",
     "'%1$s' cannot name a command socket: use 1 to 64 letters, digits, '.', '_' or '-'",
@@ -52,7 +51,7 @@ constexpr const char* kTexts[] = {
 };
 
 struct CommandSocket {
-  OwnedFd lock;  // held as long as the socket is open
+  OwnedFd lock;  // held while the socket is open
   OwnedFd fd;
   char name[65] = "";
   sockaddr_un address{};
@@ -76,7 +75,7 @@ const sockaddr* generic(const sockaddr_un& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
 
-// Makes the socket's path free: nothing there, or a socket that nobody listens on any more.
+// Removes a stale socket, one without a listener, from the socket's path.
 int clearPath(const sockaddr_un& address) {
   struct stat status {};
   if (::lstat(address.sun_path, &status) != 0) {
@@ -95,8 +94,8 @@ int clearPath(const sockaddr_un& address) {
   return ::unlink(address.sun_path) == 0 ? 0 : failure(Step::Remove);
 }
 
-// Opens `socket`, whose name and address are set. The lock makes the look at the path, its removal
-// and the new socket one step among instances, and tells a second instance that one is alive.
+// Opens `socket`, whose name and address are set. The lock makes checking the path, removing the
+// stale socket and binding the new one atomic among instances, and refuses a second instance.
 int openSocket(CommandSocket& socket) {
   if (!orlo::makeDirectory(ORLO_RUN_DIR)) {
     return failure(Step::Directory);
@@ -109,7 +108,7 @@ int openSocket(CommandSocket& socket) {
     return code;
   }
   socket.fd = newSocket();
-  // The mode that the file will get; after bind there would be a moment with another one.
+  // Before bind, so that the file never has another mode.
   if (!socket.fd || ::fchmod(socket.fd.get(), 0600) != 0) {
     return failure(Step::Socket);
   }

@@ -1,4 +1,4 @@
-// Opening and closing the command socket: who may have it, and what stands in the way.
+// Opening and closing the command socket: exclusion, stale files and errors.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -17,7 +18,7 @@
 
 namespace {
 
-// The call that is to fail next, with its errno.
+// The call that fails, and its errno.
 struct Failing {
   std::string call;
   int error = 0;
@@ -39,7 +40,7 @@ Function* next(Function*, const char* name) {
 
 }  // namespace
 
-// These take the place of the system library's in the whole program, the SDK included.
+// These replace libc's in the whole program, including the SDK.
 extern "C" {
 int mkdir(const char* path, mode_t mode) noexcept {
   return fails("mkdir") ? -1 : next(mkdir, "mkdir")(path, mode);
@@ -82,24 +83,21 @@ class CommandOpen : public RunDirTest {
   }
 };
 
-// Opens the socket and gives the text for the result.
+// Opens the socket and returns the text of the result.
 std::string opened(const char* name = "tarnikd") {
   return OrloCmdError(OrloCmdInit(name, 0));
 }
 
-// Leaves a socket file that nobody listens on.
+// Leaves a socket file without a listener.
 void leaveStaleSocket() {
-  const sockaddr_un address = socketAddress(kPath);
-  const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  close(fd);
+  boundSocket(kPath).reset();
 }
 
-TEST_F(CommandOpen, SaysNoErrorForZero) {
+TEST_F(CommandOpen, DescribesZeroAsNoError) {
   EXPECT_STREQ(OrloCmdError(0), "no error");
 }
 
-TEST_F(CommandOpen, KnowsNoOtherCodes) {
+TEST_F(CommandOpen, DescribesUnknownCodes) {
   EXPECT_STREQ(OrloCmdError(-1), "unknown error -1");
   EXPECT_STREQ(OrloCmdError(INT32_MAX), "unknown error 2147483647");
 }
@@ -139,17 +137,17 @@ TEST_F(CommandOpen, ReplacesAStaleSocket) {
   EXPECT_EQ(opened(), "no error");
 }
 
-TEST_F(CommandOpen, ReplacesWhatAKilledInstanceLeft) {
+TEST_F(CommandOpen, ReplacesTheSocketOfAKilledInstance) {
   EXPECT_EQ(inChild([] {
               EXPECT_EQ(opened(), "no error");
               kill(getpid(), SIGKILL);
             }),
-            (Ending{-1, SIGKILL}));
+            killedBy(SIGKILL));
   ASSERT_TRUE(fs::is_socket(kPath));
   EXPECT_EQ(opened(), "no error");
 }
 
-TEST_F(CommandOpen, IsOneAProcess) {
+TEST_F(CommandOpen, OpensOneSocketPerProcess) {
   ASSERT_EQ(opened(), "no error");
   const int fd = OrloCmdFd();
   EXPECT_EQ(opened("another"),
@@ -162,7 +160,7 @@ TEST_F(CommandOpen, IsOneAProcess) {
 TEST_F(CommandOpen, RefusesASecondInstance) {
   Pipe ready;
   Pipe done;
-  const pid_t other = startChild([&] {
+  Process other = startChild([&] {
     EXPECT_EQ(opened(), "no error");
     EXPECT_EQ(write(ready.writer(), "x", 1), 1);
     done.readAll();
@@ -172,49 +170,48 @@ TEST_F(CommandOpen, RefusesASecondInstance) {
   ASSERT_EQ(read(ready.reader(), &byte, 1), 1);
   EXPECT_EQ(opened(), "another tarnikd runs and holds /run/orlo/tarnikd.lock: stop it first");
   EXPECT_EQ(OrloCmdFd(), -1);
-  OrloCmdFini();  // must not take the other one's file
+  OrloCmdFini();  // must not remove the other instance's file
   EXPECT_TRUE(fs::is_socket(kPath));
   EXPECT_EQ(opened("another"), "no error");
   OrloCmdFini();
   done.closeWriter();
-  EXPECT_EQ(waitFor(other), kPassed);
+  EXPECT_EQ(other.wait(), kSucceeded);
   EXPECT_FALSE(fs::exists(kPath));
   EXPECT_EQ(opened(), "no error");
 }
 
-TEST_F(CommandOpen, LetsOneOfManyInstancesIn) {
+TEST_F(CommandOpen, AdmitsOneOfManyInstances) {
   leaveStaleSocket();
   Pipe opening;
   Pipe done;
-  pid_t children[16];
-  for (pid_t& child : children) {
-    child = startChild([&] {
+  std::deque<Process> children;
+  for (int i = 0; i < 16; ++i) {
+    children.emplace_back([&] {
       const bool in = OrloCmdInit("tarnikd", 0) == 0;
       EXPECT_EQ(write(opening.writer(), in ? "1" : "0", 1), 1);
       opening.closeWriter();
       done.readAll();
+      return 0;
     });
   }
   std::string results = opening.readAll();
   EXPECT_EQ(results.size(), 16u);
   EXPECT_EQ(std::count(results.begin(), results.end(), '1'), 1);
   done.closeWriter();
-  for (const pid_t child : children) {
-    EXPECT_EQ(waitFor(child), kPassed);
+  for (Process& child : children) {
+    EXPECT_EQ(child.wait(), kSucceeded);
   }
 }
 
-TEST_F(CommandOpen, RefusesASocketThatSomebodyElseListensOn) {
-  const sockaddr_un address = socketAddress(kPath);
-  const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+TEST_F(CommandOpen, RefusesASocketWithAnotherListener) {
+  tarnik::OwnedFd other = boundSocket(kPath);
   EXPECT_EQ(opened(), "another process listens on /run/orlo/tarnikd.sock: stop it first");
   EXPECT_TRUE(fs::is_socket(kPath));
-  close(fd);
+  other.reset();
   EXPECT_EQ(opened(), "no error");
 }
 
-TEST_F(CommandOpen, LeavesAFileThatIsNoSocket) {
+TEST_F(CommandOpen, KeepsAFileThatIsNotASocket) {
   std::ofstream(kPath) << "precious";
   EXPECT_EQ(opened(), "/run/orlo/tarnikd.sock is in the way and no socket: remove it");
   EXPECT_EQ(fs::file_size(kPath), 8u);
@@ -238,7 +235,7 @@ struct StepCase {
   const char* text;
 };
 
-TEST_F(CommandOpen, SaysWhichStepFailed) {
+TEST_F(CommandOpen, ReportsTheFailedStep) {
   constexpr StepCase kSteps[] = {
       {"flock", ENOLCK, "cannot open /run/orlo/tarnikd.lock: No locks available"},
       {"unlink", EACCES,
@@ -257,7 +254,7 @@ TEST_F(CommandOpen, SaysWhichStepFailed) {
   }
 }
 
-TEST_F(CommandOpen, SaysWhatIsInTheWayOfTheDirectory) {
+TEST_F(CommandOpen, ReportsWhyTheDirectoryCannotBeCreated) {
   fs::remove_all(ORLO_RUN_DIR);
   failing = {"mkdir", EACCES};
   EXPECT_EQ(opened(), "cannot create /run/orlo: Permission denied");

@@ -73,7 +73,7 @@ std::string received(OrloCmdSender* sender, std::size_t size = 4096) {
   return buffer;
 }
 
-TEST_F(Command, IsASocketOnlyForItsOwner) {
+TEST_F(Command, IsAccessibleToItsOwnerOnly) {
   struct stat status {};
   ASSERT_EQ(lstat(kPath, &status), 0);
   EXPECT_TRUE(S_ISSOCK(status.st_mode));
@@ -82,7 +82,7 @@ TEST_F(Command, IsASocketOnlyForItsOwner) {
   EXPECT_NE(fcntl(OrloCmdFd(), F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_F(Command, HasItsModeWhateverTheUmask) {
+TEST_F(Command, HasModeDespiteTheUmask) {
   for (const mode_t mask : {0000u, 0022u, 0077u}) {
     OrloCmdFini();
     const mode_t before = umask(mask);
@@ -105,7 +105,7 @@ TEST_F(Command, ReceivesADatagramAndAnswersItsSender) {
   EXPECT_EQ(client.receive(), "answer");
 }
 
-TEST_F(Command, GivesTheSenderInABlockOf116Bytes) {
+TEST_F(Command, FillsASenderBlockOf116Bytes) {
   EXPECT_EQ(sizeof(OrloCmdSender), 116u);
 }
 
@@ -118,7 +118,7 @@ TEST_F(Command, ReceivesNothingWithoutWaiting) {
   EXPECT_EQ(sender.address.sun_family, 0x5A5A);
 }
 
-TEST_F(Command, KeepsDatagramsApartAndInOrder) {
+TEST_F(Command, KeepsDatagramsSeparateAndInOrder) {
   const Client client("");
   for (const char* text : {"first", "", "third"}) {
     client.send(text);
@@ -128,7 +128,7 @@ TEST_F(Command, KeepsDatagramsApartAndInOrder) {
   EXPECT_EQ(received(nullptr), "third");
 }
 
-TEST_F(Command, CutsADatagramThatIsTooLong) {
+TEST_F(Command, TruncatesALongDatagram) {
   const Client client("");
   client.send(std::string(5000, 'x') + "rest");
   client.send("next");
@@ -146,7 +146,7 @@ TEST_F(Command, CannotAnswerASenderWithoutAName) {
   EXPECT_EQ(OrloCmdResp("answer", 6, &sender), -EDESTADDRREQ);
 }
 
-TEST_F(Command, CannotAnswerASenderThatHasGone) {
+TEST_F(Command, CannotAnswerAClosedSender) {
   OrloCmdSender sender{};
   {
     const Client client("/tmp/client.sock");
@@ -154,7 +154,7 @@ TEST_F(Command, CannotAnswerASenderThatHasGone) {
   }
   EXPECT_EQ(received(&sender), "x");
   EXPECT_EQ(OrloCmdResp("answer", 6, &sender), -ENOENT);
-  std::ofstream("/tmp/client.sock");  // something else has its name
+  std::ofstream("/tmp/client.sock");  // a file took its name
   EXPECT_EQ(OrloCmdResp("answer", 6, &sender), -ECONNREFUSED);
   std::filesystem::remove("/tmp/client.sock");
 }
@@ -172,7 +172,7 @@ TEST_F(Command, DoesNotWaitForASenderThatDoesNotRead) {
 }
 
 TEST_F(Command, AnswersASenderWhosePathHasFullLength) {
-  const std::string path = "/tmp/" + std::string(103, 'p');  // 108 bytes, no room for a NUL
+  const std::string path = "/tmp/" + std::string(103, 'p');  // 108 bytes, without a NUL
   const Client client(path);
   client.send("x");
   OrloCmdSender sender;
@@ -194,7 +194,7 @@ TEST_F(Command, AnswersASenderWithAnAbstractName) {
   EXPECT_EQ(client.receive(), "answer");
 }
 
-TEST_F(Command, RefusesASenderThatIsNone) {
+TEST_F(Command, RefusesAnInvalidSender) {
   OrloCmdSender sender{};
   EXPECT_EQ(OrloCmdResp("answer", 6, nullptr), -EDESTADDRREQ);
   EXPECT_EQ(OrloCmdResp("answer", 6, &sender), -EDESTADDRREQ);
@@ -204,7 +204,7 @@ TEST_F(Command, RefusesASenderThatIsNone) {
   EXPECT_EQ(OrloCmdResp("answer", 6, &sender), -EINVAL);
 }
 
-TEST_F(Command, SendsALongAnswerWhole) {
+TEST_F(Command, SendsALongAnswer) {
   const Client client("/tmp/client.sock");
   client.send("x");
   OrloCmdSender sender{};
@@ -242,7 +242,7 @@ TEST_F(Command, ServesABurstThroughTheLoop) {
               sender.join();
               EXPECT_EQ(count.good, kDatagrams);
             }),
-            kPassed);
+            kSucceeded);
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include "internal.h"
 
 struct CsvRecord {
-  std::string fields;  // each followed by a NUL; a field holds none
+  std::string fields;  // each followed by a NUL; fields contain no NUL
   std::size_t count = 0;
   bool malformed = false;
   bool blank = true;  // only white space outside quotes
@@ -16,7 +16,7 @@ struct CsvRecord {
 
 namespace {
 
-// The stream's bytes, with room to look two ahead.
+// The stream's bytes, with two bytes of pushback.
 class Input {
  public:
   explicit Input(FILE* stream) noexcept : stream_(stream) {}
@@ -26,7 +26,7 @@ class Input {
   }
   void putBack(int c) noexcept { pending_[pendingCount_++] = c; }
 
-  // The first byte of a record, behind a byte-order mark if there is one.
+  // The first byte of a record, after a byte-order mark if there is one.
   int getFirst() noexcept {
     const int first = get();
     if (first != 0xEF) {
@@ -54,7 +54,7 @@ class RecordReader {
  public:
   RecordReader(Input& input, CsvRecord& record) noexcept : input_(input), record_(record) {}
 
-  // Reads one record whose first byte is `c`. A malformed one is read to the end of its line.
+  // Reads one record, whose first byte is `c`. Reads a malformed record to the end of its line.
   void read(int c) {
     while (c != EOF && !take(c)) {
       c = input_.get();
@@ -68,7 +68,7 @@ class RecordReader {
  private:
   enum class State { FieldStart, Bare, Quoted, QuoteClosed };
 
-  // Takes one byte; true when it ends the record.
+  // Processes one byte. True when it ends the record.
   bool take(int c) {
     if (state_ == State::Quoted) {
       if (c == '"') {
@@ -106,7 +106,7 @@ class RecordReader {
     state_ = State::Quoted;
   }
 
-  // Behind a CR: whether the line ends here. A CR that the file ends with counts.
+  // Called after a CR: whether it ends the line, before LF or at the end of the file.
   bool atLineEnd() {
     const int next = input_.get();
     if (next == '\n' || next == EOF) {

@@ -40,7 +40,7 @@ std::vector<std::string> records(std::string_view content) {
   return records(fileWith(content).get());
 }
 
-TEST(Csv, PartsFieldsByCommas) {
+TEST(Csv, SeparatesFieldsByCommas) {
   EXPECT_THAT(records("7,name\n"), ElementsAre("[7][name]"));
   EXPECT_THAT(records("a,,c,\n"), ElementsAre("[a][][c][]"));
   EXPECT_THAT(records(",\n"), ElementsAre("[][]"));
@@ -64,7 +64,7 @@ TEST(Csv, SkipsBlankLines) {
   EXPECT_THAT(records("\"\"\n,\n"), ElementsAre("[]", "[][]"));
 }
 
-TEST(Csv, TakesQuotedFields) {
+TEST(Csv, ReadsQuotedFields) {
   EXPECT_THAT(records("\"a,b\",c\n"), ElementsAre("[a,b][c]"));
   EXPECT_THAT(records("\"say \"\"hello\"\"\"\n"), ElementsAre("[say \"hello\"]"));
   EXPECT_THAT(records("\"\",\"\"\"\"\n"), ElementsAre("[][\"]"));
@@ -74,7 +74,7 @@ TEST(Csv, TakesQuotedFields) {
   EXPECT_THAT(records("\"at the end\"\r"), ElementsAre("[at the end]"));
 }
 
-TEST(Csv, RefusesAMalformedRecordAndGoesOnBehindItsLine) {
+TEST(Csv, RefusesAMalformedRecordAndContinuesAfterItsLine) {
   EXPECT_THAT(records("1,a\"b\n2,c\n"), ElementsAre("malformed", "[2][c]"));
   EXPECT_THAT(records("1,a\"\n2,c\n"), ElementsAre("malformed", "[2][c]"));
   EXPECT_THAT(records("1, \"a\"\n2,c\n"), ElementsAre("malformed", "[2][c]"));
@@ -101,7 +101,7 @@ TEST(Csv, FailsEveryReadFromAMalformedRecord) {
   EXPECT_STREQ(text, "kept");
 }
 
-TEST(Csv, PassesAByteOrderMarkOver) {
+TEST(Csv, SkipsAByteOrderMark) {
   EXPECT_THAT(records("\xEF\xBB\xBF"
                       "1,a\n"),
               ElementsAre("[1][a]"));
@@ -112,7 +112,7 @@ TEST(Csv, PassesAByteOrderMarkOver) {
   EXPECT_THAT(records("\xEF\xBB\xBF\n1"), ElementsAre("[1]"));
 }
 
-TEST(Csv, KeepsWhatOnlyBeginsLikeAByteOrderMark) {
+TEST(Csv, KeepsAnIncompleteByteOrderMark) {
   EXPECT_THAT(records("\xEF\n"), ElementsAre("[\xEF]"));
   EXPECT_THAT(records("\xEF"), ElementsAre("[\xEF]"));
   EXPECT_THAT(records("\xEF\xBB"), ElementsAre("[\xEF\xBB]"));
@@ -143,7 +143,7 @@ TEST(Csv, ReadsUnsignedNumbers) {
   }
 }
 
-TEST(Csv, RefusesWhatIsNoUnsignedNumberAndLeavesTheResult) {
+TEST(Csv, RefusesOtherNumbersAndLeavesTheResult) {
   for (const std::string field : {"", " ", "-1", "+1", "0x10", "1x", "x", "1 2", "1.0",
                                   "4294967296", "99999999999999999999", "id"}) {
     const Stream stream = fileWith("x," + field + "\n");
@@ -154,7 +154,7 @@ TEST(Csv, RefusesWhatIsNoUnsignedNumberAndLeavesTheResult) {
   }
 }
 
-TEST(Csv, HasNoColumnBehindTheLast) {
+TEST(Csv, HasNoColumnAfterTheLast) {
   const Stream stream = fileWith("1,a\n");
   const Record record(CsvRecordRead(stream.get()));
   const char* text = "kept";
@@ -166,13 +166,13 @@ TEST(Csv, HasNoColumnBehindTheLast) {
   EXPECT_EQ(number, 99u);
 }
 
-TEST(Csv, EndsWhereTheStreamFails) {
+TEST(Csv, EndsWhenTheStreamFails) {
   const Stream directory = directoryStream();
   ASSERT_TRUE(directory);
   EXPECT_EQ(CsvRecordRead(directory.get()), nullptr);
 }
 
-TEST(Csv, BearsMissingArguments) {
+TEST(Csv, ToleratesNullArguments) {
   const Stream stream = fileWith("1\n");
   const Record record(CsvRecordRead(stream.get()));
   const char* text = nullptr;
@@ -185,7 +185,7 @@ TEST(Csv, BearsMissingArguments) {
   CsvRecordDestroy(nullptr);
 }
 
-TEST(Csv, TakesARecordOf16MiBAndRefusesALongerOne) {
+TEST(Csv, LimitsARecordTo16MiB) {
   const std::string longest((std::size_t{16} << 20) - 2, 'v');
   EXPECT_THAT(records("1," + longest + "\n2"), ElementsAre("[1][" + longest + "]", "[2]"));
   EXPECT_THAT(records("1," + longest + "v\n2"), ElementsAre("malformed", "[2]"));
@@ -193,7 +193,7 @@ TEST(Csv, TakesARecordOf16MiBAndRefusesALongerOne) {
               ElementsAre("malformed", "[2]"));
 }
 
-TEST(Csv, PassesARecordOf128MiBInBoundedMemory) {
+TEST(Csv, SkipsARecordOf128MiBInBoundedMemory) {
   const Stream stream(std::tmpfile());
   ASSERT_TRUE(stream);
   const std::string block(std::size_t{1} << 20, ',');
@@ -204,17 +204,17 @@ TEST(Csv, PassesARecordOf128MiBInBoundedMemory) {
   std::rewind(stream.get());
   const PeakMemory memory;
   EXPECT_THAT(records(stream.get()), ElementsAre("malformed", "[2][b]"));
-  EXPECT_LT(memory.growth(), 160 * 1024);
+  EXPECT_LT(memory.growth(), 80 * 1024);
 }
 
-TEST(Csv, ReadsAMillionRecords) {
+TEST(Csv, ReadsManyRecords) {
   std::string content;
-  for (int i = 0; i < 1'000'000; ++i) {
+  for (int i = 0; i < 100'000; ++i) {
     content += std::to_string(i) + ",\"Issue " + std::to_string(i) + "\",x,y\r\n";
   }
   const std::vector<std::string> all = records(content);
-  ASSERT_EQ(all.size(), 1'000'000u);
-  EXPECT_EQ(all.back(), "[999999][Issue 999999][x][y]");
+  ASSERT_EQ(all.size(), 100'000u);
+  EXPECT_EQ(all.back(), "[99999][Issue 99999][x][y]");
 }
 
 }  // namespace

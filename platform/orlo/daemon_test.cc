@@ -1,4 +1,4 @@
-// Detaching and registering, and the log as its daemon and the terminal get it.
+// Detaching, registering, and what the log daemon and the terminal receive.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -27,7 +27,7 @@ std::function<pid_t()> failingSetsid;
 
 }  // namespace
 
-// Takes the place of the system library's in the whole program, the SDK included.
+// Replaces libc's in the whole program, including the SDK.
 extern "C" pid_t setsid() noexcept {
   static const auto real = reinterpret_cast<decltype(&setsid)>(dlsym(RTLD_NEXT, "setsid"));
   return failingSetsid ? failingSetsid() : real();
@@ -37,7 +37,7 @@ namespace orlo::test {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::UnorderedElementsAre;
+using ::testing::ElementsAre;
 
 constexpr char kPidPath[] = ORLO_RUN_DIR "/tarnikd.pid";
 
@@ -45,11 +45,6 @@ class Daemon : public RunDirTest {
  protected:
   void TearDown() override { failingSetsid = nullptr; }
 };
-
-std::string content(const char* path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 int becomeDaemon(unsigned flags) {
   return OrloWatchdogDaemon("tarnikd", "packet capture daemon", flags);
@@ -62,14 +57,6 @@ bool isNull(int fd) {
          status.st_dev == null.st_dev;
 }
 
-std::vector<std::string> filesInRunDir() {
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(ORLO_RUN_DIR)) {
-    names.push_back(entry.path().filename());
-  }
-  return names;
-}
-
 struct Facts {
   pid_t pid, session, group;
   bool nulls[3];
@@ -79,7 +66,7 @@ struct Facts {
 TEST_F(Daemon, DetachesAndRegisters) {
   Pipe facts;
   Pipe registered;
-  const pid_t child = startChild([&] {
+  Process child = startChild([&] {
     EXPECT_EQ(becomeDaemon(0), 0);
     Facts mine{getpid(), getsid(0), getpgrp(), {isNull(0), isNull(1), isNull(2)}, ""};
     if (getcwd(mine.directory, sizeof mine.directory) == nullptr) {
@@ -89,21 +76,21 @@ TEST_F(Daemon, DetachesAndRegisters) {
     facts.closeWriter();
     registered.readAll();
   });
-  EXPECT_EQ(waitFor(child), kPassed);
-  // The new process stands as soon as the old one is gone.
+  EXPECT_EQ(child.wait(), kSucceeded);
+  // The daemon is registered before its parent ends.
   const std::string record = content(kPidPath);
   Facts its{};
   const std::string bytes = facts.readAll();
   ASSERT_EQ(bytes.size(), sizeof its);
   std::memcpy(&its, bytes.data(), sizeof its);
   EXPECT_EQ(record, std::to_string(its.pid) + "\ntarnikd\npacket capture daemon\n");
-  EXPECT_NE(its.pid, child);
+  EXPECT_NE(its.pid, child.pid());
   EXPECT_NE(its.session, getsid(0));
-  EXPECT_NE(its.session, its.pid) << "a session's leader can get a terminal again";
+  EXPECT_NE(its.session, its.pid) << "a session leader can acquire a terminal";
   EXPECT_EQ(its.group, its.session);
   EXPECT_STREQ(its.directory, "/");
   EXPECT_TRUE(its.nulls[0] && its.nulls[1] && its.nulls[2]);
-  EXPECT_THAT(filesInRunDir(), UnorderedElementsAre("tarnikd.pid", "tarnikd.lock"));
+  EXPECT_THAT(namesIn(ORLO_RUN_DIR), ElementsAre("tarnikd.lock", "tarnikd.pid"));
 }
 
 TEST_F(Daemon, StaysInTheForegroundAndRegisters) {
@@ -122,9 +109,9 @@ TEST_F(Daemon, StaysInTheForegroundAndRegisters) {
               struct stat status {};
               EXPECT_EQ(stat(kPidPath, &status), 0);
               EXPECT_EQ(status.st_mode & 07777, 0644u);
-              EXPECT_THAT(filesInRunDir(), UnorderedElementsAre("tarnikd.pid", "tarnikd.lock"));
+              EXPECT_THAT(namesIn(ORLO_RUN_DIR), ElementsAre("tarnikd.lock", "tarnikd.pid"));
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST_F(Daemon, ReplacesTheRecordOfAnEarlierRun) {
@@ -133,22 +120,22 @@ TEST_F(Daemon, ReplacesTheRecordOfAnEarlierRun) {
               EXPECT_EQ(OrloWatchdogDaemon("tarnikd", nullptr, ORLO_FOREGROUND), 0);
               EXPECT_EQ(content(kPidPath), std::to_string(getpid()) + "\ntarnikd\n\n");
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST_F(Daemon, LeavesTheRecordOfARunningInstance) {
   std::ofstream(kPidPath) << "1\nfirst\n\n";
   EXPECT_EQ(OrloCmdInit("tarnikd", 0), 0);
-  EXPECT_EQ(inChild([] { EXPECT_EQ(becomeDaemon(ORLO_FOREGROUND), 0); }), kPassed);
+  EXPECT_EQ(inChild([] { EXPECT_EQ(becomeDaemon(ORLO_FOREGROUND), 0); }), kSucceeded);
   EXPECT_EQ(content(kPidPath), "1\nfirst\n\n");
   OrloCmdFini();
-  EXPECT_EQ(inChild([] { EXPECT_EQ(becomeDaemon(ORLO_FOREGROUND), 0); }), kPassed);
+  EXPECT_EQ(inChild([] { EXPECT_EQ(becomeDaemon(ORLO_FOREGROUND), 0); }), kSucceeded);
   EXPECT_NE(content(kPidPath), "1\nfirst\n\n");
 }
 
-TEST_F(Daemon, PutsClosedStandardDescriptorsOnNull) {
+TEST_F(Daemon, OpensNullForClosedStandardDescriptors) {
   EXPECT_EQ(inChild([] {
-              const int next = open("/", O_RDONLY);  // who started the test may have left some open
+              const int next = open("/", O_RDONLY);  // the test may inherit open descriptors
               close(next);
               for (int fd = 0; fd <= 2; ++fd) {
                 close(fd);
@@ -157,13 +144,13 @@ TEST_F(Daemon, PutsClosedStandardDescriptorsOnNull) {
               EXPECT_TRUE(isNull(0) && isNull(1) && isNull(2));
               EXPECT_EQ(open("/", O_RDONLY), next);
             }),
-            kPassed);
+            kSucceeded);
 }
 
-TEST_F(Daemon, GoesOnWhereItCannotRegister) {
+TEST_F(Daemon, ContinuesWhenItCannotRegister) {
   fs::remove_all(ORLO_RUN_DIR);
   std::ofstream(ORLO_RUN_DIR) << "no directory";
-  EXPECT_EQ(inChild([] { EXPECT_EQ(becomeDaemon(ORLO_FOREGROUND), 0); }), kPassed);
+  EXPECT_EQ(inChild([] { EXPECT_EQ(becomeDaemon(ORLO_FOREGROUND), 0); }), kSucceeded);
   EXPECT_EQ(content(ORLO_RUN_DIR), "no directory");
   fs::remove(ORLO_RUN_DIR);
 }
@@ -194,10 +181,10 @@ TEST_F(Daemon, ReturnsInTheCallingProcessWhenDetachingFails) {
               EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left behind";
               EXPECT_FALSE(fs::exists(kPidPath));
             }),
-            kPassed);
+            kSucceeded);
 }
 
-// What one syslog line and one event look like for the log daemon and on standard error.
+// One syslog line and one event, as the log daemon and standard error receive them.
 struct Logged {
   std::vector<std::string> datagrams;
   std::string standardError;
@@ -205,27 +192,21 @@ struct Logged {
 };
 
 Logged logThrough(unsigned foreground) {
-  constexpr char kLogPath[] = "/dev/log";
-  const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-  const sockaddr_un address = socketAddress(kLogPath);
-  EXPECT_EQ(bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const LogDaemon log;
   Pipe output;
-  const pid_t child = startChild([&] {
+  Process child = startChild([&] {
     dup2(output.writer(), STDERR_FILENO);
     char name[] = "tarnikd";
     EXPECT_EQ(OrloLogInit(name, foreground), 0);
-    std::memset(name, 'x', sizeof name - 1);  // the name is the SDK's by now
+    std::memset(name, 'x', sizeof name - 1);  // the SDK has copied it
     syslog(LOG_ERR, "Error: %s: text", "operation");
     OrloLogEventNoArg("VRKUA0006E", "VRK_events");
   });
-  Logged logged{{}, output.readAll(), "tarnikd[" + std::to_string(child) + "]: "};
-  EXPECT_EQ(waitFor(child), kPassed);
-  char line[1024];
-  for (ssize_t n = recv(log, line, sizeof line, 0); n > 0; n = recv(log, line, sizeof line, 0)) {
-    logged.datagrams.emplace_back(line, static_cast<std::size_t>(n));
+  Logged logged{{}, output.readAll(), "tarnikd[" + std::to_string(child.pid()) + "]: "};
+  EXPECT_EQ(child.wait(), kSucceeded);
+  for (std::string line = log.next(); !line.empty(); line = log.next()) {
+    logged.datagrams.push_back(std::move(line));
   }
-  close(log);
-  unlink(kLogPath);
   return logged;
 }
 
@@ -241,7 +222,7 @@ TEST_F(Daemon, LogsToTheLogDaemonWithNameAndProcessId) {
   EXPECT_EQ(logged.standardError, "");
 }
 
-TEST_F(Daemon, LogsToStandardErrorAsWellInTheForeground) {
+TEST_F(Daemon, AlsoLogsToStandardErrorInTheForeground) {
   const Logged logged = logThrough(ORLO_FOREGROUND);
   EXPECT_EQ(logged.datagrams.size(), 2u);
   EXPECT_EQ(logged.standardError, logged.ident + "Error: operation: text\n" + logged.ident +
@@ -257,7 +238,7 @@ TEST_F(Daemon, SurvivesAClosedStandardErrorPipe) {
               EXPECT_EQ(OrloLogInit("tarnikd", ORLO_FOREGROUND), 0);
               syslog(LOG_ERR, "Error: %s: text", "operation");
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST_F(Daemon, LeavesSigpipeToTheProgram) {
@@ -272,7 +253,7 @@ TEST_F(Daemon, LeavesSigpipeToTheProgram) {
               EXPECT_EQ(sigaction(SIGPIPE, nullptr, &action), 0);
               EXPECT_EQ(action.sa_handler, +handler) << "the program's own";
             }),
-            kPassed);
+            kSucceeded);
 }
 
 }  // namespace

@@ -12,8 +12,8 @@ namespace {
 
 using orlo::OwnedFd;
 
-// Opens /dev/null for each of the descriptors 0 to 2 that is closed: otherwise the next file
-// opened would be written to as standard error.
+// Opens /dev/null for each closed descriptor from 0 to 2. Otherwise the next opened file could
+// become standard error.
 [[nodiscard]] bool fillStandardDescriptors() noexcept {
   int fd = -1;
   do {
@@ -63,12 +63,12 @@ void registerProcess(const char* name, const char* description) noexcept {
   static_cast<void>(file.publish());
 }
 
-// The new daemon's part, in the first child: a session of its own, and a second fork so that it
-// can never get a terminal again. Tells the outcome, 0 or an errno, through `report`.
+// Runs in the first child: starts a session and forks again, so that the daemon cannot acquire a
+// terminal. Reports the result, 0 or an errno, through `report`.
 void becomeDaemon(const char* name, const char* description, int report) noexcept {
   const auto finish = [report](int error) {
-    const bool told = ::write(report, &error, sizeof error) == sizeof error;
-    if (error != 0 || !told) {
+    const bool reported = ::write(report, &error, sizeof error) == sizeof error;
+    if (error != 0 || !reported) {
       ::_exit(1);
     }
   };
@@ -126,7 +126,7 @@ int OrloWatchdogDaemon(const char* name, const char* description, unsigned flags
   while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
   }
   if (length == sizeof error && error == 0) {
-    ::_exit(0);  // no exit handlers, no flush: both are the daemon's now
+    ::_exit(0);  // exit handlers and unflushed streams belong to the daemon now
   }
   errno = length == sizeof error ? error : ECHILD;
   return -1;

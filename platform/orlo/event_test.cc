@@ -46,22 +46,22 @@ std::vector<std::string> journal() {
   return lines;
 }
 
-// A journal line behind its time, which is always of one length.
-std::string behindTime(const std::string& line) {
+// A journal line without its time, which has a fixed length.
+std::string withoutTime(const std::string& line) {
   constexpr std::size_t kLength =
       std::string_view(R"({"time":"2024-05-01T12:00:00.000123Z",)").size();
   return line.size() < kLength ? line : line.substr(kLength);
 }
 
-// The "args" of the journal's only line, as they are written there.
+// The "args" of the journal's only line, as JSON.
 std::string journalArguments() {
   const std::vector<std::string> lines = journal();
   const std::string head = R"("ident":"tarnikd","pid":)" + std::to_string(getpid()) +
                            R"(,"event":"E","category":"C","args":)";
-  if (lines.size() != 1 || !behindTime(lines[0]).starts_with(head) || !lines[0].ends_with("}")) {
+  if (lines.size() != 1 || !withoutTime(lines[0]).starts_with(head) || !lines[0].ends_with("}")) {
     return "another journal";
   }
-  const std::string rest = behindTime(lines[0]).substr(head.size());
+  const std::string rest = withoutTime(lines[0]).substr(head.size());
   return rest.substr(0, rest.size() - 1);
 }
 
@@ -75,16 +75,16 @@ TEST_F(Event, GoesToSyslogAsANotice) {
                           LogLine{LOG_NOTICE, "Event: VRK_events: VRKUA0007E"}));
 }
 
-TEST_F(Event, GoesToTheJournalOneLineAnEvent) {
+TEST_F(Event, WritesOneJournalLinePerEvent) {
   const std::time_t before = std::time(nullptr);
   OrloLogEvent("VRKPC0001I", "VRK_events", "%s of %d", "three", 4);
   OrloLogEventNoArg("VRKUA0006E", "VRK_events");
   const std::vector<std::string> lines = journal();
   ASSERT_EQ(lines.size(), 2u);
   const std::string who = R"("ident":"tarnikd","pid":)" + std::to_string(getpid());
-  EXPECT_EQ(behindTime(lines[0]),
+  EXPECT_EQ(withoutTime(lines[0]),
             who + R"(,"event":"VRKPC0001I","category":"VRK_events","args":"three of 4"})");
-  EXPECT_EQ(behindTime(lines[1]),
+  EXPECT_EQ(withoutTime(lines[1]),
             who + R"(,"event":"VRKUA0006E","category":"VRK_events","args":""})");
   std::tm utc{};
   const char* const rest = strptime(lines[0].c_str(), R"({"time":"%Y-%m-%dT%H:%M:%S)", &utc);
@@ -107,17 +107,18 @@ TEST_F(Event, IsEscapedInTheJournal) {
       {"\x01\x1F\x7F", R"("\u0001\u001f\u007f")"},
       {"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80",
        "\"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80\""},
-      {"\xC3", R"("\ufffd")"},                                               // cut short
-      {"\xC3(", R"("\ufffd(")"},                                             // no continuation
-      {"\xE9t\xE9", R"("\ufffdt\ufffd")"},                                   // another encoding
-      {"\x80", R"("\ufffd")"},                                               // a continuation alone
-      {"\xC0\xAF", R"("\ufffd\ufffd")"},                                     // overlong
-      {"\xE0\x9F\xBF", R"("\ufffd\ufffd\ufffd")"},                           // overlong
-      {"\xED\xA0\x80", R"("\ufffd\ufffd\ufffd")"},                           // a surrogate
-      {"\xF0\x8F\xBF\xBF", R"("\ufffd\ufffd\ufffd\ufffd")"},                 // overlong
-      {"\xF4\x90\x80\x80", R"("\ufffd\ufffd\ufffd\ufffd")"},                 // behind the last
-      {"\xF5\x80\x80\x80", R"("\ufffd\ufffd\ufffd\ufffd")"},                 // behind the last
-      {"\xF4\x8F\xBF\xBF\xED\x9F\xBF", "\"\xF4\x8F\xBF\xBF\xED\x9F\xBF\""},  // the last ones
+      {"\xC3", R"("\ufffd")"},                                // cut short
+      {"\xC3(", R"("\ufffd(")"},                              // no continuation
+      {"\xE9t\xE9", R"("\ufffdt\ufffd")"},                    // another encoding
+      {"\x80", R"("\ufffd")"},                                // a continuation alone
+      {"\xC0\xAF", R"("\ufffd\ufffd")"},                      // overlong
+      {"\xE0\x9F\xBF", R"("\ufffd\ufffd\ufffd")"},            // overlong
+      {"\xED\xA0\x80", R"("\ufffd\ufffd\ufffd")"},            // a surrogate
+      {"\xF0\x8F\xBF\xBF", R"("\ufffd\ufffd\ufffd\ufffd")"},  // overlong
+      {"\xF4\x90\x80\x80", R"("\ufffd\ufffd\ufffd\ufffd")"},  // above U+10FFFF
+      {"\xF5\x80\x80\x80", R"("\ufffd\ufffd\ufffd\ufffd")"},  // above U+10FFFF
+      {"\xF4\x8F\xBF\xBF\xED\x9F\xBF",
+       "\"\xF4\x8F\xBF\xBF\xED\x9F\xBF\""},  // the largest valid ones
   };
   for (const ArgumentCase& c : kCases) {
     fs::remove(ORLO_EVENT_JOURNAL);
@@ -126,7 +127,7 @@ TEST_F(Event, IsEscapedInTheJournal) {
   }
 }
 
-TEST_F(Event, CutsLongArguments) {
+TEST_F(Event, TruncatesLongArguments) {
   OrloLogEvent("E", "C", "%s", std::string(5000, 'x').c_str());
   EXPECT_EQ(journalArguments(), "\"" + std::string(4095, 'x') + "\"");
 }
@@ -139,11 +140,11 @@ TEST_F(Event, NeverFails) {
   OrloLogEventNoArg(nullptr, nullptr);
   EXPECT_EQ(journal().size(), 2u);
 
-  fs::remove_all(ORLO_RUN_DIR);  // nowhere yet
+  fs::remove_all(ORLO_RUN_DIR);  // created again
   OrloLogEventNoArg("E", "C");
   EXPECT_EQ(journalArguments(), R"("")");
 
-  const auto inTheWay = [](const auto& put) {
+  const auto obstructedBy = [](const auto& put) {
     fs::remove_all(ORLO_EVENT_JOURNAL);
     put();
     clearLog();
@@ -152,13 +153,13 @@ TEST_F(Event, NeverFails) {
     EXPECT_EQ(errno, ELOOP);
     EXPECT_EQ(logLines().size(), 1u);
   };
-  inTheWay([] { fs::create_directory(ORLO_EVENT_JOURNAL); });
-  inTheWay([] { EXPECT_EQ(mkfifo(ORLO_EVENT_JOURNAL, 0600), 0); });
-  inTheWay([] { fs::create_symlink("/tmp/elsewhere", ORLO_EVENT_JOURNAL); });
+  obstructedBy([] { fs::create_directory(ORLO_EVENT_JOURNAL); });
+  obstructedBy([] { EXPECT_EQ(mkfifo(ORLO_EVENT_JOURNAL, 0600), 0); });
+  obstructedBy([] { fs::create_symlink("/tmp/elsewhere", ORLO_EVENT_JOURNAL); });
   EXPECT_FALSE(fs::exists("/tmp/elsewhere"));
 }
 
-TEST_F(Event, HasAJournalThatCanBeRotated) {
+TEST_F(Event, SupportsRotationOfTheJournal) {
   const mode_t mask = umask(0);
   OrloLogEventNoArg("first", "C");
   umask(mask);
@@ -170,7 +171,7 @@ TEST_F(Event, HasAJournalThatCanBeRotated) {
   EXPECT_THAT(journal(), ElementsAre(testing::HasSubstr(R"("event":"second")")));
 }
 
-TEST_F(Event, IsWrittenWholeByManyThreadsAndProcesses) {
+TEST_F(Event, IsWrittenAtomicallyByManyThreadsAndProcesses) {
   constexpr int kWriters = 4;
   constexpr int kEvents = 200;
   const auto raiseAll = [] {
@@ -186,11 +187,11 @@ TEST_F(Event, IsWrittenWholeByManyThreadsAndProcesses) {
       thread.join();
     }
   };
-  const pid_t other = startChild(raiseAll);
+  Process other = startChild(raiseAll);
   raiseAll();
-  EXPECT_EQ(waitFor(other), kPassed);
+  EXPECT_EQ(other.wait(), kSucceeded);
   std::multiset<std::string> expected;
-  for (const pid_t pid : {getpid(), other}) {
+  for (const pid_t pid : {getpid(), other.pid()}) {
     for (int i = 0; i < kWriters * kEvents; ++i) {
       expected.insert(R"("ident":"tarnikd","pid":)" + std::to_string(pid) +
                       R"(,"event":"E","category":"C","args":")" + std::to_string(i / kEvents) +
@@ -199,12 +200,12 @@ TEST_F(Event, IsWrittenWholeByManyThreadsAndProcesses) {
   }
   std::multiset<std::string> found;
   for (const std::string& line : journal()) {
-    found.insert(behindTime(line));
+    found.insert(withoutTime(line));
   }
   EXPECT_TRUE(found == expected) << found.size() << " lines";
 }
 
-TEST_F(Event, CarriesTheNameGivenAtTheOpening) {
+TEST_F(Event, HasTheNameGivenToOrloLogInit) {
   EXPECT_EQ(OrloLogInit("", 0), -1);
   EXPECT_EQ(OrloLogInit(nullptr, 0), -1);
   OrloLogEventNoArg("E", "C");

@@ -1,4 +1,4 @@
-// What the SDK's files share. Nothing here is exported.
+// Shared by the SDK's source files; not exported.
 #pragma once
 
 #include <cstddef>
@@ -29,9 +29,8 @@ class OwnedFd {
   int fd_ = -1;
 };
 
-// A file that is written under a passing name beside its path and takes its path only when it is
-// complete, so that a reader sees the old content or the new, never a part. What is not published
-// is removed.
+// A file that is written under a temporary name and renamed when it is complete, so that a reader
+// sees the old content or the new content, never a part. Removed if it is not published.
 class ReplacementFile {
  public:
   ReplacementFile() noexcept = default;
@@ -42,7 +41,7 @@ class ReplacementFile {
   // Creates "DIRECTORY/.NAME.XXXXXX" with mode 0644. False with errno.
   [[nodiscard]] bool create(const char* directory, std::string_view name) noexcept;
   [[nodiscard]] int fd() const noexcept { return fd_.get(); }
-  // Gives the file its name "DIRECTORY/NAME". False with errno.
+  // Renames the file to "DIRECTORY/NAME". False with errno.
   [[nodiscard]] bool publish() noexcept;
 
  private:
@@ -51,11 +50,11 @@ class ReplacementFile {
   char final_[192] = {};
 };
 
-// Creates the directory `path` (mode 0755) unless it is there. False with errno.
+// Creates the directory `path` (mode 0755) unless it exists. False with errno.
 [[nodiscard]] bool makeDirectory(const char* path) noexcept;
 
-// Whether `name` can be a file name under ORLO_RUN_DIR: 1 to 64 of letters, digits and "._-", the
-// first no dot.
+// Whether `name` can be a file name under ORLO_RUN_DIR: 1 to 64 letters, digits, '.', '_' and '-',
+// not starting with '.'.
 [[nodiscard]] bool validName(const char* name) noexcept;
 
 // Takes the lock by which instances of the daemon `name` exclude each other, ORLO_RUN_DIR
@@ -63,16 +62,16 @@ class ReplacementFile {
 // another process has it.
 [[nodiscard]] OwnedFd lockInstance(const char* name) noexcept;
 
-// The name given to OrloLogInit, else the program's. Any thread.
+// The name given to OrloLogInit, or the program's name before. Any thread.
 [[nodiscard]] const char* logIdent() noexcept;
 // Whether log lines go to standard error as well. Any thread.
 [[nodiscard]] bool logForeground() noexcept;
 
-// No line of a tuning file and no CSV record is longer, so that a hostile file cannot take all
-// memory.
+// The longest line of a tuning file and the longest CSV record, so that a hostile file cannot use
+// up the memory.
 inline constexpr std::size_t kMaxLineBytes = std::size_t{16} << 20;
 
-// White space, whatever the locale.
+// White space, independent of the locale.
 [[nodiscard]] constexpr bool isSpace(char c) noexcept {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }

@@ -9,8 +9,8 @@ bool isContinuation(char c) {
   return (static_cast<unsigned char>(c) & 0xC0u) == 0x80u;
 }
 
-// The length of the UTF-8 sequence that `text` begins with, 0 when it is none. The second byte's
-// range is what keeps overlong forms, surrogates and numbers above U+10FFFF out.
+// The length of the UTF-8 sequence at the start of `text`, 0 if it is invalid. The range of the
+// second byte excludes overlong forms, surrogates and code points above U+10FFFF.
 std::size_t sequenceLength(std::string_view text) {
   const auto first = static_cast<unsigned char>(text[0]);
   const std::size_t length = first < 0x80   ? 1

@@ -1,4 +1,4 @@
-// JSON text for the event journal.
+// JSON strings for the event journal.
 #pragma once
 
 #include <string>
@@ -6,8 +6,8 @@
 
 namespace orlo {
 
-// Appends `text` as a JSON string, quotes included. Bytes that are no UTF-8 become U+FFFD, so that
-// the line stays valid whatever an event carries.
+// Appends `text` as a JSON string, including the quotes. Invalid UTF-8 becomes U+FFFD, so that the
+// line is always valid JSON.
 void appendJsonString(std::string& out, std::string_view text);
 
 }  // namespace orlo

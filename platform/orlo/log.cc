@@ -64,14 +64,14 @@ void raiseEvent(const char* event, const char* category, const char* arguments) 
   }
   try {
     const std::string line = journalLine(event, category, arguments);
-    // Opened anew for each event, so that the journal can be rotated; one write, so that lines of
-    // several processes do not mix.
+    // Opened for each event, so that the journal can be rotated. One write per line, so that
+    // lines of several processes do not mix.
     const orlo::OwnedFd journal = openJournal();
     if (journal && ::write(journal.get(), line.data(), line.size()) < 0) {
       return;
     }
   } catch (const std::exception&) {
-    return;  // short of memory: syslog has the event
+    return;  // out of memory: the event is in syslog
   }
 }
 

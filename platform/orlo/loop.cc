@@ -18,7 +18,7 @@ namespace {
 
 using orlo::OwnedFd;
 
-// What the loop waits for: a descriptor, and what to do when it is readable.
+// A descriptor that the loop waits for, and its callback.
 struct Source {
   enum class Kind { Signal, Timer, Descriptor };
   Kind kind;
@@ -123,7 +123,7 @@ bool Loop::addDescriptor(int fd, OrloLoopCallback callback, void* userData) {
   if (known == nullptr) {
     return add(fd, {Source::Kind::Descriptor, fd, OwnedFd(), callback, userData});
   }
-  // The number may have been closed and given out again since: epoll forgot it then.
+  // A closed descriptor's number may have been reused; epoll has dropped the old one.
   if (!watch(fd, known)) {
     return false;
   }
@@ -133,8 +133,7 @@ bool Loop::addDescriptor(int fd, OrloLoopCallback callback, void* userData) {
 }
 
 void Loop::dispatch(Source& source) noexcept {
-  // Reading is what resets a signal or a timer. Nothing there to read means that somebody else was
-  // faster, so there is nothing to report.
+  // Reading resets a signal or a timer. When there is nothing to read, another reader consumed it.
   signalfd_siginfo arrived;
   uint64_t expiries = 0;
   if (source.kind == Source::Kind::Signal &&
@@ -145,18 +144,18 @@ void Loop::dispatch(Source& source) noexcept {
       ::read(source.own.get(), &expiries, sizeof expiries) != sizeof expiries) {
     return;
   }
-  // Copies: the callback may replace itself.
+  // Copied, because the callback may replace itself.
   const OrloLoopCallback callback = source.callback;
   void* const userData = source.userData;
   callback(source.value, userData);
 }
 
 bool Loop::run() noexcept {
-  // The flag is taken back when it is obeyed, so that a loop can be run again.
+  // Resets the flag, so that the loop can run again.
   while (!quit_.exchange(false)) {
     epoll_event event{};
-    // One event a time: the kernel takes turns among what is ready, and a callback may change the
-    // sources without an outdated event being at hand.
+    // One event at a time: the kernel alternates between ready descriptors, and no stale event is
+    // left when a callback changes the sources.
     const int count = ::epoll_wait(epoll_.get(), &event, 1, -1);
     if (count < 0 && errno != EINTR) {
       return false;
@@ -179,7 +178,7 @@ bool Loop::run() noexcept {
 void Loop::quit() noexcept {
   quit_.store(true);
   const uint64_t one = 1;
-  // It fails only when the count is full, and then the loop wakes anyway.
+  // Fails only when the counter is full; then the loop wakes anyway.
   [[maybe_unused]] const ssize_t written = ::write(wake_.get(), &one, sizeof one);
 }
 
@@ -188,7 +187,7 @@ Loop& loop() noexcept {
   return instance;
 }
 
-// Runs `add`, which may be short of memory, for the C interface.
+// Runs `add` and converts std::bad_alloc to ENOMEM for the C interface.
 template <typename Add>
 int guarded(OrloLoopCallback callback, Add add) noexcept {
   if (callback == nullptr) {

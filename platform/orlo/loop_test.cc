@@ -1,5 +1,5 @@
-// The event loop with real signals, timers and descriptors. Each test has a process, and so a
-// loop, of its own.
+// The event loop with real signals, timers and descriptors. Each test runs in a child process,
+// since a process has one loop.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ using std::chrono::duration;
 using std::chrono::steady_clock;
 using ::testing::ElementsAre;
 
-// A callback that notes its value and then runs what the test wants.
+// A callback that records its value and runs an action.
 struct Recorder {
   std::vector<int> values;
   std::function<int(int)> action = [](int) {
@@ -57,7 +57,7 @@ TEST(Loop, RunsASignalsCallbackOutsideSignalContext) {
               EXPECT_EQ(OrloLoop(), 0);
               EXPECT_THAT(recorder.values, ElementsAre(SIGTERM));
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST(Loop, RunsTheCallbackOfEachSignal) {
@@ -67,7 +67,7 @@ TEST(Loop, RunsTheCallbackOfEachSignal) {
                 if (recorder.values.size() == 3) {
                   OrloLoopQuit();
                 }
-                return 1;  // of no consequence
+                return 1;  // ignored
               };
               for (const int signo : {SIGHUP, SIGUSR1, SIGINT}) {
                 ASSERT_EQ(OrloLoopSignalAdd(signo, record, &recorder), 0);
@@ -76,7 +76,7 @@ TEST(Loop, RunsTheCallbackOfEachSignal) {
               EXPECT_EQ(OrloLoop(), 0);
               EXPECT_THAT(recorder.values, testing::UnorderedElementsAre(SIGHUP, SIGUSR1, SIGINT));
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST(Loop, BlocksASignalThatWasIgnoredOrUnblockedBefore) {
@@ -93,7 +93,7 @@ TEST(Loop, BlocksASignalThatWasIgnoredOrUnblockedBefore) {
               EXPECT_EQ(OrloLoop(), 0);
               EXPECT_THAT(recorder.values, ElementsAre(SIGHUP));
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST(Loop, ReplacesTheCallbackOfASignal) {
@@ -105,10 +105,10 @@ TEST(Loop, ReplacesTheCallbackOfASignal) {
               EXPECT_EQ(OrloLoop(), 0);
               EXPECT_THAT(recorder.values, ElementsAre(SIGUSR1));
             }),
-            kPassed);
+            kSucceeded);
 }
 
-TEST(Loop, RefusesWhatItCannotWaitFor) {
+TEST(Loop, RefusesInvalidSources) {
   EXPECT_EQ(inChild([] {
               const auto refused = [](int result, int error) {
                 EXPECT_EQ(result, -1);
@@ -131,10 +131,10 @@ TEST(Loop, RefusesWhatItCannotWaitFor) {
               refused(OrloLoopFdAdd(pipe.reader(), unexpected, nullptr), EEXIST);
               EXPECT_EQ(OrloLoopTimerAdd(INT_MAX, unexpected, nullptr), 0);
             }),
-            kPassed);
+            kSucceeded);
 }
 
-TEST(Loop, RunsADescriptorsCallbackAsLongAsItIsReadable) {
+TEST(Loop, RunsADescriptorsCallbackWhileItIsReadable) {
   EXPECT_EQ(inChild([] {
               Pipe pipe;
               ASSERT_EQ(write(pipe.writer(), "abc", 3), 3);
@@ -147,7 +147,7 @@ TEST(Loop, RunsADescriptorsCallbackAsLongAsItIsReadable) {
                 if (received.size() == 3) {
                   OrloLoopQuit();
                 }
-                return -1;  // of no consequence
+                return -1;  // ignored
               };
               ASSERT_EQ(OrloLoopFdAdd(pipe.reader(), record, &recorder), 0);
               EXPECT_EQ(OrloLoop(), 0);
@@ -155,10 +155,10 @@ TEST(Loop, RunsADescriptorsCallbackAsLongAsItIsReadable) {
               EXPECT_THAT(recorder.values,
                           ElementsAre(pipe.reader(), pipe.reader(), pipe.reader()));
             }),
-            kPassed);
+            kSucceeded);
 }
 
-TEST(Loop, WatchesADescriptorWhoseNumberIsGivenOutAgain) {
+TEST(Loop, WatchesAReusedDescriptorNumber) {
   EXPECT_EQ(inChild([] {
               Pipe first;
               Pipe second;
@@ -170,10 +170,10 @@ TEST(Loop, WatchesADescriptorWhoseNumberIsGivenOutAgain) {
               EXPECT_EQ(OrloLoop(), 0);
               EXPECT_THAT(recorder.values, ElementsAre(first.reader()));
             }),
-            kPassed);
+            kSucceeded);
 }
 
-TEST(Loop, TakesTurnsBetweenABusyDescriptorAndASignal) {
+TEST(Loop, AlternatesBetweenABusyDescriptorAndASignal) {
   EXPECT_EQ(inChild([] {
               Pipe pipe;
               ASSERT_EQ(write(pipe.writer(), "x", 1), 1);
@@ -191,7 +191,7 @@ TEST(Loop, TakesTurnsBetweenABusyDescriptorAndASignal) {
               EXPECT_EQ(OrloLoop(), 0);
               EXPECT_THAT(recorder.values, ElementsAre(SIGTERM));
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST(Loop, RunsATimerEveryInterval) {
@@ -211,7 +211,7 @@ TEST(Loop, RunsATimerEveryInterval) {
               EXPECT_LT(secondsSince(start), 20.0);
               EXPECT_THAT(recorder.values, ElementsAre(1, 1));
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST(Loop, DeliversMissedExpiriesOnce) {
@@ -231,16 +231,15 @@ TEST(Loop, DeliversMissedExpiriesOnce) {
               };
               ASSERT_EQ(OrloLoopTimerAdd(1, record, &recorder), 0);
               EXPECT_EQ(OrloLoop(), 0);
-              // At 1 s; the expiries of 2 s and 3 s together once the callback is through at
-              // 3.5 s; then at 4 s again.
+              // At 1 s; at 3.5 s, when the callback has returned, once for 2 s and 3 s; at 4 s.
               ASSERT_EQ(times.size(), 3u);
               EXPECT_GE(times[1], 3.49);
               EXPECT_GE(times[2], 3.99);
             }),
-            kPassed);
+            kSucceeded);
 }
 
-TEST(Loop, QuitBeforeTheLoopMakesItReturnAtOnceAndOnlyOnce) {
+TEST(Loop, QuitBeforeTheLoopEndsTheNextLoopOnly) {
   EXPECT_EQ(inChild([] {
               Recorder recorder;
               ASSERT_EQ(OrloLoopSignalAdd(SIGTERM, record, &recorder), 0);
@@ -252,7 +251,7 @@ TEST(Loop, QuitBeforeTheLoopMakesItReturnAtOnceAndOnlyOnce) {
               EXPECT_EQ(OrloLoop(), 0);
               EXPECT_THAT(recorder.values, ElementsAre(SIGTERM));
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST(Loop, QuitsFromAnotherThread) {
@@ -267,12 +266,12 @@ TEST(Loop, QuitsFromAnotherThread) {
               other.join();
               EXPECT_LT(secondsSince(start), 10.0);
             }),
-            kPassed);
+            kSucceeded);
 }
 
 void ignoreSignal(int) {}
 
-TEST(Loop, GoesOnAfterAnInterruption) {
+TEST(Loop, ContinuesAfterAnInterruption) {
   EXPECT_EQ(inChild([] {
               struct sigaction action {};
               action.sa_handler = ignoreSignal;
@@ -284,10 +283,10 @@ TEST(Loop, GoesOnAfterAnInterruption) {
               EXPECT_EQ(OrloLoop(), 0);
               EXPECT_THAT(recorder.values, ElementsAre(1));
             }),
-            kPassed);
+            kSucceeded);
 }
 
-TEST(Loop, LetsACallbackAddSourcesAndReplaceItself) {
+TEST(Loop, AllowsACallbackToAddSourcesAndReplaceItself) {
   EXPECT_EQ(inChild([] {
               Recorder second;
               Recorder first;
@@ -303,7 +302,7 @@ TEST(Loop, LetsACallbackAddSourcesAndReplaceItself) {
               EXPECT_THAT(first.values, ElementsAre(SIGUSR1));
               EXPECT_THAT(second.values, ElementsAre(SIGUSR1));
             }),
-            kPassed);
+            kSucceeded);
 }
 
 }  // namespace

@@ -10,7 +10,7 @@ namespace {
 constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
 constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
 
-TEST(MatchPrefix, GivesThePartBehindThePrefix) {
+TEST(MatchPrefix, ReturnsThePartAfterThePrefix) {
   const char key[] = "acl.rule.priority._abc";
   EXPECT_EQ(OrloMatchPrefix(key, "acl.rule.priority."), key + 18);
   EXPECT_STREQ(OrloMatchPrefix(key, key), "");
@@ -26,7 +26,7 @@ TEST(MatchPrefix, RefusesEverythingElse) {
   EXPECT_EQ(OrloMatchPrefix("a", nullptr), nullptr);
 }
 
-TEST(ParseBool, KnowsItsWordsInAnyCaseWithSpaceAround) {
+TEST(ParseBool, ReadsItsWordsInAnyCaseWithSurroundingSpace) {
   for (const char* word : {"true", "yes", "on", "enable", "enabled", "1", "TRUE", "Yes", "oN",
                            " true", "true\t", "\r\n 1 \v\f"}) {
     bool result = false;
@@ -82,7 +82,7 @@ TEST(ParseInt, ReadsDecimalAndHexadecimal) {
   }
 }
 
-TEST(ParseInt, RefusesWhatIsNoIntegerAndLeavesTheResult) {
+TEST(ParseInt, RefusesOtherTextAndLeavesTheResult) {
   for (const char* text : {"",
                            " ",
                            "+",
@@ -116,7 +116,7 @@ TEST(ParseInt, RefusesWhatIsNoIntegerAndLeavesTheResult) {
   EXPECT_FALSE(OrloParseInt("1", kMin, kMax, nullptr));
 }
 
-TEST(ParseInt, KeepsToTheRange) {
+TEST(ParseInt, RefusesValuesOutOfRange) {
   int64_t result = 99;
   EXPECT_FALSE(OrloParseInt("9", 10, 20, &result));
   EXPECT_FALSE(OrloParseInt("21", 10, 20, &result));

@@ -20,8 +20,8 @@ struct OrloStats {
 
 namespace {
 
-// Field 22 of /proc/self/stat: the start of this process in clock ticks since boot. 0 when it
-// cannot be had.
+// Field 22 of /proc/self/stat: the start time of this process in clock ticks since boot. 0 when it
+// is not available.
 uint64_t ownStartTime() noexcept {
   const orlo::OwnedFd file(::open("/proc/self/stat", O_RDONLY | O_CLOEXEC));
   char text[1024];
@@ -30,7 +30,7 @@ uint64_t ownStartTime() noexcept {
     return 0;
   }
   text[length] = '\0';
-  // The second field is the command in parentheses, which may itself hold blanks and parentheses.
+  // The second field is the command in parentheses. It can contain blanks and parentheses.
   const char* at = std::strrchr(text, ')');
   uint64_t start = 0;
   constexpr char kFormat[] =
@@ -47,7 +47,7 @@ void* createArea(const char* name, std::size_t size) noexcept {
   if (!file.create(ORLO_STATS_DIR, name)) {
     return nullptr;
   }
-  // The blocks are taken now: on a full file system a store into a hole would be a bus error.
+  // Allocate the blocks now: on a full file system a store into a hole raises SIGBUS.
   const int error = ::posix_fallocate(file.fd(), 0, static_cast<off_t>(total));
   if (error != 0) {
     errno = error;
@@ -83,7 +83,7 @@ OrloStats* OrloStatsProdInit(const char* name, size_t size) {
     errno = EINVAL;
     return nullptr;
   }
-  // Areas stay mapped until the process ends; the list keeps them reachable.
+  // Areas stay mapped until the process ends. The list keeps them reachable for leak checkers.
   static std::mutex mutex;
   static std::list<OrloStats> areas;
   const std::lock_guard guard(mutex);

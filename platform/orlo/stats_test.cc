@@ -29,7 +29,7 @@ int renameError = 0;
 
 }  // namespace
 
-// These take the place of the system library's in the whole program, the SDK included.
+// These replace libc's in the whole program, including the SDK.
 extern "C" int posix_fallocate(int fd, off_t offset, off_t length) {
   static const auto real =
       reinterpret_cast<decltype(&posix_fallocate)>(dlsym(RTLD_NEXT, "posix_fallocate"));
@@ -45,7 +45,7 @@ namespace orlo::test {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::UnorderedElementsAre;
+using ::testing::ElementsAre;
 
 constexpr char kPath[] = ORLO_STATS_DIR "/tarnik";
 
@@ -54,29 +54,16 @@ class Stats : public RunDirTest {
   void TearDown() override { fallocateError = renameError = 0; }
 };
 
-std::string content(const char* path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 OrloStatsHeader headerOf(const std::string& bytes) {
   OrloStatsHeader header{};
   std::memcpy(&header, bytes.data(), std::min(bytes.size(), sizeof header));
   return header;
 }
 
-std::vector<std::string> filesInDirectory() {
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(ORLO_STATS_DIR)) {
-    names.push_back(entry.path().filename());
-  }
-  return names;
-}
-
 // The counters of the area as another process reads them from the file.
 std::vector<uint64_t> readElsewhere(std::size_t count) {
   Pipe pipe;
-  const pid_t reader = startChild([&] {
+  Process reader = startChild([&] {
     const std::string bytes = content(kPath);
     const OrloStatsHeader header = headerOf(bytes);
     const auto size = static_cast<ssize_t>(header.size);
@@ -84,14 +71,14 @@ std::vector<uint64_t> readElsewhere(std::size_t count) {
     EXPECT_EQ(write(pipe.writer(), bytes.data() + header.headerSize, header.size), size);
   });
   const std::string bytes = pipe.readAll();
-  EXPECT_EQ(waitFor(reader), kPassed);
+  EXPECT_EQ(reader.wait(), kSucceeded);
   std::vector<uint64_t> counters(count);
   EXPECT_EQ(bytes.size(), count * sizeof(uint64_t));
   std::memcpy(counters.data(), bytes.data(), std::min(bytes.size(), count * sizeof(uint64_t)));
   return counters;
 }
 
-TEST_F(Stats, HasAHeaderThatTellsNameSizeAndOwner) {
+TEST_F(Stats, HasAHeaderWithNameSizeAndOwner) {
   ASSERT_NE(OrloStatsProdInit("tarnik", 48), nullptr);
   const std::string bytes = content(kPath);
   ASSERT_EQ(bytes.size(), 64u + 48u);
@@ -106,11 +93,11 @@ TEST_F(Stats, HasAHeaderThatTellsNameSizeAndOwner) {
   struct stat status {};
   ASSERT_EQ(stat(kPath, &status), 0);
   EXPECT_EQ(status.st_mode, S_IFREG | 0644u);
-  EXPECT_THAT(filesInDirectory(), UnorderedElementsAre("tarnik"));
+  EXPECT_THAT(namesIn(ORLO_STATS_DIR), ElementsAre("tarnik"));
 }
 
-TEST_F(Stats, TellsWhenItsOwnerStarted) {
-  // A process may call itself anything, and the name stands before the time.
+TEST_F(Stats, RecordsWhenItsOwnerStarted) {
+  // A process name can contain anything; in /proc it precedes the start time.
   ASSERT_EQ(prctl(PR_SET_NAME, "a) R 1 (b"), 0);
   ASSERT_NE(OrloStatsProdInit("tarnik", 48), nullptr);
   std::istringstream stat(content("/proc/self/stat"));
@@ -122,7 +109,7 @@ TEST_F(Stats, TellsWhenItsOwnerStarted) {
   EXPECT_EQ(std::to_string(headerOf(content(kPath)).ownerStart), fields.at(22 - 3));
 }
 
-TEST_F(Stats, IsReadElsewhereWhileItsOwnerCounts) {
+TEST_F(Stats, IsReadableByOthersWhileItsOwnerCounts) {
   OrloStats* const stats = OrloStatsProdInit("tarnik", 48);
   ASSERT_NE(stats, nullptr);
   auto* const counters = static_cast<uint64_t*>(OrloStatsArea(stats));
@@ -136,12 +123,12 @@ TEST_F(Stats, IsReadElsewhereWhileItsOwnerCounts) {
                                                      0x048D159E24, 0x05B05B05AD}));
 }
 
-TEST_F(Stats, StaysBehindWithTheLastCounts) {
+TEST_F(Stats, KeepsTheLastCountsAfterItsOwnerEnds) {
   EXPECT_EQ(inChild([] {
               OrloStats* const stats = OrloStatsProdInit("tarnik", 8);
               *static_cast<uint64_t*>(OrloStatsArea(stats)) = 42;
             }),
-            kPassed);
+            kSucceeded);
   EXPECT_EQ(readElsewhere(1), (std::vector<uint64_t>{42}));
 }
 
@@ -157,7 +144,7 @@ TEST_F(Stats, ReplacesAnAreaOfTheSameNameForNewReadersOnly) {
   EXPECT_EQ(readElsewhere(2), (std::vector<uint64_t>{2, 0}));
 }
 
-TEST_F(Stats, AppearsOnlyWhole) {
+TEST_F(Stats, IsNeverSeenIncomplete) {
   ASSERT_NE(OrloStatsProdInit("tarnik", 48), nullptr);
   std::atomic<bool> stop{false};
   std::atomic<int> looks{0};
@@ -189,7 +176,7 @@ TEST_F(Stats, IsCreatedByAnyThread) {
   for (std::thread& thread : threads) {
     thread.join();
   }
-  EXPECT_EQ(filesInDirectory().size(), 8u);
+  EXPECT_EQ(namesIn(ORLO_STATS_DIR).size(), 8u);
   EXPECT_EQ(content(ORLO_STATS_DIR "/area5").substr(64), std::string(4096, 5));
 }
 
@@ -209,10 +196,10 @@ TEST_F(Stats, RefusesBadNamesAndSizes) {
   }
   EXPECT_EQ(OrloStatsArea(nullptr), nullptr);
   EXPECT_NE(OrloStatsProdInit(longest.c_str(), 1), nullptr);
-  EXPECT_EQ(headerOf(content((ORLO_STATS_DIR "/" + longest).c_str())).name, longest);
+  EXPECT_EQ(headerOf(content(ORLO_STATS_DIR "/" + longest)).name, longest);
 }
 
-TEST_F(Stats, SaysWhyItCannotBeCreatedAndLeavesNothing) {
+TEST_F(Stats, ReportsWhyItCannotBeCreatedAndLeavesNothing) {
   fallocateError = ENOSPC;
   EXPECT_EQ(OrloStatsProdInit("tarnik", 48), nullptr);
   EXPECT_EQ(errno, ENOSPC);
@@ -221,7 +208,7 @@ TEST_F(Stats, SaysWhyItCannotBeCreatedAndLeavesNothing) {
   EXPECT_EQ(OrloStatsProdInit("tarnik", 48), nullptr);
   EXPECT_EQ(errno, EROFS);
   renameError = 0;
-  EXPECT_THAT(filesInDirectory(), UnorderedElementsAre());
+  EXPECT_THAT(namesIn(ORLO_STATS_DIR), ElementsAre());
   fs::remove_all(ORLO_STATS_DIR);
   std::ofstream(ORLO_STATS_DIR) << "no directory";
   EXPECT_EQ(OrloStatsProdInit("tarnik", 48), nullptr);

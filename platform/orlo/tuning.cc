@@ -11,9 +11,9 @@
 struct OrloTuning {
   FILE* stream = nullptr;
   int line = 0;
-  std::string text;  // the line last read; key and value are cut out of it in place
+  std::string text;  // the current line; key and value point into it
   std::array<char, 65536> block;
-  std::string_view ahead;  // what of the block is still to be read
+  std::string_view ahead;  // the unread rest of the block
 };
 
 namespace {
@@ -38,7 +38,7 @@ bool keep(std::string& text, std::string_view part) noexcept {
   return true;
 }
 
-// Reads the next line without its end. What is too long is read to its end, but not kept.
+// Reads the next line, without its line end. Skips the rest of an unreadable line.
 Line readLine(OrloTuning& tuning) {
   tuning.text.clear();
   bool any = false;
@@ -76,8 +76,8 @@ char* skipSpace(char* at) {
   return at;
 }
 
-// Unescapes the quoted value whose opening quote is at `quote`, in place. Null when the quote is
-// not closed or something other than a comment follows.
+// Unescapes, in place, the quoted value whose opening quote is at `quote`. Null when the quote is
+// not closed or is followed by anything but a comment.
 char* quotedValue(char* quote) {
   char* out = quote;
   char* in = quote + 1;
@@ -90,17 +90,17 @@ char* quotedValue(char* quote) {
     }
     *out++ = *in;
   }
-  char* const behind = in + 1;
-  char* const rest = skipSpace(behind);
-  if (*rest != '\0' && (*rest != '#' || rest == behind)) {
+  char* const after = in + 1;
+  char* const rest = skipSpace(after);
+  if (*rest != '\0' && (*rest != '#' || rest == after)) {
     return nullptr;
   }
   *out = '\0';
   return quote;
 }
 
-// Cuts the comment and the white space behind a bare value. The character before it, which is
-// white space or the equals sign, belongs to the line.
+// Removes the comment and the white space after an unquoted value. value[-1] is readable: it is
+// white space or the equals sign.
 char* bareValue(char* value) {
   char* end = value;
   for (; *end != '\0'; ++end) {
@@ -115,7 +115,7 @@ char* bareValue(char* value) {
   return value;
 }
 
-// Takes the setting that begins at `key` apart.
+// Splits the setting that starts at `key`.
 int parseSetting(char* key, const char** keyText, const char** valueText) {
   char* keyEnd = key;
   while (*keyEnd != '\0' && !isSpace(*keyEnd) && *keyEnd != '=' && *keyEnd != '#' &&

@@ -26,15 +26,15 @@ static_assert(std::atomic<int64_t>::is_always_lock_free);
 
 namespace {
 
-// The signal that counts the seconds: the last but one, where no program's own are expected.
+// The signal that counts the seconds: the last but one, which programs rarely use.
 int tickSignal() noexcept {
   return SIGRTMAX - 1;
 }
 
 constexpr int64_t kDisarmed = std::numeric_limits<int64_t>::max();
 
-// The one watchdog of the process. All that the signal handler needs stands ready here: it may not
-// allocate, lock or open.
+// The watchdog of the process, with everything that the signal handler needs: the handler must not
+// allocate, lock or open anything.
 struct Watchdog {
   OrloWatchdogTimer record{};
   std::atomic<int64_t> limit{kDisarmed};
@@ -46,7 +46,7 @@ struct Watchdog {
 };
 Watchdog watchdog;
 
-// Text put together in a signal handler.
+// Formats text in a signal handler.
 class Line {
  public:
   void add(const char* text) noexcept {
@@ -81,7 +81,7 @@ class Line {
   line.add(" seconds (limit ");
   line.add(static_cast<uint64_t>(limit));
   line.add("), ending the process");
-  // The address with each message: the log daemon may have been restarted since.
+  // Not connected: the log daemon may have been restarted.
   ::sendto(watchdog.logSocket.get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
            reinterpret_cast<const sockaddr*>(&watchdog.logAddress), sizeof watchdog.logAddress);
   if (orlo::logForeground()) {
@@ -179,7 +179,7 @@ void OrloWatchdogTimerVirtDestroy(OrloWatchdogTimer* timer) {
   if (!isWatchdog(timer)) {
     return;
   }
-  // The handler stays: a tick that is already on its way would end the process without it.
+  // Keep the handler: without it a pending tick would end the process.
   watchdog.limit.store(kDisarmed);
   ::timer_delete(watchdog.timer);
   watchdog.logSocket.reset();

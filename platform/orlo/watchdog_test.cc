@@ -1,5 +1,5 @@
-// The watchdog timer: what it counts, and that it ends the process and says why. Each test has a
-// process of its own; the log daemon is the test.
+// The watchdog timer: what it counts, and how it ends the process. Each test uses a child process
+// and acts as its log daemon.
 #include <gtest/gtest.h>
 #include <orlo_sdk.h>
 #include <sys/socket.h>
@@ -23,13 +23,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr char kLogPath[] = "/dev/log";
-
-// Sleeps through interruptions.
-void sleepFor(milliseconds time) {
-  std::this_thread::sleep_for(time);
-}
-
 uint32_t elapsed(OrloWatchdogTimer* timer) {
   return std::atomic_ref(timer->elapsed).load();
 }
@@ -37,36 +30,17 @@ void store(OrloWatchdogTimer* timer, uint32_t value) {
   std::atomic_ref(timer->elapsed).store(value);
 }
 
-// Waits until `timer` has counted to `seconds`; gives up long after that should have been.
+// Waits until `timer` has counted to `seconds`. False when it takes far too long.
 bool reaches(OrloWatchdogTimer* timer, uint32_t seconds) {
   for (int i = 0; i < 1500 && elapsed(timer) < seconds; ++i) {
-    sleepFor(milliseconds(10));
+    std::this_thread::sleep_for(milliseconds(10));
   }
   return elapsed(timer) == seconds;
 }
 
 class Watchdog : public RunDirTest {
  protected:
-  void SetUp() override {
-    ASSERT_NO_FATAL_FAILURE(RunDirTest::SetUp());
-    log_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-    const sockaddr_un address = socketAddress(kLogPath);
-    ASSERT_EQ(bind(log_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
-        << std::strerror(errno);
-  }
-  void TearDown() override {
-    close(log_);
-    unlink(kLogPath);
-  }
-  // The next line in the log, empty when there is none.
-  std::string logged() const {
-    char line[1024];
-    const ssize_t length = recv(log_, line, sizeof line, 0);
-    return length < 0 ? "" : std::string(line, static_cast<std::size_t>(length));
-  }
-
- private:
-  int log_ = -1;
+  LogDaemon log_;
 };
 
 TEST_F(Watchdog, CountsTheSecondsSinceItWasTickled) {
@@ -84,14 +58,14 @@ TEST_F(Watchdog, CountsTheSecondsSinceItWasTickled) {
               EXPECT_GE(steady_clock::now() - start, milliseconds(2990));
               OrloWatchdogTimerVirtDestroy(timer);
             }),
-            kPassed);
-  EXPECT_EQ(logged(), "");
+            kSucceeded);
+  EXPECT_EQ(log_.next(), "");
 }
 
-TEST_F(Watchdog, EndsTheProcessAndSaysWhy) {
+TEST_F(Watchdog, EndsTheProcessAndLogsWhy) {
   const auto start = steady_clock::now();
   Pipe output;
-  const pid_t child = startChild([&] {
+  Process child = startChild([&] {
     dup2(output.writer(), STDERR_FILENO);
     OrloLogInit("guarded", 0);
     OrloWatchdogTimer* const timer = OrloWatchdogTimerVirtCreate();
@@ -100,19 +74,19 @@ TEST_F(Watchdog, EndsTheProcessAndSaysWhy) {
       pause();  // hung
     }
   });
-  EXPECT_EQ(waitFor(child), (Ending{-1, SIGABRT}));
+  EXPECT_EQ(child.wait(), killedBy(SIGABRT));
   const auto took = steady_clock::now() - start;
   EXPECT_GE(took, milliseconds(1990));
   EXPECT_LT(took, milliseconds(15000));
-  EXPECT_EQ(logged(), "<26>guarded[" + std::to_string(child) +
-                          "]: Watchdog: no sign of life for 2 seconds (limit 1), ending the "
-                          "process");
+  EXPECT_EQ(log_.next(), "<26>guarded[" + std::to_string(child.pid()) +
+                             "]: Watchdog: no sign of life for 2 seconds (limit 1), ending the "
+                             "process");
   EXPECT_EQ(output.readAll(), "");
 }
 
-TEST_F(Watchdog, SaysWhyOnStandardErrorInTheForeground) {
+TEST_F(Watchdog, LogsToStandardErrorInTheForeground) {
   Pipe output;
-  const pid_t child = startChild([&] {
+  Process child = startChild([&] {
     dup2(output.writer(), STDERR_FILENO);
     OrloLogInit("guarded", 1);
     OrloWatchdogTimer* const timer = OrloWatchdogTimerVirtCreate();
@@ -122,22 +96,22 @@ TEST_F(Watchdog, SaysWhyOnStandardErrorInTheForeground) {
       pause();
     }
   });
-  EXPECT_EQ(waitFor(child), (Ending{-1, SIGABRT}));
-  const std::string line = "guarded[" + std::to_string(child) +
+  EXPECT_EQ(child.wait(), killedBy(SIGABRT));
+  const std::string line = "guarded[" + std::to_string(child.pid()) +
                            "]: Watchdog: no sign of life for 4000000001 seconds (limit "
                            "4000000000), ending the process";
   EXPECT_EQ(output.readAll(), line + "\n");
-  EXPECT_EQ(logged(), "<26>" + line);
+  EXPECT_EQ(log_.next(), "<26>" + line);
 }
 
 TEST_F(Watchdog, EndsTheProcessOnlyWhenTheLimitIsPassed) {
   Pipe progress;
-  const pid_t child = startChild([&] {
+  Process child = startChild([&] {
     OrloWatchdogTimer* const timer = OrloWatchdogTimerVirtCreate();
     OrloWatchdogTimerVirtSet(timer, 100);
     store(timer, 99);
     if (reaches(timer, 100)) {
-      sleepFor(milliseconds(200));
+      std::this_thread::sleep_for(milliseconds(200));
       EXPECT_EQ(write(progress.writer(), "alive", 5), 5);
     }
     for (;;) {
@@ -145,11 +119,11 @@ TEST_F(Watchdog, EndsTheProcessOnlyWhenTheLimitIsPassed) {
     }
   });
   EXPECT_EQ(progress.readAll(), "alive");
-  EXPECT_EQ(waitFor(child), (Ending{-1, SIGABRT}));
+  EXPECT_EQ(child.wait(), killedBy(SIGABRT));
 }
 
-TEST_F(Watchdog, EndsTheProcessWhenNobodyTakesTheLog) {
-  ASSERT_EQ(unlink(kLogPath), 0);
+TEST_F(Watchdog, EndsTheProcessWithoutALogDaemon) {
+  ASSERT_EQ(unlink(LogDaemon::kPath), 0);
   EXPECT_EQ(inChild([] {
               signal(SIGABRT, SIG_IGN);
               OrloWatchdogTimer* const timer = OrloWatchdogTimerVirtCreate();
@@ -159,7 +133,7 @@ TEST_F(Watchdog, EndsTheProcessWhenNobodyTakesTheLog) {
                 pause();
               }
             }),
-            (Ending{-1, SIGABRT}));
+            killedBy(SIGABRT));
 }
 
 TEST_F(Watchdog, CountsButEndsNothingWhileDisarmed) {
@@ -177,11 +151,11 @@ TEST_F(Watchdog, CountsButEndsNothingWhileDisarmed) {
               EXPECT_TRUE(reaches(timer, 0xFFFFFFF2u));
               OrloWatchdogTimerVirtDestroy(timer);
             }),
-            kPassed);
-  EXPECT_EQ(logged(), "");
+            kSucceeded);
+  EXPECT_EQ(log_.next(), "");
 }
 
-TEST_F(Watchdog, IsOneAProcess) {
+TEST_F(Watchdog, ExistsOncePerProcess) {
   EXPECT_EQ(inChild([] {
               OrloWatchdogTimer* const timer = OrloWatchdogTimerVirtCreate();
               ASSERT_NE(timer, nullptr);
@@ -199,25 +173,25 @@ TEST_F(Watchdog, IsOneAProcess) {
               OrloWatchdogTimerVirtDestroy(nullptr);
               EXPECT_EQ(OrloWatchdogTimerVirtSet(again, 5), 0);
             }),
-            kPassed);
+            kSucceeded);
 }
 
-TEST_F(Watchdog, EndsWithItsDestruction) {
+TEST_F(Watchdog, StopsWhenDestroyed) {
   EXPECT_EQ(inChild([] {
               OrloWatchdogTimer* const timer = OrloWatchdogTimerVirtCreate();
               ASSERT_EQ(OrloWatchdogTimerVirtSet(timer, 1), 0);
               store(timer, 1000);
               OrloWatchdogTimerVirtDestroy(timer);
-              sleepFor(milliseconds(1200));
-              EXPECT_EQ(raise(SIGRTMAX - 1), 0);  // a tick that was still on its way
+              std::this_thread::sleep_for(milliseconds(1200));
+              EXPECT_EQ(raise(SIGRTMAX - 1), 0);  // a pending tick
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST_F(Watchdog, NeedsNoThreadAndInterruptsNoRead) {
   EXPECT_EQ(inChild([] {
               const auto threads = [] {
-                std::error_code none;  // where /proc is not to be had, there is nothing to count
+                std::error_code none;  // without /proc there is nothing to count
                 return std::distance(std::filesystem::directory_iterator("/proc/self/task", none),
                                      {});
               };
@@ -227,7 +201,7 @@ TEST_F(Watchdog, NeedsNoThreadAndInterruptsNoRead) {
               EXPECT_EQ(threads(), before);
               Pipe pipe;
               std::thread writer([&] {
-                sleepFor(milliseconds(2200));
+                std::this_thread::sleep_for(milliseconds(2200));
                 EXPECT_EQ(write(pipe.writer(), "x", 1), 1);
               });
               char c = 0;
@@ -236,7 +210,7 @@ TEST_F(Watchdog, NeedsNoThreadAndInterruptsNoRead) {
               writer.join();
               OrloWatchdogTimerVirtDestroy(timer);
             }),
-            kPassed);
+            kSucceeded);
 }
 
 TEST_F(Watchdog, CountsWhileTheLoopRuns) {
@@ -255,7 +229,7 @@ TEST_F(Watchdog, CountsWhileTheLoopRuns) {
               EXPECT_EQ(elapsed(timer), 0u);
               OrloWatchdogTimerVirtDestroy(timer);
             }),
-            kPassed);
+            kSucceeded);
 }
 
 }  // namespace

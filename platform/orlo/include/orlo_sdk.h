@@ -1,4 +1,4 @@
-/* orlo_sdk.h - the sensor platform's SDK, as the daemons on a sensor use it.
+/* orlo_sdk.h - the sensor platform's SDK for its daemons.
  *
  * C ABI, usable from C11 and C++. Unless a function says otherwise:
  *  - it may be called from the main thread only (the thread that runs OrloLoop);
@@ -26,19 +26,19 @@ extern "C" {
 #endif
 
 /* ---- Event loop -------------------------------------------------------------------------
- * One loop a process. Callbacks run one at a time on the thread that called OrloLoop.
+ * One loop per process. Callbacks run one at a time on the thread that called OrloLoop.
  * `value` is the signal number, the timer's interval in seconds, or the readable descriptor.
  * A callback's result is ignored.
  */
 typedef int (*OrloLoopCallback)(int value, void* userData);
 
-/* Runs `callback` in the loop, never in signal context, whenever signal `signo` arrives.
- * The signal is blocked in the calling thread from here on, so start threads afterwards.
+/* Runs `callback` in the loop, not in signal context, when signal `signo` arrives. The signal stays
+ * blocked in the calling thread, so start threads afterwards.
  * A second call for the same signal replaces the callback. 0, or -1 with errno. */
 int OrloLoopSignalAdd(int signo, OrloLoopCallback callback, void* userData);
 
-/* Runs `callback` every `seconds` seconds, first after one interval. Expiries missed while a
- * callback was slow are delivered once, not made up for. 0, or -1 with errno (EINVAL below 1 and
+/* Runs `callback` every `seconds` seconds, first after one interval. Expiries missed during a slow
+ * callback are delivered once. 0, or -1 with errno (EINVAL below 1 and
  * above INT_MAX). */
 int OrloLoopTimerAdd(int64_t seconds, OrloLoopCallback callback, void* userData);
 
@@ -50,9 +50,8 @@ int OrloLoopFdAdd(int fd, OrloLoopCallback callback, void* userData);
 /* Runs callbacks until one calls OrloLoopQuit. 0, or -1 with errno when waiting failed. */
 int OrloLoop(void);
 
-/* Makes OrloLoop return once the current callback has returned. Any thread, a signal handler too
- * once something has been added. A call made while no loop runs makes the next OrloLoop return at
- * once. */
+/* Makes OrloLoop return after the current callback; while no loop runs, makes the next OrloLoop
+ * return immediately. Any thread; a signal handler too, after the first OrloLoop...Add. */
 void OrloLoopQuit(void);
 
 /* ---- Command socket ---------------------------------------------------------------------
@@ -60,36 +59,36 @@ void OrloLoopQuit(void);
  */
 #define ORLO_RUN_DIR "/run/orlo"
 
-/* The sender of a command, as OrloCmdRecv fills it and OrloCmdResp takes it back: 116 bytes,
- * the sender's socket path as text from byte 2 on (empty for a sender that has bound no name). */
+/* The sender of a command, filled by OrloCmdRecv for OrloCmdResp: 116 bytes, with the sender's
+ * socket path as text from byte 2 on (empty for an unbound sender). */
 typedef struct OrloCmdSender {
   struct sockaddr_un address; /* 110 bytes */
   uint16_t reserved;
-  uint32_t addressLength; /* as recvfrom gave it, so that a response goes back unchanged */
+  uint32_t addressLength; /* from recvfrom, for the response */
 } OrloCmdSender;
 
-/* Opens the command socket of the daemon `name` (1 to 64 of letters, digits and "._-", the first
- * no dot), creating ORLO_RUN_DIR when it is missing. A socket file that nobody listens on is
- * replaced; a live one is refused. Instances are told apart by a lock on ORLO_RUN_DIR
- * "/NAME.lock", which stays behind. `flags` is reserved, 0. 0, or an error code for
+/* Opens the command socket of the daemon `name` (1 to 64 letters, digits, '.', '_' and '-', not
+ * starting with '.') and creates ORLO_RUN_DIR if it is missing. Replaces a socket file without a
+ * listener; refuses one with a listener. Instances exclude each other with a lock on ORLO_RUN_DIR
+ * "/NAME.lock", a file that is not removed. `flags` is reserved, 0. 0, or an error code for
  * OrloCmdError. */
 int OrloCmdInit(const char* name, int flags);
 
 /* The socket's descriptor, non-blocking, or -1 before OrloCmdInit and after OrloCmdFini. */
 int OrloCmdFd(void);
 
-/* Receives one datagram without blocking: its number of bytes (at most `size`: what is longer
- * is cut), 0 when there was none or it was empty. *sender, which may be null, is set unless there
- * was none. `flags` is reserved, 0. */
+/* Receives one datagram without blocking. Its number of bytes, at most `size` (a longer one is
+ * truncated); 0 for an empty datagram or none. Sets *sender, which may be null, unless there was
+ * none. `flags` is reserved, 0. */
 size_t OrloCmdRecv(void* buffer, size_t size, OrloCmdSender* sender, int flags);
 
 /* Sends `length` bytes to `sender` without blocking: the bytes sent, or a negative errno
- * (-EDESTADDRREQ for a sender without a name, -ECONNREFUSED or -ENOENT for one that is gone,
- * -EAGAIN for one that does not read). */
+ * (-EDESTADDRREQ for an unbound sender, -ECONNREFUSED or -ENOENT for a closed one, -EAGAIN for one
+ * that does not read). */
 int OrloCmdResp(const void* bytes, uint16_t length, const OrloCmdSender* sender);
 
-/* A text for a code of OrloCmdInit that says what failed and what to do; "no error" for 0.
- * Borrowed: valid until the next call of OrloCmdInit or OrloCmdError. */
+/* Describes a code of OrloCmdInit: what failed and what to do; "no error" for 0. Valid until the
+ * next call of OrloCmdInit or OrloCmdError. */
 const char* OrloCmdError(int code);
 
 /* Closes the socket and removes its file. Harmless when it is not open. */
@@ -104,28 +103,28 @@ void OrloCmdFini(void);
  * that logs to it. */
 int OrloLogInit(const char* name, unsigned foreground);
 
-/* How chatty debug logging is; 0 is silent. The daemon both reads and assigns it. Threads that
- * share it use atomic accesses. */
+/* The amount of debug logging, 0 for none. The daemon reads and assigns it; threads that share it
+ * use atomic accesses. */
 extern unsigned OrloLogDebugLevel;
 
-/* The journal of events, one JSON object a line with the members "time" (UTC, for example
+/* The journal of events, one JSON object per line with the members "time" (UTC, for example
  * "2024-05-01T12:00:00.000123Z"), "ident", "pid", "event", "category" and "args" (text, empty for
  * an event without arguments). */
 #define ORLO_EVENT_JOURNAL ORLO_RUN_DIR "/events.jsonl"
 
 /* Raises the platform event `event` of `category`; the arguments are formatted with `format` and
- * cut at 4095 bytes. The event goes to syslog, at priority notice, as "Event: CATEGORY: EVENT" and,
- * if there are arguments, ": ARGUMENTS"; and to the journal. Any thread. Never fails; errno is
- * preserved. */
+ * truncated to 4095 bytes. The event goes to syslog, at priority notice, as "Event: CATEGORY:
+ * EVENT" and, if there are arguments, ": ARGUMENTS"; and to the journal. Any thread. Never fails;
+ * errno is preserved. */
 void OrloLogEvent(const char* event, const char* category, const char* format, ...)
     ORLO_PRINTF(3, 4);
 void OrloLogEventNoArg(const char* event, const char* category);
 
 /* ---- Tuning files -----------------------------------------------------------------------
- * One setting a line: `key = value`, `key=value` or `key value`. `#` starts a comment at the
+ * One setting per line: `key = value`, `key=value` or `key value`. `#` starts a comment at the
  * beginning of a line or after white space outside quotes; blank lines, white space around key
  * and value, a UTF-8 byte-order mark and a CR before the line feed are ignored. A value may
- * stand in double quotes, in which \" and \\ are escapes; what follows the closing quote must
+ * be in double quotes, in which \" and \\ are escapes; what follows the closing quote must
  * be blank or a comment. A key is 1 to 1023 bytes without white space, `=`, `#` and `"`. An
  * empty value is written `key =` or `key = ""`. Malformed: a key alone, an empty key, an
  * unclosed quote, text after a closing quote, a NUL byte, a key too long, a line of over 16 MiB or
@@ -133,8 +132,8 @@ void OrloLogEventNoArg(const char* event, const char* category);
  */
 typedef struct OrloTuning OrloTuning;
 
-/* A parser that reads `stream` from where it stands, and ahead of the lines it gives; the stream
- * stays the caller's. None when memory is short or `stream` is null. */
+/* A parser of `stream` from its current position. The parser reads ahead; the stream remains the
+ * caller's. Null when out of memory or when `stream` is null. */
 OrloTuning* OrloTuningAlloc(FILE* stream);
 
 /* Result of OrloTuningParseLine. */
@@ -144,8 +143,9 @@ enum {
   ORLO_TUNING_MALFORMED = 1, /* the line at OrloTuningCurrLine is malformed; reading can go on */
 };
 
-/* Reads on to the next setting (comments and blank lines are passed over). *key and *value
- * belong to the parser and are valid until its next call. */
+/* Reads the next setting; skips comments and blank lines. *key and *value belong to the parser and
+ * are valid until its next call. After ORLO_TUNING_END, ferror(stream) distinguishes an error from
+ * the end of the file. */
 int OrloTuningParseLine(OrloTuning* tuning, const char** key, const char** value);
 
 /* The 1-based number of the line last read; 0 before the first. */
@@ -154,7 +154,7 @@ int OrloTuningCurrLine(const OrloTuning* tuning);
 /* Releases the parser; null is ignored. */
 void OrloTuningRelease(OrloTuning* tuning);
 
-/* The part of `key` behind `prefix`, a pointer into `key`; null when it does not begin so.
+/* The part of `key` after `prefix`, a pointer into `key`; null when `key` does not start with it.
  * Case matters. Any thread. */
 const char* OrloMatchPrefix(const char* key, const char* prefix);
 
@@ -167,17 +167,17 @@ bool OrloParseBool(const char* text, bool* result);
 bool OrloParseInt(const char* text, int64_t minimum, int64_t maximum, int64_t* result);
 
 /* ---- CSV files --------------------------------------------------------------------------
- * RFC 4180 with LF or CRLF: fields parted by commas, a field in double quotes may hold commas,
- * line ends and "" for a quote. A UTF-8 byte-order mark before a record is passed over, so that
- * files can be joined. Blank lines (nothing but white space) are skipped. The last line end may
+ * RFC 4180 with LF or CRLF: commas separate fields; a field in double quotes can contain commas,
+ * line ends and "" for a quote. A UTF-8 byte-order mark before a record is skipped, so that files
+ * can be concatenated. Blank lines (nothing but white space) are skipped. The last line end may
  * be missing. A CR elsewhere is data.
  */
 typedef struct CsvRecord CsvRecord;
 
-/* The next record of `stream`, to be destroyed by the caller; null at the end of the file, when
- * nothing could be read, or when memory is short. A record that breaks the rules (a quote inside a
- * bare field, text after a closing quote, an unclosed quote, a NUL byte, over 16 MiB) or that a
- * read error cut short is returned too, and every read from it fails. */
+/* The next record of `stream`, which the caller destroys. Null at the end of the file, at a read
+ * error (ferror(stream) is then set) and when out of memory. A malformed record (a quote inside an
+ * unquoted field, text after a closing quote, an unclosed quote, a NUL byte, over 16 MiB) or one
+ * truncated by a read error is returned, and every read from it fails. */
 CsvRecord* CsvRecordRead(FILE* stream);
 
 /* Column `column` (from 0) as an unsigned decimal number of 32 bits: digits only, with white
@@ -194,42 +194,42 @@ void CsvRecordDestroy(CsvRecord* record);
 /* Flags of OrloLogInit and OrloWatchdogDaemon. */
 #define ORLO_FOREGROUND 0x1u
 
-/* Detaches the process from its terminal (unless ORLO_FOREGROUND is set) and registers it with
- * the supervisor: ORLO_RUN_DIR "/NAME.pid" holds its process id, its name and `description`, one a
- * line; it is left behind at the end, and not written where this process may not write or while
- * another instance has the command socket of that name open.
+/* Detaches the process from its terminal (unless ORLO_FOREGROUND is set) and registers it with the
+ * supervisor: writes its process id, its name and `description`, one per line, to ORLO_RUN_DIR
+ * "/NAME.pid". The file is not removed at exit, and not written where the process lacks permission
+ * or while another instance has the command socket of that name open.
  *
- * Detaching: the calling process exits with status 0 once a new one stands, in a session of its
- * own, with "/" as working directory, standard input, output and error on /dev/null, and
- * registered; the call returns there. In the foreground, standard descriptors that are closed are
- * put on /dev/null. 0, or -1 with errno, in the calling process. Call it before any thread is
- * started and before the loop, the command socket and the watchdog are used. */
+ * Detaching: the call returns in a new process with its own session, "/" as working directory and
+ * standard input, output and error on /dev/null. When it is registered, the calling process exits
+ * with status 0. In the foreground, /dev/null is opened for closed standard descriptors. 0, or -1
+ * with errno in the calling process. Call it before starting threads and before using the loop,
+ * the command socket and the watchdog. */
 int OrloWatchdogDaemon(const char* name, const char* description, unsigned flags);
 
-/* A virtual watchdog timer. `elapsed` counts the seconds since its owner last stored 0 there;
- * storing 0 (tickling) is how the owner says that it is alive. */
+/* A virtual watchdog timer. `elapsed` counts the seconds since its owner last stored 0 in it
+ * (tickled it) to show that it is alive. */
 typedef struct OrloWatchdogTimer {
   uint8_t reserved[28];
   uint32_t elapsed; /* offset 28; written by owner and platform, so access it atomically */
 } OrloWatchdogTimer;
 
-/* A new timer, not armed; null with errno when it cannot be had. One a process (EBUSY). Counting
- * needs no thread: a signal, SIGRTMAX - 1 with SA_RESTART, interrupts the calling thread once a
- * second. Time for which the process is stopped is not counted. */
+/* A new timer, not armed; null with errno on failure. One per process (EBUSY). Counting needs no
+ * thread: signal SIGRTMAX - 1, with SA_RESTART, interrupts the calling thread once a second. Time
+ * while the process is stopped does not count. */
 OrloWatchdogTimer* OrloWatchdogTimerVirtCreate(void);
 
-/* Arms `timer`: once `elapsed` passes `seconds` the process is ended (SIGABRT) with a syslog line
- * that says why, at priority crit: "Watchdog: no sign of life for N seconds (limit SECONDS), ending
- * the process". `elapsed` is left as it stands. `seconds` below 1 disarms. 0, or -1 with errno. */
+/* Arms `timer`: when `elapsed` exceeds `seconds`, the process ends (SIGABRT) with a syslog line at
+ * priority crit: "Watchdog: no sign of life for N seconds (limit SECONDS), ending
+ * the process". `elapsed` keeps its value. `seconds` below 1 disarms. 0, or -1 with errno. */
 int OrloWatchdogTimerVirtSet(OrloWatchdogTimer* timer, int64_t seconds);
 
 /* Disarms and releases the timer; null is ignored. */
 void OrloWatchdogTimerVirtDestroy(OrloWatchdogTimer* timer);
 
 /* ---- Statistics areas -------------------------------------------------------------------
- * Named memory that other processes read while its owner updates it: the file
- * ORLO_STATS_DIR "/NAME", mode 0644, an OrloStatsHeader followed by the area. It appears with its
- * header complete and stays behind when its owner ends, with the last counts in it.
+ * Named memory that other processes read while its owner updates it: the file ORLO_STATS_DIR
+ * "/NAME", mode 0644, with an OrloStatsHeader and the area. It appears with its header complete and
+ * remains, with the last counts, when its owner ends.
  */
 #define ORLO_STATS_DIR ORLO_RUN_DIR "/stats"
 #define ORLO_STATS_MAGIC 0x5354414fu /* "OATS" read as bytes: 4f 41 54 53 */
@@ -241,16 +241,15 @@ typedef struct OrloStatsHeader {
   uint64_t size;       /* bytes of the area */
   int32_t ownerPid;
   uint32_t reserved;
-  uint64_t
-      ownerStart; /* the owner's start time in clock ticks, so that a reused pid is told apart */
+  uint64_t ownerStart; /* the owner's start time in clock ticks: detects a reused pid */
   char name[ORLO_STATS_NAME_MAX + 1u];
 } OrloStatsHeader;
 
 typedef struct OrloStats OrloStats;
 
 /* Creates the area `name` (as for OrloCmdInit, at most ORLO_STATS_NAME_MAX bytes) of `size` bytes
- * (1 to 1 GiB), all zero, replacing one of the same name: who has that one mapped keeps it. The
- * result lives until the process ends. Null with errno on failure. Any thread. */
+ * (1 to 1 GiB), all zero. Replaces an area of the same name; processes that have the old one mapped
+ * keep it. The result is valid until the process ends. Null with errno on failure. Any thread. */
 OrloStats* OrloStatsProdInit(const char* name, size_t size);
 
 /* The area's first byte, aligned to 64. Null for a null argument. Any thread. */

@@ -1,69 +1,63 @@
-// Runs a part of a test in a process of its own, for what a process has only once: its event loop,
-// its watchdog, its end.
+// Fixtures for tests of the SDK: child processes, because a process has one event loop and one
+// watchdog, the SDK's directory, and pipes.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <orlo_sdk.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <ostream>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "base/testing/files.h"
+#include "base/testing/process.h"
 
 namespace orlo::test {
 
-// How a process ended: its exit status, or the signal.
-struct Ending {
-  int exitStatus = -1;
-  int signal = 0;
-  bool operator==(const Ending&) const = default;
-};
-inline std::ostream& operator<<(std::ostream& out, const Ending& ending) {
-  return out << "exit status " << ending.exitStatus << ", signal " << ending.signal;
-}
+using tarnik::test::Ending;
+using tarnik::test::killedBy;
+using tarnik::test::kSucceeded;
+using tarnik::test::Process;
 
-inline Ending waitFor(pid_t child) {
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, WIFSIGNALED(status) ? WTERMSIG(status) : 0};
-}
-
-// Starts `body` in a child, which exits with status 0, or 1 when an expectation failed in it.
-template <typename Body>
-pid_t startChild(Body body) {
-  std::fflush(nullptr);
-  const pid_t child = fork();
-  if (child == 0) {
-    const rlimit none{0, 0};
-    setrlimit(RLIMIT_CORE, &none);
+// Starts `body` in a forked child; its failed expectations fail the child's ending.
+inline Process startChild(const std::function<void()>& body) {
+  return Process([&] {
     body();
-    std::fflush(nullptr);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
+    return 0;
+  });
+}
+
+// Runs `body` in a forked child to its end.
+inline Ending inChild(const std::function<void()>& body) {
+  return startChild(body).wait();
+}
+
+// The names in a directory, sorted.
+inline std::vector<std::string> namesIn(const char* directory) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+    names.push_back(entry.path().filename());
   }
-  EXPECT_GT(child, 0);
-  return child;
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
-template <typename Body>
-Ending inChild(Body body) {
-  return waitFor(startChild(body));
+inline std::string content(const std::string& path) {
+  return tarnik::test::readFile(path).value_or("");
 }
 
-inline constexpr Ending kPassed{0, 0};
-
-// A test of what the SDK does in ORLO_RUN_DIR, which is empty when it begins.
+// Starts each test with an empty ORLO_RUN_DIR.
 class RunDirTest : public testing::Test {
  protected:
   void SetUp() override {
     if (std::getenv("TARNIK_PRIVATE_ROOT") == nullptr) {
-      GTEST_FAIL() << "would touch the host's " ORLO_RUN_DIR ": start it through CTest";
+      GTEST_FAIL() << "would change the host's " ORLO_RUN_DIR ": start it through CTest";
     }
     std::filesystem::remove_all(ORLO_RUN_DIR);
     ASSERT_TRUE(std::filesystem::create_directory(ORLO_RUN_DIR));
@@ -77,41 +71,63 @@ inline sockaddr_un socketAddress(std::string_view path) {
   return address;
 }
 
-// A pipe between processes or threads.
+// A datagram socket bound to `path`, with `flags` of socket(2).
+inline tarnik::OwnedFd boundSocket(std::string_view path, int flags = 0) {
+  tarnik::OwnedFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | flags, 0));
+  const sockaddr_un address = socketAddress(path);
+  EXPECT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  return fd;
+}
+
+// A log daemon: receives what is sent to /dev/log.
+class LogDaemon {
+ public:
+  LogDaemon() : socket_(boundSocket(kPath, SOCK_NONBLOCK)) {}
+  ~LogDaemon() { ::unlink(kPath); }
+  LogDaemon(const LogDaemon&) = delete;
+  LogDaemon& operator=(const LogDaemon&) = delete;
+
+  // The next datagram, empty if there is none.
+  [[nodiscard]] std::string next() const {
+    char line[1024];
+    const ssize_t length = ::recv(socket_.get(), line, sizeof line, 0);
+    return length < 0 ? "" : std::string(line, static_cast<std::size_t>(length));
+  }
+
+  static constexpr char kPath[] = "/dev/log";
+
+ private:
+  tarnik::OwnedFd socket_;
+};
+
 class Pipe {
  public:
-  Pipe() { EXPECT_EQ(pipe(ends_), 0); }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
-  ~Pipe() {
-    closeReader();
-    closeWriter();
+  Pipe() {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(::pipe(ends), 0);
+    reader_.reset(ends[0]);
+    writer_.reset(ends[1]);
   }
-  [[nodiscard]] int reader() const { return ends_[0]; }
-  [[nodiscard]] int writer() const { return ends_[1]; }
-  void closeReader() { closeEnd(0); }
-  void closeWriter() { closeEnd(1); }
+  [[nodiscard]] int reader() const { return reader_.get(); }
+  [[nodiscard]] int writer() const { return writer_.get(); }
+  void closeReader() { reader_.reset(); }
+  void closeWriter() { writer_.reset(); }
 
-  // All that was written until every writer closed; this one is closed first.
+  // Closes this writer, then returns everything written until all other writers are closed.
   std::string readAll() {
     closeWriter();
     std::string all;
     char part[4096];
-    for (ssize_t n = read(reader(), part, sizeof part); n > 0;
-         n = read(reader(), part, sizeof part)) {
+    for (ssize_t n = ::read(reader(), part, sizeof part); n > 0;
+         n = ::read(reader(), part, sizeof part)) {
       all.append(part, static_cast<std::size_t>(n));
     }
     return all;
   }
 
  private:
-  void closeEnd(int end) {
-    if (ends_[end] >= 0) {
-      close(ends_[end]);
-      ends_[end] = -1;
-    }
-  }
-  int ends_[2] = {-1, -1};
+  tarnik::OwnedFd reader_;
+  tarnik::OwnedFd writer_;
 };
 
 }  // namespace orlo::test
