@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <cctype>
+#include <new>
 
 #include "base/log.h"
 
@@ -208,10 +209,14 @@ const Rule* findRule(const Name& name, const char* full, const Value& value) noe
 }
 
 Text duplicate(const char* text, std::size_t length) noexcept {
-  Text copy(::strndup(text, length));
+  Text copy(new (std::nothrow) char[length + 1]);
   if (!copy) {
+    errno = ENOMEM;
     TARNIK_ERROR("Error: zorlib_set_param: strdup failed - %s", errorText());
+    return copy;
   }
+  std::memcpy(copy.get(), text, length);
+  copy[length] = '\0';
   return copy;
 }
 

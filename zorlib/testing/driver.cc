@@ -1,21 +1,17 @@
 #include "zorlib/testing/driver.h"
 
-#include <net/if.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <mutex>
-#include <new>
 
 #include "base/log.h"
 #include "platform/zorvik/driver.h"
@@ -27,51 +23,12 @@
 namespace tarnik::test {
 namespace {
 
-std::mutex mutex;  // guards what follows
+std::mutex mutex;  // guards the variables below
 std::map<unsigned long, Answer> answers;
 std::map<unsigned long, std::pair<int, int>> rawAnswers;  // result, errno
 std::vector<unsigned long> made;
 
-// True once the allowance is used up.
-bool allocationFails() {
-  if (systemCalls.allocationsLeft < 0 || systemCalls.allocationsLeft-- > 0) {
-    return false;
-  }
-  systemCalls.allocationsLeft = -1;
-  errno = ENOMEM;
-  return true;
-}
-
-// The objects of nothrow new. Without memory of its own, for it is kept by new and delete.
-std::array<std::atomic<void*>, 256> objects;
-std::array<std::uint32_t, 256> words;
-std::atomic<std::size_t> wordCount{0};
-
-void keepObject(void* object) {
-  for (std::atomic<void*>& place : objects) {
-    void* nobody = nullptr;
-    if (place.compare_exchange_strong(nobody, object)) {
-      return;
-    }
-  }
-}
-
-// Before the object's memory goes back.
-void loseObject(void* object) {
-  for (std::atomic<void*>& place : objects) {
-    void* expected = object;
-    if (object != nullptr && place.compare_exchange_strong(expected, nullptr)) {
-      const std::size_t at = wordCount++;
-      if (at < words.size()) {
-        std::memcpy(&words[at], object, sizeof words[at]);
-      }
-    }
-  }
-}
-
 }  // namespace
-
-SystemCalls systemCalls;
 
 std::string text(const char* format, ...) {
   char line[400];
@@ -80,6 +37,28 @@ std::string text(const char* format, ...) {
   std::vsnprintf(line, sizeof line, format, arguments);
   va_end(arguments);
   return line;
+}
+
+std::vector<LogLine> lines(const std::vector<std::string>& texts) {
+  std::vector<LogLine> result;
+  for (const std::string& each : texts) {
+    const int priority = each.starts_with("Error: ")     ? LOG_ERR
+                         : each.starts_with("Warning: ") ? LOG_WARNING
+                         : each.starts_with("Debug: ")   ? LOG_DEBUG
+                                                         : LOG_INFO;
+    result.push_back({priority, each});
+  }
+  return result;
+}
+
+void expectFailure(const std::function<int()>& call, int expectedErrno,
+                   const std::vector<std::string>& expectedLines, const char* file, int line) {
+  const ::testing::ScopedTrace trace(file, line, "expectFailure");
+  clearLog();
+  errno = 0;
+  EXPECT_EQ(call(), -1);
+  EXPECT_EQ(errno, expectedErrno);
+  EXPECT_EQ(logLines(), lines(expectedLines));
 }
 
 void answer(unsigned long request, Answer with) {
@@ -133,31 +112,13 @@ zorvik_ifg_config description(std::uint32_t count, std::uint32_t first) {
   return config;
 }
 
-std::vector<std::uint32_t> lastWords() {
-  return {words.begin(), words.begin() + std::min(wordCount.load(), words.size())};
+HiddenFile::HiddenFile(std::string path) : path_(std::move(path)) {
+  std::filesystem::rename(path_, path_ + ".hidden");
 }
 
-int livingObjects() {
-  return static_cast<int>(std::count_if(objects.begin(), objects.end(),
-                                        [](const auto& place) { return place != nullptr; }));
-}
-
-void forgetObjects() {
-  wordCount = 0;
-}
-
-int openDescriptors() {
-  const std::filesystem::directory_iterator all("/proc/self/fd");
-  return static_cast<int>(std::distance(begin(all), end(all)));
-}
-
-int mappingsOf(const std::string& path) {
-  std::ifstream maps("/proc/self/maps");
-  int found = 0;
-  for (std::string line; std::getline(maps, line);) {
-    found += line.ends_with(path) ? 1 : 0;
-  }
-  return found;
+HiddenFile::~HiddenFile() {
+  std::error_code ignored;
+  std::filesystem::rename(path_ + ".hidden", path_, ignored);
 }
 
 void DriverTest::SetUp() {
@@ -179,8 +140,7 @@ void DriverTest::SetUp() {
 void DriverTest::TearDown() {
   answerNothing();
   setDebugLevel(0);
-  systemCalls.fakeNode = false;
-  systemCalls.fakeInterfaces = false;
+  nodesAreReal();
   systemCalls.allocationsLeft = -1;
   EXPECT_EQ(zorvik::unload(), 0) << "something was left open";
 }
@@ -216,7 +176,7 @@ zorvik_frm_desc* DriverTest::allocFrame(zorlib_ifg* ifg, std::uint32_t size) {
 }
 
 zorvik_qmem* DriverTest::sharedMemory(zorlib_q* q) {
-  // Never unmapped: the system takes the few pages back.
+  // It is not unmapped: the few pages end with the process.
   void* const memory = ::mmap(nullptr, sizeof(zorvik_qmem) + 8, PROT_READ | PROT_WRITE, MAP_SHARED,
                               zorlib_q_get_fd(q), 0);
   EXPECT_NE(memory, MAP_FAILED);
@@ -225,9 +185,6 @@ zorvik_qmem* DriverTest::sharedMemory(zorlib_q* q) {
 
 }  // namespace tarnik::test
 
-using tarnik::test::systemCalls;
-
-// The driver's side of the system call.
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   va_list arguments;
   va_start(arguments, request);
@@ -258,84 +215,3 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   errno = *result < 0 ? -*result : before;
   return *result < 0 ? -1 : *result;
 }
-
-// The linker puts these in the place of the system library's where the program calls those.
-// NOLINTBEGIN(bugprone-reserved-identifier)
-extern "C" {
-
-int __real_access(const char* path, int mode);
-int __real_usleep(useconds_t microseconds);
-void* __real_calloc(std::size_t count, std::size_t size);
-char* __real_strndup(const char* text, std::size_t length);
-char* __real_if_indextoname(unsigned index, char* name);
-// operator new(std::size_t, const std::nothrow_t&)
-void* __real__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
-// operator new[](std::size_t, const std::nothrow_t&)
-void* __real__ZnamRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
-// operator delete(void*), and with the size
-void __real__ZdlPv(void* object);
-void __real__ZdlPvm(void* object, std::size_t size);
-
-int __wrap_access(const char* path, int mode) {
-  const int look = ++systemCalls.looks;
-  if (!systemCalls.fakeNode) {
-    return __real_access(path, mode);
-  }
-  const bool there = systemCalls.vanishesAt > 0
-                         ? look < systemCalls.vanishesAt
-                         : systemCalls.appearsAt > 0 && look >= systemCalls.appearsAt;
-  errno = there ? errno : ENOENT;
-  return there ? 0 : -1;
-}
-
-int __wrap_usleep(useconds_t microseconds) {
-  ++systemCalls.sleeps;
-  systemCalls.longestSleep = std::max(systemCalls.longestSleep.load(), microseconds);
-  return systemCalls.fakeNode ? 0 : __real_usleep(microseconds);
-}
-
-void* __wrap_calloc(std::size_t count, std::size_t size) {
-  return tarnik::test::allocationFails() ? nullptr : __real_calloc(count, size);
-}
-
-char* __wrap_strndup(const char* text, std::size_t length) {
-  return tarnik::test::allocationFails() ? nullptr : __real_strndup(text, length);
-}
-
-char* __wrap_if_indextoname(unsigned index, char* name) {
-  if (!systemCalls.fakeInterfaces) {
-    return __real_if_indextoname(index, name);
-  }
-  if (index < 101 || index > 164) {
-    errno = ENXIO;
-    return nullptr;
-  }
-  std::snprintf(name, IF_NAMESIZE, "test%u", index);
-  return name;
-}
-
-void* __wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) {
-  if (tarnik::test::allocationFails()) {
-    return nullptr;
-  }
-  void* const object = __real__ZnwmRKSt9nothrow_t(size, tag);
-  std::memset(object, tarnik::test::kFresh, size);
-  tarnik::test::keepObject(object);
-  return object;
-}
-
-void __wrap__ZdlPv(void* object) {
-  tarnik::test::loseObject(object);
-  __real__ZdlPv(object);
-}
-
-void __wrap__ZdlPvm(void* object, std::size_t size) {
-  tarnik::test::loseObject(object);
-  __real__ZdlPvm(object, size);
-}
-
-void* __wrap__ZnamRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) {
-  return tarnik::test::allocationFails() ? nullptr : __real__ZnamRKSt9nothrow_t(size, tag);
-}
-}
-// NOLINTEND(bugprone-reserved-identifier)

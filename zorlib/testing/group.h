@@ -9,7 +9,6 @@ class GroupTest : public DriverTest {
  protected:
   void SetUp() override {
     DriverTest::SetUp();
-    systemCalls.fakeInterfaces = true;
     ifg_ = openGroup();
     clearRequests();
   }
