@@ -10,11 +10,13 @@
 #include <bit>
 #include <cstdint>
 
+#include "zorlib/c_memory.h"
+
 namespace tarnik {
 
 // One per frame descriptor. Nodes live longer than the lists, because a pop may read a node that
 // another thread has already removed. A node is in one list at most; `listed` is set while it is.
-struct FrameNode {
+struct FrameNode : zorlib::CMemory {
   std::atomic<FrameNode*> next{nullptr};
   std::atomic<bool> listed{false};
 };

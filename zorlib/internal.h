@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "base/owned.h"
+#include "zorlib/c_memory.h"
 #include "zorlib/frame_list.h"
 #include "zorlib/zorlib.h"
 
@@ -28,11 +29,6 @@ inline constexpr std::uint32_t kNoLimit = 0xffffffff;  // milliseconds
 // Entries of an application queue.
 inline constexpr std::uint32_t kMinEntries = 10;
 inline constexpr std::uint32_t kMaxEntries = 16000000;
-
-// Deletes memory that an application frees with free(3).
-struct Free {
-  void operator()(void* memory) const noexcept { std::free(memory); }
-};
 
 // The first word of a handle; the handle's destructor marks it as closed. Volatile, so that the
 // compiler writes the mark although the memory is freed next.
@@ -108,7 +104,7 @@ void wake(const zorlib_q& q, zorvik_resq& side) noexcept;
 
 }  // namespace tarnik::zorlib
 
-struct zorlib_ifg {
+struct zorlib_ifg : tarnik::zorlib::CMemory {
   ~zorlib_ifg() { magic = tarnik::zorlib::kIfgDead; }
 
   tarnik::zorlib::Magic magic{tarnik::zorlib::kIfgMagic};
@@ -130,7 +126,7 @@ struct zorlib_ifg {
   std::array<tarnik::FrameList, 3> cached;  // small, medium and large buffers
 };
 
-struct zorlib_q {
+struct zorlib_q : tarnik::zorlib::CMemory {
   ~zorlib_q() { magic = tarnik::zorlib::kQDead; }
 
   tarnik::zorlib::Magic magic{tarnik::zorlib::kQMagic};

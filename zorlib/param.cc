@@ -4,7 +4,6 @@
 #include <strings.h>
 
 #include <cctype>
-#include <new>
 
 #include "base/log.h"
 
@@ -209,14 +208,12 @@ const Rule* findRule(const Name& name, const char* full, const Value& value) noe
 }
 
 Text duplicate(const char* text, std::size_t length) noexcept {
-  Text copy(new (std::nothrow) char[length + 1]);
+  Text copy(static_cast<char*>(std::calloc(length + 1, 1)));
   if (!copy) {
-    errno = ENOMEM;
     TARNIK_ERROR("Error: zorlib_set_param: strdup failed - %s", errorText());
     return copy;
   }
   std::memcpy(copy.get(), text, length);
-  copy[length] = '\0';
   return copy;
 }
 

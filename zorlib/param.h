@@ -19,7 +19,7 @@ enum ParamId : std::uint32_t {
   kParamIfMask = 1004,
 };
 
-using Text = std::unique_ptr<char[]>;
+using Text = std::unique_ptr<char, Free>;
 
 struct Param {
   std::uint32_t id = 0;  // of the rule that accepted it

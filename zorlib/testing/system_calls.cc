@@ -16,9 +16,17 @@
 #include <fstream>
 #include <new>
 
+#include "zorlib/internal.h"
+
+#if defined(__clang__)
+#define UNINSTRUMENTED __attribute__((disable_sanitizer_instrumentation))
+#else
+#define UNINSTRUMENTED
+#endif
+
 namespace tarnik::test {
 
-SystemCalls systemCalls;
+constinit SystemCalls systemCalls;
 
 namespace {
 
@@ -40,8 +48,14 @@ bool allocationFails() {
   return true;
 }
 
-// The objects of nothrow new. In arrays, because operator new cannot allocate for itself.
-std::array<std::atomic<void*>, 256> objects;
+// Set when the program's own code runs, past the start of a sanitizer.
+volatile bool running = false;
+[[gnu::constructor]] void start() {
+  running = true;
+}
+
+// In arrays, because calloc and free cannot allocate for themselves.
+constinit std::array<std::atomic<void*>, 256> objects;
 std::array<std::uint32_t, 256> words;
 std::atomic<std::size_t> wordCount{0};
 
@@ -145,26 +159,41 @@ char* if_indextoname(unsigned index, char* name) noexcept {
   return name;
 }
 
-// A sanitizer's own calloc, in a program that has one.
+// A sanitizer's own functions, in a program that has one; else libc's. A sanitizer calls them
+// before its instrumented code can run.
 [[gnu::weak]] void* __interceptor_calloc(std::size_t count, std::size_t size);
+[[gnu::weak]] void __interceptor_free(void* memory);
 void* __libc_calloc(std::size_t count, std::size_t size);
+void __libc_free(void* memory);
 
-void* calloc(std::size_t count, std::size_t size) noexcept {
+UNINSTRUMENTED void* calloc(std::size_t count, std::size_t size) noexcept {
+  if (!tarnik::test::running && __interceptor_calloc != nullptr) {
+    return __interceptor_calloc(count, size);
+  }
   if (tarnik::test::allocationFails()) {
     return nullptr;
   }
-  return __interceptor_calloc != nullptr ? __interceptor_calloc(count, size)
-                                         : __libc_calloc(count, size);
-}
-}
-
-void* operator new(std::size_t size) {
-  if (void* const object = std::malloc(std::max(size, std::size_t{1}))) {
-    return object;
+  void* const memory = __interceptor_calloc != nullptr ? __interceptor_calloc(count, size)
+                                                       : __libc_calloc(count, size);
+  if (size == sizeof(zorlib_ifg) || size == sizeof(zorlib_q)) {
+    tarnik::test::addObject(memory);
   }
-  throw std::bad_alloc();
+  return memory;
 }
 
+UNINSTRUMENTED void free(void* memory) noexcept {
+  if (tarnik::test::running) {
+    tarnik::test::removeObject(memory);
+  }
+  if (__interceptor_free != nullptr) {
+    __interceptor_free(memory);
+  } else {
+    __libc_free(memory);
+  }
+}
+}
+
+#ifndef TARNIK_SANITIZED
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   void* const object =
       tarnik::test::allocationFails() ? nullptr : std::malloc(std::max(size, std::size_t{1}));
@@ -174,20 +203,4 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   }
   return object;
 }
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  try {
-    return tarnik::test::allocationFails() ? nullptr : ::operator new[](size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
-}
-
-void operator delete(void* object) noexcept {
-  tarnik::test::removeObject(object);
-  std::free(object);
-}
-
-void operator delete(void* object, std::size_t) noexcept {
-  ::operator delete(object);
-}
+#endif

@@ -43,13 +43,26 @@ void nodesAreReal();
 inline constexpr unsigned kFirstInterface = 101;
 inline constexpr unsigned kLastInterface = 164;
 
-// ---- Memory: operator new and delete
+// ---- Memory: calloc, free and nothrow new
+
+// The library's handles come from calloc. Objects of nothrow new count too where kReplacesNew is
+// true; a program with a sanitizer has an operator new of its own.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TARNIK_SANITIZED
+#endif
+#endif
+#ifdef TARNIK_SANITIZED
+inline constexpr bool kReplacesNew = false;
+#else
+inline constexpr bool kReplacesNew = true;
+#endif
 
 // Memory of nothrow new is filled with this byte, so that a member without a value shows.
 inline constexpr std::uint8_t kFresh = 0xa5;
-// The first word of each object of nothrow new when it was deleted, since forgetObjects().
+// The first word of each object when it was freed, since forgetObjects().
 [[nodiscard]] std::vector<std::uint32_t> lastWords();
-// How many objects of nothrow new exist.
+// How many objects exist.
 [[nodiscard]] int livingObjects();
 void forgetObjects();
 
