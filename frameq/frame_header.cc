@@ -20,4 +20,9 @@ void writeFrameHeader(zorvik_frm_desc& frame, const FrameHeader& header) noexcep
   frame.frame_size = static_cast<std::uint16_t>(header.capturedLength);
 }
 
+void writeFrameInterfaces(zorvik_frm_desc& frame, std::int16_t in, std::int16_t out) noexcept {
+  frame.if_in = in;
+  frame.if_out = out;
+}
+
 }  // namespace tarnik

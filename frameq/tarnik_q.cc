@@ -199,6 +199,11 @@ std::uint32_t TarnikQ::room(const std::uint8_t* data) {
   return use ? zorlib_q_room(q_, data) : 0;
 }
 
+std::uint32_t TarnikQ::used() {
+  const Use use(users_);
+  return use ? zorlib_q_used(q_) : 0;
+}
+
 int TarnikQ::Write(zorvik_frm_desc* frame) {
   if (const int refused = refuse("Write", kEgress); refused != kQOk) {
     return refused;

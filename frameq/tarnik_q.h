@@ -60,6 +60,8 @@ class TarnikQ {
   // frame's lengths come from the producer and may exceed it. Checks neither that the queue is open
   // nor its mode.
   [[nodiscard]] std::uint32_t room(const std::uint8_t* data);
+  // The number of frames in the queue now; 0 after Close. Does not check that the queue is open.
+  [[nodiscard]] std::uint32_t used();
 
  protected:
   TarnikQ() = default;

@@ -100,6 +100,7 @@ TEST_F(TarnikQCloseTest, AfterwardsNothingReachesTheLibrary) {
     EXPECT_EQ(errno, ESHUTDOWN);
     EXPECT_EQ(desc_, nullptr) << "nothing that would have to be freed";
     EXPECT_EQ(q->room(zorlib_ifg_frm_data(capture_if::ifg, sent)), 0u);
+    EXPECT_EQ(q->used(), 0u);
     EXPECT_THAT(logLines(), IsEmpty());
     if (mode == TarnikQ::kIngress) {
       errno = 0;

@@ -124,6 +124,7 @@ TEST_F(TarnikQTest, CarriesTagAndFlags) {
     zorvik_frm_desc* const desc = frame();
     EXPECT_EQ(writer_->WritePkt(desc, 0x0123456789abcdef, each.written), 0);
     EXPECT_EQ(desc->flags, each.descriptor);
+    EXPECT_EQ(writer_->used(), 1u);
     zorvik_frm_desc* read = nullptr;
     std::uint8_t* data = nullptr;
     std::uint64_t tag = 0;

@@ -42,6 +42,7 @@ TEST_F(IoTest, RunsAroundTheRing) {
   for (int round = 0; round < 100; ++round) {
     for (int i = 0; i < 1 + round % 7; ++i) {
       ASSERT_EQ(zorlib_q_write(writer_, frame), 0);
+      ASSERT_EQ(zorlib_q_used(writer_), static_cast<std::uint32_t>(i) + 1);
     }
     for (int i = 0; i < 1 + round % 7; ++i) {
       zorvik_frm_desc* read = nullptr;

@@ -202,4 +202,10 @@ uint32_t zorlib_q_room(zorlib_q* q, const uint8_t* data) {
   return q->payloadSize - static_cast<std::uint32_t>(address - first);
 }
 
+uint32_t zorlib_q_used(zorlib_q* q) {
+  zorvik_qmem& memory = q->memory();
+  const std::uint32_t dequeue = ring::counter(memory.dequeue);
+  return (ring::counter(memory.enqueue) - dequeue) & q->mask;
+}
+
 }  // extern "C"

@@ -5,8 +5,8 @@
  * that is null or no longer valid fails with EBADR, any other pointer that is null where one is
  * needed with EINVAL and without a line. Handles may be used by several threads
  * unless a function says otherwise; closing one while another thread uses it is an error.
- * zorlib_q_set_timeout, zorlib_q_frm_data and zorlib_q_room do not check the handle, nor does the
- * second the frame.
+ * zorlib_q_set_timeout, zorlib_q_frm_data, zorlib_q_room and zorlib_q_used do not check the
+ * handle, nor does the second the frame.
  */
 #ifndef ZORLIB_H
 #define ZORLIB_H
@@ -132,6 +132,9 @@ uint8_t* zorlib_q_frm_data(zorlib_q* q, struct zorvik_frm_desc* frame);
 /* How many bytes lie from `data`, as zorlib_q_frm_data gave it, to the end of the payload memory:
  * the most that a length from the descriptor may be trusted for. 0 for any other address. */
 uint32_t zorlib_q_room(zorlib_q* q, const uint8_t* data);
+
+/* How many frames are in the queue now. */
+uint32_t zorlib_q_used(zorlib_q* q);
 
 /* Writes the handle and its queue memory to the log, at debug level above 0. */
 void zorlib_q_dump(zorlib_q* q);
