@@ -30,6 +30,7 @@ class [[nodiscard]] Result {
   [[nodiscard]] Value& operator*() { return std::get<Value>(content_); }
   [[nodiscard]] const Value& operator*() const { return std::get<Value>(content_); }
   [[nodiscard]] Value* operator->() { return &std::get<Value>(content_); }
+  [[nodiscard]] const Value* operator->() const { return &std::get<Value>(content_); }
   // Only when not ok().
   [[nodiscard]] const std::string& error() const { return std::get<Error>(content_).text; }
 
