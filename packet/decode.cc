@@ -47,9 +47,9 @@ bool hasPorts(std::uint8_t protocol) {
 }
 
 void setEndpoints(Decoded& out, const Endpoint& source, const Endpoint& destination) {
-  out.from_low = source <= destination;
-  out.key.low = out.from_low ? source : destination;
-  out.key.high = out.from_low ? destination : source;
+  out.fromLow = source <= destination;
+  out.key.low = out.fromLow ? source : destination;
+  out.key.high = out.fromLow ? destination : source;
 }
 
 // An IP datagram: where its payload lies and what it is.
@@ -58,11 +58,11 @@ struct Datagram {
   std::array<std::uint8_t, 16> source{};
   std::array<std::uint8_t, 16> destination{};
   std::uint8_t protocol = 0;
-  std::uint8_t fragment_protocol = 0;
+  std::uint8_t fragmentProtocol = 0;
   std::uint32_t id = 0;
   Fragment fragment = Fragment::kNone;
-  Bytes payload;                 // the captured part, without what follows the datagram
-  std::size_t wire_payload = 0;  // bytes on the wire
+  Bytes payload;                // the captured part, without what follows the datagram
+  std::size_t wirePayload = 0;  // bytes on the wire
 };
 
 Fragment fragmentOf(std::uint32_t offset, bool more) {
@@ -82,7 +82,7 @@ std::optional<Datagram> readIpv4(Bytes packet, std::size_t wireLength) {
   out.source = address(packet, 12, 4);
   out.destination = address(packet, 16, 4);
   out.protocol = packet[9];
-  out.fragment_protocol = out.protocol;
+  out.fragmentProtocol = out.protocol;
   out.id = be16(packet, 4);
   const std::uint16_t fragment = be16(packet, 6);
   out.fragment = fragmentOf(fragment & 0x1fffu, (fragment & 0x2000u) != 0);
@@ -94,7 +94,7 @@ std::optional<Datagram> readIpv4(Bytes packet, std::size_t wireLength) {
     return out;
   }
   out.payload = packet.first(std::min(packet.size(), total)).subspan(header);
-  out.wire_payload = total - header;
+  out.wirePayload = total - header;
   return out;
 }
 
@@ -132,11 +132,11 @@ void walkExtensions(Datagram& datagram) {
     if (fragment) {
       const std::uint16_t field = be16(header, 2);
       datagram.fragment = fragmentOf(field & 0xfff8u, (field & 1u) != 0);
-      datagram.fragment_protocol = datagram.protocol;
+      datagram.fragmentProtocol = datagram.protocol;
       datagram.id = be32(header, 4);
     }
     datagram.payload = header.subspan(std::min(length, header.size()));
-    datagram.wire_payload -= std::min(length, datagram.wire_payload);
+    datagram.wirePayload -= std::min(length, datagram.wirePayload);
     if (datagram.fragment == Fragment::kLater) {
       return;  // what follows is the middle of something
     }
@@ -157,7 +157,7 @@ std::optional<Datagram> readIpv6(Bytes packet, std::size_t wireLength) {
   const std::size_t length = be16(packet, 4);
   const std::size_t total = length != 0 ? kHeader + length : std::max(wireLength, kHeader);
   out.payload = packet.first(std::min(packet.size(), total)).subspan(kHeader);
-  out.wire_payload = total - kHeader;
+  out.wirePayload = total - kHeader;
   walkExtensions(out);
   return out;
 }
@@ -174,7 +174,7 @@ std::optional<TcpHeader> readTcp(const Datagram& datagram) {
   out.flags = bytes[13];
   const std::size_t header = std::size_t{bytes[12]} / 16 * 4;
   out.payload =
-      static_cast<std::uint32_t>(datagram.wire_payload - std::min(header, datagram.wire_payload));
+      static_cast<std::uint32_t>(datagram.wirePayload - std::min(header, datagram.wirePayload));
   return out;
 }
 
@@ -184,11 +184,11 @@ void setDatagram(Decoded& out, const Datagram& datagram) {
   out.key.kind = datagram.kind;
   out.key.protocol = datagram.protocol;
   out.fragment = datagram.fragment;
-  out.datagram = {datagram.kind, datagram.fragment_protocol, datagram.id, datagram.source,
+  out.datagram = {datagram.kind, datagram.fragmentProtocol, datagram.id, datagram.source,
                   datagram.destination};
   if (datagram.fragment != Fragment::kLater && hasPorts(datagram.protocol) &&
       datagram.payload.size() >= 4) {
-    out.key.has_ports = true;
+    out.key.hasPorts = true;
     source.port = be16(datagram.payload, 0);
     destination.port = be16(datagram.payload, 2);
     if (datagram.protocol == kTcp && datagram.fragment == Fragment::kNone) {
@@ -236,7 +236,7 @@ Decoded decode(const Frame& frame) {
   skipTags(data, type, at);
 
   const Bytes packet = data.subspan(at);
-  const std::size_t wireLength = frame.wire_len > at ? frame.wire_len - at : 0;
+  const std::size_t wireLength = frame.wireLength > at ? frame.wireLength - at : 0;
   std::optional<Datagram> datagram;
   if (type == kTypeIpv4) {
     datagram = readIpv4(packet, wireLength);

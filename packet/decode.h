@@ -35,7 +35,7 @@ struct FlowKey {
   enum class Kind : std::uint8_t { kShort, kEthernet, kIpv4, kIpv6 };
 
   Kind kind = Kind::kShort;
-  bool has_ports = false;
+  bool hasPorts = false;
   std::uint16_t protocol = 0;  // ethertype, or IP protocol
   Endpoint low;                // the lesser of the two endpoints, so that both directions agree
   Endpoint high;
@@ -74,7 +74,7 @@ struct TcpHeader {
 
 struct Decoded {
   FlowKey key;
-  bool from_low = true;  // which endpoint sent the frame
+  bool fromLow = true;  // which endpoint sent the frame
   Fragment fragment = Fragment::kNone;
   DatagramKey datagram;          // of a fragment
   std::optional<TcpHeader> tcp;  // when the 20 bytes of the header were captured

@@ -141,8 +141,8 @@ TEST(Decode, BothDirectionsAreOneFlow) {
   const Decoded other = decode(frameOf(back));
   EXPECT_EQ(one.key, other.key);
   EXPECT_EQ(one.key.id(), other.key.id());
-  EXPECT_TRUE(one.from_low);
-  EXPECT_FALSE(other.from_low);
+  EXPECT_TRUE(one.fromLow);
+  EXPECT_FALSE(other.fromLow);
   EXPECT_EQ(decode(frameOf(ethernet(0x0806, be(1, 28)))).key,
             decode(frameOf(ethernet(0x0806, be(2, 28), true))).key);
 }
@@ -156,8 +156,8 @@ TEST(Decode, PortsStayWithTheirAddresses) {
 TEST(Decode, FlowsWithAndWithoutPortsDiffer) {
   const FlowKey with = decode(frameOf(ethernet(0x0800, ipv4({}, tcp(0, 0))))).key;
   const FlowKey without = decode(frameOf(ethernet(0x0800, ipv4({.fragment = 5}, tcp(0, 0))))).key;
-  EXPECT_TRUE(with.has_ports);
-  EXPECT_FALSE(without.has_ports);
+  EXPECT_TRUE(with.hasPorts);
+  EXPECT_FALSE(without.hasPorts);
   EXPECT_NE(with, without);
 }
 
@@ -208,7 +208,7 @@ TEST(Decode, CutAtEveryByte) {
     for (std::size_t size = 0; size < entry.frame.size(); ++size) {
       const Bytes cut(entry.frame.begin(), entry.frame.begin() + static_cast<std::ptrdiff_t>(size));
       Frame frame = frameOf(cut);
-      frame.wire_len = static_cast<std::uint32_t>(entry.frame.size());
+      frame.wireLength = static_cast<std::uint32_t>(entry.frame.size());
       const FlowKey key = decode(frame).key;
       EXPECT_EQ(key.kind == FlowKey::Kind::kShort, size < 14) << entry.what << " " << size;
       EXPECT_FALSE(key.text().empty());
@@ -254,7 +254,7 @@ TEST(Decode, RandomBytesAreSurvived) {
       bytes[14] = static_cast<std::uint8_t>((type == 0x0800 ? 0x40 : 0x60) | (bytes[14] & 15));
     }
     Frame frame = frameOf(bytes);
-    frame.wire_len = static_cast<std::uint32_t>(random());
+    frame.wireLength = static_cast<std::uint32_t>(random());
     EXPECT_FALSE(decode(frame).key.text().empty());
   }
 }

@@ -62,7 +62,7 @@ std::string addressText(const FlowKey& key, const Endpoint& endpoint) {
   char text[INET6_ADDRSTRLEN] = "";
   const bool v6 = key.kind == FlowKey::Kind::kIpv6;
   inet_ntop(v6 ? AF_INET6 : AF_INET, a.data(), text, sizeof text);
-  if (!key.has_ports) {
+  if (!key.hasPorts) {
     return text;
   }
   std::string host = v6 ? "[" : "";
@@ -75,7 +75,7 @@ std::string addressText(const FlowKey& key, const Endpoint& endpoint) {
 std::uint64_t FlowKey::id() const {
   Fnv1a hash;
   hash.add(static_cast<std::uint64_t>(kind), 1);
-  hash.add(has_ports ? 1 : 0, 1);
+  hash.add(hasPorts ? 1 : 0, 1);
   hash.add(protocol, 2);
   for (const Endpoint* endpoint : {&low, &high}) {
     hash.add(endpoint->address);

@@ -1,32 +1,22 @@
 #include "platform/brund/account.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <numeric>
 
 namespace tarnik::brund {
 namespace {
 
-std::string jsonText(const std::string& text) {
-  std::string out = "\"";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (byte < 0x20 || byte == 0x7f) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(byte));
-      out += escape;
-    } else {
-      out += c;
-    }
-  }
-  return out + "\"";
-}
+using Json = nlohmann::ordered_json;
 
-std::string jsonNumber(const char* name, std::uint64_t value) {
-  return std::string("  \"") + name + "\": " + std::to_string(value) + ",\n";
+// File names and rule names may be in any encoding; JSON is UTF-8.
+std::string dump(const Json& json, int indent = -1) {
+  return json.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
 std::string hex(std::uint64_t value) {
@@ -35,27 +25,18 @@ std::string hex(std::uint64_t value) {
   return text;
 }
 
-// Identifiers are texts: they have 64 bits, and a reader's numbers often only 53.
-std::string jsonCapture(const Account::Capture& capture) {
-  return "    {\"id\": \"" + hex(capture.id) + "\", \"flow_id\": \"" +
-         std::to_string(capture.flow.id()) + "\", \"flow\": " + jsonText(capture.flow.text()) +
-         ", \"trigger\": {\"kind\": \"" + toText(capture.kind) +
-         "\", \"id\": " + std::to_string(capture.trigger) +
-         ", \"name\": " + jsonText(capture.name) +
-         "}, \"frames\": " + std::to_string(capture.frames) +
-         ", \"bytes\": " + std::to_string(capture.bytes) +
-         ", \"ended\": " + (capture.ended ? "true" : "false") + "}";
-}
-
-template <typename Items, typename Text>
-std::string jsonList(const char* name, const Items& items, Text text) {
-  std::string out = std::string("  \"") + name + "\": [";
-  const char* separator = "\n";
-  for (const auto& item : items) {
-    out += separator + text(item);
-    separator = ",\n";
-  }
-  return out + (items.empty() ? "]" : "\n  ]");
+// The two identifiers are strings: they have 64 bits, and many readers' numbers only 53.
+Json toJson(const Account::Capture& capture) {
+  return {{"id", hex(capture.id)},
+          {"flow_id", std::to_string(capture.flow.id())},
+          {"flow", capture.flow.text()},
+          {"trigger",
+           {{"kind", toText(capture.trigger.kind)},
+            {"id", capture.trigger.id},
+            {"name", capture.trigger.name}}},
+          {"frames", capture.frames},
+          {"bytes", capture.bytes},
+          {"ended", capture.ended}};
 }
 
 }  // namespace
@@ -84,12 +65,12 @@ const char* toText(Refusal reason) {
   return "";
 }
 
-std::size_t Account::begin(std::uint64_t id, const FlowKey& flow, const Rule& rule) {
+std::size_t Account::begin(std::uint64_t id, const FlowKey& flow, const Trigger& trigger) {
   ++captures_;
   if (list_.size() >= kMaxListed) {
     return kMaxListed;
   }
-  list_.push_back({id, flow, rule.kind, rule.trigger, rule.name, 0, 0, false});
+  list_.push_back({id, flow, trigger, 0, 0, false});
   return list_.size() - 1;
 }
 
@@ -126,19 +107,69 @@ std::string Account::summary() const {
 }
 
 std::string Account::json() const {
-  std::string out = "{\n" + jsonNumber("seen", seen_) + jsonNumber("matched", matched_) +
-                    jsonNumber("queued", queued_) + jsonNumber("captures", captures_) +
-                    jsonNumber("refused", refusedFrames()) + "  \"refused_by_reason\": {";
+  Json reasons;
   for (std::size_t i = 0; i < refused_.size(); ++i) {
-    out += (i == 0 ? "\"" : ", \"") + std::string(toText(static_cast<Refusal>(i))) +
-           "\": " + std::to_string(refused_[i]);
+    reasons[toText(static_cast<Refusal>(i))] = refused_[i];
   }
-  out += "},\n" + jsonNumber("dropped_by_kernel", dropped_) +
-         "  \"balanced\": " + (balanced() ? "true" : "false") + ",\n";
-  out += jsonList("problems", problems_,
-                  [](const std::string& line) { return "    " + jsonText(line); });
-  out += ",\n" + jsonList("capture_list", list_, jsonCapture) + "\n}\n";
-  return out;
+  const Json sums = {{"seen", seen_},
+                     {"matched", matched_},
+                     {"queued", queued_},
+                     {"captures", captures_},
+                     {"refused", refusedFrames()},
+                     {"refused_by_reason", reasons},
+                     {"dropped_by_kernel", dropped_},
+                     {"balanced", balanced()},
+                     {"problems", problems_}};
+  std::string text = dump(sums, 2);
+  text.resize(text.size() - 2);  // the closing brace and its newline
+  // One capture at a time: a Json of all 500,000 would take half a gigabyte.
+  text += ",\n  \"capture_list\": [";
+  const char* separator = "\n    ";
+  for (const Capture& capture : list_) {
+    text += separator + dump(toJson(capture));
+    separator = ",\n    ";
+  }
+  return text + (list_.empty() ? "]\n}\n" : "\n  ]\n}\n");
+}
+
+Progress::Progress(const Account& account, bool quiet)
+    : account_(account), on_(!quiet && isatty(STDERR_FILENO) == 1) {}
+
+Progress::~Progress() {
+  if (shown_) {
+    std::fputs("\r\033[K", stderr);
+  }
+}
+
+bool Progress::isDue() {
+  const auto now = on_ ? std::chrono::steady_clock::now() : next_;
+  if (!on_ || now < next_) {
+    return false;
+  }
+  next_ = now + std::chrono::milliseconds(500);
+  return true;
+}
+
+// A line that wraps could not be removed again.
+void Progress::print(std::string line) {
+  winsize size{};
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+    line.resize(std::min<std::size_t>(line.size(), size.ws_col - 1u));
+  }
+  std::fprintf(stderr, "\r%s\033[K", line.c_str());
+  shown_ = true;
+}
+
+void Progress::show() {
+  if (isDue()) {
+    print(account_.summary());
+  }
+}
+
+void Progress::showRead(std::uint64_t frames) {
+  if (isDue()) {
+    print(std::to_string(frames) + " frames read ahead");
+  }
 }
 
 }  // namespace tarnik::brund

@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "platform/brund/group_owner.h"
-#include "platform/brund/testing/run.h"
+#include "platform/brund/testing/whole_run.h"
 
 namespace tarnik::brund {
 namespace {
@@ -22,7 +22,9 @@ namespace fs = std::filesystem;
 using namespace test;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::Gt;
 using ::testing::HasSubstr;
+using ::testing::Lt;
 using ::testing::Not;
 
 constexpr char kCaptures[] = "/var/support/tarnik";
@@ -30,47 +32,50 @@ constexpr char kCaptures[] = "/var/support/tarnik";
 class BrundOwner : public RunTest {
  protected:
   void SetUp() override {
-    for (const auto& left : fs::directory_iterator(kCaptures)) {
-      fs::remove_all(left);
+    for (const auto& entry : fs::directory_iterator(kCaptures)) {
+      fs::remove_all(entry);
     }
-    std::string error;
-    ASSERT_TRUE(writeTextFile("/etc/tarnik.conf", "", error)) << error;
+    writeFile("/etc/tarnik.conf", "");
     rules_ = file("rules", "ips 70000 WEB tcp port 80\n");
-    Program policy(brundSim({"--rules", rules_, "--write-policy", "/etc"}));
-    ASSERT_EQ(policy.wait(), 0) << policy.errors();
+    const Finished policy = runProgram({BRUND_SIM, "--rules", rules_, "--write-policy", "/etc"});
+    ASSERT_EQ(policy.ending, kSucceeded) << policy.errors;
   }
-  // A capture file with so many frames of one flow.
+  // A capture file with this number of frames of one flow.
   [[nodiscard]] std::string input(std::size_t frames) const {
     const Bytes frame = ethernet(0x0800, ipv4({}, tcp(1025, 80)));
     return file("input.pcap", captureFile(std::vector<Bytes>(frames, frame)));
   }
-  // Starts brund-sim, which makes group and queue.
+  // Starts brund-sim, and returns when it has created the group and the queue.
   void begin(const std::vector<std::string>& arguments) {
-    fs::remove(accountPath());
+    fs::remove(account_);
     start(rules_, arguments);
     EXPECT_TRUE(waitForQueue([this] { return !program_->running(); })) << errors();
   }
+  void startDaemon() {
+    daemon_ = std::make_unique<Process>(std::vector<std::string>{TARNIKD, "-D", "-p", "/etc"});
+  }
+  void stopDaemon() {
+    daemon_->signal(SIGTERM);
+    EXPECT_EQ(daemon_->wait(), kSucceeded);
+  }
   // Waits until the daemon has taken every frame.
   void waitForAccount() {
-    while (!fs::exists(accountPath()) && program_->running()) {
-      usleep(1000);
-    }
+    EXPECT_TRUE(eventually([this] { return fs::exists(account_) || !program_->running(); }));
   }
-  // Waits until the daemon has begun a capture; besides, it makes templates in that directory.
-  void waitForCapture() {
+  // Waits until the daemon has begun a capture. Its templates are in the same directory.
+  static void waitForCapture() {
     const auto isCapture = [](const fs::directory_entry& entry) {
       return !entry.path().filename().native().starts_with("template");
     };
-    while (program_->running() &&
-           std::none_of(fs::directory_iterator(kCaptures), fs::directory_iterator(), isCapture)) {
-      usleep(1000);
-    }
+    EXPECT_TRUE(eventually([&] {
+      return std::any_of(fs::directory_iterator(kCaptures), fs::directory_iterator(), isCapture);
+    }));
   }
-  void end() {
+  void killBrund() {
     program_->signal(SIGKILL);
-    finish();
+    EXPECT_EQ(program_->wait(), killedBy(SIGKILL));
   }
-  void expectMade() const {
+  void expectCreated() const {
     EXPECT_THAT(driver_.status(), AllOf(HasSubstr("group brund "), HasSubstr("queue TarnikQ ")));
   }
   void expectRemoved() const {
@@ -85,20 +90,10 @@ class BrundOwner : public RunTest {
 
   const Driver driver_;
   std::string rules_;
+  std::unique_ptr<Process> daemon_;
 };
 
-// The real daemon.
-class Tarnikd : public Program {
- public:
-  Tarnikd() : Program({TARNIKD, "-D", "-p", "/etc"}) {}
-  // Its exit status.
-  int stop() {
-    signal(SIGTERM);
-    return wait();
-  }
-};
-
-// The frames in the capture files, which have one length each.
+// The number of frames in the capture files; all have the same length.
 std::size_t recorded() {
   std::size_t frames = 0;
   for (const auto& entry : fs::directory_iterator(kCaptures)) {
@@ -109,109 +104,107 @@ std::size_t recorded() {
   return frames;
 }
 
-TEST_F(BrundOwner, GroupAndQueueAreThereFromStartToEnd) {
+TEST_F(BrundOwner, GroupAndQueueExistFromStartToEnd) {
   begin({"--stay", input(100)});
-  expectMade();
-  Tarnikd daemon;
+  expectCreated();
+  startDaemon();
   waitForAccount();
-  expectMade();
+  expectCreated();
   EXPECT_TRUE(program_->running());
-  EXPECT_EQ(daemon.stop(), 0);
+  stopDaemon();
   EXPECT_EQ(finish(), 0);
-  EXPECT_THAT(errors(), Not(HasSubstr("stays")));
+  EXPECT_THAT(errors(), Not(HasSubstr("the interface group stays")));
   expectRemoved();
   EXPECT_EQ(recorded(), 100u);
 }
 
-TEST_F(BrundOwner, WhatTheDaemonHasOpenStaysForTheNext) {
+TEST_F(BrundOwner, TheNextRunTakesOverWhatTheDaemonHasOpen) {
   begin({input(100)});
-  Tarnikd daemon;
+  startDaemon();
   EXPECT_EQ(finish(), 0);
-  // A chroot has no /proc to ask. Elsewhere a child that the daemon is forking may be named as
-  // well.
+  // A chroot has no /proc. Elsewhere a child that the daemon is just forking may be named too.
   const std::string user = fs::exists("/proc/self")
-                               ? "tarnikd (process " + std::to_string(daemon.pid()) + ")"
+                               ? "tarnikd (process " + std::to_string(daemon_->pid()) + ")"
                                : "another process";
   EXPECT_THAT(errors(), AllOf(HasSubstr("brund-sim: the interface group stays, in use by " + user),
                               HasSubstr(": the next brund-sim takes it over\n")));
-  expectMade();
+  expectCreated();
 
   begin({"--quiet", input(10)});
   EXPECT_EQ(finish(), 0);
   EXPECT_EQ(errors(), "");
-  expectMade();
+  expectCreated();
 
   begin({"--stay", input(1000)});
   waitForAccount();
-  EXPECT_EQ(daemon.stop(), 0);
+  stopDaemon();
   EXPECT_EQ(finish(), 0);
   expectRemoved();
   EXPECT_EQ(recorded(), 1110u);
 }
 
-TEST_F(BrundOwner, KilledOneIsTakenOverWhileTheDaemonGoesOn) {
+TEST_F(BrundOwner, AKilledRunIsTakenOverWhileTheDaemonContinues) {
   begin({"--speed", "100", input(3000)});
-  Tarnikd daemon;
+  startDaemon();
   waitForCapture();
-  end();
-  expectMade();
+  killBrund();
+  expectCreated();
   begin({"--stay", input(1000)});
   waitForAccount();
-  EXPECT_EQ(daemon.stop(), 0);
+  stopDaemon();
   EXPECT_EQ(finish(), 0) << errors();
   expectRemoved();
-  EXPECT_THAT(recorded(), AllOf(::testing::Gt(1000u), ::testing::Lt(4000u)));
+  EXPECT_THAT(recorded(), AllOf(Gt(1000u), Lt(4000u)));
 }
 
-TEST_F(BrundOwner, KilledOneIsTakenOverBeforeTheDaemonStarts) {
+TEST_F(BrundOwner, AKilledRunIsTakenOverBeforeTheDaemonStarts) {
   begin({input(100)});
-  end();
-  expectMade();
+  killBrund();
+  expectCreated();
   begin({"--stay", input(100)});
-  Tarnikd daemon;
+  startDaemon();
   waitForAccount();
-  EXPECT_EQ(daemon.stop(), 0);
+  stopDaemon();
   EXPECT_EQ(finish(), 0) << errors();
   expectRemoved();
   EXPECT_EQ(recorded(), 100u);
 }
 
-TEST_F(BrundOwner, SignalledOneRemovesBoth) {
+TEST_F(BrundOwner, AStoppedRunRemovesBoth) {
   begin({"--stay", "--speed", "100", input(3000)});
-  Tarnikd daemon;
+  startDaemon();
   waitForCapture();
   program_->signal(SIGTERM);
   waitForAccount();
-  EXPECT_EQ(daemon.stop(), 0);
+  stopDaemon();
   EXPECT_EQ(finish(), 1);
   EXPECT_THAT(errors(), HasSubstr("brund-sim: stopped by a signal before the end of the input\n"));
   expectRemoved();
 }
 
-TEST_F(BrundOwner, SignalWhileItWaitsForTheDaemon) {
+TEST_F(BrundOwner, SignalEndsTheWaitForTheDaemon) {
   begin({input(1)});
   program_->signal(SIGINT);
   EXPECT_EQ(finish(), 1);
-  EXPECT_THAT(errors(), HasSubstr("brund-sim: no daemon listens on /run/orlo/tarnikd.sock: "));
-  EXPECT_THAT(errors(), HasSubstr(" (stopped by a signal)\n"));
+  EXPECT_THAT(errors(), AllOf(HasSubstr("no daemon listens on /run/orlo/tarnikd.sock: "),
+                              HasSubstr(" (stopped by a signal)\n")));
   expectRemoved();
 }
 
 TEST_F(BrundOwner, SignalEndsTheStay) {
   begin({"--stay", input(1)});
-  Tarnikd daemon;
-  waitForAccount();
-  EXPECT_TRUE(waitFor("brund-sim: all is done: waiting for tarnikd to end\n"));
+  startDaemon();
+  EXPECT_TRUE(program_->waitForErrors("brund-sim: all is done: waiting for tarnikd to end\n"));
   program_->signal(SIGINT);
   EXPECT_EQ(finish(), 0);
   EXPECT_THAT(errors(), HasSubstr("brund-sim: the interface group stays, in use by "));
-  expectMade();
-  EXPECT_EQ(daemon.stop(), 0);
+  expectCreated();
+  stopDaemon();
 }
 
 // ---- The group's interfaces
 
-// Where syslog lines arrive.
+// Receives syslog lines.
 class SystemLog {
  public:
   SystemLog() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
@@ -240,7 +233,7 @@ class SystemLog {
   OwnedFd socket_;
 };
 
-TEST_F(BrundOwner, PortsThatAreRefused) {
+TEST_F(BrundOwner, WrongPortsAreRefused) {
   const SystemLog log;
   const std::string index = std::to_string(if_nametoindex("lo"));
   const struct {
@@ -269,12 +262,12 @@ TEST_F(BrundOwner, PortsThatAreRefused) {
   }
 }
 
-// This machine's, the loopback last.
-std::vector<std::string> ofTheMachine() {
+// The interfaces of this machine, the loopback last.
+std::vector<std::string> machinePorts() {
   std::vector<std::string> names;
   struct if_nameindex* const all = if_nameindex();
-  for (const struct if_nameindex* one = all; one->if_index != 0; ++one) {
-    names.emplace_back(one->if_name);
+  for (const struct if_nameindex* entry = all; entry->if_index != 0; ++entry) {
+    names.emplace_back(entry->if_name);
   }
   if_freenameindex(all);
   std::stable_partition(names.begin(), names.end(),
@@ -282,29 +275,27 @@ std::vector<std::string> ofTheMachine() {
   return names;
 }
 
-// A group of this process that has the machine's first interface and the loopback.
-GroupHandle makeOther() {
+struct CloseGroup {
+  void operator()(zorlib_ifg* group) const noexcept { zorlib_ifg_close(group); }
+};
+
+// Creates a group of this process with the machine's first interface and the loopback.
+std::unique_ptr<zorlib_ifg, CloseGroup> createOther() {
   zorvik_ifg_config config{};
   config.num_ifs = 2;
-  config.ifs[0] = {.kern_if = if_nametoindex(ofTheMachine()[0].c_str()),
-                   .mate = 1,
-                   .mode = ZORVIK_IF_INLINE,
-                   .sub_mode = 0,
-                   .mtu = 0,
-                   .speed = 0,
-                   .duplex = 0,
-                   .reserved = 0};
-  config.ifs[1] = config.ifs[0];
-  config.ifs[1].kern_if = if_nametoindex("lo");
-  config.ifs[1].mate = 0;
+  const std::string ports[] = {machinePorts()[0], "lo"};
+  for (std::uint32_t i = 0; i < 2; ++i) {
+    config.ifs[i].kern_if = if_nametoindex(ports[i].c_str());
+    config.ifs[i].mate = 1 - i;
+    config.ifs[i].mode = ZORVIK_IF_INLINE;
+  }
   zorlib_ifg* other = nullptr;
   EXPECT_EQ(zorlib_ifg_create("other", &config, &other), 0) << std::strerror(errno);
-  return GroupHandle(other);
+  return std::unique_ptr<zorlib_ifg, CloseGroup>(other);
 }
 
-TEST_F(BrundOwner, PortsOfAnotherGroup) {
-  const GroupHandle other = makeOther();
-  ASSERT_TRUE(other);
+TEST_F(BrundOwner, PortsOfAnotherGroupAreRefused) {
+  const auto other = createOther();
   start(rules_, {input(1)});
   EXPECT_EQ(finish(), 1);
   EXPECT_EQ(errors(),
@@ -313,11 +304,10 @@ TEST_F(BrundOwner, PortsOfAnotherGroup) {
   expectRemoved();
 }
 
-TEST_F(BrundOwner, GroupThatCannotBeTakenOverStays) {
-  Program zorvikctl({ZORVIKCTL, "create-ifg", "brund"});
-  ASSERT_EQ(zorvikctl.wait(), 0) << zorvikctl.errors();
-  const GroupHandle other = makeOther();
-  ASSERT_TRUE(other);
+TEST_F(BrundOwner, AGroupThatCannotBeTakenOverStays) {
+  const Finished created = runProgram({ZORVIKCTL, "create-ifg", "brund"});
+  ASSERT_EQ(created.ending, kSucceeded) << created.errors;
+  const auto other = createOther();
   start(rules_, {input(1)});
   EXPECT_EQ(finish(), 1);
   EXPECT_EQ(errors(),
@@ -327,32 +317,32 @@ TEST_F(BrundOwner, GroupThatCannotBeTakenOverStays) {
 }
 
 TEST_F(BrundOwner, PortsAreChosen) {
-  const std::vector<std::string> all = ofTheMachine();
+  const std::vector<std::string> all = machinePorts();
   EXPECT_THAT(choosePorts(""), ElementsAre(all[0], all[1]));
   EXPECT_THAT(choosePorts(all[0]), ElementsAre(all[0], all[1]));
   EXPECT_THAT(choosePorts(all[1]), ElementsAre(all[1], all[0]));
   EXPECT_THAT(choosePorts("lo"), ElementsAre("lo", all[0]));
   begin({input(1)});
   expectInterfaces(all[0], all[1]);
-  end();
+  killBrund();
 }
 
 TEST_F(BrundOwner, PortsAreNamed) {
-  const std::vector<std::string> all = ofTheMachine();
+  const std::vector<std::string> all = machinePorts();
   begin({"--ports", all[1] + ",lo", input(1)});
   expectInterfaces(all[1], "lo");
-  end();
-  // Those of one that takes over are in force as well.
+  killBrund();
+  // A run that takes over changes them.
   begin({"--ports", all[0] + "," + all[1], input(1)});
-  EXPECT_TRUE(waitFor("waiting up to 30 seconds"));
+  EXPECT_TRUE(program_->waitForErrors("waiting up to 30 seconds"));
   expectInterfaces(all[0], all[1]);
-  end();
+  killBrund();
 }
 
-TEST_F(BrundOwner, LoopbackAloneIsNoPair) {
+TEST_F(BrundOwner, TheLoopbackAloneIsNotAPair) {
   const std::string path = input(1);
   int error = 0;
-  std::thread elsewhere([&] {  // in a network of its own
+  std::thread elsewhere([&] {  // in a new network namespace
     error = unshare(CLONE_NEWNET) == 0 ? 0 : errno;
     if (error == 0) {
       start(rules_, {path});
@@ -360,7 +350,7 @@ TEST_F(BrundOwner, LoopbackAloneIsNoPair) {
   });
   elsewhere.join();
   if (error != 0) {
-    GTEST_SKIP() << "no network namespace can be made here: " << std::strerror(error);
+    GTEST_SKIP() << "cannot create a network namespace here: " << std::strerror(error);
   }
   EXPECT_EQ(finish(), 1);
   EXPECT_EQ(errors(),

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/brund/stop.h"
+#include "platform/brund/wait.h"
 
 namespace tarnik::brund {
 namespace {
@@ -13,15 +13,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::seconds;
 
-// A queue that stays full for so long is given up when no daemon listens any more, or
-// (a daemon may be slow, or stopped in a debugger) in any case.
-constexpr seconds kNoDaemonAfter{10};
-constexpr seconds kNoProgressAfter{60};
+// A daemon that listens may be slow, or stopped in a debugger. After this time without progress a
+// replay gives up all the same.
+constexpr seconds kNoProgress{60};
 constexpr int kMetadataWaitMs = 500;
-constexpr useconds_t kDrainPollUs = 2000;
+constexpr useconds_t kPollUs = 2000;
 
-// Unique across the runs that one daemon sees, and rising: microseconds since the epoch with room
-// for 256 captures in each.
+// Rising, and different in all runs that one daemon sees: microseconds since 1970, with room for
+// 256 captures in each.
 std::uint64_t firstCaptureId() {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const auto us = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
@@ -30,140 +29,149 @@ std::uint64_t firstCaptureId() {
 
 }  // namespace
 
-// One wait for the daemon, and why it was given up.
+// One wait for the daemon. After it was given up, reason() says why; it is empty after a signal.
 class Delivery::Waiting final : public Patience {
  public:
-  explicit Waiting(const MetadataSender& metadata, int stopAt = 1)
-      : metadata_(metadata), stop_at_(stopAt) {}
+  Waiting(const Announcer& announcer, seconds limit, int stopAt = 1)
+      : announcer_(announcer), limit_(limit), stopAt_(stopAt) {}
 
-  [[nodiscard]] bool goOn() override {
-    if (stopSignals() >= stop_at_) {
+  [[nodiscard]] bool keepWaiting() override {
+    if (stopSignals() >= stopAt_) {
       return false;
     }
     const auto now = Clock::now();
     if (begin_ == Clock::time_point{}) {
       begin_ = now;
-      probe_ = now + kNoDaemonAfter;
+      check_ = now + limit_;
     }
-    if (now >= begin_ + kNoProgressAfter) {
-      reason_ = "the daemon has taken no frame for " + std::to_string(kNoProgressAfter.count()) +
-                " seconds";
+    if (now >= begin_ + kNoProgress) {
+      reason_ = noFrameFor(kNoProgress);
       return false;
     }
-    if (now >= probe_) {
-      probe_ = now + seconds{1};
-      if (!metadata_.daemonListens()) {
-        reason_ = std::string("the daemon has taken no frame for ") +
-                  std::to_string(kNoDaemonAfter.count()) + " seconds and does not listen on " +
-                  metadata_.path() + " any more";
+    if (now >= check_) {
+      check_ = now + seconds{1};
+      if (!announcer_.daemonListens()) {
+        reason_ = noFrameFor(limit_) + " and does not listen on " + announcer_.path() + " any more";
         return false;
       }
     }
     return true;
   }
-  void progress() { begin_ = {}; }
+  // Starts the time again.
+  void restart() { begin_ = {}; }
   [[nodiscard]] const std::string& reason() const { return reason_; }
 
  private:
-  const MetadataSender& metadata_;
-  int stop_at_;
+  static std::string noFrameFor(seconds time) {
+    return "the daemon has taken no frame for " + std::to_string(time.count()) + " seconds";
+  }
+
+  const Announcer& announcer_;
+  seconds limit_;
+  int stopAt_;
   Clock::time_point begin_;
-  Clock::time_point probe_;
+  Clock::time_point check_;
   std::string reason_;
 };
 
-Delivery::Delivery(QueueSender& queue, MetadataSender& metadata, Account& account, Mode mode)
+Delivery::Delivery(QueueSender& queue, Announcer& announcer, Account& account, Mode mode,
+                   seconds wait)
     : queue_(queue),
-      metadata_(metadata),
+      announcer_(announcer),
       account_(account),
       mode_(mode),
-      next_id_(firstCaptureId()) {}
+      wait_(wait),
+      nextId_(firstCaptureId()) {}
 
-bool Delivery::refuse(Refusal reason) {
+Result<bool> Delivery::refuse(Refusal reason) {
   account_.refused(reason);
-  return failure_.empty() && reason != Refusal::kStopped;
-}
-
-// In a replay a refusal for want of room means that waiting was given up.
-Refusal Delivery::giveUp(Refusal reason, const Waiting& waiting) {
-  if (mode_ == Mode::kLive) {
-    return reason;
-  }
-  failure_ = waiting.reason();
-  return failure_.empty() ? Refusal::kStopped : reason;
-}
-
-bool Delivery::announce(const FlowKey& flow, CaptureState& capture, Refusal& refusal) {
-  const Metadata metadata{next_id_, flow.id(), capture.rule->trigger};
-  Waiting waiting(metadata_);
-  for (;;) {
-    const MetadataSender::Sent sent = metadata_.send(metadata);
-    if (sent == MetadataSender::Sent::kSent) {
-      break;
-    }
-    const bool full = sent == MetadataSender::Sent::kFull;
-    refusal = full ? Refusal::kMetadataFull : Refusal::kNoDaemon;
-    if (mode_ == Mode::kLive || !waiting.goOn()) {
-      refusal = giveUp(refusal, waiting);
-      return false;
-    }
-    full ? metadata_.waitForRoom(kMetadataWaitMs) : static_cast<void>(usleep(kDrainPollUs));
-  }
-  if (mode_ == Mode::kReplay) {
-    metadata_.waitUntilReceived(kMetadataWaitMs);
-  }
-  capture.id = next_id_++;
   return true;
 }
 
-bool Delivery::deliver(const Frame& frame, const Decoded& decoded, CaptureState& capture,
-                       bool last) {
+// Without room a live frame is lost. In a replay the wait was given up, which ends the run.
+Result<bool> Delivery::giveUp(Refusal reason, const Waiting& waiting) {
+  if (mode_ == Mode::kLive) {
+    return refuse(reason);
+  }
+  if (waiting.reason().empty()) {
+    account_.refused(Refusal::kStopped);
+    return false;
+  }
+  account_.refused(reason);
+  return Error{waiting.reason()};
+}
+
+std::optional<Refusal> Delivery::announce(const FlowKey& flow, CaptureState& capture,
+                                          Waiting& waiting) {
+  const CaptureMetadata metadata{nextId_, flow.id(), capture.rule->trigger.id};
+  for (;;) {
+    const Announcer::Sent sent = announcer_.send(metadata);
+    if (sent == Announcer::Sent::kSent) {
+      break;
+    }
+    const bool full = sent == Announcer::Sent::kFull;
+    if (mode_ == Mode::kLive || !waiting.keepWaiting()) {
+      return full ? Refusal::kMetadataFull : Refusal::kNoDaemon;
+    }
+    full ? announcer_.waitForRoom(kMetadataWaitMs) : static_cast<void>(usleep(kPollUs));
+  }
+  if (mode_ == Mode::kReplay) {
+    announcer_.waitUntilReceived(kMetadataWaitMs);
+  }
+  capture.id = nextId_++;
+  waiting.restart();
+  return std::nullopt;
+}
+
+Result<bool> Delivery::deliver(const Frame& frame, const Decoded& decoded, CaptureState& capture,
+                               bool last) {
   account_.matched();
   if (frame.data.empty() || frame.data.size() > kMaxFrame) {
     return refuse(frame.data.empty() ? Refusal::kEmpty : Refusal::kTooLarge);
   }
-  Refusal refusal = Refusal::kStopped;
-  if (capture.id == 0 && !announce(decoded.key, capture, refusal)) {
-    return refuse(refusal);
+  Waiting waiting(announcer_, wait_);
+  if (capture.id == 0) {
+    if (const auto refusal = announce(decoded.key, capture, waiting); refusal) {
+      return giveUp(*refusal, waiting);
+    }
   }
-  Waiting waiting(metadata_);
   Patience* patience = mode_ == Mode::kReplay ? &waiting : nullptr;
-  switch (queue_.put(frame, decoded.from_low, capture.id, last ? kPktLastFrame : 0, patience)) {
+  switch (queue_.put(frame, decoded.fromLow, capture.id, last ? kPktLastFrame : 0, patience)) {
     case QueueSender::Put::kQueued:
       if (!capture.account) {
-        capture.account = account_.begin(capture.id, decoded.key, *capture.rule);
+        capture.account = account_.begin(capture.id, decoded.key, capture.rule->trigger);
       }
       account_.queued(*capture.account, frame.data.size(), last);
       return true;
     case QueueSender::Put::kNoFrame:
-      return refuse(giveUp(Refusal::kNoFrame, waiting));
+      return giveUp(Refusal::kNoFrame, waiting);
     case QueueSender::Put::kQueueFull:
-      return refuse(giveUp(Refusal::kQueueFull, waiting));
+      return giveUp(Refusal::kQueueFull, waiting);
     case QueueSender::Put::kTooLarge:
       return refuse(Refusal::kTooLarge);
     case QueueSender::Put::kFailed:
       break;
   }
-  failure_ = std::string("the queue cannot be written: ") + std::strerror(errno);
-  return refuse(Refusal::kStopped);
+  const int error = errno;
+  account_.refused(Refusal::kStopped);
+  return Error{std::string("the queue cannot be written: ") + std::strerror(error)};
 }
 
-bool Delivery::waitUntilTaken() {
-  Waiting waiting(metadata_, stopSignals() + 1);
+Result<> Delivery::waitUntilTaken() {
+  Waiting waiting(announcer_, wait_, stopSignals() + 1);
   std::uint32_t before = queue_.used();
   for (std::uint32_t left = before; left != 0; left = queue_.used()) {
     if (left != before) {
-      waiting.progress();
+      waiting.restart();
       before = left;
     }
-    if (!waiting.goOn()) {
-      failure_ = std::to_string(left) + " frames are left in the queue: " +
-                 (waiting.reason().empty() ? "stopped by a signal" : waiting.reason());
-      return false;
+    if (!waiting.keepWaiting()) {
+      return Error{std::to_string(left) + " frames are left in the queue: " +
+                   (waiting.reason().empty() ? "stopped by a signal" : waiting.reason())};
     }
-    usleep(kDrainPollUs);
+    usleep(kPollUs);
   }
-  return true;
+  return Done{};
 }
 
 }  // namespace tarnik::brund

@@ -5,6 +5,24 @@
 
 namespace tarnik::brund {
 
+Decoded FlowFinder::find(const Frame& frame) {
+  Decoded decoded = decode(frame);
+  if (decoded.fragment == Fragment::kFirst) {
+    if (datagrams_.insert_or_assign(decoded.datagram, decoded.key).second) {
+      order_.push_back(decoded.datagram);
+    }
+    if (order_.size() > maxDatagrams_) {
+      datagrams_.erase(order_.front());
+      order_.pop_front();
+    }
+  } else if (decoded.fragment == Fragment::kLater) {
+    if (const auto found = datagrams_.find(decoded.datagram); found != datagrams_.end()) {
+      decoded.key = found->second;
+    }
+  }
+  return decoded;
+}
+
 bool TcpClose::closes(const TcpHeader& tcp, bool fromLow) {
   if ((tcp.flags & TcpHeader::kRst) != 0) {
     return true;
@@ -23,13 +41,13 @@ bool TcpClose::closes(const TcpHeader& tcp, bool fromLow) {
   return own.acknowledged && peer.acknowledged;
 }
 
-// `now` may step back with the clock; a flow is not over for that.
-bool FlowTable::over(const Flow& flow, std::int64_t now) const {
-  return now - flow.last_seen > (flow.closed ? kLingerSeconds : idle_);
+// `now` may go backwards. That does not end a flow.
+bool FlowTable::isOver(const Flow& flow, std::int64_t now) const {
+  return now - flow.lastSeen > (flow.closed ? kLingerSeconds : idle_);
 }
 
-void FlowTable::expire(std::int64_t now) {
-  while (!flows_.empty() && (flows_.size() >= max_flows_ || over(flows_.front(), now))) {
+void FlowTable::removeOld(std::int64_t now) {
+  while (!flows_.empty() && (flows_.size() >= maxFlows_ || isOver(flows_.front(), now))) {
     index_.erase(flows_.front().key);
     flows_.pop_front();
   }
@@ -43,22 +61,22 @@ FlowTable::Flow* FlowTable::find(const Decoded& frame, std::int64_t now) {
   const auto flow = found->second;
   const bool opens = frame.tcp && (frame.tcp->flags & TcpHeader::kSyn) != 0 &&
                      (frame.tcp->flags & TcpHeader::kAck) == 0;
-  if (over(*flow, now) || (flow->closed && opens)) {
+  if (isOver(*flow, now) || (flow->closed && opens)) {
     index_.erase(found);
     flows_.erase(flow);
     return nullptr;
   }
-  flow->last_seen = flow->closed ? flow->last_seen : now;
+  flow->lastSeen = flow->closed ? flow->lastSeen : now;
   flows_.splice(flows_.end(), flows_, flow);
   return &*flow;
 }
 
 FlowTable::Flow* FlowTable::add(const FlowKey& key, const Rule* rule, std::int64_t now) {
-  expire(now);
+  removeOld(now);
   Flow flow;
   flow.key = key;
   flow.capture.rule = rule;
-  flow.last_seen = now;
+  flow.lastSeen = now;
   flows_.push_back(std::move(flow));
   index_.emplace(key, std::prev(flows_.end()));
   return &flows_.back();

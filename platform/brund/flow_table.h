@@ -1,13 +1,9 @@
-// The flows that are being captured from an interface. A flow is in the table from the frame that
-// a rule matched until it ends: by the close of its TCP connection, by a time without frames, or
-// because the table is full and it is the one silent for longest.
-//
-// A TCP connection closes with a reset, or when both sides have sent FIN and both FINs were
-// acknowledged. Its flow stays for a few seconds more, so that stragglers are not taken for a new
-// flow; a SYN without ACK begins a new one at once. One thread.
+// Which flow a frame belongs to, and when a flow on an interface ends. One thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <list>
 #include <unordered_map>
 
@@ -16,7 +12,25 @@
 
 namespace tarnik::brund {
 
-// Watches a connection for its close.
+// Decodes frames and finds the flow of fragments. A later fragment belongs to the flow of the last
+// first fragment with the same addresses, protocol and identification. Without such a fragment (it
+// was not captured, it comes later, or `maxDatagrams` newer datagrams were fragmented) it belongs
+// to the flow of its addresses and protocol. The result depends only on the frames so far, so
+// reading an input twice gives the same flows.
+class FlowFinder {
+ public:
+  explicit FlowFinder(std::size_t maxDatagrams = 65536) : maxDatagrams_(maxDatagrams) {}
+
+  [[nodiscard]] Decoded find(const Frame& frame);
+
+ private:
+  std::size_t maxDatagrams_;
+  std::unordered_map<DatagramKey, FlowKey, DatagramKeyHash> datagrams_;
+  std::deque<DatagramKey> order_;  // the keys of datagrams_, oldest first
+};
+
+// Watches a TCP connection for its close: a reset, or a FIN of each side that the other side has
+// acknowledged.
 class TcpClose {
  public:
   // Takes a segment; true when it closes the connection.
@@ -31,6 +45,10 @@ class TcpClose {
   Side sides_[2];
 };
 
+// The flows on an interface that are being captured. A flow is added with the first frame that a
+// rule matches. It ends when its TCP connection closes, when it is idle, or when the table is full
+// and it has been silent the longest. A closed flow stays for kLingerSeconds, so that late segments
+// do not start a new flow; a SYN without ACK starts one at once.
 class FlowTable {
  public:
   struct Flow {
@@ -38,28 +56,28 @@ class FlowTable {
     CaptureState capture;
     TcpClose tcp;
     bool closed = false;
-    std::int64_t last_seen = 0;  // seconds
+    std::int64_t lastSeen = 0;  // seconds
   };
   static constexpr std::int64_t kLingerSeconds = 3;
 
-  // `idle`: seconds without a frame after which a flow has ended.
-  FlowTable(std::int64_t idle, std::size_t maxFlows) : idle_(idle), max_flows_(maxFlows) {}
+  // `idle`: a flow ends after this many seconds without a frame.
+  FlowTable(std::int64_t idle, std::size_t maxFlows) : idle_(idle), maxFlows_(maxFlows) {}
 
-  // The flow of this frame if it is being captured (or has closed and lingers), else null. `now`:
-  // seconds, of the frames' clock. The pointer is valid until the next call.
+  // The frame's flow, open or closed, or null. `now`: seconds, by the timestamps of the frames. The
+  // pointer is valid until the next call.
   [[nodiscard]] Flow* find(const Decoded& frame, std::int64_t now);
-  // Adds the flow, which must not be there.
+  // Adds a flow that find() did not find.
   [[nodiscard]] Flow* add(const FlowKey& key, const Rule* rule, std::int64_t now);
   [[nodiscard]] std::size_t size() const { return flows_.size(); }
 
  private:
   using Flows = std::list<Flow>;
-  [[nodiscard]] bool over(const Flow& flow, std::int64_t now) const;
-  void expire(std::int64_t now);
+  [[nodiscard]] bool isOver(const Flow& flow, std::int64_t now) const;
+  void removeOld(std::int64_t now);
 
   std::int64_t idle_;
-  std::size_t max_flows_;
-  Flows flows_;  // the one silent for longest first
+  std::size_t maxFlows_;
+  Flows flows_;  // sorted by the time of their last frame, oldest first
   std::unordered_map<FlowKey, Flows::iterator, FlowKeyHash> index_;
 };
 

@@ -1,6 +1,5 @@
-// The flows of recorded traffic, against an independent reading of it: tshark's.
+// Compares the flows of recorded traffic with those that tshark finds.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/brund/flow_finder.h"
+#include "platform/brund/flow_table.h"
 #include "platform/brund/source.h"
 #include "platform/brund/testing/data.h"
 
@@ -111,7 +110,7 @@ bool isSet(const std::string& cell) {
   return !cell.empty() && cell != "0" && cell != "False";
 }
 
-// Both directions alike.
+// The same for both directions.
 std::string pairOf(const std::string& one, const std::string& other) {
   return one < other ? one + " " + other : other + " " + one;
 }
@@ -172,27 +171,23 @@ class Reference {
 class FlowsOfCapture : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(FlowsOfCapture, AreThoseOfTshark) {
-  if (dataDir().empty()) {
+  const std::string path = recordedCapture(GetParam());
+  if (path.empty()) {
     GTEST_SKIP() << kNoCaptures;
-  }
-  const std::string path = dataDir() + "/" + GetParam();
-  if (access(path.c_str(), R_OK) != 0) {
-    GTEST_SKIP() << path << " is not there";
   }
   if (std::system("tshark --version >/dev/null 2>&1") != 0) {
     GTEST_SKIP() << "tshark is not installed";
   }
   const std::vector<Row> rows = readWithTshark(path);
-  FileSource source;
-  std::string reason;
-  ASSERT_TRUE(source.open(path, reason)) << reason;
+  auto source = FileSource::open(path);
+  ASSERT_TRUE(source) << source.error();
   Reference reference;
   FlowFinder finder;
   std::map<std::string, std::string> theirs;  // by our flow
   std::map<std::string, std::string> ours;    // by theirs
   Frame frame;
   std::size_t number = 0;
-  while (source.next(frame, reason) == Next::kFrame) {
+  for (auto next = source->next(frame); next && *next; next = source->next(frame)) {
     ASSERT_LT(number, rows.size());
     const std::string their = reference.flowOf(rows[number++]);
     const std::string our = finder.find(frame).key.text();
@@ -211,13 +206,7 @@ INSTANTIATE_TEST_SUITE_P(
                       "odd/nanosecond-magic.pcap", "odd/big-endian.pcap",
                       "odd/truncated-last-record.pcap", "odd/snaplen-96.pcap",
                       "odd/gro-frames-smb2.pcap", "odd/frames-above-snaplen.pcap"),
-    [](const auto& test) {
-      std::string name;
-      for (const char c : std::string(test.param)) {
-        name += std::isalnum(static_cast<unsigned char>(c)) != 0 ? c : '_';
-      }
-      return name;
-    });
+    [](const auto& test) { return asTestName(test.param); });
 
 }  // namespace
 }  // namespace tarnik::brund

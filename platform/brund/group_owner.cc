@@ -8,9 +8,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <utility>
 
 #include "frameq/tarnik_if.h"
+#include "frameq/tarnik_q.h"
 
 namespace tarnik::brund {
 namespace {
@@ -19,17 +21,23 @@ namespace fs = std::filesystem;
 
 constexpr char kGroup[] = "brund";
 
-std::string cannot(const std::string& what, int error) {
+struct CloseGroup {
+  void operator()(zorlib_ifg* group) const noexcept { zorlib_ifg_close(group); }
+};
+using GroupHandle = std::unique_ptr<zorlib_ifg, CloseGroup>;
+
+Error cannot(const std::string& what, int error) {
   const char* hint = "";
   if (error == ENOENT || error == ENOTTY) {
     hint = " (is the driver loaded, and libzorvik.so preloaded?)";
   } else if (error == EBUSY) {
     hint = " (another group has one of its interfaces: name others with --ports)";
   }
-  return "cannot " + what + " the interface group " + kGroup + ": " + std::strerror(error) + hint;
+  return Error{"cannot " + what + " the interface group " + kGroup + ": " + std::strerror(error) +
+               hint};
 }
 
-// The library checks the description, and logs what is wrong with it.
+// The library checks the result and logs its faults.
 zorvik_ifg_config describe(const std::vector<std::string>& ports) {
   zorvik_ifg_config config{};
   config.num_ifs = static_cast<std::uint32_t>(ports.size());
@@ -42,8 +50,8 @@ zorvik_ifg_config describe(const std::vector<std::string>& ports) {
   return config;
 }
 
-// Why the library refuses a description, for people; empty when it does not.
-std::string complaint(const zorvik_ifg_config& config, const std::vector<std::string>& ports) {
+// Why the library refuses a description, for the user; empty if it does not.
+std::string whyRefused(const zorvik_ifg_config& config, const std::vector<std::string>& ports) {
   if (config.num_ifs > ZORVIK_IF_MAX || config.num_ifs % 2 != 0) {
     return "an interface group takes pairs of interfaces, 2 to " + std::to_string(ZORVIK_IF_MAX) +
            " in all, and not " + std::to_string(config.num_ifs);
@@ -64,14 +72,14 @@ std::string complaint(const zorvik_ifg_config& config, const std::vector<std::st
 
 template <class Use>
 void forEachIn(const fs::path& directory, Use use) {
-  std::error_code error;  // processes come and go
+  std::error_code error;  // a process may end meanwhile
   for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
        entry.increment(error)) {
     use(entry->path());
   }
 }
 
-// Those who have a node of the group open, as far as this process may see it.
+// The processes that have a device node of the group open, as far as this process may see them.
 std::string users() {
   const std::string nodes = std::string(ZORVIK_DEV_DIR "/") + kGroup + "/";
   std::string result;
@@ -92,6 +100,30 @@ std::string users() {
   return result.empty() ? "another process" : result;
 }
 
+// Creates the group, or opens an existing one and gives it these interfaces.
+Result<GroupHandle> openGroup(const std::vector<std::string>& ports) {
+  const zorvik_ifg_config config = describe(ports);
+  zorlib_ifg* group = nullptr;
+  if (zorlib_ifg_create(kGroup, &config, &group) == 0) {
+    return GroupHandle(group);
+  }
+  const int error = errno;
+  if (const std::string reason = whyRefused(config, ports); !reason.empty()) {
+    return Error{reason};
+  }
+  if (error != EEXIST) {
+    return cannot("make", error);
+  }
+  if (zorlib_ifg_open(kGroup, &group) != 0) {
+    return cannot("open", errno);
+  }
+  GroupHandle opened(group);
+  if (zorlib_ifg_configure(group, &config) != 0) {
+    return cannot("configure", errno);
+  }
+  return opened;
+}
+
 }  // namespace
 
 std::vector<std::string> choosePorts(const std::string& first) {
@@ -99,7 +131,7 @@ std::vector<std::string> choosePorts(const std::string& first) {
   std::vector<std::string> ports;
   const auto choose = [&](const std::string& port) {
     const auto isPort = [index = if_nametoindex(port.c_str())](const std::string& other) {
-      return if_nametoindex(other.c_str()) == index;  // one may have several names
+      return if_nametoindex(other.c_str()) == index;  // an interface may have several names
     };
     if (ports.size() < kPair && std::none_of(ports.begin(), ports.end(), isPort)) {
       ports.push_back(port);
@@ -108,7 +140,7 @@ std::vector<std::string> choosePorts(const std::string& first) {
   if (!first.empty()) {
     choose(first);
   }
-  std::array<zorlib_if, kPair> others;  // the library leaves the loopback out
+  std::array<zorlib_if, kPair> others;  // without the loopback
   const int count = zorlib_if_enum(others.data(), kPair);
   for (int i = 0; i < count; ++i) {
     choose(others[static_cast<std::size_t>(i)].name);
@@ -119,72 +151,35 @@ std::vector<std::string> choosePorts(const std::string& first) {
   return ports;
 }
 
-void CloseGroup::operator()(zorlib_ifg* group) const noexcept {
-  zorlib_ifg_close(group);
+Result<> GroupOwner::take(const std::vector<std::string>& ports, std::size_t queueSize) {
+  auto opened = openGroup(ports);
+  if (!opened) {
+    return Error{opened.error()};
+  }
+  group_ = opened->release();
+  if (TarnikIfQInit2(group_, queueSize) != kQOk) {
+    return cannot("make the queue of", errno);
+  }
+  return Done{};
 }
 
-bool GroupOwner::takeGroup(const std::vector<std::string>& ports, std::string& reason) {
-  const zorvik_ifg_config config = describe(ports);
-  zorlib_ifg* group = nullptr;
-  if (zorlib_ifg_create(kGroup, &config, &group) == 0) {
-    group_.reset(group);
-    return true;
+Result<std::string> GroupOwner::remove() {
+  if (group_ == nullptr) {
+    return std::string();
   }
-  const int error = errno;
-  reason = complaint(config, ports);
-  if (!reason.empty()) {
-    return false;
-  }
-  if (error != EEXIST) {
-    reason = cannot("make", error);
-    return false;
-  }
-  if (zorlib_ifg_open(kGroup, &group) != 0) {
-    reason = cannot("open", errno);
-    return false;
-  }
-  GroupHandle opened(group);
-  if (zorlib_ifg_configure(group, &config) != 0) {
-    reason = cannot("configure", errno);
-    return false;
-  }
-  group_ = std::move(opened);
-  return true;
-}
-
-bool GroupOwner::take(const std::vector<std::string>& ports, std::size_t queueSize,
-                      std::string& reason) {
-  if (!takeGroup(ports, reason)) {
-    return false;
-  }
-  if (TarnikIfQInit(queueSize) != kQOk) {
-    reason = cannot("make the queue of", errno);
-    return false;
-  }
-  return true;
-}
-
-GroupOwner::Removal GroupOwner::remove(std::string& reason) {
-  if (!group_) {
-    return Removal::kDone;
-  }
-  int error = TarnikIfQFini() == kQFailed ? errno : 0;
-  TarnikIfgClose();  // it stays open with a queue that stays
-  group_.reset();
+  int error = TarnikIfQFini2() == kQOk ? 0 : errno;
+  TarnikIfgClose();  // the group cannot be removed while a process has it open
+  group_ = nullptr;
   if (error == 0 || error == ENOENT) {
     error = zorlib_ifg_remove(kGroup) == 0 ? 0 : errno;
   }
-  switch (error) {
-    case 0:
-    case ENOENT:
-      return Removal::kDone;
-    case EBUSY:
-      reason = users();
-      return Removal::kInUse;
-    default:
-      reason = cannot("remove", error);
-      return Removal::kFailed;
+  if (error == EBUSY) {
+    return users();
   }
+  if (error != 0 && error != ENOENT) {
+    return cannot("remove", error);
+  }
+  return std::string();
 }
 
 }  // namespace tarnik::brund

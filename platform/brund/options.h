@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "base/result.h"
+
 namespace tarnik::brund {
 
 enum class Speed : std::uint8_t { kMax, kRecorded, kRate };
@@ -13,26 +15,26 @@ struct Options {
   enum class Action : std::uint8_t { kHelp, kCheck, kWritePolicy, kReplay, kLive };
 
   Action action = Action::kReplay;
+  std::string help;  // the text, with kHelp
   std::string rules;
-  std::string policy_dir;
-  std::string issues;  // empty: issues.csv in policy_dir
+  std::string policyDir;
+  std::string issues;  // empty: issues.csv in policyDir
   std::string account;
   std::string interface;
-  std::vector<std::string> ports;  // of the interface group; empty: chosen
+  std::vector<std::string> ports;  // of the interface group; empty: chosen by GroupOwner
   std::vector<std::string> files;
   Speed speed = Speed::kMax;
-  double frames_per_second = 0;
+  double framesPerSecond = 0;  // with kRate
   std::uint64_t loops = 1;
-  std::uint64_t queue_size = 5000;
-  std::uint64_t seconds = 0;  // of live sniffing; 0: until a signal
-  std::uint64_t idle = 30;
+  std::uint64_t queueSize = 5000;
+  std::uint64_t wait = 30;    // seconds
+  std::uint64_t seconds = 0;  // of live capture; 0: until a signal
+  std::uint64_t idle = 30;    // seconds
   bool stay = false;
   bool quiet = false;
 };
 
-extern const char kHelp[];
-
-// False, with one line in `error`, when the arguments make no sense.
-[[nodiscard]] bool parseOptions(int argc, char* const* argv, Options& options, std::string& error);
+// The error is one line about what is wrong with the arguments.
+[[nodiscard]] Result<Options> parseOptions(int argc, const char* const* argv);
 
 }  // namespace tarnik::brund

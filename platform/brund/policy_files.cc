@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <map>
 #include <set>
@@ -13,7 +12,7 @@
 namespace tarnik::brund {
 namespace {
 
-// A value in double quotes, so that blanks and backslashes of a filter are taken as they are.
+// A value in double quotes keeps the blanks and backslashes of a filter.
 std::string quoted(const std::string& value) {
   std::string result = "\"";
   for (const char c : value) {
@@ -25,22 +24,22 @@ std::string quoted(const std::string& value) {
   return result + "\"";
 }
 
-// A name as the last part of a key. Readers take one leading underscore away, so a name that
-// begins with one is given another.
+// A name as the last part of a key. Readers remove one leading underscore, so a name that begins
+// with one gets a second.
 std::string asKey(const std::string& name) {
   return name.front() == '_' ? "_" + name : name;
 }
 
-// The filters of one rule: its lines, joined.
+// One filter per rule name: the filters of all lines with this name, joined.
 using Filters = std::map<std::string, std::string>;
 
 Filters filtersByName(const std::vector<Rule>& rules, RuleKind kind) {
   Filters filters;
   for (const Rule& rule : rules) {
-    if (rule.kind != kind) {
+    if (rule.trigger.kind != kind) {
       continue;
     }
-    const auto [entry, added] = filters.try_emplace(rule.name, rule.expression);
+    const auto [entry, added] = filters.try_emplace(rule.trigger.name, rule.expression);
     if (!added) {
       entry->second = "(" + entry->second + ") or (" + rule.expression + ")";
     }
@@ -73,9 +72,9 @@ std::string napPolicy(const std::vector<Rule>& rules) {
   for (const auto& [uuid, filter] : filtersByName(rules, RuleKind::kNap)) {
     text += "\n";
     for (const Rule& rule : rules) {
-      if (rule.kind == RuleKind::kNap && rule.name == uuid &&
-          priorities.insert(rule.trigger).second) {
-        setting(text, "acl.rule.priority." + asKey(uuid), std::to_string(rule.trigger));
+      if (rule.trigger.kind == RuleKind::kNap && rule.trigger.name == uuid &&
+          priorities.insert(rule.trigger.id).second) {
+        setting(text, "acl.rule.priority." + asKey(uuid), std::to_string(rule.trigger.id));
       }
     }
     setting(text, "acl.rule.action." + asKey(uuid), "allow");
@@ -89,23 +88,32 @@ std::string issueList(const std::vector<Rule>& rules) {
   std::string text;
   std::set<std::uint32_t> issues;
   for (const Rule& rule : rules) {
-    if (rule.kind == RuleKind::kIps && issues.insert(rule.trigger).second) {
-      const bool quote = rule.name.find(',') != std::string::npos;
-      text += std::to_string(rule.trigger) + "," + (quote ? quoted(rule.name) : rule.name) + "\n";
+    if (rule.trigger.kind == RuleKind::kIps && issues.insert(rule.trigger.id).second) {
+      const bool quote = rule.trigger.name.find(',') != std::string::npos;
+      text += std::to_string(rule.trigger.id) + "," +
+              (quote ? quoted(rule.trigger.name) : rule.trigger.name) + "\n";
     }
   }
   return text;
 }
 
-bool writePolicy(const std::vector<Rule>& rules, const std::string& directory,
-                 const std::string& issuesPath, std::string& error) {
+Result<> writePolicy(const std::vector<Rule>& rules, const std::string& directory,
+                     const std::string& issuesPath) {
   if (mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) {
-    error = directory + ": " + std::strerror(errno);
-    return false;
+    return Error{directory + ": " + std::strerror(errno)};
   }
-  return writeTextFile(directory + "/ips.conf", ipsPolicy(rules), error) &&
-         writeTextFile(directory + "/acl.conf", napPolicy(rules), error) &&
-         writeTextFile(issuesPath, issueList(rules), error);
+  const struct {
+    std::string path;
+    std::string text;
+  } files[] = {{directory + "/ips.conf", ipsPolicy(rules)},
+               {directory + "/acl.conf", napPolicy(rules)},
+               {issuesPath, issueList(rules)}};
+  for (const auto& file : files) {
+    if (const auto written = writeTextFile(file.path, file.text); !written) {
+      return written;
+    }
+  }
+  return Done{};
 }
 
 }  // namespace tarnik::brund

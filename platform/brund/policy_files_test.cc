@@ -1,14 +1,11 @@
-// What is written must be found by the daemon: the files are read back with its own readers.
+// The daemon's own readers must find what was written.
 #include "platform/brund/policy_files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "base/testing/captured_log.h"
-#include "platform/brund/testing/data.h"
+#include "base/testing/files.h"
 #include "policy/capture_rules.h"
 #include "policy/issue_map.h"
 #include "policy/nap_map.h"
@@ -19,8 +16,11 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::Pair;
+using ::testing::SizeIs;
 using ::testing::UnorderedElementsAre;
 
 const char kRules[] =
@@ -36,62 +36,58 @@ class PolicyFiles : public ::testing::Test {
  protected:
   void SetUp() override {
     test::clearLog();
-    const RuleSet set = RuleSet::parse("rules", kRules);
-    ASSERT_THAT(set.problems(), IsEmpty());
-    std::string error;
-    ASSERT_TRUE(writePolicy(set.rules(), path(""), path("/issues.csv"), error)) << error;
+    const auto set = RuleSet::parse("rules", kRules);
+    ASSERT_TRUE(set) << set.error();
+    const auto written = writePolicy(set->rules(), policy_, policy_ + "/issues.csv");
+    ASSERT_TRUE(written) << written.error();
   }
-  std::string path(const std::string& name) const { return dir_.path() + "/policy" + name; }
+  void TearDown() override { EXPECT_THAT(test::logLinesAboveDebug(), IsEmpty()); }
 
   test::TempDir dir_;
+  const std::string policy_ = dir_ / "policy";
+  const std::string ips_ = policy_ + "/ips.conf";
+  const std::string acl_ = policy_ + "/acl.conf";
 };
 
-TEST_F(PolicyFiles, IssueNamesAreFound) {
+TEST_F(PolicyFiles, IssuesHaveTheirNames) {
   IssueMap issues;
-  ASSERT_TRUE(issues.PopulateIssueMap(path("/issues.csv").c_str()));
+  ASSERT_TRUE(issues.PopulateIssueMap((policy_ + "/issues.csv").c_str()));
   EXPECT_EQ(issues.size(), 3u);
-  const auto name = [&](std::uint32_t id) {
-    std::string text = "none";
-    static_cast<void>(issues.LookupIssueName(id, text));
-    return text;
-  };
-  EXPECT_EQ(name(70000), "HTTP");
-  EXPECT_EQ(name(70001), "_x,y");
-  EXPECT_EQ(name(4294967295), "HTTP");
-  EXPECT_THAT(test::logLinesAboveDebug(), IsEmpty());
+  for (const auto& [id, expected] :
+       {std::pair{70000u, "HTTP"}, {70001u, "_x,y"}, {4294967295u, "HTTP"}}) {
+    std::string name;
+    static_cast<void>(issues.LookupIssueName(id, name));
+    EXPECT_EQ(name, expected);
+  }
 }
 
-TEST_F(PolicyFiles, RuleUuidsAreFound) {
+TEST_F(PolicyFiles, PrioritiesHaveTheirUuids) {
   NapMap rules;
-  ASSERT_TRUE(rules.PopulateNapMap(path("/acl.conf").c_str()));
-  const auto uuid = [&](std::uint32_t priority) {
-    std::string text = "none";
-    static_cast<void>(rules.LookupNapUuid(priority, text));
-    return text;
-  };
-  EXPECT_EQ(uuid(10), "aaaa-1");
-  EXPECT_EQ(uuid(20), "_b.2");
-  EXPECT_EQ(uuid(21), "_b.2");
-  EXPECT_EQ(uuid(70000), "none");
-  EXPECT_THAT(test::logLinesAboveDebug(), IsEmpty());
+  ASSERT_TRUE(rules.PopulateNapMap(acl_.c_str()));
+  for (const auto& [priority, expected] :
+       {std::pair{10u, "aaaa-1"}, {20u, "_b.2"}, {21u, "_b.2"}, {70000u, "none"}}) {
+    std::string uuid = "none";
+    static_cast<void>(rules.LookupNapUuid(priority, uuid));
+    EXPECT_EQ(uuid, expected);
+  }
 }
 
-TEST_F(PolicyFiles, EachTriggerIsAReferenceOnce) {
+TEST_F(PolicyFiles, EachTriggerAsksForCaptureOnce) {
   References ips;
   References nap;
-  ASSERT_TRUE(getTarnikReferences(path("/ips.conf").c_str(), ips));
-  ASSERT_TRUE(getTarnikReferences(path("/acl.conf").c_str(), nap));
+  ASSERT_TRUE(getTarnikReferences(ips_.c_str(), ips));
+  ASSERT_TRUE(getTarnikReferences(acl_.c_str(), nap));
   EXPECT_THAT(ips, UnorderedElementsAre("HTTP", "_x,y"));
   EXPECT_THAT(nap, UnorderedElementsAre("aaaa-1", "_b.2"));
 }
 
-TEST_F(PolicyFiles, RulesTellTheirFilters) {
-  const Rules http = test::rulesOf(path("/ips.conf"), "HTTP");
+TEST_F(PolicyFiles, RulesHaveTheirFilters) {
+  const Rules http = test::rulesOf(ips_, "HTTP");
+  EXPECT_THAT(http, SizeIs(3));
   EXPECT_THAT(http, Contains(Pair("ips.responses.object.HTTP", "log,tarnik:capture")));
   EXPECT_THAT(http, Contains(Pair("ips.issue.filter.HTTP",
                                   "((tcp port 80) or (tcp port 8080)) or (ip proto \\icmp)")));
-  EXPECT_EQ(http.size(), 3u);
-  const Rules reset = test::rulesOf(path("/acl.conf"), "_b.2");
+  const Rules reset = test::rulesOf(acl_, "_b.2");
   EXPECT_THAT(reset, ElementsAre(Pair("acl.rule.priority.__b.2", "20"),
                                  Pair("acl.rule.priority.__b.2", "21"),
                                  Pair("acl.rule.action.__b.2", "allow"),
@@ -99,19 +95,17 @@ TEST_F(PolicyFiles, RulesTellTheirFilters) {
                                  Pair("acl.rule.responses.__b.2", "log,tarnik:capture")));
 }
 
-TEST_F(PolicyFiles, RulesOfOneKindLeaveTheOtherFileEmpty) {
-  const RuleSet set = RuleSet::parse("rules", "nap 1 a icmp\n");
-  EXPECT_EQ(issueList(set.rules()), "");
-  EXPECT_EQ(ipsPolicy(set.rules()).find("tarnik:"), std::string::npos);
-  EXPECT_NE(napPolicy(set.rules()).find("tarnik:"), std::string::npos);
+TEST_F(PolicyFiles, RulesOfOneKindAreNotInTheOtherFile) {
+  const auto set = RuleSet::parse("rules", "nap 1 a icmp\n");
+  EXPECT_EQ(issueList(set->rules()), "");
+  EXPECT_THAT(ipsPolicy(set->rules()), Not(HasSubstr("tarnik:")));
+  EXPECT_THAT(napPolicy(set->rules()), HasSubstr("tarnik:"));
 }
 
-TEST_F(PolicyFiles, FailureNamesTheFile) {
-  std::string error;
-  EXPECT_FALSE(writePolicy({}, path("/none/deep"), path("/issues.csv"), error));
-  EXPECT_EQ(error, path("/none/deep") + ": No such file or directory");
-  EXPECT_FALSE(writePolicy({}, path(""), path("/none/issues.csv"), error));
-  EXPECT_EQ(error, path("/none/issues.csv") + ": No such file or directory");
+TEST_F(PolicyFiles, ErrorsNameTheFile) {
+  const std::string deep = policy_ + "/none/deep";
+  EXPECT_EQ(writePolicy({}, deep, policy_ + "/i").error(), deep + ": No such file or directory");
+  EXPECT_EQ(writePolicy({}, policy_, deep).error(), deep + ": No such file or directory");
 }
 
 }  // namespace

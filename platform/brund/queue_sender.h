@@ -1,22 +1,20 @@
-// The producer's end of the daemon's queue. One thread; one object a process.
+// The producer's side of the daemon's queue. One thread; one object per process.
 #pragma once
 
 #include <cstdint>
 #include <memory>
-#include <string>
 
-#include "base/owned.h"
-#include "frameq/tarnik_if.h"
+#include "base/result.h"
+#include "frameq/tarnik_q.h"
 #include "packet/frame.h"
-#include "platform/brund/group_owner.h"
 
 namespace tarnik::brund {
 
-// Whether to go on waiting for room; asked after every wait that brought none.
+// Decides whether to keep waiting for room. Asked after every wait without result.
 class Patience {
  public:
   virtual ~Patience() = default;
-  [[nodiscard]] virtual bool goOn() = 0;
+  [[nodiscard]] virtual bool keepWaiting() = 0;
 };
 
 class QueueSender {
@@ -26,40 +24,34 @@ class QueueSender {
     kNoFrame,  // the pool is empty
     kQueueFull,
     kTooLarge,  // no buffer of the pool holds the frame
-    kFailed,    // the driver failed, errno says how
+    kFailed,    // the driver failed, with errno
   };
+  enum class Mode : std::uint8_t { kWait, kNeverWait };
 
-  QueueSender() = default;
-  QueueSender(const QueueSender&) = delete;
-  QueueSender& operator=(const QueueSender&) = delete;
-  ~QueueSender();
+  // Opens the queue of a GroupOwner's group, which must outlive the object.
+  [[nodiscard]] static Result<QueueSender> open(zorlib_ifg& group, Mode mode);
 
-  // Opens the queue that TarnikIfQInit or TarnikIfQInit2 has made, and takes a reference on
-  // `group`, a handle on its group, for the frames. With `wait`, put() waits for room, else never.
-  // False with a reason.
-  [[nodiscard]] bool open(zorlib_ifg& group, bool wait, std::string& reason);
   // Queues a copy of the frame (1 to kMaxFrame bytes) with the capture identifier and packet flags.
-  // In a group of interfaces, one endpoint of each flow is behind the first of them and the other
-  // behind its mate. Null patience: never waits.
+  // Its interfaces are the first pair of the group: each endpoint of a flow is on one of them.
+  // `patience` is null with kNeverWait.
   [[nodiscard]] Put put(const Frame& frame, bool fromLow, std::uint64_t captureId,
                         std::uint32_t flags, Patience* patience);
-  // Frames in the queue at this moment.
-  [[nodiscard]] std::uint32_t used() const;
+  // The number of frames in the queue now.
+  [[nodiscard]] std::uint32_t used() const { return queue_->used(); }
 
  private:
   struct CloseQueue {
     void operator()(TarnikQ* queue) const noexcept;
   };
+  using Queue = std::unique_ptr<TarnikQ, CloseQueue>;
 
+  QueueSender(zorlib_ifg& group, Queue queue) : group_(&group), queue_(std::move(queue)) {}
   [[nodiscard]] zorvik_frm_desc* allocate(std::uint32_t size, Patience* patience, Put& failure);
-  void giveBack(zorvik_frm_desc* frame);
-  [[nodiscard]] bool mapQueue(std::string& reason);
+  [[nodiscard]] Put send(zorvik_frm_desc& desc, std::uint64_t captureId, std::uint32_t flags,
+                         Patience* patience);
 
-  GroupHandle group_;
-  const std::uint8_t* payloadEnd_ = nullptr;  // of the group's mapping
-  std::unique_ptr<TarnikQ, CloseQueue> queue_;
-  Mapping memory_;       // of the queue, to see how full it is
-  bool paired_ = false;  // the group has interfaces
+  zorlib_ifg* group_;
+  Queue queue_;
 };
 
 }  // namespace tarnik::brund

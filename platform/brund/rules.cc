@@ -1,197 +1,181 @@
 #include "platform/brund/rules.h"
 
+#include <pcap/pcap.h>
+
 #include <algorithm>
-#include <cerrno>
+#include <cctype>
 #include <charconv>
 #include <cstring>
-#include <optional>
 #include <sstream>
 #include <string_view>
 
-#include "base/owned.h"
+#include "platform/brund/text_file.h"
 
 namespace tarnik::brund {
 namespace {
 
-constexpr std::uint32_t kMaxPriority = 65534;
-constexpr std::uint32_t kMinIssue = 65536;
-constexpr std::uint32_t kMaxIssue = 4294967295;
 constexpr char kBlanks[] = " \t\r";
 
-// Decimal digits only; numbers too large for the type come out as the largest.
-std::optional<std::uint64_t> parseNumber(std::string_view text) {
-  std::uint64_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (end != text.data() + text.size() || error == std::errc::invalid_argument) {
-    return std::nullopt;
+struct IdRange {
+  std::uint64_t least;
+  std::uint64_t most;
+};
+constexpr IdRange kIpsIds{65536, 4294967295};
+constexpr IdRange kNapPriorities{1, 65534};
+
+Result<std::uint32_t> readId(RuleKind kind, const std::string& text) {
+  const char* what = kind == RuleKind::kIps ? "ips identifier" : "nap priority";
+  const IdRange range = kind == RuleKind::kIps ? kIpsIds : kNapPriorities;
+  const auto isDigit = [](unsigned char c) { return std::isdigit(c) != 0; };
+  if (!std::all_of(text.begin(), text.end(), isDigit)) {
+    return Error{std::string(what) + " '" + text + "' is not a decimal number"};
   }
-  return error == std::errc{} ? value : UINT64_MAX;
+  std::uint64_t value = 0;  // stays 0 when the number does not fit
+  std::from_chars(text.data(), text.data() + text.size(), value);
+  if (value < range.least || value > range.most) {
+    return Error{std::string(what) + " " + text + " is outside " + std::to_string(range.least) +
+                 " to " + std::to_string(range.most)};
+  }
+  return static_cast<std::uint32_t>(value);
 }
 
-// Why a word cannot be the name of an issue or rule; empty when it can.
-std::string refuseName(const std::string& name, bool uuid) {
+Result<> checkName(RuleKind kind, const std::string& name) {
+  const bool uuid = kind == RuleKind::kNap;
   const std::string what = uuid ? "UUID" : "name";
+  const std::string quoted = what + " '" + name + "'";
   if (name == "." || name == "..") {
-    return what + " '" + name + "' is no file name";
+    return Error{quoted + " cannot be a file name"};
   }
   if (name.size() > kMaxNameLength) {
-    return what + " is longer than " + std::to_string(kMaxNameLength) + " characters";
+    return Error{what + " is longer than " + std::to_string(kMaxNameLength) + " characters"};
   }
   for (const char c : name) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte < 0x20 || byte == 0x7f) {
-      return what + " holds a control character";
+      return Error{what + " contains a control character"};
     }
     if (c == '/') {
-      return what + " '" + name + "' holds '/' and is no file name";
+      return Error{quoted + " contains '/' and cannot be a file name"};
     }
     const bool plain = std::isalnum(byte) != 0 || c == '-' || c == '_' || c == '.';
     const bool special = byte < 0x80 && std::strchr("\"$&'()*;<=>?[\\]`{|}~", c) != nullptr;
     if (uuid ? !plain : special) {
-      return what + " '" + name + "' holds '" + std::string(1, c) + "'" +
-             (uuid ? ": letters, digits, '-', '_' and '.' are allowed"
-                   : ", which a policy file or the shell would not leave alone");
+      return Error{quoted + " contains '" + c + "'" +
+                   (uuid ? ": only letters, digits, '-', '_' and '.' are allowed"
+                         : ", which is special to policy files or to the shell")};
     }
   }
   if (name.find(".pcap") != std::string::npos) {
-    return what + " '" + name + "' holds '.pcap', by which capture files are known";
+    return Error{quoted + " contains '.pcap', the suffix of capture files"};
   }
-  return {};
+  return Done{};
 }
 
-std::string refuseTrigger(RuleKind kind, const std::string& text,
-                          const std::optional<std::uint64_t>& number) {
-  if (kind == RuleKind::kIps) {
-    if (!number) {
-      return "ips identifier '" + text + "' is not a decimal number";
-    }
-    if (*number < kMinIssue) {
-      return "ips identifier " + text +
-             " would be read as a rule priority or as unknown: 65536 to 4294967295 are allowed";
-    }
-    if (*number > kMaxIssue) {
-      return "ips identifier " + text + " is above 4294967295";
-    }
-    return {};
-  }
-  if (!number) {
-    return "nap priority '" + text + "' is not a decimal number";
-  }
-  if (*number < 1 || *number > kMaxPriority) {
-    return "nap priority " + text + " is outside 1 to 65534";
-  }
-  return {};
-}
-
-// Takes the next word off the front of `rest`.
+// Removes the first word of `rest` and returns it.
 std::string takeWord(std::string_view& rest) {
-  const auto begin = std::min(rest.find_first_not_of(kBlanks), rest.size());
-  rest.remove_prefix(begin);
-  const auto end = std::min(rest.find_first_of(kBlanks), rest.size());
-  std::string word(rest.substr(0, end));
-  rest.remove_prefix(end);
+  rest.remove_prefix(std::min(rest.find_first_not_of(kBlanks), rest.size()));
+  std::string word(rest.substr(0, rest.find_first_of(kBlanks)));
+  rest.remove_prefix(word.size());
   return word;
 }
 
 std::string trimmed(std::string_view text) {
-  const auto begin = text.find_first_not_of(kBlanks);
-  if (begin == std::string_view::npos) {
-    return {};
-  }
-  return std::string(text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1));
-}
-
-std::optional<std::string> readAll(const std::string& path, std::string& error) {
-  const Stream stream = openForReading(path.c_str());
-  std::string text;
-  char chunk[65536];
-  while (stream != nullptr) {
-    const std::size_t got = std::fread(chunk, 1, sizeof chunk, stream.get());
-    text.append(chunk, got);
-    if (got < sizeof chunk) {
-      break;
-    }
-  }
-  if (stream == nullptr || std::ferror(stream.get()) != 0) {
-    error = std::strerror(errno);
-    return std::nullopt;
-  }
-  return text;
+  text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+  return std::string(text.substr(0, text.find_last_not_of(kBlanks) + 1));
 }
 
 }  // namespace
+
+void Filter::Release::operator()(bpf_program* program) const noexcept {
+  pcap_freecode(program);
+  std::default_delete<bpf_program>{}(program);
+}
+
+Result<Filter> Filter::compile(const std::string& expression) {
+  constexpr int kSnaplen = 262144;
+  const std::unique_ptr<pcap_t, decltype(&pcap_close)> pcap(pcap_open_dead(DLT_EN10MB, kSnaplen),
+                                                            pcap_close);
+  if (!pcap) {
+    return Error{"out of memory"};
+  }
+  Program program(std::make_unique<bpf_program>().release());
+  if (pcap_compile(pcap.get(), program.get(), expression.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
+    return Error{pcap_geterr(pcap.get())};
+  }
+  return Filter(std::move(program));
+}
+
+bool Filter::matches(const Frame& frame) const {
+  pcap_pkthdr header{};
+  header.caplen = static_cast<bpf_u_int32>(frame.data.size());
+  header.len = frame.wireLength;
+  return pcap_offline_filter(program_.get(), &header, frame.data.data()) != 0;
+}
 
 const char* toText(RuleKind kind) {
   return kind == RuleKind::kIps ? "ips" : "nap";
 }
 
-// Adds the rule of one line; the reason when it is refused.
-std::string RuleSet::parseLine(const std::string& line) {
+Result<> RuleSet::addLine(const std::string& line) {
   std::string_view rest = line;
   const std::string keyword = takeWord(rest);
   if (keyword.empty()) {
-    return {};
+    return Done{};
   }
   if (keyword != "ips" && keyword != "nap") {
-    return "'" + keyword + "' is neither 'ips' nor 'nap'";
+    return Error{"'" + keyword + "' is neither 'ips' nor 'nap'"};
   }
   const RuleKind kind = keyword == "ips" ? RuleKind::kIps : RuleKind::kNap;
-  const std::string trigger = takeWord(rest);
+  const std::string idText = takeWord(rest);
   const std::string name = takeWord(rest);
   std::string expression = trimmed(rest);
   if (expression.empty()) {
-    return kind == RuleKind::kIps ? "expected: ips ID NAME FILTER..."
-                                  : "expected: nap PRIORITY UUID FILTER...";
+    return Error{kind == RuleKind::kIps ? "expected: ips ID NAME FILTER..."
+                                        : "expected: nap PRIORITY UUID FILTER..."};
   }
-  const auto number = parseNumber(trigger);
-  if (std::string reason = refuseTrigger(kind, trigger, number); !reason.empty()) {
-    return reason;
+  const auto id = readId(kind, idText);
+  if (!id) {
+    return Error{id.error()};
   }
-  if (std::string reason = refuseName(name, kind == RuleKind::kNap); !reason.empty()) {
-    return reason;
+  if (const auto checked = checkName(kind, name); !checked) {
+    return checked;
   }
-  const auto id = static_cast<std::uint32_t>(*number);
-  const auto [known, added] = names_.try_emplace({kind, id}, name);
+  const auto [known, added] = names_.try_emplace({kind, *id}, name);
   if (!added && known->second != name) {
-    return keyword + " " + trigger + " already has the " +
-           (kind == RuleKind::kIps ? "name '" : "UUID '") + known->second + "'";
+    return Error{keyword + " " + idText + " already has the " +
+                 (kind == RuleKind::kIps ? "name '" : "UUID '") + known->second + "'"};
   }
-  std::string error;
-  Filter filter = Filter::compile(expression, error);
+  auto filter = Filter::compile(expression);
   if (!filter) {
-    return "filter '" + expression + "' does not compile: " + error;
+    return Error{"filter '" + expression + "' does not compile: " + filter.error()};
   }
-  rules_.push_back({kind, id, name, std::move(expression), std::move(filter)});
-  return {};
+  rules_.push_back({{kind, *id, name}, std::move(expression), std::move(*filter)});
+  return Done{};
 }
 
-RuleSet RuleSet::parse(const std::string& name, const std::string& text) {
+Result<RuleSet> RuleSet::parse(const std::string& name, const std::string& text) {
   RuleSet set;
+  std::string problems;
   std::istringstream lines(text);
   std::string line;
   for (std::size_t number = 1; std::getline(lines, line); ++number) {
-    const std::string where = name + ":" + std::to_string(number) + ": ";
-    if (line.find('\0') != std::string::npos) {
-      set.problems_.push_back(where + "the line holds a NUL byte");
-      continue;
+    const Result<> added = line.find('\0') != std::string::npos
+                               ? Error{"the line contains a NUL byte"}
+                               : set.addLine(line.substr(0, line.find('#')));
+    if (!added) {
+      problems += (problems.empty() ? "" : "\n") + name + ":" + std::to_string(number) + ": " +
+                  added.error();
     }
-    const std::string reason = set.parseLine(line.substr(0, line.find('#')));
-    if (!reason.empty()) {
-      set.problems_.push_back(where + reason);
-    }
+  }
+  if (!problems.empty()) {
+    return Error{problems};
   }
   return set;
 }
 
-RuleSet RuleSet::load(const std::string& path) {
-  std::string error;
-  const auto text = readAll(path, error);
-  if (!text) {
-    RuleSet set;
-    set.problems_.push_back(path + ": " + error);
-    return set;
-  }
-  return parse(path, *text);
+Result<RuleSet> RuleSet::load(const std::string& path) {
+  const auto text = readTextFile(path);
+  return text ? parse(path, *text) : Error{text.error()};
 }
 
 const Rule* RuleSet::match(const Frame& frame) const {

@@ -1,11 +1,12 @@
-// Where frames come from: capture files and network interfaces, through libpcap. Timestamps are in
-// microseconds, finer ones are cut. Only Ethernet is read. One thread.
+// Frames from capture files and network interfaces, through libpcap. Only Ethernet is read.
+// Timestamps are in microseconds; finer ones are truncated. One thread.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <string>
 
+#include "base/result.h"
 #include "packet/frame.h"
 
 struct pcap;
@@ -17,43 +18,38 @@ struct ClosePcap {
 };
 using PcapHandle = std::unique_ptr<pcap, ClosePcap>;
 
-enum class Next : std::uint8_t {
-  kFrame,
-  kNothing,  // a file: its end; an interface: nothing within the wait
-  kFailed,
-};
-
 // A capture file: pcap in every byte order and resolution, or pcapng. It must be a regular file.
-// Frames longer than the file's header announces are given in full.
+// A frame longer than the maximum in the file's header is returned in full.
 class FileSource {
  public:
-  // Reasons are one line without the file's name: "No such file or directory", "empty file",
+  // The error is one line without the file's name: "No such file or directory", "empty file",
   // "truncated dump file; ...", "link type RAW is not Ethernet".
-  [[nodiscard]] bool open(const std::string& path, std::string& reason);
-  // The next frame, whose data is valid until the next call; after kFailed the rest of the file
-  // cannot be read.
-  [[nodiscard]] Next next(Frame& frame, std::string& reason);
+  [[nodiscard]] static Result<FileSource> open(const std::string& path);
+  // Reads the next frame, whose data is valid until the next call. False at the end of the file.
+  // After an error the rest of the file cannot be read.
+  [[nodiscard]] Result<bool> next(Frame& frame);
 
  private:
+  explicit FileSource(PcapHandle handle) : handle_(std::move(handle)) {}
+
   PcapHandle handle_;
 };
 
-// A network interface, in promiscuous mode. Needs the right to sniff.
+// A network interface in promiscuous mode. Needs the right to capture.
 class LiveSource {
  public:
-  struct Drops {
-    std::uint64_t kernel = 0;     // the kernel's buffer was full
-    std::uint64_t interface = 0;  // the interface's own
-  };
-
-  [[nodiscard]] bool open(const std::string& interface, std::string& reason);
-  // Waits up to `ms` milliseconds; a signal ends the wait.
-  [[nodiscard]] Next next(Frame& frame, int ms, std::string& reason);
-  [[nodiscard]] Drops drops() const;
+  [[nodiscard]] static Result<LiveSource> open(const std::string& interface);
+  // Waits up to `ms` milliseconds for the next frame, whose data is valid until the next call.
+  // False when none came or a signal ended the wait.
+  [[nodiscard]] Result<bool> next(Frame& frame, int ms);
+  // Frames that the kernel or the interface dropped because their buffers were full.
+  [[nodiscard]] std::uint64_t dropped() const;
 
  private:
+  LiveSource(PcapHandle handle, int fd) : handle_(std::move(handle)), fd_(fd) {}
+
   PcapHandle handle_;
-  int fd_ = -1;  // the handle's
+  int fd_;  // belongs to the handle
 };
 
 }  // namespace tarnik::brund

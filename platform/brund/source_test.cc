@@ -3,139 +3,124 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "base/testing/files.h"
 #include "packet/testing/frames.h"
 #include "platform/brund/testing/data.h"
-#include "platform/brund/text_file.h"
 
 namespace tarnik::brund {
 namespace {
 
 using namespace test;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::SizeIs;
 using ::testing::StartsWith;
 
 struct Content {
   std::vector<Bytes> frames;
-  std::vector<Frame> heads;  // without their data
-  std::string reason;        // of a failure
-  bool opened = false;
+  std::vector<Frame> headers;  // without their data
+  std::string error;
 };
 
-Content readFile(const std::string& path) {
+Content readCapture(const std::string& path) {
   Content content;
-  FileSource source;
-  content.opened = source.open(path, content.reason);
-  Frame frame;
-  while (content.opened && source.next(frame, content.reason) == Next::kFrame) {
-    content.frames.emplace_back(frame.data.begin(), frame.data.end());
-    content.heads.push_back(frame);
-    content.heads.back().data = {};
+  auto source = FileSource::open(path);
+  if (!source) {
+    content.error = source.error();
+    return content;
   }
+  Frame frame;
+  Result<bool> next = false;
+  while ((next = source->next(frame)) && *next) {
+    content.frames.emplace_back(frame.data.begin(), frame.data.end());
+    content.headers.push_back(frame);
+    content.headers.back().data = {};
+  }
+  content.error = next ? "" : next.error();
   return content;
 }
 
 class FileSourceTest : public ::testing::Test {
  protected:
-  std::string write(const std::string& text) {
-    const std::string path = dir_.path() + "/file";
-    std::string error;
-    EXPECT_TRUE(writeTextFile(path, text, error)) << error;
-    return path;
+  [[nodiscard]] Content read(const std::string& file) const {
+    writeFile(dir_ / "file", file);
+    return readCapture(dir_ / "file");
   }
   TempDir dir_;
 };
 
-TEST_F(FileSourceTest, GivesFramesAsTheyAre) {
-  const Content content = readFile(write(captureFile({Bytes(60, 1), Bytes(), Bytes(1514, 2)})));
-  EXPECT_EQ(content.reason, "");
-  ASSERT_EQ(content.frames.size(), 3u);
-  EXPECT_EQ(content.frames[0], Bytes(60, 1));
-  EXPECT_EQ(content.frames[1], Bytes());
-  EXPECT_EQ(content.frames[2], Bytes(1514, 2));
-  EXPECT_EQ(content.heads[2].wire_len, 1514u);
-  EXPECT_EQ(content.heads[2].ts_sec, 1700000002u);
-  EXPECT_EQ(content.heads[2].ts_usec, 123456u);
+TEST_F(FileSourceTest, ReturnsFramesUnchanged) {
+  const Content content = read(captureFile({Bytes(60, 1), Bytes(), Bytes(1514, 2)}));
+  EXPECT_EQ(content.error, "");
+  ASSERT_THAT(content.frames, ElementsAre(Bytes(60, 1), Bytes(), Bytes(1514, 2)));
+  EXPECT_EQ(content.headers[2].wireLength, 1514u);
+  EXPECT_EQ(content.headers[2].seconds, 1700000002u);
+  EXPECT_EQ(content.headers[2].microseconds, 123456u);
 }
 
-// What libpcap would cut to the header's announcement and give as if it had been captured so.
-TEST_F(FileSourceTest, FramesAboveTheAnnouncedLengthAreWhole) {
-  const Bytes frame(65589, 7);
-  const Content content = readFile(write(captureFile({Bytes(97, 3), frame}, 1, 96)));
-  ASSERT_EQ(content.frames.size(), 2u);
-  EXPECT_EQ(content.frames[0], Bytes(97, 3));
-  EXPECT_EQ(content.frames[1], frame);
+// libpcap alone would truncate them and report the maximum as their captured length.
+TEST_F(FileSourceTest, FramesAboveTheMaximumOfTheHeaderAreWhole) {
+  EXPECT_THAT(read(captureFile({Bytes(97, 3), Bytes(65589, 7)}, 1, 96)).frames,
+              ElementsAre(Bytes(97, 3), Bytes(65589, 7)));
 }
 
 TEST_F(FileSourceTest, LateTimestampsKeepTheir32Bits) {
   std::string file = captureFile({Bytes(60, 1)});
   file.replace(24, 4, "\xff\xff\xff\xff");
-  const Content content = readFile(write(file));
-  ASSERT_EQ(content.heads.size(), 1u);
-  EXPECT_EQ(content.heads[0].ts_sec, 0xffffffffu);
+  const Content content = read(file);
+  ASSERT_THAT(content.headers, SizeIs(1));
+  EXPECT_EQ(content.headers[0].seconds, 0xffffffffu);
 }
 
-TEST_F(FileSourceTest, RecordCutShort) {
+TEST_F(FileSourceTest, FramesBeforeATruncatedRecordAreRead) {
   std::string file = captureFile({Bytes(60, 1), Bytes(60, 2)});
   file.resize(file.size() - 10);
-  const Content content = readFile(write(file));
-  EXPECT_EQ(content.frames.size(), 1u);
-  EXPECT_EQ(content.reason, "truncated dump file; tried to read 60 captured bytes, only got 50");
+  const Content content = read(file);
+  EXPECT_THAT(content.frames, SizeIs(1));
+  EXPECT_EQ(content.error, "truncated dump file; tried to read 60 captured bytes, only got 50");
 }
 
-TEST_F(FileSourceTest, WhatIsNoCaptureIsRefused) {
-  EXPECT_EQ(readFile(dir_.path() + "/none").reason, "No such file or directory");
-  EXPECT_EQ(readFile(dir_.path()).reason, "Is a directory");
-  EXPECT_EQ(readFile(write("")).reason, "empty file");
-  EXPECT_EQ(readFile(write("a text that is longer than a header")).reason, "unknown file format");
-  EXPECT_THAT(readFile(write(captureFile({}).substr(0, 20))).reason,
-              StartsWith("truncated dump file"));
-  EXPECT_EQ(readFile(write(captureFile({Bytes(60, 1)}, 101))).reason,
-            "link type RAW is not Ethernet");
-}
-
-// Opening a pipe must not wait for somebody to write into it.
-TEST_F(FileSourceTest, PipeIsRefusedAtOnce) {
-  const std::string path = dir_.path() + "/pipe";
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  EXPECT_EQ(readFile(path).reason, "not a regular file");
+TEST_F(FileSourceTest, OtherFilesAreRefused) {
+  EXPECT_EQ(readCapture(dir_ / "none").error, "No such file or directory");
+  EXPECT_EQ(readCapture(dir_.path()).error, "Is a directory");
+  EXPECT_EQ(read("").error, "empty file");
+  EXPECT_EQ(read("a text that is longer than a header").error, "unknown file format");
+  EXPECT_THAT(read(captureFile({}).substr(0, 20)).error, StartsWith("truncated dump file"));
+  EXPECT_EQ(read(captureFile({Bytes(60, 1)}, 101)).error, "link type RAW is not Ethernet");
+  // Opening a pipe must not wait for its writer.
+  ASSERT_EQ(mkfifo((dir_ / "pipe").c_str(), 0600), 0);
+  EXPECT_EQ(readCapture(dir_ / "pipe").error, "not a regular file");
 }
 
 struct Odd {
   const char* file;
   std::size_t frames;
   std::size_t largest;
-  const char* reason;
+  const char* error;
 };
 
 class OddCapture : public ::testing::TestWithParam<Odd> {};
 
-TEST_P(OddCapture, IsReadAsFarAsItGoes) {
-  if (dataDir().empty()) {
+TEST_P(OddCapture, IsReadUpToItsFault) {
+  const std::string path = recordedCapture(std::string("odd/") + GetParam().file);
+  if (path.empty()) {
     GTEST_SKIP() << kNoCaptures;
   }
-  const std::string path = dataDir() + "/odd/" + GetParam().file;
-  if (access(path.c_str(), R_OK) != 0) {
-    GTEST_SKIP() << path << " is not there";
-  }
-  const Content content = readFile(path);
-  EXPECT_EQ(content.frames.size(), GetParam().frames);
+  const Content content = readCapture(path);
+  EXPECT_THAT(content.frames, SizeIs(GetParam().frames));
   std::size_t largest = 0;
   for (const Bytes& frame : content.frames) {
     largest = std::max(largest, frame.size());
   }
   EXPECT_EQ(largest, GetParam().largest);
-  if (GetParam().reason[0] == '\0') {
-    EXPECT_EQ(content.reason, "");
-  } else {
-    EXPECT_THAT(content.reason, HasSubstr(GetParam().reason));
-  }
+  EXPECT_THAT(content.error, HasSubstr(GetParam().error));
+  EXPECT_EQ(content.error.empty(), GetParam().error[0] == '\0');
 }
 
 const Odd kOdd[] = {
@@ -149,20 +134,14 @@ const Odd kOdd[] = {
     {"zero-length-frames.pcap", 38, 255, ""},
     {"header-only.pcap", 0, 0, ""},
 };
-INSTANTIATE_TEST_SUITE_P(Table, OddCapture, ::testing::ValuesIn(kOdd), [](const auto& test) {
-  std::string name;
-  for (const char c : std::string(test.param.file)) {
-    name += std::isalnum(static_cast<unsigned char>(c)) != 0 ? c : '_';
-  }
-  return name;
-});
+INSTANTIATE_TEST_SUITE_P(Table, OddCapture, ::testing::ValuesIn(kOdd),
+                         [](const auto& test) { return asTestName(test.param.file); });
 
-TEST(LiveSourceTest, UnknownInterfaceIsRefused) {
-  LiveSource source;
-  std::string reason;
-  EXPECT_FALSE(source.open("nosuchif0", reason));
-  EXPECT_NE(reason, "");
-  EXPECT_EQ(reason.find('\n'), std::string::npos);
+TEST(LiveSourceTest, UnknownInterfaceIsRefusedInOneLine) {
+  const auto source = LiveSource::open("nosuchif0");
+  ASSERT_FALSE(source);
+  EXPECT_NE(source.error(), "");
+  EXPECT_THAT(source.error(), Not(HasSubstr("\n")));
 }
 
 }  // namespace

@@ -1,31 +1,40 @@
 #include "platform/brund/text_file.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "base/owned.h"
 
 namespace tarnik::brund {
+namespace {
 
-bool writeTextFile(const std::string& path, const std::string& text, std::string& error) {
-  const OwnedFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  std::size_t written = 0;
-  ssize_t n = fd ? 0 : -1;
-  while (n >= 0 && written < text.size()) {
-    n = write(fd.get(), text.data() + written, text.size() - written);
-    if (n < 0 && errno == EINTR) {
-      n = 0;
-    }
-    written += static_cast<std::size_t>(n > 0 ? n : 0);
+Error failed(const std::string& path) {
+  return Error{path + ": " + std::strerror(errno)};
+}
+
+}  // namespace
+
+Result<std::string> readTextFile(const std::string& path) {
+  const Stream file = openForReading(path.c_str());
+  std::string text;
+  char chunk[65536];
+  while (file && std::feof(file.get()) == 0 && std::ferror(file.get()) == 0) {
+    text.append(chunk, std::fread(chunk, 1, sizeof chunk, file.get()));
   }
-  if (n < 0) {
-    error = path + ": " + std::strerror(errno);
-    return false;
+  if (!file || std::ferror(file.get()) != 0) {
+    return failed(path);
   }
-  return true;
+  return text;
+}
+
+Result<> writeTextFile(const std::string& path, const std::string& text) {
+  Stream file(std::fopen(path.c_str(), "we"));
+  if (!file || std::fwrite(text.data(), 1, text.size(), file.get()) != text.size() ||
+      !closeStream(file)) {
+    return failed(path);
+  }
+  return Done{};
 }
 
 }  // namespace tarnik::brund

@@ -1,12 +1,15 @@
-// Small text files, written whole.
+// Small text files, read and written whole. Errors are "PATH: REASON".
 #pragma once
 
 #include <string>
 
+#include "base/result.h"
+
 namespace tarnik::brund {
 
-// Replaces the file's content. False with "PATH: REASON" in `error`.
-[[nodiscard]] bool writeTextFile(const std::string& path, const std::string& text,
-                                 std::string& error);
+// Only of a regular file.
+[[nodiscard]] Result<std::string> readTextFile(const std::string& path);
+// Replaces the file's content.
+[[nodiscard]] Result<> writeTextFile(const std::string& path, const std::string& text);
 
 }  // namespace tarnik::brund

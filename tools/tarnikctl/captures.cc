@@ -84,7 +84,7 @@ void readRecords(const fs::path& path, Capture& capture) {
     const double time =
         static_cast<double>(header->ts.tv_sec) + static_cast<double>(header->ts.tv_usec) / 1e6;
     if (capture.frames++ == 0) {
-      const Frame frame{.data = {data, header->caplen}, .wire_len = header->len};
+      const Frame frame{.data = {data, header->caplen}, .wireLength = header->len};
       capture.flow = decode(frame).key.text();
       capture.start = header->ts.tv_sec;
       first = time;

@@ -1,36 +1,29 @@
-// Where the tests find captures, and where they write.
+// The recorded captures that tests read.
 #pragma once
 
+#include <unistd.h>
+
+#include <cctype>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 namespace tarnik::test {
 
-// The folder of the recorded captures; empty when there is none. Tests then skip with kNoCaptures.
-inline std::string dataDir() {
-  const char* given = std::getenv("TARNIK_DATA");
-  return given != nullptr ? given : "";
+// The path of a recorded capture in the folder TARNIK_DATA. Empty when there is none; the test then
+// skips with kNoCaptures.
+inline std::string recordedCapture(const std::string& name) {
+  const char* folder = std::getenv("TARNIK_DATA");
+  const std::string path = (folder != nullptr ? folder : "") + ("/" + name);
+  return folder != nullptr && access(path.c_str(), R_OK) == 0 ? path : "";
 }
 inline constexpr char kNoCaptures[] = "no capture files: set TARNIK_DATA to a folder of them";
 
-// A directory of the test's own.
-class TempDir {
- public:
-  TempDir() {
-    std::string name = (std::filesystem::temp_directory_path() / "brund-XXXXXX").string();
-    path_ = mkdtemp(name.data()) != nullptr ? name : "";
+// The name of a capture as part of a test's name.
+inline std::string asTestName(std::string capture) {
+  for (char& c : capture) {
+    c = std::isalnum(static_cast<unsigned char>(c)) != 0 ? c : '_';
   }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  [[nodiscard]] const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+  return capture;
+}
 
 }  // namespace tarnik::test

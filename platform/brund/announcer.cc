@@ -1,4 +1,4 @@
-#include "platform/brund/metadata.h"
+#include "platform/brund/announcer.h"
 
 #include <linux/sockios.h>
 #include <poll.h>
@@ -11,11 +11,9 @@
 #include <chrono>
 #include <cstring>
 
-#include "command/message.h"
-
 namespace tarnik::brund {
 
-OwnedFd MetadataSender::connected() const {
+OwnedFd Announcer::openConnection() const {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path_.size() >= sizeof address.sun_path) {
@@ -30,23 +28,25 @@ OwnedFd MetadataSender::connected() const {
   return fd;
 }
 
-bool MetadataSender::connect() {
+Result<> Announcer::connect() {
   if (!fd_) {
-    fd_ = connected();
+    fd_ = openConnection();
   }
-  return static_cast<bool>(fd_);
+  if (!fd_) {
+    return Error{std::strerror(errno)};
+  }
+  return Done{};
 }
 
-bool MetadataSender::daemonListens() const {
-  return static_cast<bool>(connected());
+bool Announcer::daemonListens() const {
+  return static_cast<bool>(openConnection());
 }
 
-MetadataSender::Sent MetadataSender::send(const Metadata& metadata) {
+Announcer::Sent Announcer::send(const CaptureMetadata& metadata) {
   if (!connect()) {
     return Sent::kNoDaemon;
   }
-  const auto request = encodeMetadataRequest(
-      ++message_id_, {metadata.capture_id, metadata.flow_id, metadata.trigger_id});
+  const auto request = encodeMetadataRequest(++messageId_, metadata);
   ssize_t sent = 0;
   do {
     sent = ::send(fd_.get(), request.data(), request.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -61,12 +61,12 @@ MetadataSender::Sent MetadataSender::send(const Metadata& metadata) {
   return Sent::kNoDaemon;
 }
 
-void MetadataSender::waitForRoom(int ms) const {
+void Announcer::waitForRoom(int ms) const {
   pollfd room{fd_.get(), POLLOUT, 0};
   static_cast<void>(poll(&room, 1, ms));
 }
 
-void MetadataSender::waitUntilReceived(int ms) const {
+void Announcer::waitUntilReceived(int ms) const {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   int waiting = 0;
   while (ioctl(fd_.get(), SIOCOUTQ, &waiting) == 0 && waiting > 0 &&
