@@ -67,10 +67,10 @@ struct zorvik_if_record {
 #define ZORVIK_LINK_CONFIG_KEEP 0xffffu /* link_config stays as it is */
 #define ZORVIK_PROP_LINK_TIME_MIN 5000u /* milliseconds */
 
-/* The group's interfaces and settings; they replace those it had, whole or not at all. Interfaces
- * come in pairs: 0 with 1, 2 with 3, ... EINVAL for a description that breaks what is said here,
- * ENXIO for an interface that the kernel does not have, EEXIST for one that stands here twice,
- * EBUSY for one that another group has. */
+/* The group's interfaces and settings. They replace all earlier ones, or on an error none.
+ * Interfaces come in pairs: 0 with 1, 2 with 3, ... The library checks the description
+ * (zorlib_ifg_configure). The driver fails with EINVAL for a number of interfaces that cannot be
+ * and with EBUSY for an interface that another group has. */
 struct zorvik_ifg_config {
   uint32_t num_ifs;     /* even, 2 to ZORVIK_IF_MAX */
   uint16_t link_config; /* ZORVIK_LINK_CONFIG_... */

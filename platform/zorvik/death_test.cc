@@ -1,23 +1,23 @@
-// A process may die after any machine instruction of the driver without leaving it torn.
+// A process can die after any machine instruction inside the driver; the next one repairs what it
+// left.
 #include <sys/ptrace.h>
+#include <sys/wait.h>
 
-#include <chrono>
 #include <cmath>
 
-#include "platform/zorvik/groups.h"
 #include "platform/zorvik/testing/driver_test.h"
 
 namespace tarnik::zorvik {
 namespace {
 
-// What a process dies in the middle of.
+// A change during which a process dies.
 struct Fatal {
   const char* name;
   void (*change)();
 };
 
 void dieHoldingTheLock() {
-  Child child([] {
+  Process child([] {
     const Fd ifg = node("brund/ctl");
     (void)createQ(ifg, "torn", 8);
     const Lock lock(Driver::get()->state());
@@ -26,7 +26,7 @@ void dieHoldingTheLock() {
     ::_exit(0);
     return 0;
   });
-  EXPECT_EQ(child.join(), 0);
+  EXPECT_EQ(child.wait(), test::kSucceeded);
 }
 
 constexpr Fatal kFatal[] = {
@@ -45,16 +45,16 @@ constexpr Fatal kFatal[] = {
     {"group",
      [] {
        (void)createIfg("g", 5);
-       (void)ifgRequest(ZORVIK_IFG_REMOVE, "g");
+       (void)removeIfg("g");
      }},
     {"recovery", [] { const Lock lock(Driver::get()->state()); }},
 };
 
-// Runs the change in a child, one machine instruction after the other, and kills it after `steps`,
-// or when the change is done; the steps made. What is to be done `before` is done as a whole.
+// Calls `before` and `change` in a child, runs `change` by single machine instructions and kills
+// the child after `steps` of them or when `change` returns. Returns the number of steps made.
 template <typename Before, typename Change>
 long dieAfter(long steps, Before before, Change change) {
-  Child child([&] {
+  Process child([&] {
     [[maybe_unused]] const auto held = before();
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     (void)::raise(SIGSTOP);
@@ -82,20 +82,21 @@ long dieAfter(const Fatal& fatal, long steps) {
 }
 
 bool canTrace() {
-  Child probe([] { return ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 ? 0 : 1; });
-  return probe.join() == 0;
+  Process probe([] { return ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 ? 0 : 1; });
+  return probe.wait() == test::kSucceeded;
 }
 
 class DeathTest : public DriverTest, public ::testing::WithParamInterface<Fatal> {};
 
-TEST_P(DeathTest, AfterAnyInstructionIsPutRight) {
+TEST_P(DeathTest, AfterAnyInstructionIsRepaired) {
   if (!canTrace()) {
     GTEST_SKIP() << "this machine allows no ptrace";
   }
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(8);
   const long all = dieAfter(GetParam(), 10000000);
   std::uint32_t deaths = 0;
-  // Points spread evenly however early the time is up; a slow build gets a death in the lock too.
+  // The points are spread evenly however early the time is up. A slow build goes on until a process
+  // has died with the lock.
   const auto goOn = [&] {
     const auto now = std::chrono::steady_clock::now();
     return now < end ||
@@ -108,8 +109,7 @@ TEST_P(DeathTest, AfterAnyInstructionIsPutRight) {
     (void)dieAfter(GetParam(), steps);
     ASSERT_EQ(inconsistencies(), "") << "death after " << steps << " of " << all << " steps";
     removeAllBut("brund");
-    zorvik_frm_desc_size size{};  // brings back the frames of the dead
-    EXPECT_EQ(call(node("brund/frm_desc"), ZORVIK_FRM_DESC_SIZE, &size), 0);
+    EXPECT_GT(descSize(node("brund/frm_desc")), 0);  // frees the frames of the dead process
     ASSERT_EQ(findGroup(Driver::get()->state(), "brund")->freeCount, 12u);
   }
   RecordProperty("steps", static_cast<int>(all));
@@ -118,7 +118,7 @@ TEST_P(DeathTest, AfterAnyInstructionIsPutRight) {
 }
 
 // Configures "brund" with `count` interfaces and a queue pair for the last of them.
-Settings tell(std::uint32_t count) {
+Settings configure(std::uint32_t count) {
   const Fd ifg = node("brund/ctl");
   zorvik_ifg_config wanted = description(count);
   zorvik_qpair_cfg pair{
@@ -134,21 +134,21 @@ bool same(const Settings& one, const Settings& two) {
 
 using SettingsDeathTest = DriverTest;
 
-// Settings are of many words and changed in few instructions, so deaths are tried one beside the
-// other, in a process that has the lock. Of three settings, those before the last are neither the
-// old ones nor the new.
+// Settings have many words and a change takes few instructions, so deaths are tried close to each
+// other, in a process that has the lock. With three settings in turn, those in the spare copy are
+// neither the old nor the new ones.
 TEST_F(SettingsDeathTest, LeavesTheOldSettingsOrTheNewOnes) {
   if (!canTrace()) {
     GTEST_SKIP() << "this machine allows no ptrace";
   }
-  const Settings settings[] = {tell(32), tell(2), tell(16)};
+  const Settings settings[] = {configure(32), configure(2), configure(16)};
   State& state = Driver::get()->state();
   Group& group = *findGroup(state, "brund");
   std::size_t now = 2;
   const auto die = [&](long steps) {
     return dieAfter(
         steps, [&] { return std::make_unique<Lock>(state); },
-        [&] { group.putInForce(settings[(now + 1) % 3]); });
+        [&] { group.setSettings(settings[(now + 1) % 3]); });
   };
   const long all = die(10000000);
   now = 0;

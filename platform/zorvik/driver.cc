@@ -1,5 +1,7 @@
 #include "platform/zorvik/driver.h"
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cerrno>
 #include <mutex>
@@ -10,8 +12,22 @@ namespace tarnik::zorvik {
 
 namespace {
 
-// The driver in use. Never freed: other threads may be inside it, also while the process exits.
+// Never freed: other threads may still use it while the process exits.
 std::atomic<Driver*> current{nullptr};
+
+struct Opened {
+  Fd fd;
+  std::size_t size;
+};
+
+Opened openNode(const std::string& path) {
+  Fd fd = Fd::open(path);
+  struct stat status {};
+  if (!fd || ::fstat(fd.get(), &status) != 0) {
+    return {Fd(), 0};
+  }
+  return {std::move(fd), static_cast<std::size_t>(status.st_size)};
+}
 
 }  // namespace
 
@@ -19,7 +35,7 @@ std::string groupPath(const Group& group) {
   return std::string(ZORVIK_DEV_DIR "/") + group.name;
 }
 
-std::string nodePath(const Group& group, const char* node) {
+std::string nodePath(const Group& group, const std::string& node) {
   return groupPath(group) + "/" + node;
 }
 
@@ -31,13 +47,8 @@ Driver::Driver(std::unique_ptr<Mapping> memory, Driver* previous) noexcept
 namespace {
 
 std::unique_ptr<Driver> attach(Driver* previous) {
-  const Fd fd = Fd::open(ZORVIK_CTL_NODE);
-  struct stat status {};
-  if (!fd || ::fstat(fd.get(), &status) != 0) {
-    return nullptr;
-  }
-  const auto size = static_cast<std::size_t>(status.st_size);
-  if (size < sizeof(State)) {
+  const auto [fd, size] = openNode(ZORVIK_CTL_NODE);
+  if (!fd || size < sizeof(State)) {
     return nullptr;
   }
   auto memory = std::make_unique<Mapping>(fd.get(), size);
@@ -54,20 +65,19 @@ std::unique_ptr<Driver> attach(Driver* previous) {
 
 }  // namespace
 
-Driver* Driver::get(bool again) {
+Driver* Driver::get() {
   Driver* known = current.load(std::memory_order_acquire);
-  if (known != nullptr && !again) {
-    return known;
-  }
-  struct stat status {};
-  if (::stat(ZORVIK_CTL_NODE, &status) != 0) {
-    return known;
-  }
+  return known != nullptr ? known : latest();
+}
+
+Driver* Driver::latest() {
   static std::mutex attaching;
   const std::lock_guard guard(attaching);
-  known = current.load(std::memory_order_acquire);
-  if (known != nullptr && known->state().ctlInode == status.st_ino &&
-      known->state().device == status.st_dev) {
+  Driver* known = current.load(std::memory_order_acquire);
+  struct stat status {};
+  if (::stat(ZORVIK_CTL_NODE, &status) != 0 ||
+      (known != nullptr && known->state().ctlInode == status.st_ino &&
+       known->state().device == status.st_dev)) {
     return known;
   }
   if (std::unique_ptr<Driver> found = attach(known); found != nullptr) {
@@ -79,37 +89,34 @@ Driver* Driver::get(bool again) {
 
 namespace {
 
-std::shared_ptr<Mapping> mapped(const std::string& path, std::size_t size) {
-  const Fd fd = Fd::open(path);
-  struct stat status {};
-  if (!fd || ::fstat(fd.get(), &status) != 0 || static_cast<std::size_t>(status.st_size) < size) {
-    return nullptr;
+// Maps the node unless `mapping` is of that `id` already.
+template <typename Cached>
+std::shared_ptr<Mapping> mapped(Cached& cached, std::uint32_t id, const std::string& path,
+                                std::size_t size) {
+  if (cached.id != id || cached.mapping == nullptr) {
+    const auto [fd, fileSize] = openNode(path);
+    cached.mapping = fd && fileSize >= size ? std::make_shared<Mapping>(fd.get(), size) : nullptr;
+    if (cached.mapping != nullptr && !*cached.mapping) {
+      cached.mapping = nullptr;
+    }
+    cached.id = id;
   }
-  auto mapping = std::make_shared<Mapping>(fd.get(), size);
-  return *mapping ? mapping : nullptr;
+  return cached.mapping;
 }
 
 }  // namespace
 
 zorvik_frm_desc* Driver::descriptors(const Group& group) {
-  Cached& cached = descriptors_[state_->indexOf(group)];
-  if (cached.id != group.id || cached.mapping == nullptr) {
-    cached.mapping =
-        mapped(nodePath(group, ZORVIK_IFG_FRM_DESC), sizeof(zorvik_frm_desc) * group.records);
-    cached.id = group.id;
-  }
-  return cached.mapping == nullptr ? nullptr
-                                   : reinterpret_cast<zorvik_frm_desc*>(cached.mapping->base());
+  const auto mapping =
+      mapped(descriptors_[state_->indexOf(group)], group.id, nodePath(group, ZORVIK_IFG_FRM_DESC),
+             sizeof(zorvik_frm_desc) * group.records);
+  return mapping == nullptr ? nullptr : reinterpret_cast<zorvik_frm_desc*>(mapping->base());
 }
 
 std::shared_ptr<Mapping> Driver::queueMemory(const Group& group, const Queue& queue) {
   const auto index = static_cast<std::size_t>(&queue - group.queues);
-  Cached& cached = queues_[state_->indexOf(group)][index];
-  if (cached.id != queue.id || cached.mapping == nullptr) {
-    cached.mapping = mapped(nodePath(group, queue.name), queue.memSize());
-    cached.id = queue.id;
-  }
-  return cached.mapping;
+  return mapped(queues_[state_->indexOf(group)][index], queue.id, nodePath(group, queue.name),
+                queue.memSize());
 }
 
 Lock::Lock(State& state) noexcept : state_(&state) {

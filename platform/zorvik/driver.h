@@ -1,7 +1,5 @@
-// One process's access to the driver: its state, and the memory that it shares with applications.
+// One process's access to the driver: the state and the memory shared with applications.
 #pragma once
-
-#include <sys/stat.h>
 
 #include <array>
 #include <memory>
@@ -12,44 +10,44 @@
 
 namespace tarnik::zorvik {
 
-// Where a node lies: the group's, or the queue's, in the driver's directory.
+// The path of a group's directory, and of a node in it.
 [[nodiscard]] std::string groupPath(const Group& group);
-[[nodiscard]] std::string nodePath(const Group& group, const char* node);
+[[nodiscard]] std::string nodePath(const Group& group, const std::string& node);
 
 class Driver {
  public:
-  // `memory` is a mapping of the state file, `previous` the driver that this one supersedes and
-  // keeps, because threads may be inside it. For get().
+  // For latest(). `memory` is a mapping of the state file.
   Driver(std::unique_ptr<Mapping> memory, Driver* previous) noexcept;
 
-  // The loaded driver, or null. Looks for it when none is known or, with `again`, when another
-  // one has been loaded since. What was once returned stays valid for the life of the process.
-  // Any thread.
-  [[nodiscard]] static Driver* get(bool again = false);
+  // The loaded driver, or null. get() returns the one that this process has used before, if any;
+  // latest() looks whether another one was loaded since. The result stays valid until the process
+  // ends. Any thread.
+  [[nodiscard]] static Driver* get();
+  [[nodiscard]] static Driver* latest();
 
   [[nodiscard]] State& state() const noexcept { return *state_; }
 
   // The shared memory of a group's descriptors and of a queue, mapped on first use. Null, with
-  // errno, when it cannot be mapped. The caller holds the lock; a queue's memory may be kept and
+  // errno, when it cannot be mapped. The caller holds the lock; the memory of a queue can also be
   // used without it.
   [[nodiscard]] zorvik_frm_desc* descriptors(const Group& group);
   [[nodiscard]] std::shared_ptr<Mapping> queueMemory(const Group& group, const Queue& queue);
 
  private:
   struct Cached {
-    std::uint32_t id = 0;  // the group's or queue's
+    std::uint32_t id = 0;  // of the group or queue
     std::shared_ptr<Mapping> mapping;
   };
 
   std::unique_ptr<Mapping> memory_;
-  std::unique_ptr<Driver> previous_;
+  std::unique_ptr<Driver> previous_;  // kept because other threads may still use it
   State* state_;
-  // Guarded by the driver's lock too, so that a child of fork() never finds them locked.
+  // Guarded by the driver's lock, so that a child of fork() never finds them locked.
   std::array<Cached, kMaxGroups> descriptors_;
   std::array<std::array<Cached, kMaxQueues>, kMaxGroups> queues_;
 };
 
-// Holds the driver's lock. When its last holder died, repairs the state first.
+// Holds the driver's lock. When the previous holder died, the constructor first repairs the state.
 class Lock {
  public:
   explicit Lock(State& state) noexcept;

@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cerrno>
+#include <span>
 #include <vector>
 
 #include "platform/zorvik/ring.h"
@@ -13,50 +15,39 @@ namespace tarnik::zorvik {
 
 namespace {
 
-FrameClass* classOf(State& state, std::uint32_t buffer) {
-  for (std::uint32_t i = state.classes; i-- > 0;) {
-    if (buffer >= state.frameClasses[i].firstBuffer) {
-      return &state.frameClasses[i];
-    }
-  }
-  return nullptr;
+std::span<FrameClass> classesOf(State& state) {
+  return {state.frameClasses, state.classes};
 }
 
 void pushBuffer(State& state, std::uint32_t buffer) {
-  FrameClass& frameClass = *classOf(state, buffer);
-  state.bufferNext()[buffer] = frameClass.freeHead;
-  frameClass.freeHead = buffer;
-  ++frameClass.freeCount;
+  for (FrameClass& each : classesOf(state)) {
+    if (buffer - each.firstBuffer < each.count) {
+      state.bufferNext()[buffer] = std::exchange(each.freeHead, buffer);
+      ++each.freeCount;
+    }
+  }
 }
 
 std::uint32_t popBuffer(State& state, FrameClass& frameClass) {
-  const std::uint32_t buffer = frameClass.freeHead;
-  frameClass.freeHead = state.bufferNext()[buffer];
   --frameClass.freeCount;
-  return buffer;
+  return std::exchange(frameClass.freeHead, state.bufferNext()[frameClass.freeHead]);
 }
 
 void pushRecord(State& state, Group& group, std::uint32_t index) {
   FrameRecord* records = state.records(group);
   records[index].next = kNone;
-  if (group.freeHead == kNone) {
-    group.freeHead = index;
-  } else {
-    records[group.freeTail].next = index;
-  }
+  (group.freeHead == kNone ? group.freeHead : records[group.freeTail].next) = index;
   group.freeTail = index;
   ++group.freeCount;
 }
 
 std::uint32_t popRecord(State& state, Group& group) {
-  const std::uint32_t index = group.freeHead;
-  group.freeHead = state.records(group)[index].next;
   --group.freeCount;
-  return index;
+  return std::exchange(group.freeHead, state.records(group)[group.freeHead].next);
 }
 
-// Applications may be looking at the descriptor: each word is stored whole, and the one that
-// says it is valid comes last.
+// Applications may read the descriptor at the same time: each word is stored whole, and the one
+// with the valid flag comes last.
 void store(zorvik_frm_desc& descriptor, const zorvik_frm_desc& value) {
   using Words = std::array<std::uint64_t, sizeof(zorvik_frm_desc) / sizeof(std::uint64_t)>;
   constexpr std::size_t kFlags = offsetof(zorvik_frm_desc, flags) / sizeof(std::uint64_t);
@@ -86,7 +77,7 @@ zorvik_frm_desc freshDescriptor(const FrameClass& frameClass, std::uint32_t buff
   return fresh;
 }
 
-// Drops one of several queue references; false when there are no others.
+// Drops one of several queue references. False when there is at most one.
 bool dropQueueReference(zorvik_frm_desc& descriptor) {
   const std::atomic_ref count(descriptor.qref_cnt);
   std::uint8_t seen = count.load();
@@ -105,36 +96,31 @@ void returnFrame(State& state, Group& group, zorvik_frm_desc& descriptor, std::u
   std::atomic_ref(descriptor.flags).store(0);
   std::atomic_ref(descriptor.generation).store(record.generation);
   record.buffer = 0;
-  ++group.frees;
   pushBuffer(state, buffer);
   pushRecord(state, group, index);
 }
 
-// A process died between a frame's move and its count: the frames that are out tell what was moved.
-void countTheLost(Group& group) {
-  const std::uint64_t counted = group.allocs - group.frees;
-  const std::uint64_t out = group.framesOut();
-  if (out > counted) {
-    group.allocs += out - counted;
-  } else {
-    group.frees += counted - out;
-  }
-}
-
-// Where so many records of no group lie in a row, first fit; behind kMaxRecords when nowhere.
-std::uint32_t recordGap(const State& state, std::uint32_t records) {
-  std::uint32_t first = 0;
-  for (bool moved = true; moved;) {
-    moved = false;
-    for (const Group& group : state.groups) {
-      if (group.records != 0 && first < group.firstRecord + group.records &&
-          group.firstRecord < first + records) {
-        first = group.firstRecord + group.records;
-        moved = true;
+// Which of the group's descriptors are on a queue; empty when a queue cannot be mapped.
+std::vector<bool> queuedFrames(Driver& driver, Group& group) {
+  std::vector<bool> queued(group.records);
+  for (const Queue& queue : group.queues) {
+    if (queue.life != Life::kLive) {
+      continue;
+    }
+    const auto memory = driver.queueMemory(group, queue);
+    if (memory == nullptr) {
+      return {};
+    }
+    for (const std::uint64_t id : Ring(memory->base(), queue.slots).contents()) {
+      const std::uint64_t index = id & ZORVIK_FRM_INDEX_MASK;
+      if (index < group.records &&
+          driver.state().records(group)[index].generation ==
+              static_cast<std::uint32_t>(id) >> ZORVIK_FRM_GENERATION_SHIFT) {
+        queued[index] = true;
       }
     }
   }
-  return first;
+  return queued;
 }
 
 }  // namespace
@@ -153,13 +139,8 @@ int createFrameData(Driver& driver, Group& group, std::uint32_t frames) {
     return -errno;
   }
   const std::uint32_t records = frames + 1;
-  group.firstRecord = recordGap(state, records);
-  if (group.firstRecord + records > kMaxRecords) {
-    return -ENOSPC;
-  }
-  const auto offset =
-      reinterpret_cast<std::byte*>(state.records(group)) - reinterpret_cast<std::byte*>(&state);
-  int result = commit(ctl.get(), static_cast<std::size_t>(offset), sizeof(FrameRecord) * records);
+  const std::size_t offset = State::recordsOffset(state.buffers, state.indexOf(group));
+  int result = commit(ctl.get(), offset, sizeof(FrameRecord) * records);
   if (result == 0) {
     result = commit(node.get(), 0, sizeof(zorvik_frm_desc) * records);
   }
@@ -167,9 +148,7 @@ int createFrameData(Driver& driver, Group& group, std::uint32_t frames) {
     (void)::ftruncate(node.get(), 0);
     return result;
   }
-  for (std::uint32_t i = 0; i < records; ++i) {
-    state.records(group)[i] = FrameRecord{};
-  }
+  std::fill_n(state.records(group), records, FrameRecord{});
   group.freeHead = kNone;
   group.freeCount = 0;
   for (std::uint32_t i = 1; i < records; ++i) {
@@ -191,17 +170,14 @@ int allocFrames(Driver& driver, Group& group, std::uint32_t size, std::uint32_t*
     return -EMSGSIZE;
   }
   std::uint32_t taken = 0;
-  for (std::uint32_t i = 0; i < state.classes; ++i) {
-    FrameClass& frameClass = state.frameClasses[i];
-    if (size > frameClass.bufSize) {
-      continue;
-    }
-    while (taken < count && frameClass.freeCount > 0 && group.freeCount > 0) {
-      const std::uint32_t buffer = popBuffer(state, frameClass);
+  for (FrameClass& each : classesOf(state)) {
+    while (size <= each.bufSize && taken < count && each.freeCount > 0 && group.freeCount > 0) {
+      const std::uint32_t buffer = popBuffer(state, each);
       const std::uint32_t index = popRecord(state, group);
       FrameRecord& record = state.records(group)[index];
+      ++group.allocs;  // before the frame is allocated, so never less than the frames in use
       record.buffer = buffer + 1;
-      store(descriptors[index], freshDescriptor(frameClass, buffer, index, record.generation));
+      store(descriptors[index], freshDescriptor(each, buffer, index, record.generation));
       frameIds[taken++] = std::uint32_t{record.generation} << ZORVIK_FRM_GENERATION_SHIFT | index;
     }
   }
@@ -209,7 +185,6 @@ int allocFrames(Driver& driver, Group& group, std::uint32_t size, std::uint32_t*
     ++group.allocEmpty;
     return -ENOBUFS;
   }
-  group.allocs += taken;
   return static_cast<int>(taken);
 }
 
@@ -236,37 +211,16 @@ int freeFrame(Driver& driver, Group& group, std::uint32_t frameId) {
 int reclaimFrames(Driver& driver, Group& group) {
   State& state = driver.state();
   zorvik_frm_desc* descriptors = driver.descriptors(group);
-  if (descriptors == nullptr) {
+  const std::vector<bool> queued = queuedFrames(driver, group);
+  if (descriptors == nullptr || queued.empty()) {
     return -ENOMEM;
   }
-  std::vector<bool> queued(group.records);
-  for (const Queue& queue : group.queues) {
-    if (queue.life != Life::kLive) {
-      continue;
-    }
-    const std::shared_ptr<Mapping> memory = driver.queueMemory(group, queue);
-    if (memory == nullptr) {
-      return -ENOMEM;
-    }
-    const Ring ring(memory->base(), queue.slots);
-    const std::uint32_t used = ring.used();
-    for (std::uint32_t i = 0, slot = ring.dequeue(); i < used; ++i, ++slot) {
-      const auto id = static_cast<std::uint32_t>(ring.entry(slot).load());
-      const std::uint32_t index = id & ZORVIK_FRM_INDEX_MASK;
-      if (index < group.records &&
-          state.records(group)[index].generation == id >> ZORVIK_FRM_GENERATION_SHIFT) {
-        queued[index] = true;
-      }
-    }
-  }
-  int returned = 0;
   for (std::uint32_t i = 1; i < group.records; ++i) {
     if (state.records(group)[i].buffer != 0 && !queued[i]) {
       returnFrame(state, group, descriptors[i], i);
-      ++returned;
     }
   }
-  return returned;
+  return 0;
 }
 
 void releaseFrames(State& state, Group& group) {
@@ -290,7 +244,7 @@ zorvik_ifg_stats frameStats(const State& state, const Group& group) {
           .buf_count = state.buffers,
           .buf_free = freeBuffers,
           .frm_allocs = group.allocs,
-          .frm_frees = group.frees,
+          .frm_frees = group.allocs - (group.frames() - group.freeCount),
           .alloc_empty = group.allocEmpty,
           .alloc_too_large = group.allocTooLarge};
 }
@@ -298,9 +252,7 @@ zorvik_ifg_stats frameStats(const State& state, const Group& group) {
 void rebuildFreeLists(State& state) {
   constexpr std::uint32_t kTaken = kNone - 1;
   std::uint32_t* next = state.bufferNext();
-  for (std::uint32_t i = 0; i < state.buffers; ++i) {
-    next[i] = kNone;
-  }
+  std::fill_n(next, state.buffers, kNone);
   for (Group& group : state.groups) {
     group.freeHead = kNone;
     group.freeCount = 0;
@@ -311,11 +263,10 @@ void rebuildFreeLists(State& state) {
         pushRecord(state, group, i);
       }
     }
-    countTheLost(group);
   }
-  for (std::uint32_t i = 0; i < state.classes; ++i) {
-    state.frameClasses[i].freeHead = kNone;
-    state.frameClasses[i].freeCount = 0;
+  for (FrameClass& each : classesOf(state)) {
+    each.freeHead = kNone;
+    each.freeCount = 0;
   }
   for (std::uint32_t i = state.buffers; i-- > 0;) {
     if (next[i] != kTaken) {

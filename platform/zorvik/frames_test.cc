@@ -1,22 +1,23 @@
-// The frame pool: allocation by size, exhaustion, freeing, references, what comes back from the
-// dead.
+// The frame pool: allocation by size, exhaustion, freeing, references, statistics, and the frames
+// of processes that died.
 #include "platform/zorvik/testing/driver_test.h"
 
 namespace tarnik::zorvik {
 namespace {
 
-using ::testing::Each;
-using ::testing::IsEmpty;
+using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
 class FramesTest : public DriverTest {
  protected:
   void SetUp() override {
     DriverTest::SetUp();
+    ifg_ = node("brund/ctl");
     desc_ = node("brund/frm_desc");
     memory_ = std::make_unique<Mapping>(desc_.get(), sizeof(zorvik_frm_desc) * 13);
   }
   void TearDown() override {
+    ifg_ = Fd();
     desc_ = Fd();
     memory_.reset();
     DriverTest::TearDown();
@@ -27,49 +28,44 @@ class FramesTest : public DriverTest {
   std::vector<std::uint32_t> take(std::uint32_t size, std::uint32_t count) {
     return alloc(desc_, size, count);
   }
-  int refusal(std::uint32_t size, std::uint32_t count) {
-    int error = 0;
-    EXPECT_THAT(alloc(desc_, size, count, &error), IsEmpty());
-    return error;
+  // The statistics of the group: frames allocated and freed since its creation.
+  void expectFrames(std::uint64_t allocs, std::uint64_t frees) const {
+    const zorvik_ifg_stats stats = statistics(ifg_);
+    EXPECT_EQ(stats.frm_allocs, allocs);
+    EXPECT_EQ(stats.frm_frees, frees);
+    EXPECT_EQ(stats.frm_count, 12u);
+    EXPECT_EQ(stats.frm_free, 12u - (allocs - frees));
   }
 
+  Fd ifg_;
   Fd desc_;
   std::unique_ptr<Mapping> memory_;
 };
 
-TEST_F(FramesTest, FreshFrame) {
-  const std::uint32_t id = take(100, 1).at(0);
-  const zorvik_frm_desc& frame = at(id);
-  EXPECT_EQ(id, 1u);  // generation 0, index 1
-  EXPECT_EQ(frame.wire_len, 0u);
-  EXPECT_EQ(frame.cap_len, 0u);
-  EXPECT_EQ(frame.frame_size, 0u);
-  EXPECT_EQ(frame.tag, 0u);
-  EXPECT_EQ(frame.buf_size, 2048u);
-  EXPECT_EQ(frame.index, 1u);
-  EXPECT_EQ(frame.generation, 0u);
-  EXPECT_EQ(frame.if_in, ZORVIK_IF_LOCAL);
-  EXPECT_EQ(frame.if_out, ZORVIK_IF_LOCAL);
-  EXPECT_EQ(frame.q_idx, ZORVIK_Q_UNKNOWN);
-  EXPECT_NE(frame.assoc_buf, 0u);
-  EXPECT_EQ(frame.qref_cnt, 0u);
-  EXPECT_EQ(frame.ref_cnt, 1u);
-  EXPECT_EQ(frame.eng_ref_cnt, 0u);
-  EXPECT_EQ(frame.flags, ZORVIK_FRM_VALID);
-}
-
-TEST_F(FramesTest, WhatAnApplicationScribbledIsGoneFromTheNextFrame) {
+TEST_F(FramesTest, ANewFrameHasNothingThatWasWrittenToItsDescriptor) {
   for (int round = 0; round < 2; ++round) {
     const auto ids = take(1, 12);
     ASSERT_THAT(ids, SizeIs(12));
+    EXPECT_EQ(ids[0], round == 0 ? 1u : 0x01000001u);  // generation and index
     for (const std::uint32_t id : ids) {
-      EXPECT_LE(at(id).data_off + at(id).buf_size, 8u * 2048 + 4u * 16384 + 2u * 65536);
-      EXPECT_EQ(at(id).index, id & ZORVIK_FRM_INDEX_MASK);
-      EXPECT_EQ(at(id).generation, round);
-      EXPECT_EQ(at(id).flags, ZORVIK_FRM_VALID);
-      EXPECT_EQ(at(id).tag, 0u);
-      std::memset(&at(id), 0xff, sizeof(zorvik_frm_desc));
-      at(id).qref_cnt = 0;
+      zorvik_frm_desc& frame = at(id);
+      EXPECT_EQ(frame.wire_len, 0u);
+      EXPECT_EQ(frame.cap_len, 0u);
+      EXPECT_EQ(frame.frame_size, 0u);
+      EXPECT_EQ(frame.tag, 0u);
+      EXPECT_EQ(frame.if_in, ZORVIK_IF_LOCAL);
+      EXPECT_EQ(frame.if_out, ZORVIK_IF_LOCAL);
+      EXPECT_EQ(frame.q_idx, ZORVIK_Q_UNKNOWN);
+      EXPECT_NE(frame.assoc_buf, 0u);
+      EXPECT_EQ(frame.qref_cnt, 0u);
+      EXPECT_EQ(frame.ref_cnt, 1u);
+      EXPECT_EQ(frame.eng_ref_cnt, 0u);
+      EXPECT_EQ(frame.flags, ZORVIK_FRM_VALID);
+      EXPECT_EQ(frame.index, id & ZORVIK_FRM_INDEX_MASK);
+      EXPECT_EQ(frame.generation, round);
+      EXPECT_LE(frame.data_off + frame.buf_size, 8u * 2048 + 4u * 16384 + 2u * 65536);
+      std::memset(&frame, 0xff, sizeof(zorvik_frm_desc));
+      frame.qref_cnt = 0;
     }
     for (const std::uint32_t id : ids) {
       EXPECT_EQ(freeId(desc_, id), 0);
@@ -77,7 +73,7 @@ TEST_F(FramesTest, WhatAnApplicationScribbledIsGoneFromTheNextFrame) {
   }
 }
 
-TEST_F(FramesTest, SmallestBufferThatFits) {
+TEST_F(FramesTest, AFrameHasTheSmallestBufferThatFits) {
   const std::pair<std::uint32_t, std::uint32_t> cases[] = {
       {0, 2048}, {2048, 2048}, {2049, 16384}, {16384, 16384}, {16385, 65536}, {65536, 65536}};
   for (const auto& [size, buffer] : cases) {
@@ -85,12 +81,13 @@ TEST_F(FramesTest, SmallestBufferThatFits) {
     EXPECT_EQ(at(id).buf_size, buffer) << size;
     EXPECT_EQ(freeId(desc_, id), 0);
   }
-  EXPECT_EQ(refusal(65537, 1), -EMSGSIZE);
-  EXPECT_EQ(refusal(0xffffffff, 1), -EMSGSIZE);
-  EXPECT_EQ(refusal(1, 0), -EINVAL);
+  EXPECT_EQ(allocError(desc_, 65537), -EMSGSIZE);
+  EXPECT_EQ(allocError(desc_, 0xffffffff), -EMSGSIZE);
+  EXPECT_EQ(allocError(desc_, 1, 0), -EINVAL);
+  EXPECT_EQ(statistics(ifg_).alloc_too_large, 2u);
 }
 
-TEST_F(FramesTest, LargerBuffersServeWhenTheSmallOnesAreOut) {
+TEST_F(FramesTest, LargerBuffersAreUsedWhenTheSmallOnesAreTaken) {
   std::vector<std::uint32_t> sizes;
   std::set<std::uint32_t> bytes;
   for (const std::uint32_t id : take(2048, 62)) {
@@ -100,39 +97,54 @@ TEST_F(FramesTest, LargerBuffersServeWhenTheSmallOnesAreOut) {
     }
   }
   // 12 descriptors: all 8 small buffers, then all 4 middle ones.
-  EXPECT_THAT(sizes, ::testing::ElementsAre(2048, 2048, 2048, 2048, 2048, 2048, 2048, 2048, 16384,
-                                            16384, 16384, 16384));
+  EXPECT_THAT(sizes, ElementsAre(2048, 2048, 2048, 2048, 2048, 2048, 2048, 2048, 16384, 16384,
+                                 16384, 16384));
 }
 
-TEST_F(FramesTest, NeverASmallerBuffer) {
+TEST_F(FramesTest, SmallerBuffersAreNeverUsed) {
   EXPECT_THAT(take(65536, 5), SizeIs(2));
-  EXPECT_EQ(refusal(65536, 1), -ENOBUFS);
-  EXPECT_EQ(refusal(16385, 1), -ENOBUFS);
+  EXPECT_EQ(allocError(desc_, 65536), -ENOBUFS);
+  EXPECT_EQ(allocError(desc_, 16385), -ENOBUFS);
   EXPECT_THAT(take(16384, 5), SizeIs(4));
-  EXPECT_EQ(refusal(2049, 1), -ENOBUFS);
+  EXPECT_EQ(allocError(desc_, 2049), -ENOBUFS);
   EXPECT_THAT(take(1, 5), SizeIs(5));
+  EXPECT_EQ(statistics(ifg_).alloc_empty, 3u);
+  EXPECT_EQ(statistics(ifg_).alloc_too_large, 0u);
+  expectFrames(11, 0);
 }
 
-TEST_F(FramesTest, ExhaustedPoolComesBack) {
+TEST_F(FramesTest, AFreedFrameCanBeAllocatedAgain) {
   auto ids = take(1, 62);
   EXPECT_THAT(ids, SizeIs(12));
-  EXPECT_EQ(refusal(1, 1), -ENOBUFS);
+  EXPECT_EQ(allocError(desc_, 1), -ENOBUFS);
+  expectFrames(12, 0);
   EXPECT_EQ(freeId(desc_, ids.back()), 0);
+  expectFrames(12, 1);
   EXPECT_THAT(take(1, 62), SizeIs(1));
+  expectFrames(13, 1);
 }
 
-TEST_F(FramesTest, GroupsShareTheBuffers) {
+TEST_F(FramesTest, GroupsShareTheBuffersButCountTheirOwnFrames) {
   ASSERT_EQ(createIfg("other", 20), 0);
   {
     const Fd other = node("other/frm_desc");
-    EXPECT_THAT(alloc(other, 1, 62), SizeIs(14));
-    EXPECT_EQ(refusal(1, 1), -ENOBUFS);
+    EXPECT_THAT(alloc(other, 1, 3), SizeIs(3));
+    expectFrames(0, 0);
+    const zorvik_ifg_stats stats = statistics(node("other/ctl"));
+    EXPECT_EQ(stats.frm_count, 20u);
+    EXPECT_EQ(stats.frm_free, 17u);
+    EXPECT_EQ(stats.frm_allocs, 3u);
+    EXPECT_EQ(stats.buf_count, 14u);
+    EXPECT_EQ(stats.buf_free, 11u);
+    EXPECT_EQ(statistics(ifg_).buf_free, 11u);
+    EXPECT_THAT(alloc(other, 1, 62), SizeIs(11));
+    EXPECT_EQ(allocError(desc_, 1), -ENOBUFS);
   }
-  EXPECT_EQ(ifgRequest(ZORVIK_IFG_REMOVE, "other"), 0);
+  EXPECT_EQ(removeIfg("other"), 0);
   EXPECT_THAT(take(1, 62), SizeIs(12));
 }
 
-TEST_F(FramesTest, FreeingChangesTheGenerationAndEndsValidity) {
+TEST_F(FramesTest, FreeingEndsTheIdentifier) {
   const std::uint32_t id = take(1, 1).at(0);
   EXPECT_EQ(freeId(desc_, id), 0);
   EXPECT_EQ(at(id).flags, 0u);
@@ -141,41 +153,43 @@ TEST_F(FramesTest, FreeingChangesTheGenerationAndEndsValidity) {
   EXPECT_EQ(freeId(desc_, id | 1u << ZORVIK_FRM_GENERATION_SHIFT), -ENOENT);
 }
 
-TEST_F(FramesTest, IdentifiersThatNameNoFrame) {
-  EXPECT_EQ(freeId(desc_, 0), -EINVAL);
-  EXPECT_EQ(freeId(desc_, 13), -EINVAL);
-  EXPECT_EQ(freeId(desc_, 0xffffff), -EINVAL);
-  EXPECT_EQ(freeId(desc_, 0x05000000), -EINVAL);
+TEST_F(FramesTest, RefusesIdentifiersOfNoFrame) {
+  for (const std::uint32_t id : {0u, 13u, 0xffffffu, 0x05000000u}) {
+    EXPECT_EQ(freeId(desc_, id), -EINVAL) << id;
+  }
   EXPECT_EQ(freeId(desc_, 12), -ENOENT);
   const std::uint32_t id = take(1, 1).at(0);
   EXPECT_EQ(freeId(desc_, id | 0x07000000), -ENOENT);
-  at(id).generation = 7;  // the driver believes itself, not the descriptor
+  at(id).generation = 7;  // only the driver's own record counts
   EXPECT_EQ(freeId(desc_, id | 0x07000000), -ENOENT);
   EXPECT_EQ(freeId(desc_, id), 0);
+  expectFrames(1, 1);
 }
 
-TEST_F(FramesTest, GenerationRunsThroughAllValues) {
+TEST_F(FramesTest, AnIdentifierIsUsedAgainAfterAllOthers) {
   std::set<std::uint32_t> seen;
   for (int i = 0; i < 256 * 12; ++i) {
     const std::uint32_t id = take(1, 1).at(0);
-    EXPECT_TRUE(seen.insert(id).second) << "an identifier came back early";
+    EXPECT_TRUE(seen.insert(id).second) << id;
     ASSERT_EQ(freeId(desc_, id), 0);
   }
   EXPECT_EQ(take(1, 1).at(0), 1u);
 }
 
-TEST_F(FramesTest, EachFreeDropsAQueueReferenceAndTheLastReturnsTheFrame) {
+TEST_F(FramesTest, EachFreeDropsAQueueReferenceAndTheLastFreesTheFrame) {
   const std::uint32_t id = take(1, 1).at(0);
   at(id).qref_cnt = 3;
   EXPECT_EQ(freeId(desc_, id), 0);
   EXPECT_EQ(freeId(desc_, id), 0);
+  expectFrames(1, 0);
   EXPECT_EQ(at(id).qref_cnt, 1u);
   EXPECT_EQ(at(id).flags, ZORVIK_FRM_VALID);
   EXPECT_EQ(freeId(desc_, id), 0);
+  expectFrames(1, 1);
   EXPECT_EQ(freeId(desc_, id), -ENOENT);
 }
 
-TEST_F(FramesTest, OtherReferenceCountsDoNotKeepAFrame) {
+TEST_F(FramesTest, OtherReferencesDoNotKeepAFrame) {
   const std::uint32_t id = take(1, 1).at(0);
   at(id).ref_cnt = 9;
   at(id).eng_ref_cnt = 9;
@@ -183,26 +197,26 @@ TEST_F(FramesTest, OtherReferenceCountsDoNotKeepAFrame) {
   EXPECT_EQ(freeId(desc_, id), -ENOENT);
 }
 
-TEST_F(FramesTest, RemovingAQueueReturnsItsFrames) {
-  const Fd ifg = node("brund/ctl");
-  const int id = createQ(ifg, "q", 16);
+TEST_F(FramesTest, RemovingAQueueFreesItsFrames) {
+  const int id = createQ(ifg_, "q", 16);
   const auto ids = take(1, 12);
   {
     const OpenQueue queue("brund/q");
-    for (std::uint32_t i = 0; i < 12; ++i) {
-      queue.entries()[i + 2] = ids[i];
+    for (std::uint32_t i = 0; i < 11; ++i) {
+      queue.entries()[(i + 9) % 16] = ids[i];
     }
-    queue.qmem().dequeue = 2;
-    queue.qmem().enqueue = 14;
-    EXPECT_EQ(removeQ(ifg, id), -EBUSY);
+    queue.qmem().dequeue = 9;
+    queue.qmem().enqueue = 4;
+    EXPECT_EQ(removeQ(ifg_, id), -EBUSY);
   }
-  EXPECT_EQ(removeQ(ifg, id), 0);
-  EXPECT_THAT(take(1, 12), SizeIs(12));
+  EXPECT_EQ(removeQ(ifg_, id), 0);
+  expectFrames(12, 11);
+  EXPECT_THAT(take(1, 12), SizeIs(11));
 }
 
-// A child takes frames, leaves some on the queue and dies.
+// A child allocates all frames, leaves two on the queue and dies.
 void dieWithFrames() {
-  Child child([] {
+  Process child([] {
     const Fd desc = node("brund/frm_desc");
     const auto ids = alloc(desc, 1, 12);
     EXPECT_EQ(ids.size(), 12u);
@@ -211,32 +225,29 @@ void dieWithFrames() {
     queue.entries()[0] = ids.at(4);
     queue.qmem().dequeue = 7;
     queue.qmem().enqueue = 1;
-    return 0;
+    return ::raise(SIGKILL);
   });
-  EXPECT_EQ(child.join(), 0);
+  EXPECT_EQ(child.wait(), test::killedBy(SIGKILL));
 }
 
-TEST_F(FramesTest, FramesOfTheDeadComeBackWhenTheGroupIsOpenedNext) {
-  ASSERT_GT(createQ(node("brund/ctl"), "q", 8), 0);
+TEST_F(FramesTest, FramesOfADeadProcessAreFreedWhenTheGroupIsOpenedAgain) {
+  ASSERT_GT(createQ(ifg_, "q", 8), 0);
   dieWithFrames();
-  zorvik_frm_desc_size size{};
-  EXPECT_EQ(call(desc_, ZORVIK_FRM_DESC_SIZE, &size), 0);
-  const auto ids = take(1, 62);
-  EXPECT_THAT(ids, SizeIs(10));  // all but the two that are on the queue
-  EXPECT_EQ(call(desc_, ZORVIK_FRM_DESC_SIZE, &size), 0);
-  EXPECT_EQ(refusal(1, 1), -ENOBUFS) << "a process lost its own frames";
+  EXPECT_GT(descSize(desc_), 0);
+  expectFrames(12, 10);  // all but the two on the queue
+  EXPECT_THAT(take(1, 62), SizeIs(10));
+  EXPECT_GT(descSize(desc_), 0);
+  EXPECT_EQ(allocError(desc_, 1), -ENOBUFS) << "a living process lost its frames";
 }
 
-TEST_F(FramesTest, FramesStayWithALivingProcess) {
-  ASSERT_GT(createQ(node("brund/ctl"), "q", 8), 0);
+TEST_F(FramesTest, ALivingProcessKeepsItsFrames) {
   const std::uint32_t mine = take(65536, 1).at(0);
-  Child child([] {
+  Process child([] {
     const Fd desc = node("brund/frm_desc");
-    zorvik_frm_desc_size size{};
-    EXPECT_EQ(call(desc, ZORVIK_FRM_DESC_SIZE, &size), 0);
+    EXPECT_GT(descSize(desc), 0);
     return static_cast<int>(alloc(desc, 1, 62).size());
   });
-  EXPECT_EQ(child.join(), 11);
+  EXPECT_EQ(child.wait(), test::exited(11));
   EXPECT_EQ(freeId(desc_, mine), 0);
 }
 

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstring>
@@ -14,14 +15,15 @@ namespace tarnik::zorvik {
 
 namespace {
 
-// Where nodes are made before they show. No group or queue has a name that begins with a dot.
+// Nodes are created under this name and renamed when they are complete. No group or queue has a
+// name that begins with a dot.
 constexpr char kHidden[] = ZORVIK_DEV_DIR "/.new";
 
 bool exists(const std::string& path) {
   return ::access(path.c_str(), F_OK) == 0;
 }
 
-// 0, or why `name` cannot name a node in a directory whose own nodes are `first` and `second`.
+// Checks the name of a new node in a directory that has the nodes `first` and `second` already.
 int checkName(std::string_view name, std::string_view first, std::string_view second) {
   if (name.size() > ZORVIK_NAME_MAX) {
     return -ENAMETOOLONG;
@@ -88,46 +90,42 @@ int makeQueueNode(const Group& group, Queue& queue) {
   if (!node) {
     return -errno;
   }
-  if (const int result = commit(node.get(), 0, queue.memSize()); result != 0) {
-    return result;
-  }
+  const int result = commit(node.get(), 0, queue.memSize());
   const Mapping memory(node.get(), queue.memSize());
-  if (!memory) {
-    return -errno;
+  if (result != 0 || !memory) {
+    return result != 0 ? result : -errno;
   }
   Ring(memory.base(), queue.slots).init(queue.producerHandle(), queue.consumerHandle());
   queue.inode = inodeOf(node.get());
   return ::rename(kHidden, nodePath(group, queue.name).c_str()) == 0 ? 0 : -errno;
 }
 
-template <typename Entry, std::size_t N>
-Entry* freeEntry(Entry (&entries)[N]) {
-  for (Entry& entry : entries) {
-    if (entry.life == Life::kFree) {
-      return &entry;
-    }
-  }
-  return nullptr;
+// The first entry for which `matches` is true, or null.
+template <typename Entry, std::size_t N, typename Matches>
+Entry* find(Entry (&entries)[N], Matches matches) {
+  Entry* const found = std::find_if(entries, entries + N, matches);
+  return found == entries + N ? nullptr : found;
 }
 
 template <typename Entry, std::size_t N>
-Entry* find(Entry (&entries)[N], std::string_view name) {
-  for (Entry& entry : entries) {
-    if (entry.life == Life::kLive && name == entry.name) {
-      return &entry;
-    }
-  }
-  return nullptr;
+Entry* freeEntry(Entry (&entries)[N]) {
+  return find(entries, [](const Entry& each) { return each.life == Life::kFree; });
+}
+
+template <typename Entry, std::size_t N>
+Entry* findByName(Entry (&entries)[N], std::string_view name) {
+  return find(entries,
+              [=](const Entry& each) { return each.life == Life::kLive && name == each.name; });
 }
 
 }  // namespace
 
 Group* findGroup(State& state, std::string_view name) {
-  return find(state.groups, name);
+  return findByName(state.groups, name);
 }
 
 Queue* findQueue(Group& group, std::string_view name) {
-  return find(group.queues, name);
+  return findByName(group.queues, name);
 }
 
 int createGroup(Driver& driver, std::string_view name) {
@@ -183,7 +181,7 @@ int createQueue(Driver& driver, Group& group, std::string_view name, std::uint32
   if (const int result = checkName(name, ZORVIK_IFG_CTL, ZORVIK_IFG_FRM_DESC); result != 0) {
     return result;
   }
-  if (findQueue(group, name) != nullptr || exists(nodePath(group, std::string(name).c_str()))) {
+  if (findQueue(group, name) != nullptr || exists(nodePath(group, std::string(name)))) {
     return -EEXIST;
   }
   Queue* queue = freeEntry(group.queues);
@@ -206,23 +204,48 @@ int createQueue(Driver& driver, Group& group, std::string_view name, std::uint32
 }
 
 int removeQueue(Driver& driver, Group& group, std::uint32_t id) {
-  for (Queue& queue : group.queues) {
-    if (queue.life != Life::kLive || queue.id != id) {
+  Queue* queue = find(group.queues,
+                      [=](const Queue& each) { return each.life == Life::kLive && each.id == id; });
+  if (queue == nullptr) {
+    return -ENOENT;
+  }
+  if (!isIdle(nodePath(group, queue->name))) {
+    return -EBUSY;
+  }
+  if (const auto memory = driver.queueMemory(group, *queue); memory != nullptr) {
+    for (const std::uint64_t entry : Ring(memory->base(), queue->slots).contents()) {
+      (void)freeFrame(driver, group, static_cast<std::uint32_t>(entry));
+    }
+  }
+  discardQueue(group, *queue);
+  return 0;
+}
+
+void repairQueue(Driver& driver, Group& group, const Queue& queue) {
+  const auto memory = driver.queueMemory(group, queue);
+  if (memory == nullptr) {
+    return;
+  }
+  const Ring ring(memory->base(), queue.slots);
+  ring.init(queue.producerHandle(), queue.consumerHandle());
+  const std::uint32_t first = ring.dequeue();
+  const std::uint32_t used = ring.used();
+  std::uint32_t kept = 0;
+  for (std::uint32_t i = 0; i < queue.slots; ++i) {
+    const std::uint64_t entry = ring.entry(first + i).load();
+    if (entry == 0) {
       continue;
     }
-    if (!isIdle(nodePath(group, queue.name))) {
-      return -EBUSY;
+    if (i >= used) {
+      ring.entry(first + i).store(0);
+      (void)freeFrame(driver, group, static_cast<std::uint32_t>(entry));
+    } else if (kept++ != i) {
+      ring.entry(first + i).store(0);
+      ring.entry(first + kept - 1).store(entry);
     }
-    if (const auto memory = driver.queueMemory(group, queue); memory != nullptr) {
-      const Ring ring(memory->base(), queue.slots);
-      for (std::uint32_t i = ring.used(), slot = ring.dequeue(); i > 0; --i, ++slot) {
-        (void)freeFrame(driver, group, static_cast<std::uint32_t>(ring.entry(slot).load()));
-      }
-    }
-    discardQueue(group, queue);
-    return 0;
   }
-  return -ENOENT;
+  ring.setEnqueue(first + kept);
+  ring.setDequeue(first);
 }
 
 void recover(State& state) {

@@ -1,7 +1,5 @@
 #include "platform/zorvik/known_descriptors.h"
 
-#include <algorithm>
-
 namespace tarnik::zorvik {
 
 std::optional<NodeFile> KnownDescriptors::fileOf(int fd) noexcept {
@@ -26,15 +24,8 @@ void KnownDescriptors::forget(int fd) noexcept {
   }
 }
 
-void KnownDescriptors::forgetRange(unsigned first, unsigned last) noexcept {
-  const auto end = static_cast<unsigned>(entries_.size());
-  for (unsigned fd = first; fd < end && fd <= last; ++fd) {
-    forget(static_cast<int>(fd));
-  }
-}
-
 KnownDescriptors::Entry* KnownDescriptors::entryOf(int fd) noexcept {
-  const auto index = static_cast<unsigned>(fd);  // a negative one is beyond the end
+  const auto index = static_cast<unsigned>(fd);  // a negative number becomes a large one
   return index < entries_.size() ? &entries_[index] : nullptr;
 }
 

@@ -24,10 +24,7 @@ Fd Fd::open(const std::string& path) noexcept {
 
 Fd Fd::create(const std::string& path) noexcept {
   Fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (fd && ::fchmod(fd.get(), 0660) != 0) {
-    return Fd();
-  }
-  return fd;
+  return fd && ::fchmod(fd.get(), 0660) == 0 ? std::move(fd) : Fd();
 }
 
 Mapping::Mapping(int fd, std::size_t size) noexcept : size_(size) {
@@ -53,7 +50,7 @@ unsigned long long inodeOf(int fd) noexcept {
 }
 
 void markInUse(int fd) noexcept {
-  // Never waits: who else locks the file has it in use too, and that is all the mark says.
+  // Never blocks: only isIdle locks exclusively, and its callers hold the driver's lock as ours do.
   (void)::flock(fd, LOCK_SH | LOCK_NB);
 }
 

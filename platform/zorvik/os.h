@@ -1,5 +1,6 @@
-// What the driver stand-in holds of the operating system: descriptors, mappings, file locks.
-// Functions return 0 or more, or a negative errno, as a driver does.
+// Owned descriptors and mappings, and the file locks by which the driver knows which nodes are in
+// use. The driver library does not link base/, so it needs its own types.
+// Functions that return int return 0 or a negative errno.
 #pragma once
 
 #include <cstddef>
@@ -17,10 +18,10 @@ class Fd {
     std::swap(fd_, other.fd_);
     return *this;
   }
-  ~Fd();
+  ~Fd();  // preserves errno
 
-  // Opens an existing node for reading and writing, or makes a new file with mode 0660 whatever
-  // the umask. Close-on-exec. Empty, with errno, on failure.
+  // Opens an existing node for reading and writing, or creates a file with mode 0660 whatever the
+  // umask is. Close-on-exec. Empty, with errno, on failure.
   [[nodiscard]] static Fd open(const std::string& path) noexcept;
   [[nodiscard]] static Fd create(const std::string& path) noexcept;
 
@@ -31,8 +32,7 @@ class Fd {
   int fd_ = -1;
 };
 
-// A shared read-write mapping from a file's start. Neither copied nor moved: it is held by
-// pointer, because sleepers keep it alive.
+// A shared read-write mapping from the start of a file.
 class Mapping {
  public:
   // Empty, with errno, when the file cannot be mapped.
@@ -46,21 +46,21 @@ class Mapping {
 
  private:
   std::byte* base_ = nullptr;
-  std::size_t size_ = 0;
+  std::size_t size_;
 };
 
-// Commits `size` bytes at `offset` of the file, so that touching them later cannot fail.
+// Allocates the file's storage, so that a later access cannot fail because the disk is full.
 [[nodiscard]] int commit(int fd, std::size_t offset, std::size_t size) noexcept;
 
 // The inode number of an open file, 0 on failure.
 [[nodiscard]] unsigned long long inodeOf(int fd) noexcept;
 
-// Marks the file as in use through the caller's open descriptor. The mark belongs to the open
-// file: the kernel drops it when the last descriptor and mapping of it are gone, or with the
-// process.
+// Marks the file as in use through the caller's descriptor. The mark belongs to the open file
+// description: the kernel removes it when the last descriptor and mapping are gone, so also when
+// the process dies.
 void markInUse(int fd) noexcept;
 
-// True when nobody has the node marked as in use (or it cannot be opened, being gone).
+// True when no process has the node marked as in use, or the node does not exist.
 [[nodiscard]] bool isIdle(const std::string& path) noexcept;
 
 }  // namespace tarnik::zorvik

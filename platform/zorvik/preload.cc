@@ -1,15 +1,12 @@
-// libzorvik.so, to be preloaded: answers the driver's requests in the place of a kernel module and
-// leaves every other ioctl() alone. Looks on where descriptors are closed or replaced, so that it
-// knows what each is open on.
+// libzorvik.so, for LD_PRELOAD: replaces ioctl() and answers the driver's requests; every other
+// request goes to the kernel. Also replaces the calls that close or replace a descriptor, because
+// it remembers which descriptors are nodes.
 #include <dlfcn.h>
 #include <linux/ioctl.h>
-#include <stdio.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
-#include <type_traits>
 
 #include "platform/zorvik/known_descriptors.h"
 #include "platform/zorvik/requests.h"
@@ -17,23 +14,23 @@
 
 namespace {
 
-// No static object with a constructor: other libraries' constructors may run before this one's.
+// Constant-initialised: the constructors of other libraries may run before this one's.
 constinit tarnik::zorvik::KnownDescriptors descriptors;
 
-// The function of that name behind the one here.
+// The C library's function of that name.
 template <typename Function>
 class Next {
  public:
   explicit constexpr Next(const char* name) noexcept : name_(name) {}
 
   template <typename... Arguments>
-  auto operator()(Arguments... arguments) noexcept {
+  int operator()(Arguments... arguments) noexcept {
     Function real = function_.load(std::memory_order_acquire);
     if (real == nullptr) {
       real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name_));
       if (real == nullptr) {
         errno = ENOSYS;
-        return static_cast<std::invoke_result_t<Function, Arguments...>>(-1);
+        return -1;
       }
       function_.store(real, std::memory_order_release);
     }
@@ -49,9 +46,6 @@ constinit Next<int (*)(int, unsigned long, ...)> nextIoctl("ioctl");
 constinit Next<int (*)(int)> nextClose("close");
 constinit Next<int (*)(int, int)> nextDup2("dup2");
 constinit Next<int (*)(int, int, int)> nextDup3("dup3");
-constinit Next<int (*)(unsigned, unsigned, int)> nextCloseRange("close_range");
-constinit Next<void (*)(int)> nextClosefrom("closefrom");
-constinit Next<int (*)(FILE*)> nextFclose("fclose");
 
 }  // namespace
 
@@ -95,21 +89,6 @@ int dup2(int from, int to) noexcept {
 int dup3(int from, int to, int flags) noexcept {
   descriptors.forget(to);
   return nextDup3(from, to, flags);
-}
-
-int close_range(unsigned first, unsigned last, int flags) noexcept {
-  descriptors.forgetRange(first, last);
-  return nextCloseRange(first, last, flags);
-}
-
-void closefrom(int first) noexcept {
-  descriptors.forgetRange(static_cast<unsigned>(first < 0 ? 0 : first), ~0U);
-  nextClosefrom(first);
-}
-
-int fclose(FILE* stream) {
-  descriptors.forget(::fileno(stream));
-  return nextFclose(stream);
 }
 
 }  // extern "C"

@@ -1,4 +1,4 @@
-// The driver's door: its answers to ioctl requests.
+// The entry of the driver: it serves the ioctl requests of a process.
 #pragma once
 
 #include <cstdint>
@@ -6,17 +6,17 @@
 
 namespace tarnik::zorvik {
 
-// The file that a descriptor is open on, which may be a node of the driver.
+// The file that a descriptor is open on.
 struct NodeFile {
   std::uint64_t device;
   std::uint64_t inode;
 };
-// Nothing when it cannot be a node.
+// Nothing when it cannot be a node of the driver.
 [[nodiscard]] std::optional<NodeFile> fileOf(int fd) noexcept;
 
-// Serves `request` with `argument` on the descriptor `fd` of the calling process, which is open on
-// `file`: the result, 0 or more, or a negative errno. Nothing when that is none of the driver's
-// nodes, or one that has no such request. Any thread; never throws.
+// Serves `request` with `argument` on the calling process's descriptor `fd`, which is open on
+// `file`. Returns 0 or more, or a negative errno; nothing when the file is no node of the driver
+// or has no such request. Any thread; never throws.
 [[nodiscard]] std::optional<int> serve(int fd, const NodeFile& file, unsigned long request,
                                        void* argument) noexcept;
 inline std::optional<int> serve(int fd, unsigned long request, void* argument) noexcept {

@@ -1,13 +1,16 @@
-// A queue's ring as the driver touches it: with its own idea of the number of slots, so that
-// nothing that applications write into the queue memory leads outside it.
+// A queue's ring as the driver accesses it. The driver uses its own number of slots, so nothing
+// that applications write into the queue memory can lead it outside the ring.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <vector>
 
 #include "zorlib/zorvik_layout.h"
 
 namespace tarnik::zorvik {
+
+enum class Side { kProducer, kConsumer };
 
 class Ring {
  public:
@@ -15,24 +18,17 @@ class Ring {
   Ring(void* memory, std::uint32_t slots) noexcept
       : qmem_(static_cast<zorvik_qmem*>(memory)), slots_(slots) {}
 
-  // Writes the words of an empty ring.
+  // Writes the words of a ring that never change.
   void init(std::uint32_t producerHandle, std::uint32_t consumerHandle) const noexcept {
     at(qmem_->presq.kresq_handle).store(producerHandle);
     at(qmem_->cresq.kresq_handle).store(consumerHandle);
-    restore();
-  }
-  // Writes again what never changes.
-  void restore() const noexcept {
     at(qmem_->max_elements).store(slots_);
     at(qmem_->mask).store(slots_ - 1);
   }
 
-  [[nodiscard]] std::atomic_ref<std::uint32_t> flags(bool producer) const noexcept {
-    return at(*flagsWord(producer));
-  }
-  // The word that the side's sleepers sleep on.
-  [[nodiscard]] std::uint32_t* flagsWord(bool producer) const noexcept {
-    return producer ? &qmem_->presq.flags : &qmem_->cresq.flags;
+  // The word on which the side's waiters sleep.
+  [[nodiscard]] std::uint32_t& flags(Side side) const noexcept {
+    return side == Side::kProducer ? qmem_->presq.flags : qmem_->cresq.flags;
   }
   [[nodiscard]] std::uint32_t enqueue() const noexcept { return masked(at(qmem_->enqueue).load()); }
   [[nodiscard]] std::uint32_t dequeue() const noexcept { return masked(at(qmem_->dequeue).load()); }
@@ -42,14 +38,22 @@ class Ring {
     return std::atomic_ref(zorvik_qmem_entries(qmem_)[masked(slot)]);
   }
 
-  // Slots claimed by producers and not yet by consumers, at most slots - 1.
+  // Slots that producers have claimed and consumers have not, at most slots - 1.
   [[nodiscard]] std::uint32_t used() const noexcept { return masked(enqueue() - dequeue()); }
   [[nodiscard]] bool full() const noexcept { return used() == slots_ - 1; }
-  // Whether a side that is about to sleep has something to do.
-  [[nodiscard]] bool ready(bool producer) const noexcept {
-    return producer ? !full() : used() != 0;
+  // Whether the side can go on: a consumer has something to read, a producer has room.
+  [[nodiscard]] bool ready(Side side) const noexcept {
+    return side == Side::kProducer ? !full() : used() != 0;
   }
-  [[nodiscard]] std::uint32_t slots() const noexcept { return slots_; }
+  // The entries of the used slots, oldest first.
+  [[nodiscard]] std::vector<std::uint64_t> contents() const {
+    std::vector<std::uint64_t> entries(used());
+    std::uint32_t slot = dequeue();
+    for (std::uint64_t& each : entries) {
+      each = entry(slot++).load();
+    }
+    return entries;
+  }
 
  private:
   [[nodiscard]] static std::atomic_ref<std::uint32_t> at(std::uint32_t& word) noexcept {

@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include "platform/zorvik/frames.h"
@@ -18,28 +20,32 @@ namespace {
 
 constexpr char kHiddenCtl[] = ZORVIK_DEV_DIR "/.ctl";
 
-// Held while the driver is loaded or unloaded.
+// A lock for loading and unloading, held while the result exists.
 Fd directoryLock() {
   Fd fd(::open(ZORVIK_DEV_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return fd && ::flock(fd.get(), LOCK_EX) == 0 ? std::move(fd) : Fd();
 }
 
-// The bytes of payload memory, or a negative errno.
-std::int64_t payloadOf(std::span<const ClassSize> classes) {
+struct Pool {
   std::uint64_t bytes = 0;
   std::uint64_t buffers = 0;
+};
+
+// The size of the pool, or nothing for one that the driver cannot have.
+std::optional<Pool> poolOf(std::span<const ClassSize> classes) {
+  Pool pool;
   std::uint32_t last = 0;
   for (const auto& [bufSize, count] : classes) {
     if (bufSize <= last || bufSize > 65536 || bufSize % 64 != 0 || count == 0) {
-      return -EINVAL;
+      return std::nullopt;
     }
     last = bufSize;
-    buffers += count;
-    bytes += std::uint64_t{bufSize} * count;
+    pool.buffers += count;
+    pool.bytes += std::uint64_t{bufSize} * count;
   }
-  const bool fits = !classes.empty() && classes.size() <= kMaxClasses && buffers <= kMaxFrames &&
-                    bytes <= UINT32_MAX;
-  return fits ? static_cast<std::int64_t>(bytes) : -EINVAL;
+  const bool fits = !classes.empty() && classes.size() <= kMaxClasses &&
+                    pool.buffers <= kMaxFrames && pool.bytes <= UINT32_MAX;
+  return fits ? std::optional(pool) : std::nullopt;
 }
 
 int initLock(pthread_mutex_t& lock) {
@@ -67,7 +73,7 @@ void initClasses(State& state, std::span<const ClassSize> classes) {
   state.payloadSize = dataOff;
 }
 
-// Makes the payload node; its inode in `inode`.
+// Creates the payload node and stores its inode.
 int makeNetData(std::size_t size, std::uint64_t& inode) {
   ::unlink(ZORVIK_NET_DATA_NODE);
   const Fd fd = Fd::create(ZORVIK_NET_DATA_NODE);
@@ -78,28 +84,23 @@ int makeNetData(std::size_t size, std::uint64_t& inode) {
   return commit(fd.get(), 0, size);
 }
 
-// Makes the state file and shows it as the driver's control node.
-int makeCtl(std::span<const ClassSize> classes, std::uint64_t netInode) {
+// Creates the state file and gives it the name of the control node when it is complete.
+int makeCtl(std::span<const ClassSize> classes, const Pool& pool, std::uint64_t netInode) {
   ::unlink(kHiddenCtl);
   const Fd fd = Fd::create(kHiddenCtl);
   struct stat status {};
   if (!fd || ::fstat(fd.get(), &status) != 0) {
     return -errno;
   }
-  std::uint32_t buffers = 0;
-  for (const ClassSize& each : classes) {
-    buffers += each.count;
-  }
+  const auto buffers = static_cast<std::uint32_t>(pool.buffers);
   const std::size_t size = State::fileSize(buffers);
   if (::ftruncate(fd.get(), static_cast<off_t>(size)) != 0) {
     return -errno;
   }
-  if (const int result = commit(fd.get(), 0, State::recordsOffset(buffers)); result != 0) {
-    return result;
-  }
+  const int result = commit(fd.get(), 0, State::recordsOffset(buffers));
   const Mapping memory(fd.get(), size);
-  if (!memory) {
-    return -errno;
+  if (result != 0 || !memory) {
+    return result != 0 ? result : -errno;
   }
   State& state = *reinterpret_cast<State*>(memory.base());
   state.magic = kStateMagic;
@@ -107,11 +108,10 @@ int makeCtl(std::span<const ClassSize> classes, std::uint64_t netInode) {
   state.device = status.st_dev;
   state.ctlInode = status.st_ino;
   state.netInode = netInode;
-  state.lastId = 0;
   initClasses(state, classes);
   rebuildFreeLists(state);
-  if (const int result = initLock(state.lock); result != 0) {
-    return result;
+  if (const int error = initLock(state.lock); error != 0) {
+    return error;
   }
   return ::rename(kHiddenCtl, ZORVIK_CTL_NODE) == 0 ? 0 : -errno;
 }
@@ -119,9 +119,9 @@ int makeCtl(std::span<const ClassSize> classes, std::uint64_t netInode) {
 }  // namespace
 
 int load(std::span<const ClassSize> classes) {
-  const std::int64_t payload = payloadOf(classes);
-  if (payload < 0) {
-    return static_cast<int>(payload);
+  const std::optional<Pool> pool = poolOf(classes);
+  if (!pool) {
+    return -EINVAL;
   }
   const Fd lock = directoryLock();
   if (!lock) {
@@ -131,9 +131,9 @@ int load(std::span<const ClassSize> classes) {
     return -EEXIST;
   }
   std::uint64_t netInode = 0;
-  int result = makeNetData(static_cast<std::size_t>(payload), netInode);
+  int result = makeNetData(pool->bytes, netInode);
   if (result == 0) {
-    result = makeCtl(classes, netInode);
+    result = makeCtl(classes, *pool, netInode);
   }
   if (result != 0) {
     ::unlink(kHiddenCtl);
@@ -144,7 +144,7 @@ int load(std::span<const ClassSize> classes) {
 
 int unload() {
   const Fd lock = directoryLock();
-  Driver* driver = lock ? Driver::get(true) : nullptr;
+  Driver* driver = lock ? Driver::latest() : nullptr;
   if (driver == nullptr || ::access(ZORVIK_CTL_NODE, F_OK) != 0) {
     return -ENODEV;
   }
@@ -158,39 +158,34 @@ int unload() {
   }
   ::unlink(ZORVIK_CTL_NODE);
   ::unlink(ZORVIK_NET_DATA_NODE);
-  // Processes that keep this state mapped are to find none of a later driver's nodes in it.
+  // Processes that still map this state must not find the nodes of a later driver in it.
   driver->state().ctlInode = 0;
   driver->state().netInode = 0;
   return 0;
 }
 
-int putEntry(Driver& driver, Group& group, Queue& queue, std::uint64_t entry) {
+int injectFault(Driver& driver, const Group& group, const Queue& queue, QueueFault fault,
+                std::uint64_t entry) {
   const auto memory = driver.queueMemory(group, queue);
   if (memory == nullptr) {
     return -ENOMEM;
   }
   const Ring ring(memory->base(), queue.slots);
+  if (fault == QueueFault::kDeadReader) {
+    if (ring.used() == 0) {
+      return -ENODATA;
+    }
+    ring.setDequeue(ring.dequeue() + 1);
+    return 0;
+  }
   if (ring.full()) {
     return -ENOSPC;
   }
   const std::uint32_t slot = ring.enqueue();
-  ring.entry(slot).store(entry);
+  ring.entry(slot).store(fault == QueueFault::kEntry ? entry : 0);
   ring.setEnqueue(slot + 1);
-  ring.flags(false).fetch_or(ZORVIK_RESQ_WOKEN);
-  wakeAll(ring, false);
-  return 0;
-}
-
-int dieReading(Driver& driver, Group& group, Queue& queue) {
-  const auto memory = driver.queueMemory(group, queue);
-  if (memory == nullptr) {
-    return -ENOMEM;
-  }
-  const Ring ring(memory->base(), queue.slots);
-  if (ring.used() == 0) {
-    return -ENODATA;
-  }
-  ring.setDequeue(ring.dequeue() + 1);
+  std::atomic_ref(ring.flags(Side::kConsumer)).fetch_or(ZORVIK_RESQ_WOKEN);
+  wakeAll(ring, Side::kConsumer);
   return 0;
 }
 

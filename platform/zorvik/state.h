@@ -1,15 +1,14 @@
-// The driver's state, as it lies in the shared file behind the driver's control node. Everything
-// is guarded by `lock`, except what is marked as fixed.
+// The driver's state: the contents of the file /dev/zorvik/ctl, which every process that uses the
+// driver maps. `lock` guards everything except the members marked as fixed.
 //
-// A process may die at any instruction, also while it holds the lock. So each fact has one home
-// that a single store changes:
-// - a group or queue is there when its `life` is kLive; kPending says that its nodes are being
-//   made or removed, and that whoever comes next is to finish the removal;
-// - a frame is allocated when its record names a buffer;
-// - of a group's two settings that one is in force which `inForce` names; a change is written
-//   into the other and then put into force.
-// Free lists, their counts and what the counters of frames given out and taken back lack are
-// derived from the records, and rebuilt from them.
+// A process can be killed at any instruction, also while it holds the lock. So each fact is stored
+// in one place and changed by one store:
+// - a group or queue exists while its `life` is kLive. kPending means that its nodes are being
+//   created or removed; the next holder of the lock finishes the removal.
+// - a frame is allocated while its record names a buffer.
+// - a group's current settings are those that `current` selects. A change is written to the other
+//   copy first.
+// Free lists and their counts are derived from the frame records and can be rebuilt.
 #pragma once
 
 #include <pthread.h>
@@ -22,12 +21,11 @@
 
 namespace tarnik::zorvik {
 
-inline constexpr std::uint64_t kStateMagic = 0x326b6976726f7aULL;  // "zorvik2"
+inline constexpr std::uint64_t kStateMagic = 0x336b6976726f7aULL;  // "zorvik3"
 inline constexpr std::uint32_t kMaxGroups = 8;
 inline constexpr std::uint32_t kMaxQueues = ZORVIK_ENUM_MAX;
 inline constexpr std::uint32_t kMaxClasses = 4;
-inline constexpr std::uint32_t kMaxFrames = 1000000;   // of a group, and of the payload memory
-inline constexpr std::uint32_t kMaxRecords = 1 << 20;  // of all groups
+inline constexpr std::uint32_t kMaxFrames = 1000000;  // of a group, and buffers in all
 inline constexpr std::uint32_t kMaxQueueSize = 16000000;
 inline constexpr std::uint32_t kNone = 0xffffffff;  // ends a free list
 
@@ -35,14 +33,14 @@ enum class Life : std::uint32_t { kFree = 0, kPending = 1, kLive = 2 };
 
 struct Queue {
   Life life;
-  std::uint32_t id;  // unique in the driver's life
+  std::uint32_t id;  // never used again while the driver is loaded
   std::uint32_t type;
   std::uint32_t requested;
   std::uint32_t slots;
   char name[ZORVIK_NAME_MAX + 1];
   std::uint64_t inode;
 
-  // The numbers that name the wait records of the two sides.
+  // The numbers of the two sides' wait records.
   [[nodiscard]] std::uint32_t producerHandle() const { return id * 2; }
   [[nodiscard]] std::uint32_t consumerHandle() const { return id * 2 + 1; }
   [[nodiscard]] std::size_t memSize() const {
@@ -50,20 +48,19 @@ struct Queue {
   }
 };
 
-// What the driver knows of a descriptor. The generation that counts is this one: the descriptor
-// itself can be written by applications.
+// The driver's own record of a descriptor. Applications can write to the descriptor itself, so
+// its generation is never read.
 struct FrameRecord {
-  std::uint32_t next;    // of the free list
-  std::uint32_t buffer;  // number of the frame's buffer + 1; 0: not allocated
+  std::uint32_t next;    // in the free list
+  std::uint32_t buffer;  // number of the frame's buffer + 1, 0 while it is not allocated
   std::uint8_t generation;
   std::uint8_t reserved[3];
 };
 
-// What a group was told.
 struct Settings {
   zorvik_ifg_config config;
   zorvik_qpair_cfg queuePairs[ZORVIK_QPAIR_MAX];
-  std::uint32_t cookie;  // the number of the configuration, 0 before the first, at most INT_MAX
+  std::uint32_t cookie;  // 0 before the first configuration, at most INT_MAX
   std::uint32_t reserved;
 };
 
@@ -74,79 +71,76 @@ struct Group {
   std::uint64_t flags;
   std::uint64_t ctlInode;
   std::uint64_t descInode;
-  std::uint32_t firstRecord;
-  std::uint32_t records;   // descriptors, the unused first one included; 0: no frame data yet
-  std::uint32_t freeHead;  // oldest first, so that an identifier comes back as late as possible
+  std::uint32_t records;   // descriptors including the unused first one, 0: no frame data yet
+  std::uint32_t freeHead;  // oldest first, so that an identifier is used again as late as possible
   std::uint32_t freeTail;
   std::uint32_t freeCount;
-  std::uint32_t inForce;        // 0 or 1
+  std::uint32_t current;        // 0 or 1, of `copies`
   std::uint64_t allocs;         // frames given out
-  std::uint64_t frees;          // frames taken back
-  std::uint64_t allocEmpty;     // requests that found none
-  std::uint64_t allocTooLarge;  // requests for more than any buffer holds
-  Settings settingsPair[2];
+  std::uint64_t allocEmpty;     // requests that found no frame
+  std::uint64_t allocTooLarge;  // requests for more than the largest buffer holds
+  Settings copies[2];
   Queue queues[kMaxQueues];
 
-  [[nodiscard]] const Settings& settings() const { return settingsPair[inForce]; }
-  void putInForce(const Settings& next) {
-    const std::uint32_t other = 1 - inForce;
-    settingsPair[other] = next;
-    // Not before the settings are whole, whenever the process dies.
-    std::atomic_ref(inForce).store(other, std::memory_order_release);
+  [[nodiscard]] const Settings& settings() const { return copies[current]; }
+  void setSettings(const Settings& next) {
+    const std::uint32_t other = 1 - current;
+    copies[other] = next;
+    // The copy is complete before it is selected, whenever the process dies.
+    std::atomic_ref(current).store(other, std::memory_order_release);
   }
   [[nodiscard]] std::uint32_t frames() const { return records == 0 ? 0 : records - 1; }
-  [[nodiscard]] std::uint32_t framesOut() const { return frames() - freeCount; }
 };
 
-// Buffers of one size, one behind the other in the payload memory.
+// Buffers of one size, contiguous in the payload memory.
 struct FrameClass {
   std::uint32_t bufSize;      // fixed
   std::uint32_t count;        // fixed
   std::uint32_t firstBuffer;  // fixed
-  std::uint32_t dataOff;      // fixed: where the first one lies
-  std::uint32_t freeHead;     // last freed first, while it is still in the cache
+  std::uint32_t dataOff;      // fixed: offset of the first buffer in the payload memory
+  std::uint32_t freeHead;     // last freed first, because it is still in the processor's cache
   std::uint32_t freeCount;
 };
 
 struct Faults {
   std::uint32_t slowWakeMs;  // each wake request takes this long
-  std::uint32_t dropWakes;   // so many wake requests to come do nothing
-  std::uint32_t eintrIn;     // the n-th wait request to come fails with EINTR; 0: none
+  std::uint32_t dropWakes;   // the next n wake requests do nothing
+  std::uint32_t eintrIn;     // the n-th wait request from now fails with EINTR, 0: none
 };
 
 struct State {
-  std::uint64_t magic;     // fixed
-  std::uint64_t size;      // fixed: bytes of the state file
-  std::uint64_t device;    // fixed: st_dev of all nodes
-  std::uint64_t ctlInode;  // fixed until unloaded, then 0; the next too
-  std::uint64_t netInode;
+  std::uint64_t magic;        // fixed
+  std::uint64_t size;         // fixed: bytes of the state file
+  std::uint64_t device;       // fixed: st_dev of all nodes
+  std::uint64_t ctlInode;     // fixed until the driver is unloaded, then 0
+  std::uint64_t netInode;     // as ctlInode
   std::uint32_t payloadSize;  // fixed
   std::uint32_t buffers;      // fixed: of all classes
   std::uint32_t classes;      // fixed
   std::uint32_t lastId;
   std::uint64_t logMask;
-  std::uint64_t deaths;  // how often the lock was taken over from a dead process
+  std::uint64_t deaths;  // how often a process died while it held the lock
   pthread_mutex_t lock;
   Faults faults;
   FrameClass frameClasses[kMaxClasses];
   Group groups[kMaxGroups];
 
-  // Behind the structure: a free-list link for each buffer, then the frame records, of which each
-  // group has a stretch. Only what is in use takes memory.
+  // The structure is followed by one free-list link for each buffer and by the frame records,
+  // kMaxFrames + 1 for each group. The file is sparse: only what is used takes memory.
   [[nodiscard]] std::uint32_t* bufferNext() { return reinterpret_cast<std::uint32_t*>(this + 1); }
-  [[nodiscard]] static std::size_t recordsOffset(std::uint32_t buffers) {
+  [[nodiscard]] static std::size_t recordsOffset(std::uint32_t buffers, std::size_t group = 0) {
     const std::size_t links = (sizeof(std::uint32_t) * buffers + 63) & ~std::size_t{63};
-    return sizeof(State) + links;
+    return sizeof(State) + links + group * sizeof(FrameRecord) * (kMaxFrames + 1);
   }
   [[nodiscard]] static std::size_t fileSize(std::uint32_t buffers) {
-    return recordsOffset(buffers) + sizeof(FrameRecord) * kMaxRecords;
+    return recordsOffset(buffers, kMaxGroups);
   }
-  [[nodiscard]] std::uint32_t indexOf(const Group& group) const {
-    return static_cast<std::uint32_t>(&group - groups);
+  [[nodiscard]] std::size_t indexOf(const Group& group) const {
+    return static_cast<std::size_t>(&group - groups);
   }
   [[nodiscard]] FrameRecord* records(const Group& group) {
-    std::byte* base = reinterpret_cast<std::byte*>(this) + recordsOffset(buffers);
-    return reinterpret_cast<FrameRecord*>(base) + group.firstRecord;
+    std::byte* const base = reinterpret_cast<std::byte*>(this);
+    return reinterpret_cast<FrameRecord*>(base + recordsOffset(buffers, indexOf(group)));
   }
 };
 

@@ -15,9 +15,9 @@ namespace {
 
 constexpr std::int64_t kMillion = 1000000;
 
-// A sleeper looks for itself this often: a peer that dies after it has filled a slot, or set the
-// wake bit, but before its wake request leaves nobody else to tell.
-constexpr std::int64_t kLookAgainNs = 100 * kMillion;
+// A sleeper checks the ring this often, because a peer can die after it filled a slot but before
+// it makes its wake request.
+constexpr std::int64_t kCheckNs = 100 * kMillion;
 
 std::int64_t nowNs() {
   timespec now{};
@@ -31,44 +31,44 @@ timespec toTimespec(std::int64_t ns) {
 }
 
 // 0 when woken, else errno.
-int futexWait(std::uint32_t* word, std::uint32_t seen, std::int64_t ns) {
+int futexWait(std::uint32_t& word, std::uint32_t seen, std::int64_t ns) {
   const timespec limit = toTimespec(ns);
-  return ::syscall(SYS_futex, word, FUTEX_WAIT, seen, &limit, nullptr, 0) == 0 ? 0 : errno;
+  return ::syscall(SYS_futex, &word, FUTEX_WAIT, seen, &limit, nullptr, 0) == 0 ? 0 : errno;
 }
 
 }  // namespace
 
-int sleepOn(const Ring& ring, bool producer, std::uint32_t timeoutMs) noexcept {
+int sleepOn(const Ring& ring, Side side, std::uint32_t timeoutMs) noexcept {
   const std::int64_t deadline = nowNs() + std::int64_t{timeoutMs} * kMillion;
   const auto left = [=] {
     const std::int64_t ms = (deadline - nowNs()) / kMillion;
     return static_cast<int>(std::clamp<std::int64_t>(ms, 1, INT_MAX));
   };
   while (true) {
-    const std::uint32_t flags = ring.flags(producer).load();
-    if ((flags & (ZORVIK_RESQ_WOKEN | ZORVIK_RESQ_SHUTDOWN)) != 0 || ring.ready(producer)) {
+    const std::uint32_t flags = std::atomic_ref(ring.flags(side)).load();
+    if ((flags & (ZORVIK_RESQ_WOKEN | ZORVIK_RESQ_SHUTDOWN)) != 0 || ring.ready(side)) {
       return left();
     }
-    std::int64_t slice = kLookAgainNs;
+    std::int64_t slice = kCheckNs;
     if (timeoutMs != 0) {
       slice = std::min(slice, deadline - nowNs());
       if (slice <= 0) {
         return 0;
       }
     }
-    switch (futexWait(ring.flagsWord(producer), flags, slice)) {
+    switch (futexWait(ring.flags(side), flags, slice)) {
       case ETIMEDOUT:
         break;
       case EINTR:
         return -EINTR;
-      default:  // woken, or the flags have changed: the application looks again
+      default:  // woken, or the flags have changed: the application checks the ring again
         return left();
     }
   }
 }
 
-void wakeAll(const Ring& ring, bool producer) noexcept {
-  ::syscall(SYS_futex, ring.flagsWord(producer), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+void wakeAll(const Ring& ring, Side side) noexcept {
+  ::syscall(SYS_futex, &ring.flags(side), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
 
 void pauseMs(std::uint32_t ms) noexcept {

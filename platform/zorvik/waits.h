@@ -1,4 +1,4 @@
-// Sleeping on a queue and waking the sleepers. Without the lock.
+// Sleeping on a queue and waking its sleepers. Without the driver's lock.
 #pragma once
 
 #include <cstdint>
@@ -7,12 +7,12 @@
 
 namespace tarnik::zorvik {
 
-// Sleeps until that side of the queue has something to do, is woken or shut down, at most
-// `timeoutMs` (0: no limit). The milliseconds left, at least 1; 0 when the time ran out; -EINTR.
-[[nodiscard]] int sleepOn(const Ring& ring, bool producer, std::uint32_t timeoutMs) noexcept;
+// Sleeps until that side of the queue can go on, is woken or shut down, at most `timeoutMs`
+// (0: no limit). Returns the milliseconds left, at least 1, or 0 when the time ran out, or -EINTR.
+[[nodiscard]] int sleepOn(const Ring& ring, Side side, std::uint32_t timeoutMs) noexcept;
 
-// Wakes all that sleep on that side.
-void wakeAll(const Ring& ring, bool producer) noexcept;
+// Wakes all sleepers of that side.
+void wakeAll(const Ring& ring, Side side) noexcept;
 
 void pauseMs(std::uint32_t ms) noexcept;
 

@@ -1,12 +1,6 @@
-// Sleeping on a queue, waking, what ends a sleep, and the faults.
+// Sleeping on a queue, what ends a sleep, and the faults.
 #include <pthread.h>
 
-#include <atomic>
-#include <chrono>
-#include <thread>
-
-#include "platform/zorvik/groups.h"
-#include "platform/zorvik/repair.h"
 #include "platform/zorvik/testing/driver_test.h"
 
 namespace tarnik::zorvik {
@@ -31,8 +25,7 @@ class WaitsTest : public DriverTest {
   }
   [[nodiscard]] std::uint32_t reader() const { return queue_->qmem().cresq.kresq_handle; }
   [[nodiscard]] std::uint32_t writer() const { return queue_->qmem().presq.kresq_handle; }
-  static std::atomic_ref<std::uint32_t> word(std::uint32_t& at) { return std::atomic_ref(at); }
-  // Runs `change` about 150 ms from now, while the caller sleeps.
+  // Calls `change` in a thread after 150 ms, while the caller sleeps.
   template <typename Change>
   static std::thread soon(Change change) {
     return std::thread([=] {
@@ -92,7 +85,7 @@ TEST_F(WaitsTest, ProducerSleepsWhileTheRingIsFull) {
 }
 
 TEST_F(WaitsTest, WakeEndsTheSleepOfThatSideOnly) {
-  word(queue_->qmem().enqueue) = 3;  // full: both sides' sleeps are told apart by their handles
+  word(queue_->qmem().enqueue) = 3;  // the ring is full
   std::atomic<bool> woken{false};
   std::thread sleeper([&] {
     EXPECT_GE(queue_->wait(writer(), 60000), 1);
@@ -125,7 +118,7 @@ TEST_F(WaitsTest, WakeReachesEverySleeper) {
     std::this_thread::sleep_for(std::chrono::milliseconds(530));
   }
   EXPECT_EQ(left, 4);
-  word(queue_->qmem().cresq.flags) = ZORVIK_RESQ_WOKEN;  // whoever still sleeps
+  word(queue_->qmem().cresq.flags) = ZORVIK_RESQ_WOKEN;  // ends every other sleep
   for (auto& sleeper : sleepers) {
     sleeper.join();
   }
@@ -215,59 +208,39 @@ TEST_F(WaitsTest, FaultDroppedWakesAreMadeUpFor) {
 
 class RingFaultsTest : public WaitsTest {
  protected:
-  void SetUp() override {
-    WaitsTest::SetUp();
-    group_ = findGroup(driver().state(), "brund");
-    fault_ = findQueue(*group_, "q");
+  int inject(QueueFault fault, std::uint64_t entry = 0) {
+    Driver& driver = *Driver::get();
+    const Lock lock(driver.state());
+    Group& group = *findGroup(driver.state(), "brund");
+    return injectFault(driver, group, *findQueue(group, "q"), fault, entry);
   }
-  static Driver& driver() { return *Driver::get(); }
-
-  Group* group_ = nullptr;
-  Queue* fault_ = nullptr;
 };
 
-TEST_F(RingFaultsTest, PutEntryShowsAndWakes) {
-  EXPECT_EQ(putEntry(driver(), *group_, *fault_, 0x123456789), 0);
+TEST_F(RingFaultsTest, AnEntryIsPutOnTheRingAndWakesTheReader) {
+  EXPECT_EQ(inject(QueueFault::kEntry, 0x123456789), 0);
   EXPECT_EQ(queue_->entries()[0], 0x123456789u);
   EXPECT_EQ(queue_->qmem().enqueue, 1u);
   EXPECT_EQ(queue_->qmem().cresq.flags, ZORVIK_RESQ_WOKEN + 0u);
-  EXPECT_EQ(putEntry(driver(), *group_, *fault_, 2), 0);
-  EXPECT_EQ(putEntry(driver(), *group_, *fault_, 3), 0);
-  EXPECT_EQ(putEntry(driver(), *group_, *fault_, 4), -ENOSPC);
+  EXPECT_EQ(inject(QueueFault::kEntry, 2), 0);
+  EXPECT_EQ(inject(QueueFault::kDeadWriter, 3), 0);
+  EXPECT_EQ(queue_->entries()[2], 0u);
+  EXPECT_EQ(queue_->qmem().enqueue, 3u);
+  EXPECT_EQ(inject(QueueFault::kEntry, 4), -ENOSPC);
 }
 
-TEST_F(RingFaultsTest, DeadWriterIsPutRight) {
-  EXPECT_EQ(putEntry(driver(), *group_, *fault_, 0), 0);
-  EXPECT_EQ(putEntry(driver(), *group_, *fault_, 9), 0);
-  EXPECT_EQ(unstickQueue(driver(), *group_, *fault_), 1);
-  EXPECT_EQ(queue_->entries()[0], 0x01000000u);  // names no frame: the reader goes on
-  EXPECT_EQ(unstickQueue(driver(), *group_, *fault_), 0);
-}
-
-TEST_F(RingFaultsTest, DeadReaderIsPutRight) {
+TEST_F(RingFaultsTest, TornSlotsAreRepairedWhenTheQueueIsOpenedByItsOnlyUser) {
   const Fd desc = node("brund/frm_desc");
   const std::uint32_t id = alloc(desc, 1, 1).at(0);
-  EXPECT_EQ(dieReading(driver(), *group_, *fault_), -ENODATA);
-  EXPECT_EQ(putEntry(driver(), *group_, *fault_, id), 0);
-  EXPECT_EQ(dieReading(driver(), *group_, *fault_), 0);
-  queue_->qmem().enqueue = 0;  // the producers have come round to the slot
-  queue_->qmem().dequeue = 0;
-  EXPECT_EQ(unstickQueue(driver(), *group_, *fault_), 1);
-  EXPECT_EQ(queue_->entries()[0], 0u);
-  EXPECT_EQ(freeId(desc, id), -ENOENT) << "the frame was returned";
-}
-
-TEST_F(RingFaultsTest, WholeQueueIsPutRightWhenItIsOpenedNext) {
-  const Fd desc = node("brund/frm_desc");
-  const std::uint32_t id = alloc(desc, 1, 1).at(0);
-  EXPECT_EQ(putEntry(driver(), *group_, *fault_, id), 0);
-  EXPECT_EQ(dieReading(driver(), *group_, *fault_), 0);
-  EXPECT_EQ(putEntry(driver(), *group_, *fault_, 0), 0);
-  EXPECT_EQ(putEntry(driver(), *group_, *fault_, 5), 0);
+  EXPECT_EQ(inject(QueueFault::kDeadReader), -ENODATA);
+  EXPECT_EQ(inject(QueueFault::kEntry, id), 0);
+  EXPECT_EQ(inject(QueueFault::kDeadReader), 0);
+  EXPECT_EQ(queue_->qmem().dequeue, 1u);
+  EXPECT_EQ(inject(QueueFault::kDeadWriter), 0);
+  EXPECT_EQ(inject(QueueFault::kEntry, 5), 0);
   queue_->qmem().mask = 99;
   {
     const OpenQueue second("brund/q");
-    EXPECT_EQ(queue_->entries()[0], id) << "not while somebody has the queue open";
+    EXPECT_EQ(queue_->entries()[0], id) << "not while another process has the queue open";
   }
   queue_.reset();
   queue_ = std::make_unique<OpenQueue>("brund/q");
@@ -276,7 +249,7 @@ TEST_F(RingFaultsTest, WholeQueueIsPutRightWhenItIsOpenedNext) {
   EXPECT_EQ(queue_->qmem().dequeue, 1u);
   EXPECT_EQ(queue_->qmem().enqueue, 2u);
   EXPECT_EQ(queue_->qmem().mask, 3u);
-  EXPECT_EQ(freeId(desc, id), -ENOENT);
+  EXPECT_EQ(freeId(desc, id), -ENOENT) << "the dead reader's frame was freed";
 }
 
 }  // namespace

@@ -1,20 +1,19 @@
-// zorvikctl: the administrator's hand on the driver stand-in.
-#include <unistd.h>
+// zorvikctl loads the driver stand-in, creates groups, shows the state and injects faults.
+#include <net/if.h>
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <optional>
+#include <functional>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/zorvik/frames.h"
 #include "platform/zorvik/groups.h"
-#include "platform/zorvik/repair.h"
+#include "platform/zorvik/ring.h"
 #include "platform/zorvik/setup.h"
-#include "platform/zorvik/status.h"
 
 namespace tarnik::zorvik {
 namespace {
@@ -22,346 +21,258 @@ namespace {
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
-constexpr char kHelp[] =
-    R"(usage: zorvikctl COMMAND
-
-  load [--frames SIZExCOUNT,...]   load the driver: make /dev/zorvik/ctl and the payload memory
-                                   (default 2048x8192,16384x512,65536x256; sizes rising, in
-                                   multiples of 64 up to 65536, less than 4 GiB in all)
-  unload                           remove every group and the driver's nodes
-  create-ifg NAME [--frames N]     create an interface group and its frame data
-                                   (default: as many frames as there are buffers)
-  remove-ifg NAME                  remove a group with its queues
-  status                           show pool, groups, their interfaces and queues, and faults
-  repair GROUP QUEUE               free a queue that a process died in the middle of using: every
-                                   torn slot when nobody has it open, else the one at which the
-                                   others are stuck (make sure that the dead one is dead)
-  reclaim GROUP                    take back the frames of processes that died; the group must
-                                   not be in use (opening it does the same)
-  fault slow-wake MS               wake requests take MS milliseconds from now on
-  fault drop-wakes N               the next N wake requests do nothing, as if the peer had died
-  fault eintr N                    the N-th wait request from now fails with EINTR
-  fault put GROUP QUEUE ENTRY      put the number ENTRY on the queue, whatever it names
-  fault dead-writer GROUP QUEUE    leave a slot that a producer claimed and never filled
-  fault dead-reader GROUP QUEUE    leave a slot that a consumer claimed and never emptied
-  fault clear                      end slow-wake, drop-wakes and eintr
-
-Numbers may be hexadecimal (0x...). Exit status: 0 done, 1 failed, 2 wrong usage.
-)";
-
-using Arguments = std::vector<std::string_view>;
-
-int usage(const std::string& what) {
-  std::fprintf(stderr, "zorvikctl: %s; zorvikctl --help shows the commands\n", what.c_str());
-  return kUsage;
-}
-
-int fail(const std::string& what) {
-  std::fprintf(stderr, "zorvikctl: %s\n", what.c_str());
+int fail(const std::string& message) {
+  std::fprintf(stderr, "zorvikctl: %s\n", message.c_str());
   return kFailed;
 }
 
-std::string quoted(std::string_view text) {
-  return std::string("'").append(text).append("'");
-}
-
-template <typename T>
-std::optional<T> number(std::string_view text) {
-  const bool hex = text.starts_with("0x");
-  text.remove_prefix(hex ? 2 : 0);
-  T value{};
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value, hex ? 16 : 10);
-  return error == std::errc() && stop == end ? std::optional(value) : std::nullopt;
-}
-
-// ---- load, unload
-
-std::optional<std::vector<ClassSize>> parseClasses(std::string_view text) {
-  std::vector<ClassSize> classes;
-  while (!text.empty()) {
-    const std::string_view item = text.substr(0, text.find(','));
-    text.remove_prefix(std::min(item.size() + 1, text.size()));
-    const std::size_t x = item.find('x');
-    if (x == std::string_view::npos) {
-      return std::nullopt;
-    }
-    const auto size = number<std::uint32_t>(item.substr(0, x));
-    const auto count = number<std::uint32_t>(item.substr(x + 1));
-    if (!size || !count) {
-      return std::nullopt;
-    }
-    classes.push_back({*size, *count});
+// The exit status for a result of the driver. Prints `what` and the advice for this error, or the
+// system's text.
+using Advice = std::pair<int, const char*>;
+int statusOf(int result, const std::string& what, const std::vector<Advice>& advice) {
+  if (result >= 0) {
+    return 0;
   }
-  return classes;
+  for (const auto& [error, text] : advice) {
+    if (error == -result) {
+      return fail(what + ": " + text);
+    }
+  }
+  return fail(what + ": " + std::strerror(-result));
 }
 
-int loadCommand(const Arguments& arguments) {
+constexpr Advice kInUse = {EBUSY, "it is in use; first end the processes that have it open"};
+
+// Calls `action` with the driver and its lock.
+int withDriver(const std::function<int(Driver&)>& action) {
+  Driver* const driver = Driver::get();
+  if (driver == nullptr) {
+    return fail("the driver is not loaded; 'zorvikctl load' loads it");
+  }
+  const Lock lock(driver->state());
+  return action(*driver);
+}
+
+// ---- load, create-ifg
+
+// Parses one SIZExCOUNT. Returns an error text for CLI11, empty if it is valid.
+std::string parseClass(const std::string& text, ClassSize& parsed) {
+  const std::size_t x = text.find('x');
+  const bool valid = x != std::string::npos &&
+                     CLI::detail::lexical_cast(text.substr(0, x), parsed.bufSize) &&
+                     CLI::detail::lexical_cast(text.substr(x + 1), parsed.count);
+  return valid ? "" : "'" + text + "' is not SIZExCOUNT";
+}
+
+int loadCommand(const std::vector<std::string>& frames) {
   std::vector<ClassSize> classes(std::begin(kDefaultClasses), std::end(kDefaultClasses));
-  if (arguments.size() == 2 && arguments[0] == "--frames") {
-    const auto parsed = parseClasses(arguments[1]);
-    if (!parsed) {
-      return usage("load: " + quoted(arguments[1]) + " is not SIZExCOUNT,...");
+  if (!frames.empty()) {
+    classes.resize(frames.size());
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+      (void)parseClass(frames[i], classes[i]);
     }
-    classes = *parsed;
-  } else if (!arguments.empty()) {
-    return usage("load takes --frames SIZExCOUNT,... and nothing else");
   }
-  switch (const int result = load(classes); result) {
-    case 0:
-      return 0;
-    case -EEXIST:
-      return fail("the driver is loaded already; 'zorvikctl unload' ends it first");
-    case -EINVAL:
-      return usage("load: one to four rising sizes, multiples of 64 up to 65536, below 4 GiB");
-    case -ENOENT:
-      return fail("there is no directory " ZORVIK_DEV_DIR "; make it (a tmpfs will do) first");
-    default:
-      return fail(std::string("cannot load the driver into " ZORVIK_DEV_DIR ": ") +
-                  std::strerror(-result));
-  }
+  return statusOf(load(classes), "cannot load the driver",
+                  {{EEXIST, "it is loaded already; 'zorvikctl unload' unloads it"},
+                   {EINVAL,
+                    "--frames takes one to four rising sizes, multiples of 64 up to 65536, "
+                    "with less than 4 GiB and at most 1000000 buffers in all"},
+                   {ENOENT, "there is no directory " ZORVIK_DEV_DIR}});
 }
 
-int unloadCommand(const Arguments& arguments) {
-  if (!arguments.empty()) {
-    return usage("unload takes no arguments");
-  }
-  switch (const int result = unload(); result) {
-    case 0:
-      return 0;
-    case -ENODEV:
-      return fail("the driver is not loaded");
-    case -EBUSY:
-      return fail("a group is in use; end the processes that have it open first");
-    default:
-      return fail(std::string("cannot unload the driver: ") + std::strerror(-result));
-  }
-}
-
-// ---- Groups
-
-int createIfg(Driver& driver, const Arguments& arguments) {
+int createIfg(Driver& driver, const std::string& name, std::uint32_t frames) {
   State& state = driver.state();
-  std::uint32_t frames = state.buffers;
-  if (arguments.size() == 3 && arguments[1] == "--frames") {
-    const auto wanted = number<std::uint32_t>(arguments[2]);
-    if (!wanted || *wanted == 0 || *wanted > kMaxFrames) {
-      return usage("create-ifg: --frames takes 1 to 1000000");
-    }
-    frames = *wanted;
-  } else if (arguments.size() != 1) {
-    return usage("create-ifg takes NAME [--frames N]");
-  }
-  const std::string_view name = arguments[0];
   int result = createGroup(driver, name);
   if (result == 0) {
-    result = createFrameData(driver, *findGroup(state, name), frames);
+    result = createFrameData(driver, *findGroup(state, name), frames == 0 ? state.buffers : frames);
     if (result != 0) {
       (void)removeGroup(driver, name);
     }
   }
-  switch (result) {
-    case 0:
-      return 0;
-    case -EEXIST:
-      return fail("the group " + quoted(name) +
-                  " exists already; 'zorvikctl remove-ifg' removes it");
-    case -EINVAL:
-    case -ENAMETOOLONG:
-      return fail(quoted(name) +
-                  " cannot name a group: 1 to 16 characters, no '/', no dot first, "
-                  "not ctl, net_data or " ZORVIK_IFG_NIL_NAME);
-    case -ENOSPC:
-      return fail("no room for another group (8 at most); remove one, or enlarge " ZORVIK_DEV_DIR);
-    default:
-      return fail("cannot create the group " + quoted(name) + ": " + std::strerror(-result));
+  constexpr char kNames[] =
+      "a name has 1 to 16 characters, no '/' and no dot at the start, and is not ctl, net_data "
+      "or " ZORVIK_IFG_NIL_NAME;
+  return statusOf(result, "cannot create the group '" + name + "'",
+                  {{EEXIST, "it exists already; 'zorvikctl remove-ifg' removes it"},
+                   {EINVAL, kNames},
+                   {ENAMETOOLONG, kNames},
+                   {ENOSPC, "there are 8 groups already, or " ZORVIK_DEV_DIR " is full"}});
+}
+
+// ---- status
+
+void printGroup(Driver& driver, const Group& group) {
+  std::printf("group %s  frames %u, %u free\n", group.name, group.frames(), group.freeCount);
+  const zorvik_ifg_config& config = group.settings().config;
+  for (std::uint32_t i = 0; i < config.num_ifs; ++i) {
+    char name[IF_NAMESIZE] = "(gone)";
+    (void)::if_indextoname(config.ifs[i].kern_if, name);
+    std::printf("  interface %u %s  index %u\n", i, name, config.ifs[i].kern_if);
+  }
+  for (const Queue& queue : group.queues) {
+    if (queue.life != Life::kLive) {
+      continue;
+    }
+    const auto memory = driver.queueMemory(group, queue);
+    std::printf("  queue %s  type %u  entries %u  queued %u  %s\n", queue.name, queue.type,
+                queue.slots, memory == nullptr ? 0 : Ring(memory->base(), queue.slots).used(),
+                isIdle(nodePath(group, queue.name)) ? "closed" : "open");
   }
 }
 
-int removeIfg(Driver& driver, const Arguments& arguments) {
-  if (arguments.size() != 1) {
-    return usage("remove-ifg takes NAME");
+int printStatus(Driver& driver) {
+  const State& state = driver.state();
+  for (std::uint32_t i = 0; i < state.classes; ++i) {
+    const FrameClass& each = state.frameClasses[i];
+    std::printf("buffers of %u bytes: %u, %u free\n", each.bufSize, each.count, each.freeCount);
   }
-  switch (const int result = removeGroup(driver, arguments[0]); result) {
-    case 0:
-      return 0;
-    case -ENOENT:
-      return fail("there is no group " + quoted(arguments[0]) + "; 'zorvikctl status' lists them");
-    case -EBUSY:
-      return fail("the group " + quoted(arguments[0]) +
-                  " is in use; end the processes that have it open first");
-    default:
-      return fail("cannot remove the group " + quoted(arguments[0]) + ": " +
-                  std::strerror(-result));
-  }
-}
-
-int statusCommand(Driver& driver, const Arguments& arguments) {
-  if (!arguments.empty()) {
-    return usage("status takes no arguments");
-  }
-  printStatus(stdout, driver);
-  return 0;
-}
-
-int reclaimCommand(Driver& driver, const Arguments& arguments) {
-  Group* group = arguments.size() == 1 ? findGroup(driver.state(), arguments[0]) : nullptr;
-  if (arguments.size() != 1) {
-    return usage("reclaim takes GROUP");
-  }
-  if (group == nullptr) {
-    return fail("there is no group " + quoted(arguments[0]) + "; 'zorvikctl status' lists them");
-  }
-  if (!isIdle(nodePath(*group, ZORVIK_IFG_FRM_DESC))) {
-    return fail("the group " + quoted(arguments[0]) +
-                " is in use; its frames come back when the last process closes it");
-  }
-  const int returned = group->records == 0 ? 0 : reclaimFrames(driver, *group);
-  if (returned < 0) {
-    return fail(std::string("cannot reclaim frames: ") + std::strerror(-returned));
-  }
-  std::printf("%d frames returned\n", returned);
-  return 0;
-}
-
-// ---- Queues and faults
-
-struct Target {
-  Group* group = nullptr;
-  Queue* queue = nullptr;
-};
-
-// The queue that arguments `at` and `at` + 1 name, or a message and nothing.
-std::optional<Target> target(Driver& driver, const Arguments& arguments, std::size_t at) {
-  Group* group = findGroup(driver.state(), arguments[at]);
-  Queue* queue = group == nullptr ? nullptr : findQueue(*group, arguments[at + 1]);
-  if (queue == nullptr) {
-    (void)fail("there is no queue " + quoted(arguments[at + 1]) + " in a group " +
-               quoted(arguments[at]) + "; 'zorvikctl status' lists them");
-    return std::nullopt;
-  }
-  return Target{group, queue};
-}
-
-int repairCommand(Driver& driver, const Arguments& arguments) {
-  if (arguments.size() != 2) {
-    return usage("repair takes GROUP QUEUE");
-  }
-  const auto found = target(driver, arguments, 0);
-  if (!found) {
-    return kFailed;
-  }
-  const bool idle = isIdle(nodePath(*found->group, found->queue->name));
-  const int slots = idle ? repairQueue(driver, *found->group, *found->queue)
-                         : unstickQueue(driver, *found->group, *found->queue);
-  if (slots < 0) {
-    return fail(std::string("cannot repair the queue: ") + std::strerror(-slots));
-  }
-  std::printf("%d slots put right\n", slots);
-  return 0;
-}
-
-int queueFault(Driver& driver, const Arguments& arguments) {
-  const bool put = arguments[0] == "put";
-  if (arguments.size() != (put ? 4u : 3u)) {
-    return usage("fault " + std::string(arguments[0]) + " takes GROUP QUEUE" +
-                 (put ? " ENTRY" : ""));
-  }
-  const auto entry = put ? number<std::uint64_t>(arguments[3]) : std::optional<std::uint64_t>(0);
-  if (!entry) {
-    return usage(quoted(arguments[3]) + " is not a number");
-  }
-  const auto found = target(driver, arguments, 1);
-  if (!found) {
-    return kFailed;
-  }
-  const int result = arguments[0] == "dead-reader"
-                         ? dieReading(driver, *found->group, *found->queue)
-                         : putEntry(driver, *found->group, *found->queue, *entry);
-  switch (result) {
-    case 0:
-      return 0;
-    case -ENOSPC:
-      return fail("the queue is full; read something from it first");
-    case -ENODATA:
-      return fail("the queue is empty; write something to it first");
-    default:
-      return fail(std::string("cannot reach the queue: ") + std::strerror(-result));
-  }
-}
-
-int faultCommand(Driver& driver, const Arguments& arguments) {
-  if (arguments.empty()) {
-    return usage("fault what?");
-  }
-  Faults& faults = driver.state().faults;
-  const std::string_view kind = arguments[0];
-  if (kind == "clear" && arguments.size() == 1) {
-    faults = Faults{};
-    return 0;
-  }
-  if (kind == "put" || kind == "dead-writer" || kind == "dead-reader") {
-    return queueFault(driver, arguments);
-  }
-  std::uint32_t* setting = kind == "slow-wake"    ? &faults.slowWakeMs
-                           : kind == "drop-wakes" ? &faults.dropWakes
-                           : kind == "eintr"      ? &faults.eintrIn
-                                                  : nullptr;
-  if (setting == nullptr) {
-    return usage("there is no fault " + quoted(kind));
-  }
-  const auto value =
-      arguments.size() == 2 ? number<std::uint32_t>(arguments[1]) : std::optional<std::uint32_t>();
-  if (!value) {
-    return usage("fault " + std::string(kind) + " takes a number");
-  }
-  *setting = *value;
-  return 0;
-}
-
-// ---- Dispatch
-
-struct Command {
-  std::string_view name;
-  int (*run)(Driver&, const Arguments&);
-};
-
-constexpr Command kCommands[] = {
-    {"create-ifg", createIfg}, {"remove-ifg", removeIfg},   {"status", statusCommand},
-    {"repair", repairCommand}, {"reclaim", reclaimCommand}, {"fault", faultCommand},
-};
-
-int run(const Arguments& all) {
-  if (all.empty()) {
-    return usage("which command?");
-  }
-  if (all[0] == "--help" || all[0] == "-h") {
-    std::fputs(kHelp, stdout);
-    return 0;
-  }
-  const Arguments arguments(all.begin() + 1, all.end());
-  if (all[0] == "load") {
-    return loadCommand(arguments);
-  }
-  if (all[0] == "unload") {
-    return unloadCommand(arguments);
-  }
-  for (const auto& [name, command] : kCommands) {
-    if (name == all[0]) {
-      Driver* driver = Driver::get();
-      if (driver == nullptr) {
-        return fail("the driver is not loaded; 'zorvikctl load' loads it");
-      }
-      const Lock lock(driver->state());
-      return command(*driver, arguments);
+  for (const Group& group : state.groups) {
+    if (group.life == Life::kLive) {
+      printGroup(driver, group);
     }
   }
-  return usage("there is no command " + quoted(all[0]));
+  return 0;
 }
+
+// ---- fault
+
+struct QueueName {
+  std::string group;
+  std::string queue;
+  std::uint64_t entry = 0;
+};
+
+int queueFault(Driver& driver, const QueueName& name, QueueFault fault) {
+  Group* group = findGroup(driver.state(), name.group);
+  const Queue* queue = group == nullptr ? nullptr : findQueue(*group, name.queue);
+  if (queue == nullptr) {
+    return fail("there is no queue '" + name.queue + "' in a group '" + name.group +
+                "'; 'zorvikctl status' lists them");
+  }
+  return statusOf(injectFault(driver, *group, *queue, fault, name.entry), "cannot inject the fault",
+                  {{ENOSPC, "the queue is full"}, {ENODATA, "the queue is empty"}});
+}
+
+// ---- The command line
+
+class CommandLine {
+ public:
+  CommandLine() {
+    app_.require_subcommand(1);
+    app_.footer(
+        "Numbers may be hexadecimal (0x...). Exit status: 0 done, 1 failed, 2 wrong usage.");
+    addLoad();
+    addGroups();
+    addFaults();
+  }
+
+  int run(int argc, const char* const* argv) {
+    try {
+      app_.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      return app_.exit(error) == 0 ? 0 : kUsage;
+    }
+    return action_();
+  }
+
+ private:
+  // A command that calls `action` with the driver.
+  CLI::App& add(CLI::App& parent, const char* name, const char* help,
+                std::function<int(Driver&)> action) {
+    CLI::App* command = parent.add_subcommand(name, help);
+    command->callback(
+        [this, action = std::move(action)] { action_ = [action] { return withDriver(action); }; });
+    return *command;
+  }
+
+  void addLoad() {
+    CLI::App* loading = app_.add_subcommand("load", "load the driver");
+    loading
+        ->add_option(
+            "--frames", frames_,
+            "the buffers of the frame pool: up to four rising sizes, multiples of 64 up to "
+            "65536 (default 2048x8192,16384x512,65536x256)")
+        ->delimiter(',')
+        ->type_name("SIZExCOUNT,...")
+        ->check([](const std::string& text) {
+          ClassSize ignored;
+          return parseClass(text, ignored);
+        });
+    loading->callback([this] { action_ = [this] { return loadCommand(frames_); }; });
+    app_.add_subcommand("unload", "remove every group and unload the driver")->callback([this] {
+      action_ = [] {
+        return statusOf(unload(), "cannot unload the driver",
+                        {{ENODEV, "it is not loaded"}, kInUse});
+      };
+    });
+  }
+
+  void addGroups() {
+    CLI::App& create =
+        add(app_, "create-ifg", "create an interface group and its frame data",
+            [this](Driver& driver) { return createIfg(driver, group_, frameCount_); });
+    create.add_option("NAME", group_, "name of the group")->required();
+    create.add_option("--frames", frameCount_, "number of frames (default: one for each buffer)")
+        ->check(CLI::Range(1u, kMaxFrames));
+    add(app_, "remove-ifg", "remove an interface group and its queues",
+        [this](Driver& driver) {
+          return statusOf(
+              removeGroup(driver, group_), "cannot remove the group '" + group_ + "'",
+              {{ENOENT, "there is no such group; 'zorvikctl status' lists them"}, kInUse});
+        })
+        .add_option("NAME", group_, "name of the group")
+        ->required();
+    add(app_, "status", "show the pool, the groups, their interfaces and queues", printStatus);
+  }
+
+  void addFaults() {
+    CLI::App& faults = *app_.add_subcommand("fault", "inject a fault into the driver or a queue");
+    faults.require_subcommand(1);
+    const auto addNumber = [&](const char* name, const char* help, std::uint32_t Faults::*fault) {
+      add(faults, name, help,
+          [this, fault](Driver& driver) {
+            driver.state().faults.*fault = number_;
+            return 0;
+          })
+          .add_option("N", number_)
+          ->required();
+    };
+    addNumber("slow-wake", "each wake request takes N milliseconds", &Faults::slowWakeMs);
+    addNumber("drop-wakes", "the next N wake requests do nothing", &Faults::dropWakes);
+    addNumber("eintr", "the N-th wait request from now fails with EINTR", &Faults::eintrIn);
+    add(faults, "clear", "end slow-wake, drop-wakes and eintr", [](Driver& driver) {
+      driver.state().faults = Faults{};
+      return 0;
+    });
+    const auto addQueueFault = [&](const char* name, const char* help, QueueFault fault) {
+      CLI::App& command = add(faults, name, help, [this, fault](Driver& driver) {
+        return queueFault(driver, queue_, fault);
+      });
+      command.add_option("GROUP", queue_.group)->required();
+      command.add_option("QUEUE", queue_.queue)->required();
+      return &command;
+    };
+    addQueueFault("put", "put the number ENTRY on the queue, whatever it means", QueueFault::kEntry)
+        ->add_option("ENTRY", queue_.entry)
+        ->required();
+    addQueueFault("dead-writer", "leave a slot that a producer claimed and never filled",
+                  QueueFault::kDeadWriter);
+    addQueueFault("dead-reader", "leave a slot that a consumer claimed and never emptied",
+                  QueueFault::kDeadReader);
+  }
+
+  CLI::App app_{"Controls the stand-in for the zorvik driver.", "zorvikctl"};
+  std::function<int()> action_;
+  std::vector<std::string> frames_;
+  std::string group_;
+  std::uint32_t frameCount_ = 0;
+  std::uint32_t number_ = 0;
+  QueueName queue_;
+};
 
 }  // namespace
 }  // namespace tarnik::zorvik
 
 int main(int argc, char** argv) {
-  return tarnik::zorvik::run(tarnik::zorvik::Arguments(argv + 1, argv + argc));
+  return tarnik::zorvik::CommandLine().run(argc, argv);
 }

@@ -124,7 +124,7 @@ HiddenFile::~HiddenFile() {
 void DriverTest::SetUp() {
   constexpr zorvik::ClassSize kClasses[] = {{2048, 128}, {65536, 8}};
   ASSERT_EQ(zorvik::load(kClasses), 0);
-  zorvik::Driver* const driver = zorvik::Driver::get(true);
+  zorvik::Driver* const driver = zorvik::Driver::latest();
   ASSERT_NE(driver, nullptr);
   {
     const zorvik::Lock lock(driver->state());

@@ -1,28 +1,33 @@
-// What the tests of the driver share: a small driver, its nodes, and requests on them.
+// What the driver's tests share: a small driver, its nodes, and requests on them.
 #pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "base/testing/process.h"
 #include "platform/zorvik/driver.h"
-#include "platform/zorvik/os.h"
+#include "platform/zorvik/groups.h"
 #include "platform/zorvik/requests.h"
 #include "platform/zorvik/setup.h"
 #include "zorlib/zorvik_layout.h"
 
 namespace tarnik::zorvik {
 
-// A request as an application sees it, with -errno in the place of -1. What the driver does not
-// answer is refused by the kernel.
+using test::Process;
+
+// A request as an application makes it; -errno when it fails, also where the kernel refuses it.
 inline int call(int fd, unsigned long request, void* argument) {
   return serve(fd, request, argument).value_or(-ENOTTY);
 }
@@ -34,6 +39,10 @@ inline Fd node(const std::string& path) {
   return Fd::open(ZORVIK_DEV_DIR "/" + path);
 }
 
+inline bool exists(const std::string& path) {
+  return ::access((ZORVIK_DEV_DIR "/" + path).c_str(), F_OK) == 0;
+}
+
 inline int ifgRequest(unsigned long request, const std::string& name) {
   zorvik_ifg_create argument{};
   std::memcpy(argument.name, name.data(), std::min(name.size(), sizeof(argument.name)));
@@ -43,6 +52,10 @@ inline int ifgRequest(unsigned long request, const std::string& name) {
 inline int createIfg(const std::string& name, std::uint32_t frames) {
   const int result = ifgRequest(ZORVIK_IFG_CREATE, name);
   return result != 0 ? result : call(node(name + "/ctl"), ZORVIK_FRM_DATA_CREATE, &frames);
+}
+
+inline int removeIfg(const std::string& name) {
+  return ifgRequest(ZORVIK_IFG_REMOVE, name);
 }
 
 inline int createQ(const Fd& ifg, const std::string& name, std::uint32_t size,
@@ -59,7 +72,7 @@ inline int removeQ(const Fd& ifg, int id) {
   return call(ifg, ZORVIK_Q_REMOVE, &argument);
 }
 
-// Takes frames; empty when refused, with the reason in `error`.
+// Allocates frames. Empty when the request fails, with the result in `error`.
 inline std::vector<std::uint32_t> alloc(const Fd& desc, std::uint32_t size, std::uint32_t count,
                                         int* error = nullptr) {
   zorvik_frm_alloc argument{};
@@ -73,18 +86,53 @@ inline std::vector<std::uint32_t> alloc(const Fd& desc, std::uint32_t size, std:
                      : std::vector(argument.frame_ids, argument.frame_ids + argument.count);
 }
 
+// The error of an allocation that must fail.
+inline int allocError(const Fd& desc, std::uint32_t size, std::uint32_t count = 1) {
+  int error = 0;
+  EXPECT_THAT(alloc(desc, size, count, &error), ::testing::IsEmpty());
+  return error;
+}
+
 inline int freeId(const Fd& desc, std::uint32_t id) {
   zorvik_frm_free argument{};
   argument.frame_id = id;
   return call(desc, ZORVIK_FRM_FREE, &argument);
 }
 
-// A description of `count` interfaces, of those from `first` on. In a test program the machine has
-// the interfaces 101 to 164 and no others.
+// The request by which an application opens a group's descriptors.
+inline int descSize(const Fd& desc, zorvik_frm_desc_size&& size = {}) {
+  const int result = call(desc, ZORVIK_FRM_DESC_SIZE, &size);
+  return result != 0 ? result : static_cast<int>(size.size);
+}
+
+inline zorvik_ifg_stats statistics(const Fd& ifg) {
+  zorvik_ifg_stats stats{};
+  EXPECT_EQ(call(ifg, ZORVIK_IFG_STATS, &stats), 0);
+  return stats;
+}
+
+// The names in an enumeration.
+template <typename List>
+std::vector<std::string> names(const List& list) {
+  std::vector<std::string> result;
+  for (std::uint32_t i = 0; i < std::min(list.count, ZORVIK_ENUM_MAX); ++i) {
+    result.emplace_back(list.records[i].name, ::strnlen(list.records[i].name, ZORVIK_NAME_MAX));
+  }
+  return result;
+}
+template <typename List>
+List enumerate(const Fd& fd, unsigned long request, std::uint32_t capacity = ZORVIK_ENUM_MAX) {
+  List list{};
+  list.count = capacity;
+  EXPECT_EQ(call(fd, request, &list), 0);
+  return list;
+}
+
+// A group of `count` interfaces with the indexes from `first` on.
 inline zorvik_ifg_config description(std::uint32_t count, std::uint32_t first = 101) {
   zorvik_ifg_config config{};
   config.num_ifs = count;
-  for (std::uint32_t i = 0; i < count; ++i) {
+  for (std::uint32_t i = 0; i < std::min(count, ZORVIK_IF_MAX); ++i) {
     config.ifs[i] = {.kern_if = first + i,
                      .mate = i ^ 1u,
                      .mode = ZORVIK_IF_PASSIVE,
@@ -95,29 +143,6 @@ inline zorvik_ifg_config description(std::uint32_t count, std::uint32_t first = 
                      .reserved = 0};
   }
   return config;
-}
-
-// The group's interfaces and, in `cookie`, the request's result.
-inline std::vector<zorvik_if_record> interfaces(const Fd& ifg, int* cookie = nullptr,
-                                                std::uint32_t capacity = ZORVIK_IF_MAX) {
-  std::vector<zorvik_if_record> records(ZORVIK_IF_MAX);
-  zorvik_ifg_query query{};
-  query.flags = reinterpret_cast<std::uintptr_t>(records.data());
-  query.count = capacity;
-  const int result = call(ifg, ZORVIK_IFG_QUERY, &query);
-  EXPECT_GE(result, 0);
-  if (cookie != nullptr) {
-    *cookie = result;
-  }
-  EXPECT_LE(query.count, std::min(capacity, ZORVIK_IF_MAX));
-  records.resize(std::min(query.count, ZORVIK_IF_MAX));
-  return records;
-}
-
-inline zorvik_ifg_stats statistics(const Fd& ifg) {
-  zorvik_ifg_stats stats{};
-  EXPECT_EQ(call(ifg, ZORVIK_IFG_STATS, &stats), 0);
-  return stats;
 }
 
 // A queue as an application opens it.
@@ -146,47 +171,37 @@ struct OpenQueue {
   [[nodiscard]] int waitToRead(std::uint32_t ms) const {
     return wait(qmem().cresq.kresq_handle, ms);
   }
+  [[nodiscard]] int wakeReader() const { return wake(qmem().cresq.kresq_handle); }
 };
 
-// A child process that runs `body`, to end by itself or to be killed. Its exit status is `body`'s
-// result; a failed expectation inside it makes it 99.
-class Child {
- public:
-  template <typename Body>
-  explicit Child(Body body) : pid_(::fork()) {
-    if (pid_ == 0) {
-      const int status = body();
-      ::_exit(::testing::Test::HasFailure() ? 99 : status);
-    }
-  }
-  ~Child() { kill(); }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
+inline std::atomic_ref<std::uint32_t> word(std::uint32_t& at) {
+  return std::atomic_ref(at);
+}
 
-  [[nodiscard]] pid_t pid() const { return pid_; }
-  // Its exit status, or -1 when a signal ended it.
-  int join() {
-    int status = 0;
-    if (pid_ > 0) {
-      ::waitpid(std::exchange(pid_, -1), &status, 0);
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+// An event that a child process reports to its parent.
+class Signal {
+ public:
+  Signal() { EXPECT_EQ(::pipe(ends_), 0); }
+  ~Signal() {
+    ::close(ends_[0]);
+    ::close(ends_[1]);
   }
-  void kill() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      (void)join();
-    }
+  Signal(const Signal&) = delete;
+  Signal& operator=(const Signal&) = delete;
+  void send() const { EXPECT_EQ(::write(ends_[1], "x", 1), 1); }
+  void await() const {
+    char byte = 0;
+    EXPECT_EQ(::read(ends_[0], &byte, 1), 1);
   }
 
  private:
-  pid_t pid_;
+  int ends_[2] = {-1, -1};
 };
 
-// Whether pool, tables and nodes are consistent; what is wrong, a line each.
+// Checks that pool, tables and nodes are consistent. Returns one line for each fault.
 std::string inconsistencies();
 
-// Removes every queue, and every group but `name`.
+// Removes every queue and every group except `name`.
 void removeAllBut(const std::string& name);
 
 // A driver with 8 + 4 + 2 buffers and the group "brund" with 12 frames.
