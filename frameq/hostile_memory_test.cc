@@ -1,20 +1,16 @@
-// A process that maps a queue may write into all of it, at any time. Nothing that it writes leads
-// a reader or writer outside the mappings, and nothing keeps a queue from being closed.
+// A process that maps a queue can write anywhere in it, at any time. Reads and writes must stay
+// inside the mappings, and the queue must close.
 #include <sys/prctl.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <random>
 #include <thread>
 
-#include "frameq/tarnik_if.h"
-#include "frameq/tarnik_if_state.h"
-#include "zorlib/internal.h"
-#include "zorlib/testing/driver.h"
-#include "zorlib/testing/processes.h"
+#include "base/testing/process.h"
+#include "frameq/testing/tarnik_q.h"
+#include "zorlib/testing/seed.h"
 
 namespace tarnik::test {
 namespace {
@@ -22,21 +18,21 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-// Writes random and chosen values over the queue's words, descriptors and payload, until it is
-// killed.
-class Vandal {
+// Writes random and chosen values over the queue's words, the descriptors and the payload, until it
+// is killed.
+class Attacker {
  public:
-  Vandal(const zorlib_q& q, unsigned seed)
+  Attacker(const zorlib_q& q, unsigned seed)
       : q_(q), payload_(q.payloadSize), frames_(q.frmDescSize / sizeof *q.frmDesc), random_(seed) {}
 
-  [[noreturn]] void rage() {
+  [[noreturn]] void run() {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     auto* const queue = static_cast<volatile std::uint32_t*>(q_.qmem.base());
     auto* const payload = const_cast<volatile std::uint8_t*>(q_.payload);
     for (;;) {
       queue[draw(q_.memSize / 4)] = value();
-      scribbleCounters();
-      scribbleDescriptor();
+      overwriteRing();
+      overwriteDescriptor();
       payload[draw(payload_)] = static_cast<std::uint8_t>(random_());
     }
   }
@@ -51,8 +47,8 @@ class Vandal {
     return draw(2) == 0 ? chosen[draw(std::size(chosen))] : static_cast<std::uint32_t>(random_());
   }
 
-  // What sends readers and writers into the ring, most of the time to what could be a frame.
-  void scribbleCounters() {
+  // Changes what readers and writers depend on. Most entries name a frame that could be valid.
+  void overwriteRing() {
     volatile zorvik_qmem& memory = q_.memory();
     const std::uint32_t frame = draw(frames_);
     const std::uint32_t id = frame | std::uint32_t{q_.frmDesc[frame].generation} << 24;
@@ -67,12 +63,12 @@ class Vandal {
         memory.dequeue = draw(2) == 0 ? value() : draw(q_.mask + 1);
         break;
       default:
-        // A shutdown would have everybody stand still: it is mostly taken back.
+        // Shutdowns are rare, because they stop all reads and writes.
         (draw(2) == 0 ? memory.presq : memory.cresq).flags = draw(2) | (draw(64) == 0 ? 4 : 0);
     }
   }
 
-  void scribbleDescriptor() {
+  void overwriteDescriptor() {
     zorvik_frm_desc* const frame = q_.frmDesc + draw(frames_);
     volatile zorvik_frm_desc& shared = *frame;
     switch (draw(6)) {
@@ -102,41 +98,36 @@ class Vandal {
   std::mt19937 random_;
 };
 
-// What came of reads or writes.
 struct Outcomes {
   std::atomic<int> done{0};
   std::atomic<int> invalid{0};
   std::atomic<std::uint64_t> touched{0};  // bytes
 };
 
-class VandalTest : public DriverTest {
+class HostileMemoryTest : public TarnikIfTest {
  protected:
   void SetUp() override {
     DriverTest::SetUp();
-    ASSERT_EQ(TarnikIfgOpen(), 0);
+    ASSERT_EQ(TarnikIfgOpen(), kQOk);
     ifg_ = capture_if::ifg;
-  }
-  void TearDown() override {
-    TarnikIfgClose();
-    DriverTest::TearDown();
   }
 
   static TarnikQ* open(int mode, std::int32_t ms) {
     TarnikQ* const q = TarnikIfCreate();
-    EXPECT_EQ(q->Open(mode), 0);
+    EXPECT_EQ(q->Open(mode), kQOk);
     q->SetTimeout(ms);
     return q;
   }
 
-  // Reads until the queue is being closed, as the daemon does: each frame's bytes are touched and
-  // it is freed. `q` is another handle of the group's.
+  // Reads, touches and frees frames like the daemon, until the queue is closed. `q` is another
+  // handle of the group.
   void readAll(TarnikQ* reader, const zorlib_q& q) {
     zorvik_frm_desc* frame = nullptr;
     std::uint8_t* data = nullptr;
     std::uint64_t tag = 0;
     std::uint32_t flags = 0;
     for (;;) {
-      if (reader->ReadPkt(&frame, &data, &tag, &flags) == 0) {
+      if (reader->ReadPkt(&frame, &data, &tag, &flags) == kQOk) {
         ++read_.done;
         ASSERT_GT(frame, q.frmDesc);
         ASSERT_LE(reinterpret_cast<std::uint8_t*>(frame + 1),
@@ -154,12 +145,12 @@ class VandalTest : public DriverTest {
         ASSERT_TRUE(errno == EAGAIN || errno == ESHUTDOWN) << errno;
       }
       if (frame != nullptr) {
-        static_cast<void>(reader->Free(frame));  // whatever the driver says to its descriptor now
+        static_cast<void>(reader->Free(frame));  // fails when the descriptor has changed
       }
       clearLog();
     }
   }
-  // The last byte, and one of each 512 before it.
+  // Reads one byte in 512, and the last.
   void touch(const std::uint8_t* data, std::uint32_t length) {
     const volatile std::uint8_t* const bytes = data;
     for (std::uint32_t i = 0; i < length; i += 512) {
@@ -175,7 +166,7 @@ class VandalTest : public DriverTest {
     const std::uint32_t frames = q.frmDescSize / sizeof *q.frmDesc;
     for (std::uint32_t i = 0;; ++i) {
       const int result = writer->Write(q.frmDesc + i % frames);
-      if (result == 0) {
+      if (result == kQOk) {
         ++written_.done;
       } else if (errno == ESHUTDOWN && closing_) {
         return;
@@ -186,15 +177,15 @@ class VandalTest : public DriverTest {
     }
   }
 
-  // Reads and writes for a while with this time limit, then closes both, under the vandal's hands
-  // from the first to the last moment.
+  // Reads and writes for a while with this timeout, then closes both. The attacker runs all the
+  // time.
   void round(std::uint32_t type, std::int32_t ms, unsigned seed) {
     createQueue(ifg_, type, 16);
     zorlib_q* const q = openQueue(ifg_, ZORLIB_READ);
     TarnikQ* const reader = open(TarnikQ::kIngress, ms);
     TarnikQ* const writer = open(TarnikQ::kEgress, ms);
     closing_ = false;
-    const pid_t vandal = process([&]() -> int { Vandal(*q, seed).rage(); });
+    Process attacker([&]() -> int { Attacker(*q, seed).run(); });
     std::thread reading([&] { readAll(reader, *q); });
     std::thread writing([&] { writeAll(writer, *q); });
     const int before[] = {read_.done, read_.invalid, written_.done};
@@ -205,16 +196,16 @@ class VandalTest : public DriverTest {
                                written_.done == before[2]))) {
       std::this_thread::sleep_for(1ms);
     }
-    EXPECT_FALSE(passed(20s)) << "nothing came through";
+    EXPECT_FALSE(passed(20s)) << "no frame was read or written";
     const auto start = Clock::now();
     closing_ = true;
-    EXPECT_EQ(reader->Close(), 0);
-    EXPECT_EQ(writer->Close(), 0);
+    EXPECT_EQ(reader->Close(), kQOk);
+    EXPECT_EQ(writer->Close(), kQOk);
     EXPECT_LT(Clock::now() - start, 10s);
     reading.join();
     writing.join();
-    EXPECT_EQ(::kill(vandal, SIGKILL), 0);
-    EXPECT_EQ(statusOf(vandal), 128 + SIGKILL) << "it was there all the time";
+    attacker.signal(SIGKILL);
+    EXPECT_EQ(attacker.wait(), killedBy(SIGKILL)) << "it ran to the end";
     TarnikIfDestroy(reader);
     TarnikIfDestroy(writer);
     EXPECT_EQ(zorlib_q_close(q), 0);
@@ -227,7 +218,7 @@ class VandalTest : public DriverTest {
   Outcomes written_;
 };
 
-TEST_F(VandalTest, NothingThatItWritesLeadsAstrayOrKeepsAQueueOpen) {
+TEST_F(HostileMemoryTest, ReadsAndWritesStayInsideTheMappingsAndEnd) {
   unsigned seed = chosenSeed();
   for (const std::uint32_t type : {ZORVIK_Q_INGRESS, ZORVIK_Q_SHARED, ZORVIK_Q_APP}) {
     for (const std::int32_t ms : {0, 2001, -1}) {

@@ -1,4 +1,3 @@
-// The process's hold on the interface group, and the queue for its owner.
 #include "frameq/tarnik_if.h"
 
 #include <cerrno>
@@ -26,7 +25,7 @@ int leave(const char* operation, int result) noexcept {
   return result;
 }
 
-// Opens the group into `ifg`; the mutex is held.
+// Opens the group into `ifg`. The caller holds the mutex.
 int openGroup(const char* operation) noexcept {
   zorlib_ifg* opened = nullptr;
   if (zorlib_ifg_open(kIfgName, &opened) != 0) {
@@ -37,7 +36,7 @@ int openGroup(const char* operation) noexcept {
   return kQOk;
 }
 
-// `size`, or the default when it is outside the bounds.
+// Returns `size`, or the default when `size` is out of bounds.
 std::size_t checkedSize(const char* operation, std::size_t size) noexcept {
   constexpr std::size_t kSmallest = 51;
   constexpr std::size_t kLargest = 99999;
@@ -50,7 +49,7 @@ std::size_t checkedSize(const char* operation, std::size_t size) noexcept {
   return size;
 }
 
-// Creates the queue; one that is there already will do. The mutex is held.
+// Creates the queue, unless it exists already. The caller holds the mutex.
 int createQueue(const char* operation, std::size_t size) noexcept {
   if (zorlib_ifg_create_q_app(ifg, kQueueName, ZORVIK_Q_APP, static_cast<std::uint32_t>(size)) !=
           0 &&
@@ -61,8 +60,8 @@ int createQueue(const char* operation, std::size_t size) noexcept {
   return kQOk;
 }
 
-// Removes the queue; one that is open somewhere is left in place without a word. The mutex is
-// held.
+// Removes the queue. One that is open somewhere stays, and this is not logged as an error. The
+// caller holds the mutex.
 int removeQueue(const char* operation) noexcept {
   if (zorlib_ifg_remove_q_app(ifg, kQueueName) != 0) {
     if (errno != EBUSY) {
@@ -127,7 +126,7 @@ int TarnikIfQInit(std::size_t size) {
   TARNIK_DEBUG(0, "Debug: %s: entry (%zd", "TarnikIfQInit", size);
   const std::size_t entries = checkedSize("TarnikIfQInit", size);
   const std::lock_guard guard(mutex);
-  // A handle that is held already is not closed: it may be the caller's own (TarnikIfQInit2).
+  // A previous handle is overwritten and not closed: it may belong to the caller (TarnikIfQInit2).
   int result = openGroup("TarnikIfQInit");
   if (result == kQOk) {
     result = createQueue("TarnikIfQInit", entries);

@@ -1,279 +1,231 @@
-// The process's hold on the group, and the queue for its owner.
 #include "frameq/tarnik_if.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <string>
+#include <functional>
+#include <optional>
 
-#include "base/log.h"
-#include "frameq/tarnik_if_state.h"
-#include "zorlib/internal.h"
-#include "zorlib/testing/driver.h"
+#include "base/testing/process.h"
+#include "frameq/testing/tarnik_q.h"
 
 namespace tarnik::test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+constexpr char kControlNode[] = "/dev/zorvik/brund/ctl";
 
-class InterfaceTest : public DriverTest {
- protected:
-  void TearDown() override {
-    answerNothing();
-    setDebugLevel(0);
-    TarnikIfgClose();
-    DriverTest::TearDown();
-  }
-  // The number of entries that a creation asks for.
-  void keepSize() {
-    answer(ZORVIK_Q_CREATE, [this](int, void* argument) -> std::optional<int> {
-      const auto& request = *static_cast<zorvik_q_create*>(argument);
-      size_ = request.size;
-      type_ = request.type;
-      EXPECT_STREQ(request.name, "TarnikQ");
-      return std::nullopt;
-    });
-  }
-  std::uint32_t size_ = 0;
-  std::uint32_t type_ = 0;
-};
+TEST(QResult, HasTheDocumentedValues) {
+  EXPECT_EQ(kQOk, 0);
+  EXPECT_EQ(kQFailed, -1);
+  EXPECT_EQ(kQNotOpen, -2);
+  EXPECT_EQ(kQNoGroup, -3);
+  EXPECT_EQ(kQWrongMode, -4);
+  EXPECT_EQ(kQTimeout, -5);
+}
 
-TEST_F(InterfaceTest, OpensTheGroupOnceAProcess) {
-  EXPECT_EQ(TarnikIfgOpen(), 0);
+TEST_F(TarnikIfTest, OpensTheGroupOnce) {
+  EXPECT_EQ(TarnikIfgOpen(), kQOk);
   zorlib_ifg* const first = capture_if::ifg;
   ASSERT_NE(first, nullptr);
   EXPECT_STREQ(first->name.data(), "brund");
-  EXPECT_EQ(TarnikIfgOpen(), 0);
+  EXPECT_EQ(TarnikIfgOpen(), kQOk);
   EXPECT_EQ(capture_if::ifg, first);
   EXPECT_EQ(first->refs, 1u);
-  EXPECT_THAT(logLines(), IsEmpty());
+  expectLog({});
   TarnikIfgClose();
   EXPECT_EQ(capture_if::ifg, nullptr);
   TarnikIfgClose();
-  EXPECT_EQ(TarnikIfgOpen(), 0);
+  EXPECT_EQ(TarnikIfgOpen(), kQOk);
 }
 
-TEST_F(InterfaceTest, TellsItsStepsInTheDebugLog) {
+TEST_F(TarnikIfTest, LogsEachCallAtDebugLevelOne) {
   setDebugLevel(1);
-  EXPECT_EQ(TarnikIfgOpen(), 0);
-  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: TarnikIfgOpen: entry"),
-                                      debug("Debug: TarnikIfgOpen: brund"),
-                                      debug("Debug: TarnikIfgOpen: exit (0)")));
-  clearLog();
+  EXPECT_EQ(TarnikIfgOpen(), kQOk);
+  expectLog({"Debug: TarnikIfgOpen: entry", "Debug: TarnikIfgOpen: brund",
+             "Debug: TarnikIfgOpen: exit (0)"});
+  EXPECT_EQ(TarnikIfgOpen(), kQOk);
+  expectLog({"Debug: TarnikIfgOpen: entry", "Debug: TarnikIfgOpen: brund",
+             "Debug: TarnikIfgOpen: exit (0)"});
   TarnikQ* const q = TarnikIfCreate();
-  EXPECT_THAT(logLines(),
-              ElementsAre(debug("Debug: TarnikIfCreate: entry"),
-                          debug(text("Debug: TarnikIfCreate: exit (%p)", static_cast<void*>(q)))));
-  clearLog();
+  const std::string address = text("(%p)", static_cast<void*>(q));
+  expectLog({"Debug: TarnikIfCreate: entry", "Debug: TarnikIfCreate: exit " + address});
   TarnikIfDestroy(q);
-  EXPECT_THAT(
-      logLines(),
-      ElementsAre(debug(text("Debug: TarnikIfDestroy: entry (%p)", static_cast<void*>(q)))));
-  clearLog();
+  expectLog({"Debug: TarnikIfDestroy: entry " + address});
   TarnikIfDestroy(nullptr);
-  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: TarnikIfDestroy: entry ((nil))")));
-  clearLog();
-  EXPECT_EQ(TarnikIfQInit2(capture_if::ifg, 51), 0);
-  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: TarnikIfQInit2: entry (51"),
-                                      debug("Debug: TarnikIfQInit2: exit (0)")));
-  clearLog();
-  EXPECT_EQ(TarnikIfQFini2(), 0);
-  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: TarnikIfQFini2: entry"),
-                                      debug("Debug: TarnikIfQFini2: exit (0)")));
-  clearLog();
+  expectLog({"Debug: TarnikIfDestroy: entry ((nil))"});
+  EXPECT_EQ(TarnikIfQInit2(capture_if::ifg, 51), kQOk);
+  expectLog({"Debug: TarnikIfQInit2: entry (51", "Debug: TarnikIfQInit2: exit (0)"});
+  EXPECT_EQ(TarnikIfQFini2(), kQOk);
+  expectLog({"Debug: TarnikIfQFini2: entry", "Debug: TarnikIfQFini2: exit (0)"});
   TarnikIfgClose();
-  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: TarnikIfgClose: entry"),
-                                      debug("Debug: TarnikIfgClose: brund")));
-  clearLog();
-  EXPECT_EQ(TarnikIfQInit(99999), 0);
-  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: TarnikIfQInit: entry (99999"),
-                                      debug("Debug: TarnikIfQInit: exit (0)")));
-  clearLog();
-  EXPECT_EQ(TarnikIfQFini(), 0);
-  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: TarnikIfQFini: entry"),
-                                      debug("Debug: TarnikIfQFini: exit (0)")));
+  expectLog({"Debug: TarnikIfgClose: entry", "Debug: TarnikIfgClose: brund"});
+  EXPECT_EQ(TarnikIfQInit(99999), kQOk);
+  expectLog({"Debug: TarnikIfQInit: entry (99999", "Debug: TarnikIfQInit: exit (0)"});
+  EXPECT_EQ(TarnikIfQFini(), kQOk);
+  expectLog({"Debug: TarnikIfQFini: entry", "Debug: TarnikIfQFini: exit (0)"});
 }
 
-TEST_F(InterfaceTest, TellsItsFailuresInTheDebugLogToo) {
+TEST_F(TarnikIfTest, LogsTheResultOfAFailedCall) {
   setDebugLevel(1);
+  const auto last = [] { return logLines().back().text; };
   EXPECT_EQ(TarnikIfCreate(), nullptr);
-  EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfCreate: exit ((nil))"));
-  refuse(ZORVIK_Q_CREATE, EEXIST);
+  EXPECT_EQ(last(), "Debug: TarnikIfCreate: exit ((nil))");
   clearLog();
-  EXPECT_EQ(TarnikIfQInit(50), 0);
-  EXPECT_EQ(logLines().front(), debug("Debug: TarnikIfQInit: entry (50")) << "as it was given";
-  EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfQInit: exit (0)"));
   refuse(ZORVIK_Q_CREATE, EIO);
-  EXPECT_EQ(TarnikIfQInit2(capture_if::ifg, 51), -1);
-  EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfQInit2: exit (-1)"));
-  clearLog();
-  EXPECT_EQ(TarnikIfgOpen(), 0);
-  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: TarnikIfgOpen: entry"),
-                                      debug("Debug: TarnikIfgOpen: brund"),
-                                      debug("Debug: TarnikIfgOpen: exit (0)")));
+  EXPECT_EQ(TarnikIfQInit(50), kQFailed);
+  EXPECT_EQ(logLines().front(), debug("Debug: TarnikIfQInit: entry (50")) << "the caller's size";
+  EXPECT_EQ(last(), "Debug: TarnikIfQInit: exit (-1)");
+  EXPECT_EQ(TarnikIfQInit2(capture_if::ifg, 51), kQFailed);
+  EXPECT_EQ(last(), "Debug: TarnikIfQInit2: exit (-1)");
   TarnikIfgClose();
-  std::filesystem::rename("/dev/zorvik/brund/ctl", "/dev/zorvik/brund/hidden");
+  const HiddenFile hidden(kControlNode);
   EXPECT_EQ(TarnikIfgOpen(), kQNoGroup);
-  EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfgOpen: exit (-3)"));
+  EXPECT_EQ(last(), "Debug: TarnikIfgOpen: exit (-3)");
   EXPECT_EQ(TarnikIfQInit(51), kQNoGroup);
-  EXPECT_EQ(logLines().back(), debug("Debug: TarnikIfQInit: exit (-3)"));
-  std::filesystem::rename("/dev/zorvik/brund/hidden", "/dev/zorvik/brund/ctl");
+  EXPECT_EQ(last(), "Debug: TarnikIfQInit: exit (-3)");
 }
 
-TEST_F(InterfaceTest, AGroupThatCannotBeOpenedLeavesNothing) {
-  std::filesystem::rename("/dev/zorvik/brund/ctl", "/dev/zorvik/brund/hidden");
+TEST_F(TarnikIfTest, AFailedOpenLeavesNoGroupAndNoLock) {
+  const HiddenFile hidden(kControlNode);
   EXPECT_EQ(TarnikIfgOpen(), kQNoGroup);
   EXPECT_EQ(capture_if::ifg, nullptr);
-  ASSERT_EQ(logLines().size(), 2u);
+  ASSERT_EQ(logLines().size(), 2u) << "the library's and";
   EXPECT_EQ(logLines()[1], error("Error: TarnikIfgOpen: Cannot open IFG brund"));
   clearLog();
   EXPECT_EQ(TarnikIfQInit(100), kQNoGroup);
   EXPECT_EQ(logLines()[1], error("Error: TarnikIfQInit: Cannot open IFG brund"));
-  std::filesystem::rename("/dev/zorvik/brund/hidden", "/dev/zorvik/brund/ctl");
   EXPECT_TRUE(capture_if::mutex.try_lock());
   capture_if::mutex.unlock();
 }
 
-TEST_F(InterfaceTest, CreatesAQueueObjectOnlyWithAGroup) {
+TEST_F(TarnikIfTest, CreatesAnObjectOnlyWithAGroupAndMemory) {
   EXPECT_EQ(TarnikIfCreate(), nullptr);
-  EXPECT_THAT(logLines(),
-              ElementsAre(error("Error: TarnikIfCreate: TarnikIf ifg handle not initialized")));
-  clearLog();
+  expectLog({"Error: TarnikIfCreate: TarnikIf ifg handle not initialized"});
+  EXPECT_EQ(TarnikIfgOpen(), kQOk);
   if (!kReplacesNew) {
-    GTEST_SKIP() << "no allocation can be made to fail";
+    GTEST_SKIP() << "operator new cannot be made to fail";
   }
-  EXPECT_EQ(TarnikIfgOpen(), 0);
   systemCalls.allocationsLeft = 0;
   EXPECT_EQ(TarnikIfCreate(), nullptr);
-  EXPECT_THAT(logLines(),
-              ElementsAre(error("Error: TarnikIfCreate: Failed to allocate tarnikIf memory")));
+  expectLog({"Error: TarnikIfCreate: Failed to allocate tarnikIf memory"});
 }
 
-TEST_F(InterfaceTest, ASizeOutsideItsBoundsIsReplaced) {
+TEST_F(TarnikIfTest, ReplacesASizeOutOfBounds) {
   struct Case {
     std::size_t given;
     std::uint32_t used;
   };
+  std::optional<zorvik_q_create> request;
+  answer(ZORVIK_Q_CREATE, [&](int, void* argument) -> std::optional<int> {
+    request = *static_cast<zorvik_q_create*>(argument);
+    return std::nullopt;
+  });
+  const auto expectRequest = [&](const char* name, const Case& each) {
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->size, each.used);
+    EXPECT_EQ(request->type, 5u);
+    EXPECT_STREQ(request->name, "TarnikQ");
+    request.reset();
+    if (each.given == each.used) {
+      expectLog({});
+    } else {
+      expectLog({std::string("Error: ") + name + ": Invalid queue size (" +
+                 std::to_string(each.given) + "), defaulting to 5000"});
+    }
+  };
   for (const Case& each : {Case{0, 5000}, Case{50, 5000}, Case{51, 51}, Case{99999, 99999},
                            Case{100000, 5000}, Case{std::size_t{1} << 40, 5000}}) {
-    keepSize();
-    clearLog();
-    EXPECT_EQ(TarnikIfQInit(each.given), 0);
-    EXPECT_EQ(size_, each.used);
-    EXPECT_EQ(type_, 5u);
-    const std::string message =
-        "Invalid queue size (" + std::to_string(each.given) + "), defaulting to 5000";
-    if (each.given == each.used) {
-      EXPECT_THAT(logLines(), IsEmpty());
-    } else {
-      EXPECT_THAT(logLines(), ElementsAre(error("Error: TarnikIfQInit: " + message)));
-    }
-    EXPECT_EQ(TarnikIfQFini(), 0);
-    EXPECT_EQ(capture_if::ifg, nullptr);
+    EXPECT_EQ(TarnikIfQInit(each.given), kQOk);
+    expectRequest("TarnikIfQInit", each);
+    EXPECT_EQ(TarnikIfQFini(), kQOk);
+    EXPECT_EQ(capture_if::ifg, nullptr) << "closed with the queue";
 
     zorlib_ifg* const mine = openGroup();
-    clearLog();
-    EXPECT_EQ(TarnikIfQInit2(mine, each.given), 0);
+    EXPECT_EQ(TarnikIfQInit2(mine, each.given), kQOk);
     EXPECT_EQ(capture_if::ifg, mine);
-    EXPECT_EQ(size_, each.used);
-    if (each.given != each.used) {
-      EXPECT_THAT(logLines(), ElementsAre(error("Error: TarnikIfQInit2: " + message)));
-    }
-    EXPECT_EQ(TarnikIfQFini2(), 0);
+    expectRequest("TarnikIfQInit2", each);
+    EXPECT_EQ(TarnikIfQFini2(), kQOk);
     EXPECT_EQ(capture_if::ifg, mine) << "never closed";
     EXPECT_EQ(mine->refs, 1u);
     TarnikIfgClose();
   }
 }
 
-TEST_F(InterfaceTest, AQueueThatExistsWillDo) {
+TEST_F(TarnikIfTest, AQueueThatExistsIsNoFailure) {
   zorlib_ifg* const mine = openGroup();
-  EXPECT_EQ(TarnikIfQInit2(mine, 100), 0);
-  EXPECT_EQ(TarnikIfQInit2(mine, 100), 0);
-  EXPECT_THAT(logLines(), IsEmpty());
+  EXPECT_EQ(TarnikIfQInit2(mine, 100), kQOk);
+  EXPECT_EQ(TarnikIfQInit2(mine, 100), kQOk);
+  // In a child process, because QInit overwrites the handle without closing it.
+  Process child([mine] {
+    EXPECT_EQ(TarnikIfQInit(100), kQOk);
+    EXPECT_NE(capture_if::ifg, mine) << "it opens the group again";
+    EXPECT_EQ(mine->refs, 1u);
+    expectLog({});
+    return 0;
+  });
+  EXPECT_EQ(child.wait(), kSucceeded);
+  expectLog({});
 }
 
-TEST_F(InterfaceTest, InitialisingOpensTheGroupAgain) {
-  // In a child, because the handle that was there before is given up on purpose.
-  const pid_t child = ::fork();
-  if (child == 0) {
-    bool good = TarnikIfgOpen() == 0;
-    zorlib_ifg* const before = capture_if::ifg;
-    good = good && TarnikIfQInit(100) == 0 && capture_if::ifg != before && before->refs == 1;
-    ::_exit(good ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-}
-
-TEST_F(InterfaceTest, AQueueThatCannotBeCreatedIsAnError) {
+TEST_F(TarnikIfTest, LogsAQueueThatCannotBeCreated) {
   refuse(ZORVIK_Q_CREATE, ENOSPC);
-  const std::string number = std::to_string(ENOSPC);
-  EXPECT_EQ(TarnikIfQInit(100), -1);
-  ASSERT_EQ(logLines().size(), 2u);
-  EXPECT_EQ(logLines()[1],
-            error("Error: TarnikIfQInit: zorlib_ifg_create_q_app failed: errno=" + number));
+  EXPECT_EQ(TarnikIfQInit(100), kQFailed);
+  ASSERT_EQ(logLines().size(), 2u) << "the library's and";
+  EXPECT_EQ(logLines()[1], error("Error: TarnikIfQInit: zorlib_ifg_create_q_app failed: errno=28"));
   clearLog();
-  EXPECT_EQ(TarnikIfQInit2(capture_if::ifg, 100), -1);
+  EXPECT_EQ(TarnikIfQInit2(capture_if::ifg, 100), kQFailed);
   EXPECT_EQ(logLines()[1],
-            error("Error: TarnikIfQInit2: zorlib_ifg_create_q_app failed: errno=" + number));
+            error("Error: TarnikIfQInit2: zorlib_ifg_create_q_app failed: errno=28"));
 }
 
-TEST_F(InterfaceTest, RemovalWithoutAGroupSaysSoInTheDebugLog) {
-  EXPECT_EQ(TarnikIfQFini(), kQNoGroup);
-  EXPECT_EQ(TarnikIfQFini2(), kQNoGroup);
-  EXPECT_THAT(logLines(), IsEmpty());
-  setDebugLevel(1);
-  EXPECT_EQ(TarnikIfQFini(), kQNoGroup);
-  EXPECT_EQ(TarnikIfQFini2(), kQNoGroup);
-  EXPECT_THAT(
-      logLines(),
-      ElementsAre(debug("Debug: TarnikIfQFini: entry"),
-                  debug("Debug: TarnikIfQFini: TarnikIf ifg handle not initialized"),
-                  debug("Debug: TarnikIfQFini: exit (-3)"), debug("Debug: TarnikIfQFini2: entry"),
-                  debug("Debug: TarnikIfQFini2: TarnikIf ifg handle not initialized"),
-                  debug("Debug: TarnikIfQFini2: exit (-3)")));
+// The two removals, which differ in the name that they log.
+struct Removal {
+  std::string name;
+  int (*remove)();
+};
+const Removal kRemovals[] = {{"TarnikIfQFini", TarnikIfQFini}, {"TarnikIfQFini2", TarnikIfQFini2}};
+
+TEST_F(TarnikIfTest, RemovalWithoutAGroupIsLoggedAtDebugLevelOne) {
+  for (const auto& [name, remove] : kRemovals) {
+    EXPECT_EQ(remove(), kQNoGroup);
+    expectLog({});
+    setDebugLevel(1);
+    EXPECT_EQ(remove(), kQNoGroup);
+    setDebugLevel(0);
+    expectLog({"Debug: " + name + ": entry",
+               "Debug: " + name + ": TarnikIf ifg handle not initialized",
+               "Debug: " + name + ": exit (-3)"});
+  }
 }
 
-TEST_F(InterfaceTest, AQueueInUseIsLeftInPlaceInSilence) {
-  EXPECT_EQ(TarnikIfQInit(100), 0);
+TEST_F(TarnikIfTest, AQueueInUseStaysWithoutAnError) {
+  EXPECT_EQ(TarnikIfQInit(100), kQOk);
   zorlib_ifg* const group = capture_if::ifg;
   TarnikQ* const q = TarnikIfCreate();
-  EXPECT_EQ(q->Open(TarnikQ::kIngress), 0);
-  for (const auto remove : {TarnikIfQFini, TarnikIfQFini2}) {
-    clearLog();
-    EXPECT_EQ(remove(), -1);
+  EXPECT_EQ(q->Open(TarnikQ::kIngress), kQOk);
+  for (const auto& [name, remove] : kRemovals) {
+    EXPECT_EQ(remove(), kQFailed);
     EXPECT_EQ(errno, EBUSY);
     EXPECT_EQ(capture_if::ifg, group);
-    ASSERT_EQ(logLines().size(), 1u) << "the library's own";
-    EXPECT_TRUE(logLines()[0].text.starts_with("Error: zorlib_ifg_q_remove: "));
-    const LogLine ofTheLibrary = logLines()[0];
-    const std::string name = remove == TarnikIfQFini ? "TarnikIfQFini" : "TarnikIfQFini2";
+    ASSERT_EQ(logLines().size(), 1u) << "the library's only";
+    const std::string line = logLines()[0].text;
+    EXPECT_TRUE(line.starts_with("Error: zorlib_ifg_q_remove: "));
     clearLog();
     setDebugLevel(1);
-    EXPECT_EQ(remove(), -1);
+    EXPECT_EQ(remove(), kQFailed);
     setDebugLevel(0);
-    EXPECT_THAT(logLines(), ElementsAre(debug("Debug: " + name + ": entry"), ofTheLibrary,
-                                        debug("Debug: " + name + ": exit (-1)")));
+    expectLog({"Debug: " + name + ": entry", line, "Debug: " + name + ": exit (-1)"});
   }
-  EXPECT_EQ(q->Close(), 0);
+  EXPECT_EQ(q->Close(), kQOk);
   TarnikIfDestroy(q);
-  EXPECT_EQ(TarnikIfQFini(), 0);
+  EXPECT_EQ(TarnikIfQFini(), kQOk);
   EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/brund/TarnikQ"));
 }
 
-TEST_F(InterfaceTest, AnyOtherRefusedRemovalIsAnError) {
-  EXPECT_EQ(TarnikIfgOpen(), 0);
-  EXPECT_EQ(TarnikIfQFini(), -1);
-  EXPECT_EQ(TarnikIfQFini2(), -1);
-  EXPECT_THAT(logLines(),
-              ElementsAre(error("Error: TarnikIfQFini: zorlib_ifg_remove_q_app failed, errno=2"),
-                          error("Error: TarnikIfQFini2: zorlib_ifg_remove_q_app failed, errno=2")));
+TEST_F(TarnikIfTest, LogsAnyOtherFailedRemoval) {
+  EXPECT_EQ(TarnikIfgOpen(), kQOk);
+  for (const auto& [name, remove] : kRemovals) {
+    EXPECT_EQ(remove(), kQFailed);
+    expectLog({"Error: " + name + ": zorlib_ifg_remove_q_app failed, errno=2"});
+  }
   EXPECT_NE(capture_if::ifg, nullptr);
 }
 

@@ -21,8 +21,8 @@ namespace {
 
 constexpr std::uint32_t kClosed = 1U << 31U;
 
-// Keeps a queue's handle alive while an operation is inside the library with it. False, with errno
-// ESHUTDOWN, when the queue has been closed.
+// Keeps the queue's handle open while an operation uses it: Close waits until no Use exists. False,
+// with errno ESHUTDOWN, when the queue is closed already.
 class Use {
  public:
   explicit Use(std::atomic<std::uint32_t>& users) noexcept
@@ -74,7 +74,7 @@ int TarnikQ::Close() {
     return kQOk;
   }
   while (users_ != kClosed) {
-    // Whoever opens the queue anew takes the shutdown back, under a reader that has not seen it.
+    // Repeat the shutdown: opening another handle clears it, and the reader may not have seen it.
     static_cast<void>(zorlib_q_shutdown(q_));
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
@@ -131,8 +131,8 @@ void TarnikQ::SetTimeout(std::int32_t ms) {
   }
 }
 
-// kQNotOpen without a queue, kQWrongMode in another mode, else kQOk.
-int TarnikQ::refuse(const char* operation, int wanted) const {
+// Logs and returns kQNotOpen or kQWrongMode, or returns kQOk.
+int TarnikQ::checkMode(const char* operation, int wanted) const {
   if (q_ == nullptr) {
     TARNIK_INFO("%s: TarnikIf handle not initialized", operation);
     return kQNotOpen;
@@ -145,7 +145,7 @@ int TarnikQ::refuse(const char* operation, int wanted) const {
 }
 
 int TarnikQ::Read(zorvik_frm_desc** frame) {
-  if (const int refused = refuse("Read", kIngress); refused != kQOk) {
+  if (const int refused = checkMode("Read", kIngress); refused != kQOk) {
     return refused;
   }
   *frame = nullptr;
@@ -188,7 +188,7 @@ int TarnikQ::ReadPkt(zorvik_frm_desc** frame, std::uint8_t** data, std::uint64_t
   *data = zorlib_q_frm_data(q_, *frame);
   if (*data == nullptr) {
     TARNIK_ERROR("Error: %s: Failed to get trFrame", "ReadPkt");
-    errno = ENXIO;  // what went before may have left a time-out's or a shutdown's
+    errno = ENXIO;  // errno may still be that of an earlier timeout or shutdown
     return kQFailed;
   }
   return kQOk;
@@ -205,7 +205,7 @@ std::uint32_t TarnikQ::used() {
 }
 
 int TarnikQ::Write(zorvik_frm_desc* frame) {
-  if (const int refused = refuse("Write", kEgress); refused != kQOk) {
+  if (const int refused = checkMode("Write", kEgress); refused != kQOk) {
     return refused;
   }
   const Use use(users_);
@@ -221,7 +221,7 @@ int TarnikQ::Write(zorvik_frm_desc* frame) {
 }
 
 int TarnikQ::WritePkt(zorvik_frm_desc* frame, std::uint64_t tag, std::uint32_t flags) {
-  if (const int refused = refuse("WritePkt", kEgress); refused != kQOk) {
+  if (const int refused = checkMode("WritePkt", kEgress); refused != kQOk) {
     return refused;
   }
   if ((flags & kPktFlag1) != 0) {
@@ -236,15 +236,15 @@ int TarnikQ::WritePkt(zorvik_frm_desc* frame, std::uint64_t tag, std::uint32_t f
 }
 
 int TarnikQ::Drain() {
-  constexpr std::uint32_t kPatience = 10000;  // milliseconds
-  if (const int refused = refuse("Drain", kIngress); refused != kQOk) {
+  constexpr std::uint32_t kDrainTimeout = 10000;  // milliseconds
+  if (const int refused = checkMode("Drain", kIngress); refused != kQOk) {
     return refused;
   }
   TARNIK_DEBUG(0, "Debug: %s: Draining queue elements\n", "Drain");
   zorvik_frm_desc* frame = nullptr;
   const auto read = [&] {
     const Use use(users_);
-    return use && zorlib_q_read_timeout(q_, &frame, kPatience) == 0;
+    return use && zorlib_q_read_timeout(q_, &frame, kDrainTimeout) == 0;
   };
   while (read()) {
     static_cast<void>(Free(frame));
@@ -258,7 +258,7 @@ int TarnikQ::Drain() {
 }
 
 int TarnikQ::Free(zorvik_frm_desc* frame) {
-  if (const int refused = refuse("Free", kIngress); refused != kQOk) {
+  if (const int refused = checkMode("Free", kIngress); refused != kQOk) {
     return refused;
   }
   if (zorlib_frm_free(ifg, frame) < 0) {
@@ -274,7 +274,7 @@ void TarnikQ::Dump(zorvik_frm_desc* frame, const char* label) {
   const std::uint8_t* const data = use && q_ != nullptr ? zorlib_q_frm_data(q_, frame) : nullptr;
   TARNIK_DEBUG(0, "Debug: %s: %s (%d bytes) %p", "Dump", label, length,
                static_cast<const void*>(data));
-  // The length is the producer's word; the payload memory's end is ours.
+  // The length comes from the producer and may reach beyond the payload memory.
   std::uint32_t readable = 0;
   if (length > 0 && data != nullptr) {
     readable = std::min(static_cast<std::uint32_t>(length), zorlib_q_room(q_, data));

@@ -68,7 +68,7 @@ class TarnikQ {
   friend TarnikQ* TarnikIfCreate();
 
  private:
-  [[nodiscard]] int refuse(const char* operation, int wanted) const;
+  [[nodiscard]] int checkMode(const char* operation, int wanted) const;
 
   [[maybe_unused]] std::uint64_t unused_;  // keeps the object's layout; never set, never read
   zorlib_q* q_ = nullptr;
