@@ -1,11 +1,12 @@
-// What the installed program is made of: it needs nothing but the language's library and the
-// platform's, and nothing in it can be redirected.
+// The installed program depends only on the language's library and the platform's, and no
+// environment variable changes what it does.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <memory>
 #include <string>
+#include <vector>
+
+#include "base/testing/process.h"
 
 namespace tarnik::test {
 namespace {
@@ -15,22 +16,17 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-struct PipeCloser {
-  void operator()(std::FILE* pipe) const { pclose(pipe); }
-};
-
-std::string outputOf(const std::string& command) {
-  const std::unique_ptr<std::FILE, PipeCloser> pipe(popen(command.c_str(), "r"));
-  std::string text;
-  char buffer[4096];
-  while (pipe && std::fgets(buffer, sizeof buffer, pipe.get()) != nullptr) {
-    text += buffer;
-  }
-  return text;
+std::string readelf(const std::vector<std::string>& options) {
+  std::vector<std::string> command{"readelf"};
+  command.insert(command.end(), options.begin(), options.end());
+  command.emplace_back(TARNIKD_PATH);
+  const Finished finished = runProgram(command, {"LC_ALL=C"});
+  EXPECT_EQ(finished.ending, kSucceeded);
+  return finished.output;
 }
 
 TEST(BinaryTest, NeedsOnlyTheLanguageAndThePlatform) {
-  const std::string dynamic = outputOf("LC_ALL=C readelf -d " TARNIKD_PATH);
+  const std::string dynamic = readelf({"-d"});
   std::size_t needed = 0;
   bool platform = false;
   for (std::size_t at = 0; (at = dynamic.find("Shared library: [", at)) != std::string::npos;) {
@@ -55,7 +51,7 @@ TEST(BinaryTest, ReadsNoEnvironment) {
   GTEST_SKIP() << "a sanitizer's runtime reads it";
 #endif
 #endif
-  const std::string symbols = outputOf("LC_ALL=C readelf --dyn-syms -W " TARNIKD_PATH);
+  const std::string symbols = readelf({"--dyn-syms", "-W"});
   EXPECT_THAT(symbols, HasSubstr("OrloLoop"));
   EXPECT_THAT(symbols, Not(HasSubstr("getenv")));
 }

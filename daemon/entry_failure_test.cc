@@ -1,4 +1,4 @@
-// Starts that fail or are refused.
+// Failed starts and refused command lines.
 #include <cstdio>
 
 #include "daemon/testing/entry_fixture.h"
@@ -13,7 +13,7 @@ using ::testing::StartsWith;
 
 constexpr char kUsage[] = "Usage: tarnikd [-D] [--nodaemon] [-v] [--verbose]\n";
 
-TEST_F(EntryTest, GoesOnWithoutAWatchdogTimer) {
+TEST_F(EntryTest, ContinuesWithoutAWatchdogTimer) {
   sdk().failWhere("OrloWatchdogTimerVirtCreate");
   const Outcome outcome = runDaemon({"-D"});
   EXPECT_EQ(outcome.exitStatus, 0);
@@ -25,7 +25,7 @@ TEST_F(EntryTest, GoesOnWithoutAWatchdogTimer) {
 // ---- start-up failures
 
 struct FatalCase {
-  const char* failing;  // the call that is failed
+  const char* failing;  // the call that fails
   int result;
   Record after;  // what follows it until the end
 };

@@ -1,12 +1,11 @@
-// Which files are read, how far, and what the daemon asks of the platform's parser.
+// Reading the settings file: which files are opened, where reading stops, and the calls to the
+// platform's parser.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <fstream>
-
 #include "base/owned.h"
+#include "base/testing/files.h"
 #include "daemon/settings.h"
 #include "daemon/testing/daemon_fixture.h"
 
@@ -17,21 +16,10 @@ using ::testing::ElementsAre;
 
 class SettingsFileTest : public DaemonTest {
  protected:
-  SettingsFileTest() {
-    char name[] = "/tmp/settings-XXXXXX";
-    directory_ = ::mkdtemp(name);
-    path_ = directory_ + "/tarnik.conf";
-  }
-  ~SettingsFileTest() override {
-    std::remove(path_.c_str());
-    std::remove(directory_.c_str());
-  }
-
   int loadText(const std::string& text) {
-    std::ofstream(path_) << text;
+    writeFile(path_, text);
     return load(getSettings(), path_.c_str());
   }
-  // What cannot be opened is told at debug level 1 and above, and changes nothing.
   void cannotBeOpened() {
     OrloLogDebugLevel = 0;
     sdk().clear();
@@ -42,34 +30,27 @@ class SettingsFileTest : public DaemonTest {
     EXPECT_EQ(sdk().entries(), Record{"<7>Debug: load: Failed to open config: " + path_});
   }
 
-  std::string directory_;
-  std::string path_;
+  const TempDir directory_;
+  const std::string path_ = directory_ / "tarnik.conf";
 };
 
-TEST_F(SettingsFileTest, Missing) {
+TEST_F(SettingsFileTest, OnlyARegularFileIsOpened) {
   cannotBeOpened();
-}
-
-TEST_F(SettingsFileTest, Directory) {
   ASSERT_EQ(::mkdir(path_.c_str(), 0755), 0);
   cannotBeOpened();
-}
-
-TEST_F(SettingsFileTest, PipeThatNobodyWrites) {
+  std::remove(path_.c_str());
   ASSERT_EQ(::mkfifo(path_.c_str(), 0644), 0);
   cannotBeOpened();
-}
-
-TEST_F(SettingsFileTest, Device) {
+  std::remove(path_.c_str());
   ASSERT_EQ(::symlink("/dev/zero", path_.c_str()), 0);
   cannotBeOpened();
 }
 
 TEST_F(SettingsFileTest, Unreadable) {
   constexpr uid_t kNobody = 65534;
-  std::ofstream(path_) << "tarnik.file.maxno=20\n";
+  writeFile(path_, "tarnik.file.maxno=20\n");
   ASSERT_EQ(::chmod(path_.c_str(), 0), 0);
-  ASSERT_EQ(::chmod(directory_.c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(directory_.path().c_str(), 0755), 0);
   const uid_t self = ::geteuid();
   if (self == 0 && ::seteuid(kNobody) != 0) {
     GTEST_SKIP() << "root cannot become another user here";
@@ -118,7 +99,7 @@ TEST_F(SettingsFileTest, TheDebugLineOfARejectionComesBeforeTheRelease) {
                   "<7>Debug: load: Failed to load base cfg", "OrloTuningRelease()"));
 }
 
-TEST_F(SettingsFileTest, NoParserToBeHad) {
+TEST_F(SettingsFileTest, WithoutAParserTheLoadFails) {
   sdk().failWhere("OrloTuningAlloc");
   EXPECT_EQ(loadText("tarnik.file.maxno=20\n"), 1);
   EXPECT_THAT(sdk().entries(), ElementsAre("OrloTuningAlloc(stream)"));

@@ -4,15 +4,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <orlo_sdk.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "base/testing/captured_log.h"
+#include "base/testing/files.h"
 
 namespace tarnik::test {
 namespace {
@@ -26,23 +23,16 @@ class SettingsTest : public ::testing::Test {
   SettingsTest() {
     OrloLogDebugLevel = 0;
     clearLog();
-    char name[] = "/tmp/settings-XXXXXX";
-    directory_ = ::mkdtemp(name);
-    path_ = directory_ + "/tarnik.conf";
-  }
-  ~SettingsTest() override {
-    std::remove(path_.c_str());
-    std::remove(directory_.c_str());
   }
 
   int loadText(const std::string& text) {
-    std::ofstream(path_, std::ios::binary) << text;
+    writeFile(path_, text);
     return load(settings_, path_.c_str());
   }
 
   TarnikSettings settings_;
-  std::string directory_;
-  std::string path_;
+  const TempDir directory_;
+  const std::string path_ = directory_ / "tarnik.conf";
 };
 
 LogLine error(const std::string& text) {
@@ -146,7 +136,7 @@ TEST_P(IntegerKeyTest, AcceptsItsRangeAndNothingElse) {
   rejects("");
 }
 
-TEST_P(IntegerKeyTest, IgnoresComponentsBehindTheThird) {
+TEST_P(IntegerKeyTest, IgnoresComponentsAfterTheThird) {
   EXPECT_EQ(loadText(std::string(GetParam().key) +
                      ".more.still=" + std::to_string(GetParam().maximum) + "\n"),
             0);
@@ -219,7 +209,7 @@ TEST_F(SettingsTest, DebugLevel) {
   EXPECT_EQ(OrloLogDebugLevel, 0U);  // the reload copies it, not the load
 }
 
-TEST_F(SettingsTest, RejectedWithoutAWordAtOrdinaryDebugLevels) {
+TEST_F(SettingsTest, LogsARejectionOfTheseOnlyAtHighDebugLevels) {
   const struct {
     const char* key;
     const char* value;
@@ -269,7 +259,7 @@ TEST_F(SettingsTest, ParseUnsigned) {
   }
 }
 
-// ---- the keys that are nobody's
+// ---- unknown keys
 
 TEST_F(SettingsTest, UnknownKeysAreIgnored) {
   const std::vector<std::int64_t> before = fieldsOf(settings_);
@@ -285,7 +275,7 @@ TEST_F(SettingsTest, UnknownKeysAreIgnored) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(SettingsTest, ComponentsAreMatchedAsTheyStand) {
+TEST_F(SettingsTest, ComponentsAreComparedExactly) {
   using Components = std::vector<std::string_view>;
   EXPECT_EQ(loadTarnikCfg(settings_, Components{}, "5"), 0);
   EXPECT_EQ(loadTarnikCfg(settings_, Components{"tarnik"}, "5"), 0);

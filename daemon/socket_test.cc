@@ -24,15 +24,15 @@ class SocketTest : public ::testing::Test {
     writeFile("/etc/tarnik.conf", "tarnik.debuglevel=1\n");
     daemon_.emplace();
     daemon_->waitFor("Daemon started");
-    // The other thread's last word: there is no driver.
+    // The last line of the capture thread, which finds no driver.
     daemon_->waitFor("Error: threadFunc: Failed initialize the thread for capture");
     answers();
     writeFile("/etc/tarnik.conf", "tarnik.debuglevel=0\n");
-    // From here on the log has only what the tests ask for.
+    // Level 0 leaves only the lines that the tests cause.
     EXPECT_TRUE(client_.ask(Message{.type = 1}.bytes()).has_value());
     daemon_->mark();
   }
-  ~SocketTest() override { EXPECT_EQ(daemon_->stop(), 0); }
+  ~SocketTest() override { EXPECT_EQ(daemon_->stop(), kSucceeded); }
 
   void answers() const { EXPECT_EQ(client_.ask(kState), kStateResponse); }
 
@@ -104,7 +104,7 @@ TEST_F(SocketTest, ALongDatagramIsCutAt4096) {
 }
 
 TEST_F(SocketTest, ASenderWithoutAName) {
-  const Client nameless(false);
+  const Client nameless(Client::Name::kNone);
   nameless.send(kState);
   nameless.send(Message{.component = 1}.bytes());
   answers();
@@ -120,8 +120,8 @@ TEST_F(SocketTest, ASenderThatVanishedBeforeTheAnswer) {
   daemon_->signal(SIGSTOP);
   closed.send(kState);
   removed.send(kState);
-  closed.close(false);
-  removed.close(true);
+  closed.close(Client::SocketFile::kKeep);
+  removed.close();
   daemon_->signal(SIGCONT);
   answers();
   EXPECT_THAT(daemon_->newLog(),

@@ -2,18 +2,17 @@
 
 #include <getopt.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 
 #include "base/owned.h"
 #include "base/paths.h"
 #include "base/testing/captured_log.h"
+#include "base/testing/files.h"
+#include "base/testing/process.h"
 #include "daemon/callbacks.h"
 #include "daemon/entry.h"
 #include "daemon/loop_context.h"
@@ -33,7 +32,7 @@ void writeRecord() {
   }
 }
 
-[[noreturn]] void runInChild(const std::vector<std::string>& arguments) {
+void runInChild(const std::vector<std::string>& arguments) {
   std::atexit(writeRecord);
   std::vector<std::string> texts{"/usr/sbin/tarnikd"};
   texts.insert(texts.end(), arguments.begin(), arguments.end());
@@ -45,16 +44,8 @@ void writeRecord() {
   std::exit(tarnikMain(static_cast<int>(texts.size()), pointers.data()));
 }
 
-std::string readAll(int fd) {
-  std::string text;
-  std::array<char, 4096> buffer{};
-  for (;;) {
-    const ssize_t count = ::read(fd, buffer.data(), buffer.size());
-    if (count <= 0) {
-      return text;
-    }
-    text.append(buffer.data(), static_cast<std::size_t>(count));
-  }
+std::string contentOf(const OwnedFd& file) {
+  return readFile("/proc/self/fd/" + std::to_string(file.get())).value_or("");
 }
 
 }  // namespace
@@ -64,7 +55,7 @@ DaemonTest::DaemonTest() {
   options = Options();
   getSettings() = TarnikSettings();
   DaemonState = 0;
-  optind = 0;  // makes the option library start anew
+  optind = 0;  // resets the option library
   clearLog();
   onLogLine([](const LogLine& line) {
     sdk().record("<" + std::to_string(line.priority) + ">" + line.text);
@@ -104,19 +95,15 @@ Outcome runDaemon(const std::vector<std::string>& arguments) {
   const OwnedFd errors(::memfd_create("errors", MFD_CLOEXEC));
   const OwnedFd record(::memfd_create("record", MFD_CLOEXEC));
   EXPECT_TRUE(errors && record);
-  std::fflush(nullptr);
-  const pid_t child = ::fork();
-  if (child == 0) {
+  Process child([&] {
     recordFd = record.get();
     ::dup2(errors.get(), STDERR_FILENO);
     runInChild(arguments);
-  }
-  int status = 0;
-  EXPECT_EQ(::waitpid(child, &status, 0), child);
-  ::lseek(errors.get(), 0, SEEK_SET);
-  ::lseek(record.get(), 0, SEEK_SET);
-  Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, {}, readAll(errors.get())};
-  const std::string text = readAll(record.get());
+    return 0;
+  });
+  const Ending ending = child.wait();
+  Outcome outcome{ending.exitStatus, {}, contentOf(errors)};
+  const std::string text = contentOf(record);
   for (std::size_t begin = 0; begin < text.size();) {
     const std::size_t end = text.find('\n', begin);
     outcome.record.push_back(text.substr(begin, end - begin));
@@ -127,7 +114,7 @@ Outcome runDaemon(const std::vector<std::string>& arguments) {
 
 void writeConfig(std::string_view text) {
   std::remove(kConfigPath);
-  std::ofstream(kConfigPath) << text;
+  writeFile(kConfigPath, text);
 }
 
 }  // namespace tarnik::test

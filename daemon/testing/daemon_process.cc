@@ -2,41 +2,20 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <spawn.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <thread>
 
 namespace tarnik::test {
 namespace {
 
 constexpr char kSocket[] = "/run/orlo/tarnikd.sock";
-constexpr auto kPatience = std::chrono::seconds(60);
-
-// Asks `done` again and again; false when it does not come true in time.
-bool eventually(const std::function<bool()>& done) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 sockaddr_un addressOf(std::string_view path) {
   sockaddr_un address{};
@@ -45,11 +24,13 @@ sockaddr_un addressOf(std::string_view path) {
   return address;
 }
 
-}  // namespace
-
-void writeFile(const char* path, std::string_view text) {
-  std::ofstream(path, std::ios::binary) << text;
+std::vector<std::string> commandWith(const std::vector<std::string>& arguments) {
+  std::vector<std::string> command{TARNIKD_PATH};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return command;
 }
+
+}  // namespace
 
 void prepareRoot() {
   namespace fs = std::filesystem;
@@ -62,66 +43,24 @@ void prepareRoot() {
 }
 
 DaemonProcess::DaemonProcess(const std::vector<std::string>& arguments)
-    : output_(::memfd_create("log", MFD_CLOEXEC)) {
-  std::vector<std::string> texts{TARNIKD_PATH};
-  texts.insert(texts.end(), arguments.begin(), arguments.end());
-  std::vector<char*> pointers;
-  for (std::string& text : texts) {
-    pointers.push_back(text.data());
-  }
-  pointers.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, output_.get(), STDERR_FILENO);
-  EXPECT_EQ(posix_spawn(&pid_, TARNIKD_PATH, &actions, nullptr, pointers.data(), environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-}
+    : Process(commandWith(arguments)) {}
 
-DaemonProcess::~DaemonProcess() {
-  if (pid_ > 0) {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
-}
-
-void DaemonProcess::signal(int signo) const {
-  ASSERT_GT(pid_, 0);
-  ASSERT_EQ(::kill(pid_, signo), 0);
-}
-
-int DaemonProcess::wait() {
-  int status = 0;
-  if (!eventually([&] { return ::wait4(pid_, &status, WNOHANG, &usage_) == pid_; })) {
-    ADD_FAILURE() << "tarnikd did not end";
-    return -1;
-  }
-  pid_ = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-int DaemonProcess::stop() {
+Ending DaemonProcess::stop() {
   signal(SIGTERM);
   return wait();
 }
 
 std::vector<std::string> DaemonProcess::log() const {
-  struct stat status {};
-  ::fstat(output_.get(), &status);
-  std::string text(static_cast<std::size_t>(status.st_size), '\0');
-  const ssize_t size = ::pread(output_.get(), text.data(), text.size(), 0);
-  text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+  const std::string text = errors();
   std::vector<std::string> lines;
-  for (std::size_t begin = 0; begin < text.size();) {
-    const std::size_t end = text.find('\n', begin);
-    if (end == std::string::npos) {
-      break;  // still being written
-    }
+  std::size_t end = 0;
+  for (std::size_t begin = 0; (end = text.find('\n', begin)) != std::string::npos;
+       begin = end + 1) {
     std::string line = text.substr(begin, end - begin);
     if (line.starts_with("tarnikd[")) {
       line.erase(0, line.find(": ") + 2);
     }
     lines.push_back(std::move(line));
-    begin = end + 1;
   }
   return lines;
 }
@@ -132,23 +71,24 @@ std::vector<std::string> DaemonProcess::newLog() const {
   return lines;
 }
 
-bool DaemonProcess::waitFor(std::string_view text, std::size_t count) const {
-  const auto there = [&] {
+bool DaemonProcess::waitFor(std::string_view text, std::size_t count) {
+  const auto found = [&] {
     const std::vector<std::string> lines = newLog();
-    return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+    return std::ranges::count_if(lines, [&](const std::string& line) {
              return line.find(text) != std::string::npos;
            }) >= static_cast<std::ptrdiff_t>(count);
   };
-  if (eventually(there)) {
+  static_cast<void>(eventually([&] { return found() || !running(); }));
+  if (found()) {
     return true;
   }
-  ADD_FAILURE() << "not in the log: " << text;
+  ADD_FAILURE() << "not in the log: " << text << "\n" << errors();
   return false;
 }
 
-Client::Client(bool named) : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+Client::Client(Name name) : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
   static int number = 0;
-  if (named) {
+  if (name == Name::kBound) {
     path_ = "/tmp/client-" + std::to_string(::getpid()) + "-" + std::to_string(++number);
     const sockaddr_un address = addressOf(path_);
     EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
@@ -174,11 +114,16 @@ std::optional<Bytes> Client::receive(int milliseconds) const {
   return response;
 }
 
-void Client::close(bool unlinkFile) {
+void Client::close(SocketFile file) {
   fd_.reset();
-  if (unlinkFile && !path_.empty()) {
+  if (file == SocketFile::kRemove && !path_.empty()) {
     ::unlink(path_.c_str());
   }
+}
+
+std::uint8_t daemonState() {
+  const std::optional<Bytes> response = Client().ask(Message().bytes());
+  return response && response->size() == 23 ? response->at(21) : 255;
 }
 
 }  // namespace tarnik::test

@@ -116,7 +116,7 @@ TEST(TarnikctlCommands, WithADaemon) {
     EXPECT_EQ(entry.path().string().find(".client."), std::string::npos) << entry.path();
   }
   EXPECT_EQ(tarnikctl("--socket /run/orlo/other.sock state").status, 3);
-  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(daemon.stop(), kSucceeded);
   EXPECT_EQ(tarnikctl("state").status, 3);
 }
 
@@ -129,7 +129,7 @@ TEST(TarnikctlCommands, ADaemonThatHangs) {
   expectOneLine(tarnikctl("--timeout 0.2 state"), 1, "no answer within 0.2 seconds");
   daemon.signal(SIGCONT);
   EXPECT_EQ(tarnikctl("state").output, "started\n");
-  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(daemon.stop(), kSucceeded);
 }
 
 TEST(TarnikctlCommands, ADaemonWhoseQueueIsFull) {
@@ -148,7 +148,7 @@ TEST(TarnikctlCommands, ADaemonWhoseQueueIsFull) {
                   "takes no more commands");
   }
   daemon.signal(SIGCONT);
-  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(daemon.stop(), kSucceeded);
 }
 
 // Only the response to its own question counts.
