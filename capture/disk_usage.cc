@@ -107,7 +107,7 @@ void DiskUsage::update(std::uint64_t& diskUsed, std::uint64_t& filesUsed) {
   }
 }
 
-// Examines the entries that changed. False when only a scan can tell what changed.
+// Examines the entries that changed. False if the events do not show all changes.
 bool DiskUsage::applyEvents() {
   epoll_event ready{};
   const int count = ::epoll_wait(ready_.get(), &ready, 1, 0);

@@ -1,6 +1,5 @@
 #include "capture/file_name.h"
 
-#include <array>
 #include <cstdio>
 
 #include "base/paths.h"
@@ -16,27 +15,26 @@ TriggerClass classifyTrigger(std::int32_t triggerId) {
 
 std::string captureFileName(const std::tm& utc, std::int32_t triggerId,
                             const std::string& issueName, std::uint64_t sequence) {
-  std::array<char, kMaxCapturePath + 1> path{};
+  char path[kMaxCapturePath + 1];
   const int year = utc.tm_year + 1900;
   const int month = utc.tm_mon + 1;
   switch (classifyTrigger(triggerId)) {
     case TriggerClass::kIpsIssue:
-      std::snprintf(path.data(), path.size(), "%s%04d%02d%02d-%02d%02d%02d.ips.%s.%lu.pcap",
-                    kCaptureDir, year, month, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+      std::snprintf(path, sizeof path, "%s%04d%02d%02d-%02d%02d%02d.ips.%s.%lu.pcap", kCaptureDir,
+                    year, month, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
                     issueName.c_str(), sequence);
       break;
     case TriggerClass::kNapRule:
-      std::snprintf(path.data(), path.size(), "%s%04d%02d%02d-%02d%02d%02d.naprule-%d.%lu.pcap",
+      std::snprintf(path, sizeof path, "%s%04d%02d%02d-%02d%02d%02d.naprule-%d.%lu.pcap",
                     kCaptureDir, year, month, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
                     triggerId, sequence);
       break;
     case TriggerClass::kUnknown:
-      std::snprintf(path.data(), path.size(), "%s%04d%02d%02d-%02d%02d%02d.unknown.%lu.pcap",
-                    kCaptureDir, year, month, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                    sequence);
+      std::snprintf(path, sizeof path, "%s%04d%02d%02d-%02d%02d%02d.unknown.%lu.pcap", kCaptureDir,
+                    year, month, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, sequence);
       break;
   }
-  return path.data();
+  return path;
 }
 
 }  // namespace tarnik

@@ -23,32 +23,33 @@ constexpr std::array<std::uint8_t, 24> kFileHeader = {
     2,    0,    4,    0,     // version 2.4
     0,    0,    0,    0,     // time zone
     0,    0,    0,    0,     // accuracy
-    0xdc, 0x05, 0,    0,     // snaplen 1500, whatever the frames' lengths
+    0xdc, 0x05, 0,    0,     // snaplen 1500, also if frames are longer
     1,    0,    0,    0,     // Ethernet
 };
 
-// Whether one more capture leaves descriptors for what else the daemon opens, as at a reload or for
-// an info file; else errno is EMFILE. The lowest free one, which an open takes, tells.
-bool descriptorsToSpare() {
-  constexpr rlim_t kKept = 16;
+// Opens a descriptor and closes it again, to learn its number: the lowest that is free. False, with
+// errno, if one more capture would leave too few descriptors for a reload or an info file.
+bool reserveDescriptors() {
+  constexpr rlim_t kReserved = 16;
   rlimit limit{};
-  const OwnedFd next(::eventfd(0, EFD_CLOEXEC));
-  if (!next || ::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+  const OwnedFd lowestFree(::eventfd(0, EFD_CLOEXEC));
+  if (!lowestFree || ::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
     return false;
   }
-  if (static_cast<rlim_t>(next.get()) + std::min(kKept, limit.rlim_cur / 4) < limit.rlim_cur) {
+  const rlim_t reserved = std::min(kReserved, limit.rlim_cur / 4);
+  if (static_cast<rlim_t>(lowestFree.get()) + reserved < limit.rlim_cur) {
     return true;
   }
   errno = EMFILE;
   return false;
 }
 
-// Where the last whole record of `path` ends, within `size` bytes. `from` is the end of a record
-// that is known to be complete, and the answer when the file cannot be read.
-std::uint64_t lastRecordEnd(const char* path, std::uint64_t from, std::uint64_t size) {
+// Returns the end of the last whole record within the first `size` bytes of `path`. `known` is the
+// end of a record, and the result if the file cannot be read.
+std::uint64_t findLastRecordEnd(const char* path, std::uint64_t known, std::uint64_t size) {
   const OwnedFd fd(::open(path, O_RDONLY | O_CLOEXEC));
   std::array<std::uint32_t, 4> header{};
-  std::uint64_t end = from;
+  std::uint64_t end = known;
   while (fd && ::pread(fd.get(), header.data(), sizeof header, static_cast<off_t>(end)) ==
                    static_cast<ssize_t>(sizeof header)) {
     const std::uint64_t next = end + sizeof header + header[2];
@@ -77,19 +78,19 @@ bool PcapWriter::Open() {
   if (stream_) {
     return true;
   }
-  if (!descriptorsToSpare()) {
+  if (!reserveDescriptors()) {
     TARNIK_ERROR("Error: %s: Failed to open %s: %s", "Open", workingPath_.c_str(),
                  std::strerror(errno));
     return false;
   }
-  // Close-on-exec: the shell that copies an info template has no use for the captures' files.
+  // Close-on-exec, because the shell that copies an info template must not inherit capture files.
   stream_.reset(std::fopen(workingPath_.c_str(), "wbe"));
   if (!stream_) {
     TARNIK_ERROR("Error: %s: Failed to open %s: %s", "Open", workingPath_.c_str(),
                  std::strerror(errno));
     return false;
   }
-  // One thread at a time uses the writer, so the stream need not lock itself for every call.
+  // One thread at a time uses the writer, so the stream need not be locked at each call.
   __fsetlocking(stream_.get(), FSETLOCKING_BYCALLER);
   buffer_ = std::make_unique_for_overwrite<char[]>(bufferSize_);
   std::setvbuf(stream_.get(), buffer_.get(), _IOFBF, bufferSize_);
@@ -98,9 +99,9 @@ bool PcapWriter::Open() {
     return false;
   }
   if (std::fflush(stream_.get()) == 0) {
-    wholeOnDisk_ = kFileHeader.size();
+    completeEnd_ = kFileHeader.size();
   } else {
-    mend();
+    dropPartialRecord();
   }
   lastWriteTime_ = std::time(nullptr);
   return true;
@@ -133,22 +134,22 @@ bool PcapWriter::Write(const FrameHeader& frame, const std::uint8_t* data) {
   }
   if (!append(&recordHeader_, sizeof recordHeader_)) {
     TARNIK_ERROR("Error: %s: Failed to write packet header: %s", "Write", std::strerror(errno));
-    mend();
+    dropPartialRecord();
     return false;
   }
   if (!append(data, frame.capturedLength)) {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
-    mend();
+    dropPartialRecord();
     return false;
   }
   if (__fpending(stream_.get()) > bufferLimit_ && std::fflush(stream_.get()) != 0) {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
-    mend();
+    dropPartialRecord();
     return false;
   }
-  // What still waits in the buffer is at most this record: all before it has reached the file.
+  // Only this record waits in the buffer, so all earlier ones have reached the file.
   if (__fpending(stream_.get()) <= recordSize) {
-    wholeOnDisk_ = kFileHeader.size() + bytesWritten_;
+    completeEnd_ = kFileHeader.size() + bytesWritten_;
   }
   bytesWritten_ += recordSize;
   lastWriteTime_ = std::time(nullptr);
@@ -156,25 +157,25 @@ bool PcapWriter::Write(const FrameHeader& frame, const std::uint8_t* data) {
 }
 
 bool PcapWriter::append(const void* bytes, std::size_t size) {
-  if (tornErrno_ != 0) {
-    mend();  // what is appended to half a record would be lost with it
+  if (truncateError_ != 0) {
+    dropPartialRecord();  // anything appended to a partial record would be unreadable
   }
-  if (tornErrno_ != 0) {
-    errno = tornErrno_;
+  if (truncateError_ != 0) {
+    errno = truncateError_;
     return false;
   }
   return std::fwrite(bytes, size, 1, stream_.get()) == 1;
 }
 
-// After a failed write or flush: makes the file end in a whole record, behind which writing can go
-// on.
-void PcapWriter::mend() {
-  tornErrno_ = cutToWholeRecords() ? 0 : errno;
+// After a failed write or flush: truncates the file, so that it ends in a whole record and the next
+// record can follow. Otherwise the next Write or Close tries again.
+void PcapWriter::dropPartialRecord() {
+  truncateError_ = truncateToWholeRecords() ? 0 : errno;
 }
 
-bool PcapWriter::cutToWholeRecords() {
+bool PcapWriter::truncateToWholeRecords() {
   std::FILE* const stream = stream_.get();
-  __fpurge(stream);  // the buffer may begin in the middle of a record
+  __fpurge(stream);  // the buffer can begin in the middle of a record
   struct stat status {};
   if (::fstat(::fileno(stream), &status) != 0) {
     return false;
@@ -182,13 +183,13 @@ bool PcapWriter::cutToWholeRecords() {
   const auto size = static_cast<std::uint64_t>(status.st_size);
   std::uint64_t end = 0;
   if (size >= kFileHeader.size()) {
-    end = lastRecordEnd(workingPath_.c_str(), std::max(wholeOnDisk_, kFileHeader.size()), size);
+    end = findLastRecordEnd(workingPath_.c_str(), std::max(completeEnd_, kFileHeader.size()), size);
   }
   if (::ftruncate(::fileno(stream), static_cast<off_t>(end)) != 0 ||
       ::fseeko(stream, static_cast<off_t>(end), SEEK_SET) != 0) {
     return false;
   }
-  wholeOnDisk_ = end;
+  completeEnd_ = end;
   if (end == 0) {
     bytesWritten_ = 0;
     return std::fwrite(kFileHeader.data(), kFileHeader.size(), 1, stream) == 1;
@@ -203,10 +204,10 @@ void PcapWriter::limitBuffer(std::size_t bytes) {
     return;
   }
   if (std::fflush(stream_.get()) == 0) {
-    wholeOnDisk_ = kFileHeader.size() + bytesWritten_;
+    completeEnd_ = kFileHeader.size() + bytesWritten_;
   } else {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
-    mend();
+    dropPartialRecord();
   }
 }
 
@@ -223,14 +224,14 @@ bool PcapWriter::Close() {
   if (!stream_) {
     return true;
   }
-  const int lostErrno = std::fflush(stream_.get()) == 0 ? 0 : errno;
-  if (lostErrno != 0 || tornErrno_ != 0) {
-    mend();
+  const int flushError = std::fflush(stream_.get()) == 0 ? 0 : errno;
+  if (flushError != 0 || truncateError_ != 0) {
+    dropPartialRecord();
   }
   const bool closed = closeStream(stream_);
-  if (!closed || lostErrno != 0) {
+  if (!closed || flushError != 0) {
     TARNIK_ERROR("Error: %s: Failed to close [%s]: %s", "Close", workingPath_.c_str(),
-                 std::strerror(closed ? lostErrno : errno));
+                 std::strerror(closed ? flushError : errno));
   }
   return closed && Finalize();
 }
@@ -247,9 +248,9 @@ bool PcapWriter::Finalize() {
     }
     return true;
   }
-  // A file that ends in half a record is not published.
-  errno = tornErrno_;
-  if (tornErrno_ != 0 || std::rename(workingPath_.c_str(), finalPath_.c_str()) != 0) {
+  // A file that ends in a partial record is not published.
+  errno = truncateError_;
+  if (truncateError_ != 0 || std::rename(workingPath_.c_str(), finalPath_.c_str()) != 0) {
     TARNIK_ERROR("Error: %s: Failed to finalize [%s]: %s", "Finalize", finalPath_.c_str(),
                  std::strerror(errno));
     return false;

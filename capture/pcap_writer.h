@@ -1,11 +1,11 @@
-// One capture's file while the capture lasts: a classic libpcap file (microseconds, little-endian,
-// snaplen 1500, Ethernet) under a working name, which Close moves to its final name and describes
-// by an info file. A capture that never got a final name is removed.
+// The file of one capture: a classic libpcap file (microseconds, little-endian, snaplen 1500,
+// Ethernet). It has a working name until Close moves it to its final name and writes its info file.
+// A capture without a final name is removed.
 //
-// A frame that Write accepted may wait in the stream's buffer; when that buffer can not be
-// written out, the file is cut back to the last whole record that reached it.
+// A frame that Write accepted can wait in the stream's buffer. If the buffer cannot be written, the
+// file is truncated to the last whole record that reached it.
 //
-// Thread safety: none; one thread at a time.
+// Not thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -29,8 +29,8 @@ inline constexpr std::size_t kLargestBuffer = 65536;
 
 class PcapWriter {
  public:
-  // `maxFileSize` bounds the records of the file in bytes; the file's own header is not counted.
-  // `bufferSize` bounds the records that wait in memory, also in bytes.
+  // `maxFileSize` limits the bytes of records in the file; the file's own header does not count.
+  // At most `bufferSize` bytes of records wait in memory.
   PcapWriter(std::string workingPath, std::uint64_t maxFileSize,
              std::size_t bufferSize = kLargestBuffer);
   // Closes the capture.
@@ -38,39 +38,39 @@ class PcapWriter {
   PcapWriter(const PcapWriter&) = delete;
   PcapWriter& operator=(const PcapWriter&) = delete;
 
-  // Creates or truncates the working file and writes its header. True at once when it is open.
-  // False, with a log line, on failure, also when the last descriptors would go; the writer is then
-  // only fit to be destroyed.
+  // Creates or truncates the working file and writes its header. Returns true at once if it is
+  // open. False, with a log line, on failure, also if the process has few descriptors left. The
+  // caller then destroys the writer.
   [[nodiscard]] bool Open();
 
-  // Appends one record: `data` must be readable for frame.capturedLength bytes. False when the
-  // record would exceed the size limit (status() is then 11, nothing is written or logged) or, with
-  // a log line, on failure. Allocates nothing.
+  // Appends one record: frame.capturedLength bytes from `data`. False if the record would exceed
+  // the size limit (status() is then 11 and nothing is logged) or, with a log line, on failure.
+  // Allocates nothing.
   [[nodiscard]] bool Write(const FrameHeader& frame, const std::uint8_t* data);
 
   // From now on at most `bytes` wait in memory, and at most the size given to the constructor.
   // Writes the buffer to the file if more is waiting now.
   void limitBuffer(std::size_t bytes);
 
-  // Records the final name and the policy that asked for the capture; the last call wins.
+  // Sets the final name and the policy that requested the capture. A later call replaces them.
   void Update(const std::string& finalPath, std::uint32_t policyId, const std::string& policyName,
               std::int64_t flowId);
 
-  // Flushes, closes, moves the file to its final name and writes the info file; without a final
-  // name, or when the info file cannot be written, removes the capture. What can no longer be
-  // flushed is lost, with a log line; the whole records before it are kept. False, with a log line,
-  // when the stream does not close or the file cannot be moved: the working file then stays. True
-  // at once when nothing is open, so also after a close that failed.
+  // Flushes and closes the stream, moves the file to its final name and writes the info file.
+  // Removes the capture if it has no final name or if the info file cannot be written. Records that
+  // cannot be flushed are lost, with a log line. False, with a log line, if the stream cannot be
+  // closed or the file cannot be moved; the working file then remains. Returns true at once if the
+  // stream is not open, also after a Close that failed.
   bool Close();
 
   [[nodiscard]] const std::string& workingPath() const { return workingPath_; }
   [[nodiscard]] const std::string& finalPath() const { return finalPath_; }
   [[nodiscard]] const CaptureInfo& info() const { return info_; }
-  // Bytes of records, the header of the file not counted.
+  // Bytes of records, without the header of the file.
   [[nodiscard]] std::uint64_t bytesWritten() const { return bytesWritten_; }
-  // Time of the last successful Open or Write, 0 before.
+  // Time of the last successful Open or Write; 0 before.
   [[nodiscard]] std::time_t lastWriteTime() const { return lastWriteTime_; }
-  // True once Update has given the final name.
+  // True after Update.
   [[nodiscard]] bool named() const { return named_; }
   [[nodiscard]] std::int32_t status() const { return status_; }
   [[nodiscard]] std::uint64_t maxFileSize() const { return maxFileSize_; }
@@ -85,23 +85,23 @@ class PcapWriter {
 
   [[nodiscard]] bool WritePCAPHeader();
   [[nodiscard]] bool append(const void* bytes, std::size_t size);
-  void mend();
-  [[nodiscard]] bool cutToWholeRecords();
+  void dropPartialRecord();
+  [[nodiscard]] bool truncateToWholeRecords();
   [[nodiscard]] bool Finalize();
 
   std::string workingPath_;
   std::string finalPath_;
   std::size_t bufferSize_;
   std::size_t bufferLimit_;         // at most bufferSize_
-  std::unique_ptr<char[]> buffer_;  // the stream's; outlives it
+  std::unique_ptr<char[]> buffer_;  // used by stream_, so declared before it
   Stream stream_;
   std::uint64_t bytesWritten_ = 0;
   std::time_t lastWriteTime_ = 0;
   bool named_ = false;
   std::uint64_t maxFileSize_;
   std::int32_t status_ = 0;
-  std::uint64_t wholeOnDisk_ = 0;  // a record's end, up to which the file is known to be complete
-  int tornErrno_ = 0;              // why the rest of a failed write could not be cut off yet, or 0
+  std::uint64_t completeEnd_ = 0;  // end of a record before which all records have reached the file
+  int truncateError_ = 0;  // errno of a failed truncation: the file ends in a partial record; or 0
   RecordHeader recordHeader_{};
   CaptureInfo info_;
 };

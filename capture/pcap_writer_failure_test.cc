@@ -1,14 +1,9 @@
-// The PCAP writer against every call that fails: result, message, and what is on disk.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+// The PCAP writer when calls fail or the disk is full: results, log lines and files.
+#include <sys/resource.h>
 
-#include <memory>
+#include <csignal>
 
-#include "base/log.h"
-#include "base/testing/captured_log.h"
-#include "capture/pcap_writer.h"
-#include "capture/testing/call_faults.h"
-#include "capture/testing/files.h"
+#include "capture/testing/writer.h"
 
 namespace tarnik::test {
 namespace {
@@ -16,85 +11,40 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char kWorking[] = "/var/support/tarnik/1f";
-constexpr char kFinal[] = "/var/support/tarnik/a.pcap";
-constexpr std::uint64_t kNoLimit = 1U << 30U;
+using PcapWriterFailureTest = WriterTest;
 
-class PcapWriterFailureTest : public testing::Test {
- protected:
-  PcapWriterFailureTest() {
-    emptyCaptureDir();
-    clearFaults();
-    clearLog();
-    setDebugLevel(0);
-  }
-  ~PcapWriterFailureTest() override {
-    clearFaults();
-    setDebugLevel(0);
-  }
-
-  // A named writer with one record of 100 bytes.
-  static std::unique_ptr<PcapWriter> started() {
-    auto writer = std::make_unique<PcapWriter>(kWorking, kNoLimit);
-    EXPECT_TRUE(writer->Open());
-    EXPECT_TRUE(write(*writer, 100));
-    writer->Update(kFinal, 7, "uuid", 12);
-    return writer;
-  }
-
-  static bool write(PcapWriter& writer, std::uint32_t size, unsigned seed = 0) {
-    const auto data = frameData(size, seed);
-    return writer.Write(frame(size, size, seed, 0), data.data());
-  }
-
-  static std::size_t recordsIn(const char* path) {
-    const auto records = parsePcap(readFile(path));
-    EXPECT_TRUE(records) << "torn: " << path;
-    return records ? records->size() : 0;
-  }
-
-  static void expectLog(int priority, const std::string& text) {
-    EXPECT_THAT(logLines(), ElementsAre(LogLine{priority, text}));
-  }
-};
-
-TEST_F(PcapWriterFailureTest, OpenWithoutDirectory) {
+TEST_F(PcapWriterFailureTest, OpenFails) {
   PcapWriter writer("/var/support/tarnik/none/1f", kNoLimit);
   EXPECT_FALSE(writer.Open());
-  expectLog(LOG_ERR,
-            "Error: Open: Failed to open /var/support/tarnik/none/1f: No such file or directory");
+  expectLog({{LOG_ERR,
+              "Error: Open: Failed to open /var/support/tarnik/none/1f: No such file or "
+              "directory"}});
   EXPECT_EQ(writer.lastWriteTime(), 0);
   EXPECT_EQ(writer.info().startTime, 0);
-}
-
-TEST_F(PcapWriterFailureTest, OpenWithoutDescriptors) {
-  PcapWriter writer(kWorking, kNoLimit);
   faults["fopen"] = {.error = EMFILE};
-  EXPECT_FALSE(writer.Open());
-  expectLog(LOG_ERR, "Error: Open: Failed to open /var/support/tarnik/1f: Too many open files");
-  clearLog();
+  EXPECT_FALSE(PcapWriter(kWorking, kNoLimit).Open());
+  expectLog({{LOG_ERR, "Error: Open: Failed to open /var/support/tarnik/1f: Too many open files"}});
   EXPECT_TRUE(writer.Close());
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(PcapWriterFailureTest, TheHeaderIsCutShort) {
+TEST_F(PcapWriterFailureTest, OpenWritesOnlyAPartOfTheHeader) {
   {
     PcapWriter writer(kWorking, kNoLimit);
     faults["fwrite"] = {.error = ENOSPC, .bytes = 23};
     EXPECT_FALSE(writer.Open());
-    expectLog(LOG_ERR,
-              "Error: WritePCAPHeader: Failed to write PCAP header: No space left on device");
+    expectLog({{LOG_ERR,
+                "Error: WritePCAPHeader: Failed to write PCAP header: No space left on device"}});
     EXPECT_EQ(writer.lastWriteTime(), 0);
     EXPECT_NE(writer.info().startTime, 0);
-    EXPECT_THAT(entries(), ElementsAre("1f"));  // the stream stays open
-    clearLog();
+    EXPECT_THAT(entries(), ElementsAre("1f"));  // the stream is open until destruction
   }
-  expectLog(LOG_WARNING,
-            "Warning: Finalize: Failed to determine capture name for [/var/support/tarnik/1f]");
+  expectLog({{LOG_WARNING,
+              "Warning: Finalize: Failed to determine capture name for [/var/support/tarnik/1f]"}});
   EXPECT_THAT(entries(), IsEmpty());
 }
 
-TEST_F(PcapWriterFailureTest, ALostFlushOfTheHeaderIsMadeUpFor) {
+TEST_F(PcapWriterFailureTest, AHeaderThatWasNotFlushedIsWrittenLater) {
   PcapWriter writer(kWorking, kNoLimit);
   faults["fflush"] = {.error = ENOSPC};
   EXPECT_TRUE(writer.Open());
@@ -106,125 +56,101 @@ TEST_F(PcapWriterFailureTest, ALostFlushOfTheHeaderIsMadeUpFor) {
   EXPECT_EQ(recordsIn(kFinal), 1U);
 }
 
-TEST_F(PcapWriterFailureTest, TheRecordHeaderFails) {
-  for (const std::size_t reached : {std::size_t{0}, std::size_t{1}, std::size_t{15}}) {
+// A write that fails after some bytes of the record header or the data.
+TEST_F(PcapWriterFailureTest, AFailedWriteLeavesWholeRecords) {
+  const struct {
+    int call;           // 0: the record header, 1: the data
+    std::size_t bytes;  // that still reach the file
+    bool writesAgain;
+  } kFaults[] = {{0, 0, false}, {0, 1, false},  {0, 15, true}, {1, 0, false},
+                 {1, 1, true},  {1, 99, false}, {1, 50, true}};
+  for (const auto& [call, bytes, writesAgain] : kFaults) {
+    SCOPED_TRACE(testing::Message() << "call " << call << ", bytes " << bytes);
+    emptyCaptureDir();
+    fixedTime = 1700000000;
     const auto writer = started();
-    faults["fwrite"] = {.error = ENOSPC, .bytes = reached};
+    fixedTime = 1700000001;
+    faults["fwrite"] = {.error = ENOSPC, .after = call, .bytes = bytes};
     EXPECT_FALSE(write(*writer, 100, 1));
-    expectLog(LOG_ERR, "Error: Write: Failed to write packet header: No space left on device");
+    expectLog({{LOG_ERR, std::string("Error: Write: Failed to write packet") +
+                             (call == 0 ? " header" : "") + ": No space left on device"}});
     EXPECT_EQ(writer->status(), 0);
+    EXPECT_EQ(writer->lastWriteTime(), 1700000000);
     EXPECT_EQ(writer->bytesWritten(), 116U);
     EXPECT_EQ(recordsIn(kWorking), 1U);
-    clearLog();
-    EXPECT_TRUE(writer->Close());
-    EXPECT_THAT(logLines(), IsEmpty());
-    EXPECT_EQ(recordsIn(kFinal), 1U);
-  }
-}
-
-TEST_F(PcapWriterFailureTest, TheDataFail) {
-  for (const std::size_t reached : {std::size_t{0}, std::size_t{1}, std::size_t{99}}) {
-    const auto writer = started();
-    faults["fwrite"] = {.error = EIO, .after = 1, .bytes = reached};
-    EXPECT_FALSE(write(*writer, 100, 1));
-    expectLog(LOG_ERR, "Error: Write: Failed to write packet: Input/output error");
-    EXPECT_EQ(writer->status(), 0);
-    EXPECT_EQ(recordsIn(kWorking), 1U);
-    clearLog();
-    EXPECT_TRUE(writer->Close());
-    EXPECT_EQ(recordsIn(kFinal), 1U);
-  }
-}
-
-TEST_F(PcapWriterFailureTest, AFailedWriteDoesNotChangeTheTime) {
-  fixedTime = 1700000000;
-  const auto writer = started();
-  fixedTime = 1700000001;
-  faults["fwrite"] = {.error = EIO};
-  EXPECT_FALSE(write(*writer, 100, 1));
-  EXPECT_EQ(writer->lastWriteTime(), 1700000000);
-}
-
-TEST_F(PcapWriterFailureTest, WritingGoesOnBehindTheLastWholeRecord) {
-  const auto writer = started();
-  faults["fwrite"] = {.error = ENOSPC, .after = 1, .bytes = 50};
-  EXPECT_FALSE(write(*writer, 100, 1));
-  EXPECT_TRUE(write(*writer, 200, 2));
-  EXPECT_EQ(writer->bytesWritten(), 116U + 216);
-  EXPECT_TRUE(writer->Close());
-  const auto records = parsePcap(readFile(kFinal));
-  ASSERT_TRUE(records);
-  ASSERT_EQ(records->size(), 2U);
-  EXPECT_EQ((*records)[0].data, bytesOf(frameData(100)));
-  EXPECT_EQ((*records)[1].data, bytesOf(frameData(200, 2)));
-}
-
-// Half a record that cannot be cut off is tried again, and in the end not published.
-TEST_F(PcapWriterFailureTest, HalfARecordThatStays) {
-  const auto writer = started();
-  faults["fwrite"] = {.error = ENOSPC, .after = 1, .bytes = 50};
-  faults["ftruncate"] = {.error = EROFS, .times = 100};
-  EXPECT_FALSE(write(*writer, 100, 1));
-  clearLog();
-  EXPECT_FALSE(write(*writer, 100, 2));
-  expectLog(LOG_ERR, "Error: Write: Failed to write packet header: Read-only file system");
-  clearLog();
-  EXPECT_FALSE(writer->Close());
-  expectLog(LOG_ERR,
-            "Error: Finalize: Failed to finalize [/var/support/tarnik/a.pcap]: Read-only file "
-            "system");
-  EXPECT_THAT(entries(), ElementsAre("1f"));
-}
-
-TEST_F(PcapWriterFailureTest, HalfARecordIsCutOffWhenThatWorksAgain) {
-  for (const bool goesOn : {false, true}) {
-    const auto writer = started();
-    faults["fwrite"] = {.error = ENOSPC, .after = 1, .bytes = 50};
-    faults["ftruncate"] = {.error = EROFS};
-    EXPECT_FALSE(write(*writer, 100, 1));
-    if (goesOn) {
-      EXPECT_TRUE(write(*writer, 100, 2));
+    std::vector<Record> expected = {{0, 0, 100, bytesOf(frameData(100))}};
+    if (writesAgain) {
+      EXPECT_TRUE(write(*writer, 200, 2));
+      EXPECT_EQ(writer->bytesWritten(), 116U + 216);
+      expected.push_back({2, 0, 200, bytesOf(frameData(200, 2))});
     }
     EXPECT_TRUE(writer->Close());
-    EXPECT_EQ(recordsIn(kFinal), goesOn ? 2U : 1U);
+    EXPECT_EQ(parsePcap(readFile(kFinal)), expected);
+    EXPECT_THAT(logLines(), IsEmpty());
   }
 }
 
-// Then what stays is what is known to be on disk: all but the last buffer.
-TEST_F(PcapWriterFailureTest, TheFileCannotBeReadBack) {
+// A partial record that cannot be truncated: the next write and Close try again.
+TEST_F(PcapWriterFailureTest, TruncationFails) {
+  for (const int times : {1, 2, 100}) {
+    SCOPED_TRACE(times);
+    emptyCaptureDir();
+    const auto writer = started();
+    faults["fwrite"] = {.error = ENOSPC, .after = 1, .bytes = 50};
+    faults["ftruncate"] = {.error = EROFS, .times = times};
+    EXPECT_FALSE(write(*writer, 100, 1));
+    clearLog();
+    EXPECT_EQ(write(*writer, 100, 2), times == 1);
+    if (times > 1) {
+      expectLog({{LOG_ERR, "Error: Write: Failed to write packet header: Read-only file system"}});
+    }
+    EXPECT_EQ(writer->Close(), times < 100);
+    if (times < 100) {
+      EXPECT_EQ(recordsIn(kFinal), times == 1 ? 2U : 1U);
+      EXPECT_THAT(logLines(), IsEmpty());
+    } else {
+      expectLog({{LOG_ERR,
+                  "Error: Finalize: Failed to finalize [/var/support/tarnik/a.pcap]: Read-only "
+                  "file system"}});
+      EXPECT_THAT(entries(), ElementsAre("1f")) << "a partial record is not published";
+    }
+  }
+}
+
+// Then only the records before the last buffer are known to be whole.
+TEST_F(PcapWriterFailureTest, TheFileCannotBeReadForTruncation) {
   constexpr char kMoved[] = "/var/support/tarnik/moved";
   const auto writer = started();
   for (unsigned i = 1; i < 1000; ++i) {
     ASSERT_TRUE(write(*writer, 100, i));
   }
-  const std::size_t before = readFile(kWorking).size();
+  const auto before = sizeOf(kWorking);
   faults["fwrite"] = {.error = ENOSPC, .after = 1, .bytes = 50};
   std::filesystem::rename(kWorking, kMoved);
   EXPECT_FALSE(write(*writer, 100, 1000));
   EXPECT_GT(recordsIn(kMoved), 100U);
-  EXPECT_LE(readFile(kMoved).size(), before);
-  EXPECT_EQ(kPcapHeader.size() + writer->bytesWritten(), readFile(kMoved).size());
+  EXPECT_LE(sizeOf(kMoved), before);
+  EXPECT_EQ(kPcapHeader.size() + writer->bytesWritten(), sizeOf(kMoved));
 }
 
 TEST_F(PcapWriterFailureTest, FlushAtCloseFails) {
   const auto writer = started();
   faults["fflush"] = {.error = ENOSPC};
   EXPECT_TRUE(writer->Close());
-  expectLog(LOG_ERR,
-            "Error: Close: Failed to close [/var/support/tarnik/1f]: No space left on device");
-  EXPECT_EQ(readFile(kFinal), kPcapHeader);  // nothing else had reached the file
+  expectLog({{LOG_ERR,
+              "Error: Close: Failed to close [/var/support/tarnik/1f]: No space left on device"}});
+  EXPECT_EQ(readFile(kFinal), kPcapHeader) << "the record was still in the buffer";
 }
 
-TEST_F(PcapWriterFailureTest, CloseFails) {
+TEST_F(PcapWriterFailureTest, CloseFailsAndFreesTheStream) {
   auto writer = started();
   faults["fclose"] = {.error = EDQUOT};
   EXPECT_FALSE(writer->Close());
-  expectLog(LOG_ERR, "Error: Close: Failed to close [/var/support/tarnik/1f]: Disk quota exceeded");
+  expectLog(
+      {{LOG_ERR, "Error: Close: Failed to close [/var/support/tarnik/1f]: Disk quota exceeded"}});
   EXPECT_THAT(entries(), ElementsAre("1f"));
   EXPECT_EQ(recordsIn(kWorking), 1U);
 
-  // The stream is gone whatever fclose said: it is neither written to nor closed again.
-  clearLog();
   EXPECT_FALSE(write(*writer, 100));
   EXPECT_THAT(logLines()[0].text, testing::HasSubstr("fileStream=(nil) size=100"));
   clearLog();
@@ -238,81 +164,157 @@ TEST_F(PcapWriterFailureTest, RenameFails) {
   auto writer = started();
   writer->Update("/var/support/tarnik/none/a.pcap", 7, "uuid", 12);
   EXPECT_FALSE(writer->Close());
-  expectLog(LOG_ERR,
-            "Error: Finalize: Failed to finalize [/var/support/tarnik/none/a.pcap]: No such file "
-            "or directory");
+  expectLog({{LOG_ERR,
+              "Error: Finalize: Failed to finalize [/var/support/tarnik/none/a.pcap]: No such file "
+              "or directory"}});
   EXPECT_THAT(entries(), ElementsAre("1f"));
   EXPECT_EQ(recordsIn(kWorking), 1U);
-  clearLog();
   EXPECT_TRUE(writer->Close());
   writer.reset();
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(PcapWriterFailureTest, RemovingANamelessCaptureFails) {
+TEST_F(PcapWriterFailureTest, RemovingACaptureWithoutNameFails) {
+  const LogLine warning{
+      LOG_WARNING,
+      "Warning: Finalize: Failed to determine capture name for [/var/support/tarnik/1f]"};
+  const LogLine failure{LOG_DEBUG,
+                        "Debug: Finalize: Failed to remove [/var/support/tarnik/1f]: No such file "
+                        "or directory"};
   for (const unsigned level : {0U, 1U}) {
-    PcapWriter writer(kWorking, kNoLimit);
-    ASSERT_TRUE(writer.Open());
+    const auto writer = opened();
     std::filesystem::remove(kWorking);
-    clearLog();
-    setDebugLevel(level);
-    EXPECT_TRUE(writer.Close());
-    setDebugLevel(0);
-  }
-  EXPECT_THAT(
-      logLines(),
-      ElementsAre(
-          LogLine{
-              LOG_WARNING,
-              "Warning: Finalize: Failed to determine capture name for [/var/support/tarnik/1f]"},
-          LogLine{LOG_DEBUG,
-                  "Debug: Finalize: Failed to remove [/var/support/tarnik/1f]: No such file or "
-                  "directory"}));
-}
-
-TEST_F(PcapWriterFailureTest, WithoutInfoTheCaptureIsDeleted) {
-  auto writer = started();
-  std::filesystem::create_directory("/var/support/tarnik/a.info");
-  EXPECT_TRUE(writer->Close());
-  EXPECT_THAT(logLines(),
-              ElementsAre(LogLine{LOG_ERR,
-                                  "Error: fini: Failed to open: /var/support/tarnik/a.info, "
-                                  "errno=21"},
-                          LogLine{LOG_WARNING,
-                                  "Warning: Finalize: Failed to generate info for "
-                                  "[/var/support/tarnik/a.pcap]"}));
-  EXPECT_THAT(entries(), ElementsAre("a.info"));
-}
-
-TEST_F(PcapWriterFailureTest, ACaptureDeletedForItsInfoIsFinalizedAllTheSame) {
-  auto writer = started();
-  std::filesystem::create_directory("/var/support/tarnik/a.info");
-  setDebugLevel(4);
-  clearLog();
-  EXPECT_TRUE(writer->Close());
-  EXPECT_EQ(logLines().back(),
-            (LogLine{LOG_DEBUG, "Debug: Finalize: Finalized [/var/support/tarnik/a.pcap]"}));
-}
-
-TEST_F(PcapWriterFailureTest, DeletingTheCaptureWithoutInfoFails) {
-  std::filesystem::create_directory("/var/support/tarnik/a.info");
-  for (const unsigned level : {0U, 1U}) {
-    auto writer = started();
-    faults["remove"] = {.error = EPERM};
-    clearLog();
-    setDebugLevel(level);
+    useDebugLevel(level);
     EXPECT_TRUE(writer->Close());
-    setDebugLevel(0);
-    EXPECT_THAT(entries(), ElementsAre("a.info", "a.pcap"));
-    EXPECT_EQ(
-        testing::Value(
-            logLines(),
-            testing::Contains(LogLine{
-                LOG_DEBUG,
-                "Debug: Finalize: Failed to remove [/var/support/tarnik/a.pcap]: Operation not "
-                "permitted"})),
-        level > 0);
+    expectLog(level == 0 ? std::vector{warning} : std::vector{warning, failure});
   }
+}
+
+TEST_F(PcapWriterFailureTest, ACaptureWithoutInfoIsRemoved) {
+  std::filesystem::create_directory("/var/support/tarnik/a.info");
+  const LogLine error{LOG_ERR, "Error: fini: Failed to open: /var/support/tarnik/a.info, errno=21"};
+  const LogLine warning{
+      LOG_WARNING, "Warning: Finalize: Failed to generate info for [/var/support/tarnik/a.pcap]"};
+  const LogLine failure{LOG_DEBUG,
+                        "Debug: Finalize: Failed to remove [/var/support/tarnik/a.pcap]: Operation "
+                        "not permitted"};
+  const LogLine done{LOG_DEBUG, "Debug: Finalize: Finalized [/var/support/tarnik/a.pcap]"};
+  const auto close = [](unsigned level) {
+    const auto writer = started();
+    useDebugLevel(level);
+    EXPECT_TRUE(writer->Close());
+    std::vector<LogLine> lines = logLines();
+    std::erase_if(lines, [](const auto& line) { return line.text.starts_with("Debug: fini:"); });
+    return lines;
+  };
+  EXPECT_EQ(close(0), (std::vector{error, warning}));
+  EXPECT_THAT(entries(), ElementsAre("a.info"));
+  EXPECT_EQ(close(4).back(), done);
+  for (const unsigned level : {0U, 1U}) {
+    std::filesystem::remove(kFinal);
+    faults["remove"] = {.error = EPERM};
+    std::vector expected = {error, warning};
+    if (level > 0) {
+      expected.push_back(failure);
+    }
+    EXPECT_EQ(close(level), expected);
+    EXPECT_THAT(entries(), ElementsAre("a.info", "a.pcap"));
+  }
+}
+
+// Limits the size of the files that this process writes: a write across the limit is partial.
+class LimitedSize {
+ public:
+  explicit LimitedSize(rlim_t bytes) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit{bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  LimitedSize(const LimitedSize&) = delete;
+  LimitedSize& operator=(const LimitedSize&) = delete;
+  ~LimitedSize() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
+// Writes a file of `count` records with each size limit: it keeps every record that fits.
+class PcapWriterFullTest : public WriterTest {
+ protected:
+  static constexpr std::size_t kBuffer = 4096;
+
+  void compareWithWhole(unsigned count, std::uint32_t frameSize, rlim_t from, rlim_t to,
+                        rlim_t step) {
+    fill(count, frameSize);
+    const auto whole = parsePcap(readFile(kFinal));
+    ASSERT_TRUE(whole);
+    ASSERT_EQ(whole->size(), count);
+    refusedWrites_ = 0;
+    for (rlim_t size = from; size <= to; size += step) {
+      emptyCaptureDir();
+      {
+        const LimitedSize limited(size);
+        fill(count, frameSize);
+      }
+      ++files_;
+      const auto kept = parsePcap(readFile(kFinal));
+      ASSERT_TRUE(kept) << "no whole file with room for " << size;
+      ASSERT_EQ(kept->size(), recordsThatFit(*whole, size)) << "with room for " << size;
+      ASSERT_TRUE(std::equal(kept->begin(), kept->end(), whole->begin())) << size;
+    }
+  }
+
+  int files_ = 0;
+  int refusedWrites_ = 0;  // files that met their limit before Close
+
+ private:
+  // Writes until the writer refuses a frame, or all frames, and closes.
+  void fill(unsigned count, std::uint32_t frameSize) {
+    writeFile("/var/support/tarnik/template.nap.uuid", "");
+    const auto writer = opened(kNoLimit, kBuffer);
+    writer->Update(kFinal, 7, "uuid", 12);
+    for (unsigned i = 0; i < count; ++i) {
+      if (!write(*writer, frameSize + i % 7, i)) {
+        ++refusedWrites_;
+        EXPECT_EQ(kPcapHeader.size() + writer->bytesWritten(), sizeOf(kWorking));
+        break;
+      }
+    }
+    (void)writer->Close();
+  }
+
+  static std::size_t recordsThatFit(const std::vector<Record>& all, std::size_t size) {
+    std::size_t end = kPcapHeader.size();
+    std::size_t count = 0;
+    while (count < all.size() && end + 16 + all[count].data.size() <= size) {
+      end += 16 + all[count++].data.size();
+    }
+    return count;
+  }
+};
+
+TEST_F(PcapWriterFullTest, KeepsWholeRecordsIfTheFlushAtCloseFails) {
+  compareWithWhole(10, 40, 400, 560, 1);
+  EXPECT_EQ(refusedWrites_, 0);
+}
+
+TEST_F(PcapWriterFullTest, KeepsWholeRecordsIfAFullBufferIsRefused) {
+  compareWithWhole(150, 100, 3600, 12000, 83);
+  EXPECT_EQ(refusedWrites_, files_);
+}
+
+TEST_F(PcapWriterFullTest, KeepsWholeRecordsLargerThanTheBuffer) {
+  compareWithWhole(4, 5000, 24, 20000, 499);
+  EXPECT_GT(refusedWrites_, 0);
+}
+
+TEST_F(PcapWriterFullTest, NoRoomForTheHeader) {
+  const LimitedSize limited(10);
+  const auto writer = started();
+  EXPECT_FALSE(writer->Close());
+  expectLog({{LOG_ERR, "Error: Close: Failed to close [/var/support/tarnik/1f]: File too large"}});
+  EXPECT_THAT(entries(), ElementsAre("1f"));
 }
 
 }  // namespace

@@ -109,7 +109,7 @@ class ReloadTest : public test::ThreadTest {
   // What the capture is called by its name and its info file, which have to agree.
   static std::string trigger(const std::string& name, std::uint32_t captureId) {
     const test::Bytes bytes =
-        test::readFile(kCaptureDir + name.substr(0, name.size() - 5) + ".info");
+        test::readFile(kCaptureDir + name.substr(0, name.size() - 5) + ".info").value_or("");
     const std::string info(bytes.begin(), bytes.end());
     const auto named = [&](const std::string& inName, const std::string& inInfo) {
       return name.find(inName) != std::string::npos && info.find(inInfo) != std::string::npos;

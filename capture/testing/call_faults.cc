@@ -25,7 +25,7 @@ Function* next(Function*, const char* name) {
   return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
-// The fault of a call that fails now, with errno set, or null.
+// The fault of a call that must fail now, with errno set, or null.
 const Fault* failing(const char* name) {
   const auto found = faults.find(name);
   if (found == faults.end()) {

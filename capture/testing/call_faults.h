@@ -1,6 +1,5 @@
-// Library calls that fail when a test wants them to. A test program that contains call_faults.cc
-// has these calls in place of the system library's; they pass on to it unless told otherwise. They
-// also tell the time.
+// Makes calls of the C library fail. A test program with call_faults.cc calls these functions
+// instead; they call the C library unless a fault is set.
 #pragma once
 
 #include <cstddef>
@@ -12,19 +11,19 @@ namespace tarnik::test {
 
 struct Fault {
   int error = 0;          // errno of the failing call
-  int after = 0;          // so many calls go through first
-  int times = 1;          // then so many fail
-  std::size_t bytes = 0;  // fwrite: so many bytes reach the file first, past the stream's buffer
+  int after = 0;          // number of calls that succeed first
+  int times = 1;          // number of calls that then fail
+  std::size_t bytes = 0;  // fwrite: number of bytes that still reach the file, without the buffer
 };
 
-// Faults by the name of the call: fopen, fwrite, fflush, fclose (which frees the stream even so),
-// rename, remove, ftruncate.
+// By the name of the call: fopen, fwrite, fflush, fclose (which still frees the stream), rename,
+// remove, ftruncate.
 extern std::map<std::string, Fault> faults;
 
-// What time() gives, or 0 for the true time.
+// The result of time(), or 0 for the real time.
 extern std::time_t fixedTime;
 
-// Ends all faults and the fixed time.
+// Removes all faults and the fixed time.
 void clearFaults();
 
 }  // namespace tarnik::test

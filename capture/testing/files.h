@@ -1,16 +1,16 @@
-// What the tests of the capture files share: frames, and what is in files and directories.
+// Frames, capture files and the capture directory, for tests.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/paths.h"
+#include "base/testing/files.h"
 #include "frameq/frame_header.h"
 
 namespace tarnik::test {
@@ -22,7 +22,7 @@ inline FrameHeader frame(std::uint32_t wireLength, std::uint32_t capturedLength,
   return {wireLength, capturedLength, seconds, microseconds};
 }
 
-// Frame data that differs from frame to frame and from byte to byte.
+// Data that differs between seeds and from byte to byte.
 inline std::vector<std::uint8_t> frameData(std::size_t size, unsigned seed = 0) {
   std::vector<std::uint8_t> data(size);
   for (std::size_t i = 0; i < size; ++i) {
@@ -35,20 +35,12 @@ inline Bytes bytesOf(const std::vector<std::uint8_t>& data) {
   return {data.begin(), data.end()};
 }
 
-inline Bytes readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-inline void writeFile(const std::string& path, const Bytes& content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
-
+// Makes a file longer.
 inline void append(const std::string& path, std::size_t bytes) {
   std::ofstream(path, std::ios::app) << std::string(bytes, 'x');
 }
 
-// The capture directory's entries, in order of their names.
+// The names in the capture directory, sorted.
 inline std::vector<std::string> entries() {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(kCaptureDir)) {
@@ -58,7 +50,7 @@ inline std::vector<std::string> entries() {
   return names;
 }
 
-// Leaves an empty capture directory behind.
+// Creates the capture directory, or removes all its entries.
 inline void emptyCaptureDir() {
   std::filesystem::remove_all("/var/support/tarnik");
   std::filesystem::create_directories(kCaptureDir);
@@ -85,8 +77,10 @@ inline const Bytes kPcapHeader(
     "\x00",
     24);
 
-// The records of a capture file, or nothing unless it is whole from its header to its last byte.
-inline std::optional<std::vector<Record>> parsePcap(const Bytes& file) {
+// The records of a capture file, or nothing if the file does not exist, has another header or ends
+// in a partial record.
+inline std::optional<std::vector<Record>> parsePcap(const std::optional<Bytes>& content) {
+  const Bytes& file = content.value_or("");
   if (file.substr(0, kPcapHeader.size()) != kPcapHeader) {
     return std::nullopt;
   }
