@@ -22,8 +22,10 @@ endif()
 # ccache shortens repeated builds; the project does not need it.
 find_program(CCACHE ccache)
 if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  # It only caches what uses a precompiled header when it may ignore these differences.
+  set(CMAKE_CXX_COMPILER_LAUNCHER
+    ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE})
   set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE} sloppiness=pch_defines,time_macros)
 endif()
 
 find_package(Threads REQUIRED)
