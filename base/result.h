@@ -10,7 +10,8 @@
 namespace tarnik {
 
 struct Error {
-  std::string text;  // without program name and newline
+  std::string text;    // without program name and newline
+  int exitStatus = 1;  // of the tool that ends because of it
 };
 
 // The value of an operation that returns none.
@@ -33,6 +34,7 @@ class [[nodiscard]] Result {
   [[nodiscard]] const Value* operator->() const { return &std::get<Value>(content_); }
   // Only when not ok().
   [[nodiscard]] const std::string& error() const { return std::get<Error>(content_).text; }
+  [[nodiscard]] int exitStatus() const { return std::get<Error>(content_).exitStatus; }
 
  private:
   std::variant<Value, Error> content_;

@@ -1,4 +1,4 @@
-// Made-up conversations, frame by frame.
+// Generates network conversations, frame by frame.
 #pragma once
 
 #include <cstdint>
@@ -8,11 +8,11 @@ namespace tarnik {
 
 struct TimedFrame {
   std::uint64_t microseconds;       // since the epoch
-  std::vector<std::uint8_t> bytes;  // from the Ethernet header on, without a frame check sequence
+  std::vector<std::uint8_t> bytes;  // Ethernet header and payload, no frame check sequence
 };
 
-// `flows` conversations that begin within `seconds` seconds, their frames in order of time. The
-// same arguments give the same frames.
+// Returns the frames of `flows` conversations, sorted by time. The conversations begin within
+// `seconds` seconds. The same arguments give the same frames.
 [[nodiscard]] std::vector<TimedFrame> makeConversations(unsigned flows, unsigned seconds,
                                                         unsigned seed);
 

@@ -10,6 +10,7 @@
 #include <iomanip>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <system_error>
 
@@ -27,7 +28,8 @@ constexpr std::size_t kMaxInfoLine = 4096;
 
 using Info = std::map<std::string, std::string>;
 
-// The "key=value" lines of an info file; the daemon's own come last, so the last of a key counts.
+// Reads the "key=value" lines of an info file. If a key occurs twice the later line counts: first
+// come the lines of the policy, then the daemon's own.
 Info readInfo(const fs::path& path) {
   Info info;
   std::error_code failed;
@@ -66,8 +68,8 @@ void describe(const Info& info, const std::string& fileName, Capture& capture) {
   }
 }
 
-// Counts the records. The bytes of a whole file come from its size, since libpcap cuts what it
-// hands out to the snapshot length of the file header.
+// Reads the records: their count, bytes and times. libpcap cuts the frames to the snapshot length
+// in the file header, so the bytes of a complete file are computed from its size.
 void readRecords(const fs::path& path, Capture& capture) {
   char error[PCAP_ERRBUF_SIZE] = "";
   const std::unique_ptr<pcap_t, decltype(&pcap_close)> pcap(pcap_open_offline(path.c_str(), error),
@@ -79,10 +81,10 @@ void readRecords(const fs::path& path, Capture& capture) {
   pcap_pkthdr* header = nullptr;
   const u_char* data = nullptr;
   int result = 0;
-  double first = 0;
+  std::chrono::microseconds first{0};
   while ((result = pcap_next_ex(pcap.get(), &header, &data)) == 1) {
-    const double time =
-        static_cast<double>(header->ts.tv_sec) + static_cast<double>(header->ts.tv_usec) / 1e6;
+    const std::chrono::microseconds time =
+        std::chrono::seconds(header->ts.tv_sec) + std::chrono::microseconds(header->ts.tv_usec);
     if (capture.frames++ == 0) {
       const Frame frame{.data = {data, header->caplen}, .wireLength = header->len};
       capture.flow = decode(frame).key.text();
@@ -122,16 +124,20 @@ Capture readCapture(const fs::path& path) {
   return capture;
 }
 
-// One column of the table: as wide as its widest cell, numbers to the right.
+// A column of the table, as wide as its widest cell.
 struct Column {
   const char* title;
-  bool right;
+  bool alignRight;
   std::string (*cell)(const Capture&);
 };
 
-std::string seconds(double value) {
+double seconds(std::chrono::microseconds duration) {
+  return std::chrono::duration<double>(duration).count();
+}
+
+std::string secondsText(std::chrono::microseconds duration) {
   std::ostringstream out;
-  out << std::fixed << std::setprecision(3) << value;
+  out << std::fixed << std::setprecision(3) << seconds(duration);
   return out.str();
 }
 
@@ -143,30 +149,30 @@ constexpr Column kColumns[] = {
     {"FLOW", false, [](const Capture& c) { return printable(c.flow); }},
     {"FRAMES", true, [](const Capture& c) { return std::to_string(c.frames); }},
     {"BYTES", true, [](const Capture& c) { return std::to_string(c.bytes); }},
-    {"SECONDS", true, [](const Capture& c) { return seconds(c.duration); }},
+    {"SECONDS", true, [](const Capture& c) { return secondsText(c.duration); }},
     {"ENDED", false, [](const Capture& c) { return c.ended; }},
 };
 
 }  // namespace
 
-bool readCaptures(const std::string& directory, std::vector<Capture>& captures) {
+Result<std::vector<Capture>> readCaptures(const std::string& directory) {
   std::error_code failed;
   std::vector<fs::path> paths;
   for (fs::directory_iterator entry(directory, failed), end; !failed && entry != end;
        entry.increment(failed)) {
     std::error_code gone;
-    // Reading a pipe or a device need not end.
+    // A read from a pipe or a device might never end.
     if (entry->path().extension() == ".pcap" && entry->is_regular_file(gone)) {
       paths.push_back(entry->path());
     }
   }
   if (failed) {
-    errno = failed.value();
-    return false;
+    return Error{"cannot list " + directory + ": " + failed.message()};
   }
   std::sort(paths.begin(), paths.end());
+  std::vector<Capture> captures;
   std::transform(paths.begin(), paths.end(), std::back_inserter(captures), readCapture);
-  return true;
+  return captures;
 }
 
 std::string toTable(const std::vector<Capture>& captures) {
@@ -184,7 +190,7 @@ std::string toTable(const std::vector<Capture>& captures) {
     for (std::size_t i = 0; i < std::size(kColumns); ++i) {
       const std::string cell = cellOf(kColumns[i]);
       const std::string pad(widths[i] - std::min(widths[i], cell.size()), ' ');
-      line += (kColumns[i].right ? pad + cell : cell + pad) + "  ";
+      line += (kColumns[i].alignRight ? pad + cell : cell + pad) + "  ";
     }
     out << line.substr(0, line.find_last_not_of(' ') + 1) << '\n';
   };
@@ -196,17 +202,20 @@ std::string toTable(const std::vector<Capture>& captures) {
 }
 
 std::string toJson(const std::vector<Capture>& captures) {
-  std::ostringstream out;
-  out << '[';
+  nlohmann::ordered_json json = nlohmann::ordered_json::array();
   for (const Capture& c : captures) {
-    out << (&c == captures.data() ? "\n" : ",\n") << "{\"file\":" << jsonString(c.file)
-        << ",\"trigger\":" << jsonString(c.trigger) << ",\"flow\":" << jsonString(c.flow)
-        << ",\"flowId\":" << jsonString(c.flowId) << ",\"start\":" << c.start
-        << ",\"frames\":" << c.frames << ",\"bytes\":" << c.bytes
-        << ",\"duration\":" << seconds(c.duration) << ",\"ended\":" << jsonString(c.ended) << '}';
+    json.push_back({{"file", c.file},
+                    {"trigger", c.trigger},
+                    {"flow", c.flow},
+                    {"flowId", c.flowId},
+                    {"start", c.start},
+                    {"frames", c.frames},
+                    {"bytes", c.bytes},
+                    {"duration", seconds(c.duration)},
+                    {"ended", c.ended}});
   }
-  out << "\n]\n";
-  return out.str();
+  // File names may hold any bytes. Those that are not UTF-8 become U+FFFD.
+  return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace tarnik::ctl

@@ -11,33 +11,34 @@
 #include <chrono>
 #include <cstring>
 #include <random>
+#include <sstream>
 
 #include "tools/tarnikctl/output.h"
 
 namespace tarnik::ctl {
 namespace {
 
-bool address(const std::string& path, sockaddr_un& result) {
-  result = {};
-  result.sun_family = AF_UNIX;
-  if (path.size() >= sizeof result.sun_path) {
+bool makeAddress(const std::string& path, sockaddr_un& address) {
+  address = {};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
     return false;
   }
-  std::memcpy(result.sun_path, path.c_str(), path.size());
+  std::memcpy(address.sun_path, path.c_str(), path.size());
   return true;
 }
 
-// Bounds the waiting of one direction; a time of 0 would be for ever.
+// Limits how long the socket blocks in one direction. The system reads 0 as no limit.
 void setTimeout(int socket, int option, std::int64_t microseconds) {
-  const std::int64_t bounded = std::max<std::int64_t>(microseconds, 1);
-  const timeval limit{static_cast<time_t>(bounded / 1000000),
-                      static_cast<suseconds_t>(bounded % 1000000)};
+  const std::int64_t atLeastOne = std::max<std::int64_t>(microseconds, 1);
+  const timeval limit{static_cast<time_t>(atLeastOne / 1000000),
+                      static_cast<suseconds_t>(atLeastOne % 1000000)};
   ::setsockopt(socket, SOL_SOCKET, option, &limit, sizeof limit);
 }
 
 std::uint64_t newMessageId() {
   std::random_device random;
-  return (std::uint64_t{random()} << 32 | random()) | 1;  // 0 is refused
+  return (std::uint64_t{random()} << 32 | random()) | 1;  // the daemon refuses 0
 }
 
 }  // namespace
@@ -48,52 +49,52 @@ CommandClient::~CommandClient() {
   }
 }
 
-int CommandClient::connect(const std::string& path, double timeoutSeconds) {
+Result<> CommandClient::connect(const std::string& path, double timeoutSeconds) {
   path_ = path;
   timeout_ = timeoutSeconds;
   socket_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_un daemon;
   sockaddr_un own;
   const std::string ownPath = path + ".client." + std::to_string(::getpid());
-  if (!address(path, daemon) || !address(ownPath, own)) {
-    return complain(kUsage, "%s is too long for a socket's path: use a shorter one", path.c_str());
+  if (!makeAddress(path, daemon) || !makeAddress(ownPath, own)) {
+    return Error{path + " is too long for the path of a socket", kUsage};
   }
   if (!socket_ ||
       ::connect(socket_.get(), reinterpret_cast<sockaddr*>(&daemon), sizeof daemon) != 0) {
-    return complain(
-        kNoDaemon,
-        "no daemon at %s: %s; is tarnikd running, and do you have the right to talk to it?",
-        path.c_str(), std::strerror(errno));
+    return Error{"no daemon at " + path + ": " + std::strerror(errno) +
+                     "; is tarnikd running, and may you connect to it?",
+                 kNoDaemon};
   }
-  ::unlink(ownPath.c_str());  // of an earlier process with our id
+  ::unlink(ownPath.c_str());  // an earlier process with our process id may have left it
   if (::bind(socket_.get(), reinterpret_cast<sockaddr*>(&own), sizeof own) != 0) {
-    return complain(kFailed, "cannot create %s for the answer: %s; run it as the daemon's user",
-                    ownPath.c_str(), std::strerror(errno));
+    return Error{"cannot create " + ownPath + ": " + std::strerror(errno) +
+                 "; run tarnikctl as the daemon's user"};
   }
   ownPath_ = ownPath;
   setTimeout(socket_.get(), SO_SNDTIMEO, static_cast<std::int64_t>(timeoutSeconds * 1e6));
-  return kDone;
+  return {};
 }
 
-int CommandClient::send(std::span<const std::uint8_t> request) {
+Error CommandClient::daemonIsGone() const {
+  return {"the daemon at " + path_ + " has ended: " + std::strerror(errno), kNoDaemon};
+}
+
+Result<> CommandClient::send(std::span<const std::uint8_t> request) {
   if (::send(socket_.get(), request.data(), request.size(), 0) ==
       static_cast<ssize_t>(request.size())) {
-    return kDone;
+    return {};
   }
   if (errno == EAGAIN) {
-    return complain(
-        kFailed,
-        "the daemon at %s takes no more commands: wait longer with --timeout, or restart it",
-        path_.c_str());
+    return Error{"the daemon at " + path_ +
+                 " does not read its commands: wait longer with --timeout, or restart it"};
   }
-  return complain(kNoDaemon, "the daemon at %s went away: %s; start it again", path_.c_str(),
-                  std::strerror(errno));
+  return daemonIsGone();
 }
 
-int CommandClient::ask(RequestType type, CommandResponse& response) {
+Result<CommandResponse> CommandClient::ask(RequestType type) {
   const std::uint64_t messageId = newMessageId();
-  if (const int status = send(encodeRequest(type, messageId)); status != kDone) {
-    return status;
+  if (const Result<> sent = send(encodeRequest(type, messageId)); !sent) {
+    return Error{sent.error(), sent.exitStatus()};
   }
   using Clock = std::chrono::steady_clock;
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
@@ -102,25 +103,22 @@ int CommandClient::ask(RequestType type, CommandResponse& response) {
     const auto left =
         std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now()).count();
     if (left <= 0) {
-      return complain(
-          kFailed,
-          "no answer within %g seconds: wait longer with --timeout; the log of tarnikd may "
-          "say why",
-          timeout_);
+      std::ostringstream text;
+      text << "no answer within " << timeout_
+           << " seconds: wait longer with --timeout, or look in the daemon's log";
+      return Error{text.str()};
     }
     setTimeout(socket_.get(), SO_RCVTIMEO, left);
     std::array<std::uint8_t, 64> bytes{};
     const ssize_t received = ::recv(socket_.get(), bytes.data(), bytes.size(), 0);
+    if (received < 0 && errno != EAGAIN && errno != EINTR) {
+      return daemonIsGone();
+    }
     // Other datagrams are late answers to earlier requests.
     const std::span<const std::uint8_t> message(
         bytes.data(), received > 0 ? static_cast<std::size_t>(received) : 0);
-    if (const auto decoded = decodeResponse(message, type, messageId)) {
-      response = *decoded;
-      return kDone;
-    }
-    if (received < 0 && errno != EAGAIN && errno != EINTR) {
-      return complain(kNoDaemon, "the daemon at %s went away: %s; start it again", path_.c_str(),
-                      std::strerror(errno));
+    if (const auto response = decodeResponse(message, type, messageId)) {
+      return *response;
     }
   }
 }

@@ -1,4 +1,4 @@
-// The client's end of the daemon's command socket.
+// A client of the daemon's command socket.
 #pragma once
 
 #include <cstdint>
@@ -6,11 +6,14 @@
 #include <string>
 
 #include "base/owned.h"
+#include "base/result.h"
 #include "command/message.h"
 
 namespace tarnik::ctl {
 
-// One connection: a socket with a name of its own beside the daemon's, so that it can answer.
+// A connection to the daemon. Its socket has its own file next to the daemon's, so that the daemon
+// can send a response; the destructor removes the file. Errors have exit status kNoDaemon when no
+// daemon listens.
 class CommandClient {
  public:
   CommandClient() = default;
@@ -18,15 +21,16 @@ class CommandClient {
   CommandClient& operator=(const CommandClient&) = delete;
   ~CommandClient();
 
-  // The functions return an exit status (output.h) and have complained when it is not 0.
-  // Connects to the daemon's socket at `path`.
-  [[nodiscard]] int connect(const std::string& path, double timeoutSeconds);
-  // Sends a request that is not answered.
-  [[nodiscard]] int send(std::span<const std::uint8_t> request);
-  // Sends a request and waits for the response that belongs to it.
-  [[nodiscard]] int ask(RequestType type, CommandResponse& response);
+  // Connects to the daemon's socket at `path`. The timeout is for each send and each response.
+  [[nodiscard]] Result<> connect(const std::string& path, double timeoutSeconds);
+  // Sends a request that has no response.
+  [[nodiscard]] Result<> send(std::span<const std::uint8_t> request);
+  // Sends a request and waits for its response.
+  [[nodiscard]] Result<CommandResponse> ask(RequestType type);
 
  private:
+  [[nodiscard]] Error daemonIsGone() const;
+
   OwnedFd socket_;
   std::string path_;
   std::string ownPath_;

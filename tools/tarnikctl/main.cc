@@ -1,17 +1,14 @@
-// tarnikctl: talks to a running tarnikd and lists what it captured.
-#include <getopt.h>
+// tarnikctl sends commands to a running tarnikd and lists its captures.
 #include <orlo_sdk.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <functional>
+#include <limits>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "base/paths.h"
 #include "tools/tarnikctl/captures.h"
@@ -22,239 +19,238 @@
 namespace tarnik::ctl {
 namespace {
 
-constexpr char kHelp[] =
-    "usage: tarnikctl [OPTION]... COMMAND [ARGUMENT]...\n"
-    "\n"
-    "Talks to a running tarnikd, and lists what it captured.\n"
-    "\n"
-    "  reload                        read the configuration and the policy again\n"
-    "  state                         print the daemon's state\n"
-    "  dump                          write settings and metadata to the daemon's log\n"
-    "  metadata CAPTURE FLOW TRIGGER announce a capture: numbers, decimal or 0x hexadecimal\n"
-    "  stats [--watch] [--json | --prometheus]\n"
-    "                                print the frame counters; --watch: every second, as\n"
-    "                                rates unless a format is named\n"
-    "  list [--json] [DIR]           list the finished captures (default /var/support/tarnik/)\n"
-    "\n"
-    "  --socket PATH                 the daemon's socket (default /run/orlo/tarnikd.sock)\n"
-    "  --timeout SECONDS             how long to wait for an answer (default 5)\n"
-    "  --help, --version\n"
-    "\n"
-    "Exit status: 0 done, 1 refused or failed, 2 not understood, 3 no daemon.\n";
-
+constexpr char kExitStatuses[] =
+    "Exit status: 0 done; 1 the daemon refused the command, or something failed; 2 wrong usage; "
+    "3 no daemon.";
 constexpr char kStatsPath[] = ORLO_STATS_DIR "/tarnik";
 
 struct Options {
   std::string socket = ORLO_RUN_DIR "/tarnikd.sock";
   double timeout = 5;
+  CaptureMetadata metadata{};
   bool watch = false;
   bool json = false;
   bool prometheus = false;
-  std::vector<std::string> arguments;
+  std::string directory = kCaptureDir;
 };
 
-int reload(const Options& options) {
-  CommandClient client;
-  CommandResponse response{};
-  int status = client.connect(options.socket, options.timeout);
-  if (status == kDone) {
-    status = client.ask(RequestType::kReload, response);
-  }
-  if (status == kDone && response.status != 0) {
-    return complain(kFailed,
-                    "the daemon could not load its configuration (status %u); its log says why, "
-                    "and what it could read is in force",
-                    response.status);
-  }
-  return status;
+// A copy of an error for a function with another type of result.
+template <class Value>
+Error errorOf(const Result<Value>& result) {
+  return {result.error(), result.exitStatus()};
 }
 
-int state(const Options& options) {
+void print(const std::string& text) {
+  std::fputs(text.c_str(), stdout);
+}
+
+// ---- commands for the daemon
+
+Result<CommandResponse> ask(const Options& options, RequestType type) {
+  CommandClient client;
+  if (const Result<> connected = client.connect(options.socket, options.timeout); !connected) {
+    return errorOf(connected);
+  }
+  return client.ask(type);
+}
+
+Result<> sendOnly(const Options& options, std::span<const std::uint8_t> request) {
+  CommandClient client;
+  if (Result<> connected = client.connect(options.socket, options.timeout); !connected) {
+    return connected;
+  }
+  return client.send(request);
+}
+
+Result<> reload(const Options& options) {
+  const Result<CommandResponse> response = ask(options, RequestType::kReload);
+  if (!response) {
+    return errorOf(response);
+  }
+  if ((*response).status != 0) {
+    return Error{"the reload failed (status " + std::to_string((*response).status) +
+                 "): the configuration is invalid, and the daemon runs on with what was in force; "
+                 "settings before the invalid one may have been applied; look in the daemon's log"};
+  }
+  return {};
+}
+
+Result<> state(const Options& options) {
   static constexpr std::array<const char*, 8> kStates = {
       "unknown", "starting",        "started",   "stopping",
       "stopped", "failed to start", "reloading", "configuration invalid"};
-  CommandClient client;
-  CommandResponse response{};
-  int status = client.connect(options.socket, options.timeout);
-  if (status == kDone) {
-    status = client.ask(RequestType::kGetState, response);
+  const Result<CommandResponse> response = ask(options, RequestType::kGetState);
+  if (!response) {
+    return errorOf(response);
   }
-  if (status == kDone) {
-    std::printf("%s\n", response.state < kStates.size() ? kStates[response.state] : "unknown");
-  }
-  return status;
+  const std::size_t number = (*response).state;
+  print(std::string(number < kStates.size() ? kStates[number] : "unknown") + "\n");
+  return {};
 }
 
-int sendOnly(const Options& options, std::span<const std::uint8_t> request) {
-  CommandClient client;
-  const int status = client.connect(options.socket, options.timeout);
-  return status != kDone ? status : client.send(request);
-}
-
-int dump(const Options& options) {
+Result<> dump(const Options& options) {
   return sendOnly(options, encodeRequest(RequestType::kDump, 1));
 }
 
-template <typename Number>
-bool parseNumber(std::string_view text, Number& result) {
-  const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
-  text.remove_prefix(hexadecimal ? 2 : 0);
-  const auto [end, error] =
-      std::from_chars(text.data(), text.data() + text.size(), result, hexadecimal ? 16 : 10);
-  return error == std::errc{} && end == text.data() + text.size();
+Result<> metadata(const Options& options) {
+  return sendOnly(options, encodeMetadataRequest(1, options.metadata));
 }
 
-int metadata(const Options& options) {
-  std::uint64_t captureId = 0;
-  std::uint64_t flowId = 0;
-  std::uint32_t triggerId = 0;
-  if (!parseNumber(options.arguments[0], captureId) || !parseNumber(options.arguments[1], flowId) ||
-      !parseNumber(options.arguments[2], triggerId)) {
-    return complain(kUsage,
-                    "metadata takes three numbers: capture and flow up to 64 bits, trigger up to "
-                    "32 bits");
-  }
-  return sendOnly(options, encodeMetadataRequest(1, {captureId, flowId, triggerId}));
+// ---- statistics
+
+std::string format(const Options& options, const Stats& stats) {
+  return options.json ? toJson(stats) : options.prometheus ? toPrometheus(stats) : toText(stats);
 }
 
-std::string shown(const Options& options, const Stats& now) {
-  return options.json ? toJson(now) : options.prometheus ? toPrometheus(now) : toText(now);
-}
-
-int watch(const Options& options, Stats before) {
+// Prints once per second, until the daemon ends or the output cannot be written.
+Result<> watch(const Options& options, Stats before) {
+  const bool rates = !options.json && !options.prometheus;
   for (;;) {
     ::sleep(1);
-    Stats after;
-    if (const ExitStatus status = readStats(kStatsPath, after); status != kDone) {
-      return status;
+    const Result<Stats> after = readStats(kStatsPath);
+    if (!after) {
+      return errorOf(after);
     }
-    if (!after.ownerAlive) {
-      return complain(kNoDaemon, "tarnikd (process %d) has ended: start it again", after.ownerPid);
+    const Stats now = *after;
+    if (!now.ownerAlive) {
+      return Error{"tarnikd (process " + std::to_string(now.ownerPid) + ") has ended", kNoDaemon};
     }
-    if (after.ownerPid == before.ownerPid) {
-      const bool rates = !options.json && !options.prometheus;
-      std::fputs((rates ? toRates(before, after) : shown(options, after)).c_str(), stdout);
-      if (const int status = flushOutput(); status != kDone) {
-        return status;
+    // A restarted daemon counts from 0 again: the next pair of readings has rates.
+    if (now.ownerPid == before.ownerPid) {
+      print(rates ? toRates(before, now) : format(options, now));
+      if (Result<> flushed = flushOutput(); !flushed) {
+        return flushed;
       }
     }
-    before = after;
+    before = now;
   }
 }
 
-int stats(const Options& options) {
-  Stats now;
-  if (const ExitStatus status = readStats(kStatsPath, now); status != kDone) {
-    return status;
+Result<> stats(const Options& options) {
+  const Result<Stats> now = readStats(kStatsPath);
+  if (!now) {
+    return errorOf(now);
   }
   if (options.watch) {
-    return watch(options, now);
+    return watch(options, *now);
   }
-  std::fputs(shown(options, now).c_str(), stdout);
-  if (!now.ownerAlive && !options.json && !options.prometheus) {
-    std::fprintf(stderr, "tarnikctl: these are the last numbers of process %d, which has ended\n",
-                 now.ownerPid);
+  print(format(options, *now));
+  if (!(*now).ownerAlive && !options.json && !options.prometheus) {
+    printError(
+        "process " + std::to_string((*now).ownerPid) + " has ended; these are its last numbers",
+        kDone);
   }
-  return kDone;
+  return {};
 }
 
-int list(const Options& options) {
-  const std::string directory = options.arguments.empty() ? kCaptureDir : options.arguments[0];
-  std::vector<Capture> captures;
-  if (!readCaptures(directory, captures)) {
-    return complain(kFailed, "cannot list %s: %s; name the directory of the captures",
-                    directory.c_str(), std::strerror(errno));
+// ---- captures
+
+Result<> list(const Options& options) {
+  const Result<std::vector<Capture>> captures = readCaptures(options.directory);
+  if (!captures) {
+    return errorOf(captures);
   }
-  std::fputs((options.json ? toJson(captures) : toTable(captures)).c_str(), stdout);
-  return kDone;
+  print(options.json ? toJson(*captures) : toTable(*captures));
+  return {};
 }
 
-struct Command {
-  std::string_view name;
-  std::size_t minArguments;
-  std::size_t maxArguments;
-  const char* switches;  // of "wjp": the options that it takes
-  int (*run)(const Options&);
-};
+// ---- command line
 
-constexpr std::array<Command, 6> kCommands = {{{"reload", 0, 0, "", reload},
-                                               {"state", 0, 0, "", state},
-                                               {"dump", 0, 0, "", dump},
-                                               {"metadata", 3, 3, "", metadata},
-                                               {"stats", 0, 0, "wjp", stats},
-                                               {"list", 0, 1, "j", list}}};
-
-int usage() {
-  std::fputs("tarnikctl: not understood; `tarnikctl --help` tells what there is\n", stderr);
-  return kUsage;
+// CLI11 itself takes negative and too large numbers for unsigned ones, and reads octal.
+template <class Number>
+std::string checkNumber(const std::string& text) {
+  Number number = 0;
+  errno = 0;
+  const bool octal = text.size() > 1 && text[0] == '0' && (text[1] | 0x20) != 'x';
+  if (octal || text.starts_with('-') || !CLI::detail::lexical_cast(text, number) ||
+      errno == ERANGE) {
+    return "'" + text + "' is not a number from 0 to " +
+           std::to_string(std::numeric_limits<Number>::max()) +
+           " (decimal, or hexadecimal with 0x)";
+  }
+  return {};
 }
 
-// -1 to go on, else the exit status.
-int parse(int argc, char** argv, Options& options, std::string& switches) {
-  static const option kOptions[] = {
-      {"socket", required_argument, nullptr, 's'}, {"timeout", required_argument, nullptr, 't'},
-      {"watch", no_argument, nullptr, 'w'},        {"json", no_argument, nullptr, 'j'},
-      {"prometheus", no_argument, nullptr, 'p'},   {"help", no_argument, nullptr, 'h'},
-      {"version", no_argument, nullptr, 'V'},      {}};
-  opterr = 0;  // one line is enough
-  for (int choice; (choice = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
-    switch (choice) {
-      case 's':
-        options.socket = optarg;
-        break;
-      case 't': {
-        char* end = nullptr;
-        options.timeout = std::strtod(optarg, &end);
-        if (end == optarg || *end != '\0' || !(options.timeout > 0 && options.timeout <= 86400)) {
-          return complain(kUsage, "--timeout takes seconds, above 0 and up to 86400");
-        }
-        break;
-      }
-      case 'h':
-        std::fputs(kHelp, stdout);
-        return flushOutput();
-      case 'V':
-        std::puts("tarnikctl " TARNIK_VERSION);
-        return flushOutput();
-      case 'w':
-      case 'j':
-      case 'p':
-        switches += static_cast<char>(choice);
-        break;
-      default:
-        return usage();
-    }
+std::string checkTimeout(const std::string& text) {
+  double seconds = 0;
+  const bool valid = CLI::detail::lexical_cast(text, seconds) && seconds > 0 && seconds <= 86400;
+  return valid ? std::string() : "'" + text + "' is not a number of seconds, above 0, up to 86400";
+}
+
+using Command = Result<> (*)(const Options&);
+
+void addCommands(CLI::App& app, Options& options, Command& chosen) {
+  const auto add = [&](const char* name, const char* help, Command command) {
+    CLI::App* const added = app.add_subcommand(name, help);
+    added->callback([&chosen, command] { chosen = command; });
+    return added;
+  };
+  add("reload", "Read the configuration and the policy again", reload);
+  add("state", "Print the daemon's state", state);
+  add("dump", "Write the settings and the capture metadata to the daemon's log", dump);
+
+  CLI::App* const announce = add("metadata", "Send the metadata of a capture", metadata);
+  CaptureMetadata& values = options.metadata;
+  announce->add_option("capture", values.captureId, "Capture id (64 bits)")
+      ->type_name("NUMBER")
+      ->required()
+      ->check(checkNumber<std::uint64_t>);
+  announce->add_option("flow", values.flowId, "Flow id (64 bits)")
+      ->type_name("NUMBER")
+      ->required()
+      ->check(checkNumber<std::uint64_t>);
+  announce->add_option("trigger", values.triggerId, "Trigger id (32 bits)")
+      ->type_name("NUMBER")
+      ->required()
+      ->check(checkNumber<std::uint32_t>);
+
+  CLI::App* const counters = add("stats", "Print the frame counters", stats);
+  counters->add_flag("--watch", options.watch,
+                     "Print every second: rates, or the counters with --json or --prometheus");
+  CLI::Option* const json = counters->add_flag("--json", options.json, "Print JSON");
+  counters->add_flag("--prometheus", options.prometheus, "Print the Prometheus text format")
+      ->excludes(json);
+
+  CLI::App* const captures = add("list", "List the finished captures", list);
+  captures->add_flag("--json", options.json, "Print JSON");
+  captures->add_option("directory", options.directory, "Where the captures are")
+      ->capture_default_str();
+}
+
+// Ends the program: prints what is left to print, and an error if there is one.
+int finish(const Result<>& result) {
+  if (!result) {
+    return printError(result.error(), result.exitStatus());
   }
-  return -1;
+  const Result<> flushed = flushOutput();
+  return flushed ? kDone : printError(flushed.error(), flushed.exitStatus());
 }
 
 int run(int argc, char** argv) {
   Options options;
-  std::string switches;
-  if (const int done = parse(argc, argv, options, switches); done >= 0) {
-    return done;
+  Command command = nullptr;
+  CLI::App app{"Sends commands to a running tarnikd, and lists its captures.", "tarnikctl"};
+  app.footer(kExitStatuses);
+  app.set_version_flag("--version", "tarnikctl " TARNIK_VERSION, "Print the version and exit");
+  app.add_option("--socket", options.socket, "The daemon's socket")
+      ->type_name("PATH")
+      ->capture_default_str();
+  app.add_option("--timeout", options.timeout, "How long to wait for an answer")
+      ->type_name("SECONDS")
+      ->capture_default_str()
+      ->check(checkTimeout);
+  app.require_subcommand(1);
+  app.fallthrough();  // the options above may follow the command
+  addCommands(app, options, command);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& help) {
+    app.exit(help);
+    return finish({});
+  } catch (const CLI::ParseError& error) {
+    return printError(std::string(error.what()) + " (tarnikctl --help)", kUsage);
   }
-  if (optind == argc) {
-    return usage();
-  }
-  const std::string_view name = argv[optind];
-  options.arguments.assign(argv + optind + 1, argv + argc);
-  for (const Command& command : kCommands) {
-    if (command.name != name) {
-      continue;
-    }
-    options.watch = switches.find('w') != std::string::npos;
-    options.json = switches.find('j') != std::string::npos;
-    options.prometheus = switches.find('p') != std::string::npos;
-    if (options.arguments.size() < command.minArguments ||
-        options.arguments.size() > command.maxArguments || (options.json && options.prometheus) ||
-        switches.find_first_not_of(command.switches) != std::string::npos) {
-      return usage();
-    }
-    const int status = command.run(options);
-    return status != kDone ? status : flushOutput();
-  }
-  return usage();
+  return finish(command(options));
 }
 
 }  // namespace

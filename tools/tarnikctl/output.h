@@ -1,26 +1,23 @@
-// What tarnikctl prints and how it ends.
+// The output of tarnikctl: errors, text for a terminal, times.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "base/result.h"
+
 namespace tarnik::ctl {
 
 enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kNoDaemon = 3 };
 
-// Prints "tarnikctl: ..." on one line of standard error, whatever the arguments hold, and returns
-// `status`.
-[[gnu::format(printf, 2, 3)]] int complain(ExitStatus status, const char* format, ...);
+// Prints "tarnikctl: TEXT" as one line on standard error and returns `status`.
+int printError(const std::string& text, int status);
 
-// Writes out what was printed: kDone, or kFailed with a complaint.
-[[nodiscard]] int flushOutput();
+// Flushes standard output. The error says that it could not be written.
+[[nodiscard]] Result<> flushOutput();
 
-// `text` as a JSON string, quotes included. Bytes that are no UTF-8 are taken for Latin-1, so the
-// result is valid whatever a file name holds.
-[[nodiscard]] std::string jsonString(std::string_view text);
-
-// `text` for a terminal: what is no printable character of UTF-8 becomes "?".
+// A copy of `text` for a terminal: each byte or character that is not printable UTF-8 becomes "?".
 [[nodiscard]] std::string printable(std::string_view text);
 
 // "2026-03-05 07:08:09" in UTC; "-" for 0.

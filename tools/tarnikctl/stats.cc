@@ -11,9 +11,11 @@
 #include <cstring>
 #include <fstream>
 #include <iomanip>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "base/owned.h"
+#include "tools/tarnikctl/output.h"
 
 namespace tarnik::ctl {
 namespace {
@@ -24,14 +26,15 @@ constexpr std::array<const char*, kCounters> kHelp = {
     "Frames read from the queue.",
     "Frames written to a capture file.",
     "Frames not written: a limit was reached or a file failed.",
-    "Reads that gave no frame."};
+    "Reads that returned no frame."};
 
-// The owner lives if its process id does and belongs to a process started at the same time.
+// Whether the owner still runs. Another process may have its process id since, but then the start
+// time differs.
 bool isAlive(const OrloStatsHeader& header) {
   std::ifstream stat("/proc/" + std::to_string(header.ownerPid) + "/stat");
   std::string text;
   std::getline(stat, text);
-  const std::size_t name = text.rfind(')');  // the name before it may hold anything
+  const std::size_t name = text.rfind(')');  // the name before it may contain anything
   if (name == std::string::npos) {
     return false;
   }
@@ -45,36 +48,30 @@ bool isAlive(const OrloStatsHeader& header) {
 
 }  // namespace
 
-ExitStatus readStats(const std::string& path, Stats& stats) {
+Result<Stats> readStats(const std::string& path) {
   const OwnedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!fd && errno == ENOENT) {
-    complain(kNoDaemon,
-             "no statistics at %s: start tarnikd; if it runs, its log says what it lacks",
-             path.c_str());
-    return kNoDaemon;
+    return Error{"no statistics at " + path + ": start tarnikd, or look in its log", kNoDaemon};
   }
   if (!fd) {
-    complain(kFailed, "cannot open %s: %s; run it as the daemon's user", path.c_str(),
-             std::strerror(errno));
-    return kFailed;
+    return Error{"cannot open " + path + ": " + std::strerror(errno) +
+                 "; run tarnikctl as the daemon's user"};
   }
   struct {
     OrloStatsHeader header;
     Counters counters;
   } area{};
-  // One read: the counters are those of one moment as nearly as the owner's atomic additions allow.
+  // A single read, so that the counters belong together as far as possible: the daemon increments
+  // each one on its own.
   if (::pread(fd.get(), &area, sizeof area, 0) != static_cast<ssize_t>(sizeof area) ||
       area.header.magic != ORLO_STATS_MAGIC || area.header.headerSize != sizeof area.header ||
       area.header.size < sizeof area.counters) {
-    complain(kFailed, "%s is no statistics area of tarnikd: remove it and restart tarnikd",
-             path.c_str());
-    return kFailed;
+    return Error{path + " is not a statistics area of tarnikd: remove it and restart tarnikd"};
   }
-  stats.readAt = std::chrono::steady_clock::now();
-  stats.counters = area.counters;
-  stats.ownerPid = area.header.ownerPid;
-  stats.ownerAlive = isAlive(area.header);
-  return kDone;
+  return Stats{.readAt = std::chrono::steady_clock::now(),
+               .counters = area.counters,
+               .ownerPid = area.header.ownerPid,
+               .ownerAlive = isAlive(area.header)};
 }
 
 std::string toText(const Stats& stats) {
@@ -87,14 +84,13 @@ std::string toText(const Stats& stats) {
 }
 
 std::string toJson(const Stats& stats) {
-  std::ostringstream out;
-  out << '{';
+  nlohmann::ordered_json json;
   for (std::size_t i = 0; i < kCounters; ++i) {
-    out << '"' << kCounterNames[i] << "\":" << stats.counters[i] << ',';
+    json[kCounterNames[i]] = stats.counters[i];
   }
-  out << "\"pid\":" << stats.ownerPid << ",\"running\":" << (stats.ownerAlive ? "true" : "false")
-      << "}\n";
-  return out.str();
+  json["pid"] = stats.ownerPid;
+  json["running"] = stats.ownerAlive;
+  return json.dump() + "\n";
 }
 
 std::string toPrometheus(const Stats& stats) {
@@ -116,7 +112,8 @@ std::string toRates(const Stats& before, const Stats& after) {
     return static_cast<double>(after.counters[i] - before.counters[i]) / interval;
   };
   const std::uint64_t frames = after.counters[2] - before.counters[2];
-  const auto mean = [&](std::size_t i) {  // the sums grow by the measured value on every frame
+  // Two of the counters are sums: each frame adds what was measured after it.
+  const auto mean = [&](std::size_t i) {
     return frames == 0 ? 0.0
                        : static_cast<double>(after.counters[i] - before.counters[i]) /
                              static_cast<double>(frames);

@@ -1,4 +1,4 @@
-// The daemon's statistics area, as any other process reads it.
+// The daemon's statistics area, read from another process.
 #pragma once
 
 #include <array>
@@ -6,14 +6,14 @@
 #include <cstdint>
 #include <string>
 
-#include "tools/tarnikctl/output.h"
+#include "base/result.h"
 
 namespace tarnik::ctl {
 
 inline constexpr std::size_t kCounters = 6;
 using Counters = std::array<std::uint64_t, kCounters>;
 
-// Names in the order of the area.
+// In the order of the area.
 inline constexpr std::array<const char*, kCounters> kCounterNames = {
     "files_used_sum",  "disk_used_sum",  "frames_read",
     "frames_accepted", "frames_refused", "frames_invalid"};
@@ -25,15 +25,15 @@ struct Stats {
   bool ownerAlive = false;
 };
 
-// Reads the area at `path`. An exit status: kNoDaemon when there is no area, kFailed when it cannot
-// be read; it has complained when that is not kDone.
-[[nodiscard]] ExitStatus readStats(const std::string& path, Stats& stats);
+// Reads the area at `path`. The error has exit status kNoDaemon when there is no area.
+[[nodiscard]] Result<Stats> readStats(const std::string& path);
 
+// Each of these ends in a newline.
 [[nodiscard]] std::string toText(const Stats& stats);
 [[nodiscard]] std::string toJson(const Stats& stats);
 // The text exposition format of Prometheus, version 0.0.4.
 [[nodiscard]] std::string toPrometheus(const Stats& stats);
-// What was counted between two readings, by the second.
+// The changes per second between two readings.
 [[nodiscard]] std::string toRates(const Stats& before, const Stats& after);
 
 }  // namespace tarnik::ctl

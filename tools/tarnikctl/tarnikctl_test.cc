@@ -1,4 +1,4 @@
-// tarnikctl as a person runs it, against the real daemon where it needs one.
+// The command line, and the commands for the daemon: against the real daemon where possible.
 #include "tools/tarnikctl/testing/tarnikctl.h"
 
 #include <gmock/gmock.h>
@@ -8,10 +8,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -33,130 +32,125 @@ sockaddr_un addressOf(std::string_view path) {
   return address;
 }
 
-TEST(TarnikctlUsage, HelpAndVersion) {
-  const Outcome help = tarnikctl("--help");
-  EXPECT_EQ(help.status, 0);
+TEST(TarnikctlUsage, PrintsHelpAndVersion) {
+  const std::string help = outputOf("--help");
   for (const char* word : {"reload", "state", "dump", "metadata", "stats", "list", "--socket",
-                           "--timeout", "--prometheus", "Exit status"}) {
-    EXPECT_THAT(help.output, HasSubstr(word));
+                           "--timeout", "/run/orlo/tarnikd.sock", "Exit status"}) {
+    EXPECT_THAT(help, HasSubstr(word));
   }
-  const Outcome version = tarnikctl("--version");
-  EXPECT_EQ(version.status, 0);
-  EXPECT_THAT(version.output, MatchesRegex("tarnikctl [0-9.]+\n"));
+  EXPECT_THAT(outputOf("stats --help"), HasSubstr("--prometheus"));
+  EXPECT_THAT(outputOf("--version"), MatchesRegex("tarnikctl [0-9.]+\n"));
 }
 
-TEST(TarnikctlUsage, WhatIsNotUnderstood) {
-  for (const char* arguments :
-       {"", "nonsense", "state now", "list a b", "metadata 1 2", "metadata 1 2 3 4", "state --json",
-        "stats --json --prometheus", "metadata 1 -2 3", "--nonsense", "--socket", "reload --watch",
-        "list --prometheus"}) {
-    expectOneLine(tarnikctl(arguments), 2, "tarnikctl --help");
-  }
-  for (const char* arguments : {"metadata x 2 3", "metadata 1 2 4294967296", "metadata 0x 2 3",
-                                "metadata 18446744073709551616 2 3"}) {
-    expectOneLine(tarnikctl(arguments), 2, "three numbers");
-  }
-  for (const char* arguments :
-       {"--timeout 0 state", "--timeout -1 state", "--timeout 1s state", "--timeout nan state"}) {
-    expectOneLine(tarnikctl(arguments), 2, "--timeout takes seconds");
+TEST(TarnikctlUsage, RefusesWrongUsage) {
+  for (const char* arguments : {"", "nonsense", "state now", "list a b", "metadata 1 2",
+                                "state --json", "stats --json --prometheus", "--socket"}) {
+    expectError(arguments, 2, "tarnikctl --help");
   }
 }
 
-TEST(TarnikctlUsage, OutputThatCannotBeWritten) {
+TEST(TarnikctlUsage, RefusesNumbersOutOfRange) {
+  for (const char* number : {"-2", "x", "0x", "010", "18446744073709551616"}) {
+    expectError("metadata 1 " + std::string(number) + " 3", 2,
+                "flow: '" + std::string(number) + "' is not a number");
+  }
+  expectError("metadata 1 2 4294967296", 2, "from 0 to 4294967295");
+  for (const char* seconds : {"0", "-1", "1s", "nan", "86401"}) {
+    expectError("--timeout " + std::string(seconds) + " state", 2, "is not a number of seconds");
+  }
+}
+
+TEST(TarnikctlUsage, FailsWhenTheOutputCannotBeWritten) {
+  fs::create_directories("/var/support/tarnik");
   for (const char* arguments : {"--help", "--version", "list"}) {
-    fs::create_directories("/var/support/tarnik");
-    const std::string redirected = std::string(arguments) +
-                                   " 2>/tmp/complaint >/dev/full; status=$?;"
-                                   " cat /tmp/complaint; exit $status;";
-    expectOneLine(tarnikctl(redirected), 1, "cannot write the output: No space left");
+    const std::string command = TARNIKCTL_PATH + (" " + std::string(arguments)) + " >/dev/full";
+    expectError(runProgram({"sh", "-c", command}), 1, "cannot write the output: No space left");
   }
 }
 
-TEST(TarnikctlUsage, PathsThatCannotBe) {
-  expectOneLine(tarnikctl("--socket /tmp/" + std::string(100, 'n') + " state"), 2,
-                "too long for a socket's path");
-  expectOneLine(tarnikctl("--socket \"$(printf 'a\\nb')\" state"), 3, "no daemon at a?b: ");
+TEST(TarnikctlCommands, RefusesASocketPathThatIsTooLong) {
+  expectError("--socket /tmp/" + std::string(100, 'n') + " state", 2, "too long");
 }
 
-TEST(TarnikctlCommands, WithoutADaemon) {
+TEST(TarnikctlCommands, FailsWithoutADaemon) {
   for (const char* arguments : {"reload", "state", "dump", "metadata 1 2 3"}) {
-    expectOneLine(tarnikctl(arguments), 3, "is tarnikd running");
+    expectError(arguments, 3, "no daemon at /run/orlo/tarnikd.sock: ");
   }
+  expectError(runProgram({TARNIKCTL_PATH, "--socket", "a\nb", "state"}), 3, "no daemon at a?b: ");
   fs::remove_all(ORLO_STATS_DIR);
-  expectOneLine(tarnikctl("stats"), 3, "no statistics");
+  expectError("stats", 3, "no statistics at ");
 }
 
-TEST(TarnikctlCommands, WithADaemon) {
-  prepareRoot();
-  writeFile("/etc/tarnik.conf", "tarnik.debuglevel = 1\n");
-  DaemonProcess daemon;
-  ASSERT_TRUE(daemon.waitFor("Daemon started"));
+class TarnikctlWithDaemon : public ::testing::Test {
+ protected:
+  TarnikctlWithDaemon() {
+    prepareRoot();
+    writeFile("/etc/tarnik.conf", "tarnik.debuglevel = 1\n");
+    daemon_.emplace();
+    EXPECT_TRUE(daemon_->waitFor("Daemon started"));
+  }
+  ~TarnikctlWithDaemon() override {
+    if (daemon_) {
+      EXPECT_EQ(daemon_->stop(), kSucceeded);
+    }
+  }
 
-  Outcome run = tarnikctl("state");
-  EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.output, "started\n");
+  std::optional<DaemonProcess> daemon_;
+};
 
-  daemon.mark();
-  run = tarnikctl("reload");
-  EXPECT_EQ(run.status, 0) << run.output;
-  EXPECT_EQ(run.output, "");
-  EXPECT_TRUE(daemon.waitFor("Daemon started"));
+TEST_F(TarnikctlWithDaemon, SendsEachCommand) {
+  EXPECT_EQ(outputOf("state"), "started\n");
 
-  daemon.mark();
-  EXPECT_EQ(tarnikctl("metadata 0x0102030405060708 18446744073709551615 65539").status, 0);
-  EXPECT_EQ(tarnikctl("dump").status, 0);
-  EXPECT_TRUE(daemon.waitFor("0x102030405060708: 0xffffffffffffffff 0x10003"));
-  EXPECT_THAT(daemon.newLog(), Contains("tarnik.file.maxno=1000"));
+  daemon_->mark();
+  EXPECT_EQ(outputOf("reload"), "");
+  EXPECT_TRUE(daemon_->waitFor("Daemon started"));
 
-  writeFile("/etc/tarnik.conf", "tarnik.file.maxno = 9\n");
-  expectOneLine(tarnikctl("reload"), 1, "could not load its configuration (status 12)");
-  EXPECT_EQ(tarnikctl("state").output, "configuration invalid\n");
+  daemon_->mark();
+  EXPECT_EQ(outputOf("metadata 0x0102030405060708 18446744073709551615 65539"), "");
+  EXPECT_EQ(outputOf("dump"), "");
+  EXPECT_TRUE(daemon_->waitFor("0x102030405060708: 0xffffffffffffffff 0x10003"));
+  EXPECT_THAT(daemon_->newLog(), Contains("tarnik.file.maxno=1000"));
 
   for (const auto& entry : fs::directory_iterator("/run/orlo")) {
     EXPECT_EQ(entry.path().string().find(".client."), std::string::npos) << entry.path();
   }
-  EXPECT_EQ(tarnikctl("--socket /run/orlo/other.sock state").status, 3);
-  EXPECT_EQ(daemon.stop(), kSucceeded);
-  EXPECT_EQ(tarnikctl("state").status, 3);
+  expectError("--socket /run/orlo/other.sock state", 3, "no daemon at");
 }
 
-TEST(TarnikctlCommands, ADaemonThatHangs) {
-  prepareRoot();
-  writeFile("/etc/tarnik.conf", "tarnik.debuglevel = 1\n");
-  DaemonProcess daemon;
-  ASSERT_TRUE(daemon.waitFor("Daemon started"));
-  daemon.signal(SIGSTOP);
-  expectOneLine(tarnikctl("--timeout 0.2 state"), 1, "no answer within 0.2 seconds");
-  daemon.signal(SIGCONT);
-  EXPECT_EQ(tarnikctl("state").output, "started\n");
-  EXPECT_EQ(daemon.stop(), kSucceeded);
+TEST_F(TarnikctlWithDaemon, SaysThatAReloadFailed) {
+  writeFile("/etc/tarnik.conf", "tarnik.file.maxno = 9\n");
+  expectError("reload", 1, "the reload failed (status 12): the configuration is invalid");
+  EXPECT_EQ(outputOf("state"), "configuration invalid\n");
 }
 
-TEST(TarnikctlCommands, ADaemonWhoseQueueIsFull) {
-  prepareRoot();
-  writeFile("/etc/tarnik.conf", "tarnik.debuglevel = 1\n");
-  DaemonProcess daemon;
-  ASSERT_TRUE(daemon.waitFor("Daemon started"));
-  daemon.signal(SIGSTOP);
+TEST_F(TarnikctlWithDaemon, GivesUpOnADaemonThatDoesNotAnswer) {
+  daemon_->signal(SIGSTOP);
+  expectError("--timeout 0.2 state", 1, "no answer within 0.2 seconds");
+  daemon_->signal(SIGCONT);
+  EXPECT_EQ(outputOf("state"), "started\n");
+  EXPECT_EQ(daemon_->stop(), kSucceeded);
+  daemon_.reset();
+  expectError("state", 3, "no daemon at");
+}
+
+TEST_F(TarnikctlWithDaemon, GivesUpWhenTheQueueOfTheSocketIsFull) {
+  daemon_->signal(SIGSTOP);
   const OwnedFd filler(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const sockaddr_un address = addressOf("/run/orlo/tarnikd.sock");
   while (::sendto(filler.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&address),
                   sizeof address) == 1) {
   }
   for (const char* timeout : {"0.2", "0.000000001"}) {
-    expectOneLine(tarnikctl(std::string("--timeout ") + timeout + " dump"), 1,
-                  "takes no more commands");
+    expectError("--timeout " + std::string(timeout) + " dump", 1, "does not read its commands");
   }
-  daemon.signal(SIGCONT);
-  EXPECT_EQ(daemon.stop(), kSucceeded);
+  daemon_->signal(SIGCONT);
 }
 
-// Only the response to its own question counts.
-TEST(TarnikctlCommands, ADaemonThatAnswersWrongly) {
+TEST(TarnikctlCommands, IgnoresResponsesToOtherRequests) {
   const sockaddr_un address = addressOf("/tmp/answering.sock");
   const OwnedFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  std::FILE* pipe = ::popen(TARNIKCTL_PATH " --socket /tmp/answering.sock state", "r");
+  Process asking(tarnikctlCommand("--socket /tmp/answering.sock state"));
   Bytes response(23);
   sockaddr_un client{};
   socklen_t length = sizeof client;
@@ -183,10 +177,8 @@ TEST(TarnikctlCommands, ADaemonThatAnswersWrongly) {
   answer({});
   response[21] = 3;
   answer(response);
-  std::array<char, 64> line{};
-  EXPECT_NE(std::fgets(line.data(), line.size(), pipe), nullptr);
-  EXPECT_STREQ(line.data(), "stopping\n");
-  EXPECT_EQ(::pclose(pipe), 0);
+  EXPECT_EQ(asking.wait(), kSucceeded);
+  EXPECT_EQ(asking.output(), "stopping\n");
   ::unlink("/tmp/answering.sock");
 }
 

@@ -1,36 +1,49 @@
-// Runs tarnikctl as a person does, for its tests.
+// Runs the real tarnikctl in its tests.
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <array>
-#include <cstdio>
+#include <sstream>
 #include <string>
+#include <vector>
+
+#include "base/testing/process.h"
 
 namespace tarnik::test {
 
-struct Outcome {
-  int status;
-  std::string output;  // both streams
-};
-
-inline Outcome tarnikctl(const std::string& arguments) {
-  std::FILE* pipe = ::popen((TARNIKCTL_PATH " " + arguments + " 2>&1 </dev/null").c_str(), "r");
-  Outcome run{-1, ""};
-  std::array<char, 4096> buffer;
-  for (std::size_t size; (size = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) {
-    run.output.append(buffer.data(), size);
+// The command for tarnikctl with the words of `arguments`, which are separated by blanks.
+inline std::vector<std::string> tarnikctlCommand(const std::string& arguments) {
+  std::vector<std::string> command = {TARNIKCTL_PATH};
+  std::istringstream words(arguments);
+  for (std::string word; words >> word;) {
+    command.push_back(word);
   }
-  run.status = WEXITSTATUS(::pclose(pipe));
-  return run;
+  return command;
 }
 
-inline void expectOneLine(const Outcome& run, int status, const std::string& part) {
-  EXPECT_EQ(run.status, status) << run.output;
-  EXPECT_THAT(run.output, ::testing::MatchesRegex("tarnikctl: [^\n]*\n"));
-  EXPECT_THAT(run.output, ::testing::HasSubstr(part));
+inline Finished tarnikctl(const std::string& arguments) {
+  return runProgram(tarnikctlCommand(arguments));
+}
+
+// Expects success without an error text. Returns the output.
+inline std::string outputOf(const std::string& arguments) {
+  const Finished run = tarnikctl(arguments);
+  EXPECT_EQ(run.ending, kSucceeded) << arguments;
+  EXPECT_EQ(run.errors, "") << arguments;
+  return run.output;
+}
+
+// Expects that the run failed with one line on standard error, which contains `part`.
+inline void expectError(const Finished& run, int status, const std::string& part) {
+  EXPECT_EQ(run.ending, exited(status)) << run.errors;
+  EXPECT_EQ(run.output, "");
+  EXPECT_THAT(run.errors, ::testing::MatchesRegex("tarnikctl: [^\n]*\n"));
+  EXPECT_THAT(run.errors, ::testing::HasSubstr(part));
+}
+
+inline void expectError(const std::string& arguments, int status, const std::string& part) {
+  SCOPED_TRACE("tarnikctl " + arguments);
+  expectError(tarnikctl(arguments), status, part);
 }
 
 }  // namespace tarnik::test
