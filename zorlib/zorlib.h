@@ -1,12 +1,14 @@
-/* zorlib.h - the frame library: an application's access to the interface groups, queues and
- * frames of the zorvik driver. C11 and C++.
+/* zorlib.h - the frame library: access to the interface groups, queues and frames of the zorvik
+ * driver. For applications in C11 and C++.
  *
- * Functions return 0, or -1 with errno and a syslog line, unless they say otherwise. A handle
- * that is null or no longer valid fails with EBADR, any other pointer that is null where one is
- * needed with EINVAL and without a line. Handles may be used by several threads
- * unless a function says otherwise; closing one while another thread uses it is an error.
- * zorlib_q_set_timeout, zorlib_q_frm_data, zorlib_q_room and zorlib_q_used do not check the
- * handle, nor does the second the frame.
+ * Unless stated otherwise, a function returns 0, or -1 with errno and a log line (syslog). Common
+ * errors:
+ *   EBADR   the handle is null or closed. zorlib_q_set_timeout, zorlib_q_frm_data, zorlib_q_room
+ * and zorlib_q_used do not check the handle, and zorlib_q_frm_data does not check the frame. EINVAL
+ * another pointer is null. This is not logged.
+ *
+ * Several threads may use a handle unless a function excludes it. No thread may use a handle while
+ * another one closes it.
  */
 #ifndef ZORLIB_H
 #define ZORLIB_H
@@ -19,8 +21,8 @@
 extern "C" {
 #endif
 
-/* An open interface group, and an open queue of one. Opaque; owned by the caller, who closes
- * them. A queue holds a reference on its group: either may be closed first. */
+/* Handles of an open interface group and of an open queue. The caller owns and closes them, in any
+ * order: an open queue holds a reference to its group. */
 typedef struct zorlib_ifg zorlib_ifg;
 typedef struct zorlib_q zorlib_q;
 
@@ -28,33 +30,33 @@ enum { ZORLIB_READ = 0, ZORLIB_WRITE = 1 };
 
 /* ---- Interface groups -------------------------------------------------------------------*/
 
-/* Opens the group `name` (1 to 16 characters, else, or null, ENAMETOOLONG). *ifg is set on success
- * only. */
+/* Opens the group `name`. A null name or one that is not 1 to 16 characters long fails with
+ * ENAMETOOLONG. *ifg changes on success only. */
 int zorlib_ifg_open(const char* name, zorlib_ifg** ifg);
 
-/* The first half of zorlib_ifg_open: a handle on which only the driver's control node is open.
+/* Returns a handle with only the driver's control node open, the first step of zorlib_ifg_open.
  * Null with errno on failure. */
 zorlib_ifg* zorlib_ifg_alloc(const char* name);
 
-/* Gives a reference back; the last one returns cached frames to the driver, closes the nodes,
+/* Releases a reference. The last release returns cached frames to the driver, closes the nodes,
  * unmaps the frame memory and frees the handle. */
 int zorlib_ifg_close(zorlib_ifg* ifg);
 
-/* Waits up to 1.5 s until the node at `path` is there (appear 1) or gone (appear 0). */
+/* Waits up to 1.5 s until the node at `path` exists (appear 1) or no longer exists (appear 0). */
 int zorlib_ifg_devnode_wait(const char* path, int appear);
 
-/* Maps the group's descriptors and the payload memory, once a handle, and takes a reference
- * (given back with zorlib_ifg_close). Sizes in bytes. */
+/* Returns the mapped descriptors and payload memory and their sizes in bytes; the first call maps
+ * them. Takes a reference, which zorlib_ifg_close releases. */
 int zorlib_map_frm_data(zorlib_ifg* ifg, struct zorvik_frm_desc** frmDesc, uint32_t* frmDescSize,
                         uint8_t** payload, uint32_t* payloadSize);
 
-/* The group's queues, in a buffer that the caller frees with free(3). */
+/* Lists the group's queues. The caller frees *list with free(3). */
 int zorlib_ifg_q_enum(zorlib_ifg* ifg, struct zorvik_q_enum** list);
 
-/* Removes queue `id`; EBUSY while it is open somewhere. */
+/* Removes the queue with this id. EBUSY while a process has it open. */
 int zorlib_ifg_q_remove(zorlib_ifg* ifg, uint32_t id);
 
-/* The group's interfaces. */
+/* Reads the group's interfaces. */
 struct zorlib_ifg_info {
   uint32_t num_ifs;
   struct zorvik_if_record ifs[ZORVIK_IF_MAX];
@@ -65,166 +67,173 @@ int zorlib_ifg_query(zorlib_ifg* ifg, zorlib_ifg_info* info);
 /* Reads the group's 64 flag bits. */
 int zorlib_ifg_get_flags(zorlib_ifg* ifg, uint64_t* flags);
 
-/* Sets them. 0 even when the driver refused, which only the log tells. */
+/* Sets the flag bits. When the driver refuses, the log has a line but the result is still 0. */
 int zorlib_ifg_set_flags(zorlib_ifg* ifg, uint64_t flags);
 
-/* Clear, or set, bit 0 of the flags and leave the others. */
+/* Clear and set bit 0 of the flags. The other bits do not change. */
 int zorlib_ifg_disable(zorlib_ifg* ifg);
 int zorlib_ifg_enable(zorlib_ifg* ifg);
 
 /* ---- Application queues -----------------------------------------------------------------*/
 
-/* Creates the queue `name` (at most 16 characters) of `type` 3 to 6 with `size` entries
- * (10 to 16000000; 0: the group's parameters say, else 100000). EEXIST when it is there. */
+/* Creates the queue `name` (at most 16 characters) of `type` 3 to 6 with `size` entries, 10 to
+ * 16000000. With size 0 the parameters give the size, else it is 100000. EEXIST when the group has
+ * such a queue. */
 int zorlib_ifg_create_q_app(zorlib_ifg* ifg, const char* name, uint32_t type, uint32_t size);
 
-/* Issues the create request and waits for the queue's node. The last two are reserved, 0. */
+/* Issues the create request and waits for the queue's node. `reserved1` and `reserved2` are 0. */
 int zorlib_ifg_q_create(zorlib_ifg* ifg, const char* name, uint32_t type, uint32_t size,
                         uint64_t reserved1, uint64_t reserved2);
 
-/* Removes the queue `name` (in any case): ENOENT when there is none, EBUSY while it is open. */
+/* Removes the queue `name`; case does not matter. ENOENT when there is none, EBUSY while a process
+ * has it open. */
 int zorlib_ifg_remove_q_app(zorlib_ifg* ifg, const char* name);
 
-/* Opens the queue `name` as consumer (ZORLIB_READ) or producer (ZORLIB_WRITE) and ends that
- * side's shutdown. Waits have no limit until zorlib_q_set_timeout. */
+/* Opens the queue `name` as consumer (ZORLIB_READ) or producer (ZORLIB_WRITE) and ends a shutdown
+ * of that side. Reads and writes wait without limit until zorlib_q_set_timeout sets one. */
 int zorlib_q_app_open(zorlib_ifg* ifg, const char* name, uint32_t mode, zorlib_q** q);
 
-/* Closes the queue and gives its reference on the group back. */
+/* Closes the queue and releases its reference to the group. */
 int zorlib_q_close(zorlib_q* q);
 
-/* Shuts this handle's side of the queue down: every read (or write) of that side, blocked or to
- * come, fails with ESHUTDOWN until the side is opened again. Always 0 for a valid handle. Any
- * thread. */
+/* Shuts down this handle's side of the queue: all its reads (or writes), current and future, fail
+ * with ESHUTDOWN until the side is opened again. 0 for a valid handle. Any thread. */
 int zorlib_q_shutdown(zorlib_q* q);
 
-/* Takes the next frame, waiting up to the queue's timeout, or `ms` milliseconds (UINT32_MAX: no
- * limit). The frame is the caller's, to be freed exactly once. EAGAIN when nothing came,
- * ESHUTDOWN, EINTR, ENXIO for an identifier that names no valid frame. *frame is null on
- * failure. The limit is a budget, not a clock: up to 2000 ms it never sleeps. */
+/* Takes the next frame from the queue. The caller owns it and frees it exactly once. Waits up to
+ * the queue's timeout, or `ms` milliseconds (UINT32_MAX: no limit). EAGAIN when no frame came,
+ * ESHUTDOWN, EINTR, ENXIO for an identifier that belongs to no valid frame. *frame is null on
+ * failure. The limit counts checks of the queue rather than time: a limit of up to 2000 ms never
+ * sleeps. */
 int zorlib_q_read(zorlib_q* q, struct zorvik_frm_desc** frame);
 int zorlib_q_read_timeout(zorlib_q* q, struct zorvik_frm_desc** frame, uint32_t ms);
 
-/* Puts `frame` on the queue, waiting for room up to the queue's timeout. On success the frame
- * is the consumer's. EAGAIN when there was no room, ESHUTDOWN. */
+/* Puts `frame` on the queue and passes it to the consumer. Waits for room up to the queue's
+ * timeout. EAGAIN when there was no room, ESHUTDOWN. The caller keeps the frame on failure. */
 int zorlib_q_write(zorlib_q* q, struct zorvik_frm_desc* frame);
 
-/* Drops a reference on `frame` and, with the last one, writes it to the egress queue `q`: ENXIO
- * for another queue, ENOSYS for null. */
+/* Drops a reference to `frame`; the last one writes the frame to the egress queue `q`. ENXIO for
+ * another type of queue, ENOSYS for a null queue. */
 int zorlib_q_free(zorlib_q* q, struct zorvik_frm_desc* frame);
 
 /* Returns `frame` to the driver's pool. */
 int zorlib_frm_free(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 
-/* Sets the wait of reads and writes: milliseconds, negative for no limit. Always 0. Not while
- * another thread reads or writes. */
+/* Sets how long reads and writes wait: milliseconds, or negative for no limit. Always 0. No other
+ * thread may read or write at the same time. */
 int zorlib_q_set_timeout(zorlib_q* q, int32_t ms);
 
-/* The queue's descriptor, -1 with EBADR or ENOTCONN. Logs nothing. */
+/* Returns the queue's descriptor, or -1 with EBADR or ENOTCONN. Does not log. */
 int zorlib_q_get_fd(zorlib_q* q);
 
-/* The queue's number of entries. Logs nothing. */
+/* Returns the queue's number of entries. Does not log. */
 int zorlib_q_get_size(zorlib_q* q, uint32_t* entries);
 
-/* Where the data of `frame` lies in this process, or null when its offset and length reach
- * beyond the payload memory. */
+/* Returns the address of the frame's data, or null when its offset and length reach beyond the
+ * payload memory. */
 uint8_t* zorlib_q_frm_data(zorlib_q* q, struct zorvik_frm_desc* frame);
 
-/* How many bytes lie from `data`, as zorlib_q_frm_data gave it, to the end of the payload memory:
- * the most that a length from the descriptor may be trusted for. 0 for any other address. */
+/* Returns the number of bytes from `data` to the end of the payload memory, the upper bound for any
+ * length in the frame's descriptor. `data` comes from zorlib_q_frm_data; the result is 0 for any
+ * other address. */
 uint32_t zorlib_q_room(zorlib_q* q, const uint8_t* data);
 
-/* How many frames are in the queue now. */
+/* Returns how many frames are in the queue now. */
 uint32_t zorlib_q_used(zorlib_q* q);
 
-/* Writes the handle and its queue memory to the log, at debug level above 0. */
+/* Logs the handle and its queue memory, at debug level above 0. */
 void zorlib_q_dump(zorlib_q* q);
 
 /* ---- Frame allocation -------------------------------------------------------------------*/
 
-/* Takes up to `count` frames whose buffers hold `size` bytes; their number, at least 1, or -1:
- * ENOBUFS when the pool is empty, EMSGSIZE when no buffer is that large, ENOTCONN when the group
- * is not mapped (no queue of it was opened). What the driver gives beyond `count` waits in the
- * handle's lists for the next call. */
+/* Allocates up to `count` frames whose buffers hold `size` bytes. Returns their number, at least 1,
+ * or -1: ENOBUFS when the pool is empty, EMSGSIZE when no buffer is that large, ENOTCONN when the
+ * frame memory is not mapped (opening a queue maps it). One request takes more frames than the
+ * caller needs; the handle keeps them for later calls. */
 int zorlib_batch_alloc(zorlib_ifg* ifg, uint32_t size, struct zorvik_frm_desc** frames,
                        uint32_t count);
 
-/* Where a frame's buffer lies in this process, with room for frame->buf_size bytes; null when it
- * does not lie inside the payload memory. The group must be mapped, as it is for whoever has a
- * frame. */
+/* Returns the address of a frame's buffer of frame->buf_size bytes, or null when it is not inside
+ * the payload memory. The frame memory must be mapped, as it is after an allocation or a read. */
 uint8_t* zorlib_ifg_frm_data(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 
-/* One such frame, or null with errno. */
+/* Allocates one frame. Null with errno on failure. */
 struct zorvik_frm_desc* zorlib_ifg_frm_alloc(zorlib_ifg* ifg, uint32_t size);
 
-/* Aborts the process, after two log lines and the call stack on standard error, when the descriptor
- * is not sound: a corrupt one must not reach the driver. The group must be mapped. */
+/* Checks a descriptor. For a corrupt one, which must not reach the driver, it logs two lines,
+ * writes the call stack to standard error and aborts the process. The frame memory must be
+ * mapped. */
 void zorlib_FRM_Vm(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 
-/* ---- Making interface groups ------------------------------------------------------------*/
+/* ---- Creating interface groups ----------------------------------------------------------*/
 
 #define ZORLIB_MAX_QPAIRS 32
 
-/* Makes the group `name` with its frame data for the interfaces of `config` (an even number of 2
- * to 32, mated in pairs 0 and 1, 2 and 3, ...), and opens it. EINVAL, ENXIO or EEXIST for a
- * description that is not right, before anything is asked of the driver; EEXIST also when the
- * group is there, EBUSY when another group has one of the interfaces. *ifg is set on success only;
- * a group whose making fails half-way is removed. */
+/* Creates the group `name` and opens it: its nodes, its frame data, the interfaces of `config` (an
+ * even number, 2 to 32, mated in pairs 0 and 1, 2 and 3, ...). An invalid description fails with
+ * EINVAL, ENXIO or EEXIST before any request to the driver. EEXIST also when the group exists,
+ * EBUSY when another group has one of the interfaces. *ifg changes on success only. If a later step
+ * fails, the group is removed again. */
 int zorlib_ifg_create(const char* name, const struct zorvik_ifg_config* config, zorlib_ifg** ifg);
 
-/* Gives a group its frame data: as many descriptors as its fd_count parameter says (1000 to
- * 1000000), else 16384. Part of zorlib_ifg_create. */
+/* Creates the frame data of a group. The number of descriptors is the parameter fd_count (1000 to
+ * 1000000), else 16384. zorlib_ifg_create calls this. */
 int zorlib_ifg_create_frm_data(zorlib_ifg* ifg);
 
-/* Puts other interfaces and settings into force, whole or not at all; refuses what
- * zorlib_ifg_create does. Frames that are out keep the numbers of their interfaces. */
+/* Replaces the group's interfaces and settings, completely or not at all. Refuses the same
+ * descriptions as zorlib_ifg_create. Frames in use keep their interface numbers. */
 int zorlib_ifg_configure(zorlib_ifg* ifg, const struct zorvik_ifg_config* config);
 
-/* Removes the group with its queues and waits until it is gone; ENOENT, EBUSY while a process has
- * a queue of it open, its frame memory mapped, or a handle through which it asked for anything
- * else. A handle that was only opened does not keep the group, and fails once it is gone. */
+/* Removes the group with its queues and waits until its nodes are gone. ENOENT when there is none.
+ * EBUSY while a process has a queue of it open, has its frame memory mapped, or has made any other
+ * request through a handle. A handle that was only opened does not prevent removal; its later
+ * requests fail. */
 int zorlib_ifg_remove(const char* name);
 
-/* The driver's groups. Records of none, from list->count on, have the name ZORVIK_IFG_NIL_NAME. */
+/* Lists the driver's groups. Unused records, from list->count on, have the name
+ * ZORVIK_IFG_NIL_NAME. */
 int zorlib_ifg_enum(struct zorvik_ifg_enum* list);
 
-/* A queue pair's settings, by cfg->index (below ZORLIB_MAX_QPAIRS, else EINVAL). What is 0 when it
- * is set is taken from the parameters q_size, if_mask and cpu_mask, if they give it. */
+/* Set and get the queue pair cfg->index (below ZORLIB_MAX_QPAIRS, else EINVAL). A member that is 0
+ * when the pair is set comes from the parameter q_size, if_mask or cpu_mask, if there is one. */
 int zorlib_ifg_set_qpair_cfg(zorlib_ifg* ifg, const struct zorvik_qpair_cfg* cfg);
 int zorlib_ifg_get_qpair_cfg(zorlib_ifg* ifg, struct zorvik_qpair_cfg* cfg);
 
-/* The counters of the group's frames. Frames that wait in handles' lists count as given out. */
+/* Reads the group's frame counters. Frames that handles keep for later allocations count as
+ * allocated. */
 int zorlib_ifg_get_stats(zorlib_ifg* ifg, struct zorvik_ifg_stats* stats);
 
-/* ---- The host's interfaces and the driver's log -----------------------------------------*/
+/* ---- Network interfaces and the driver's logging ----------------------------------------*/
 
 struct zorlib_if {
   uint32_t index; /* the kernel's */
   uint32_t flags; /* IFF_... */
   char name[16];
   uint8_t ha[8];   /* the first bytes of the link-layer address */
-  uint32_t ha_len; /* how many, at most 8 */
+  uint32_t ha_len; /* their number, at most 8 */
 };
 
-/* The host's interfaces but for the loopback; the number stored, at most `capacity`. */
+/* Lists the host's interfaces except the loopback. Returns the number stored, at most `capacity`.
+ */
 int zorlib_if_enum(struct zorlib_if* list, uint32_t capacity);
 
-/* What the driver logs, a bit each; the last two change only the bits given. */
+/* Get and set the driver's logging mask; add and delete some of its bits. */
 int zorlib_get_logging_mask(uint64_t* mask);
 int zorlib_set_logging_mask(uint64_t mask);
 int zorlib_add_logging(uint64_t bits);
 int zorlib_del_logging(uint64_t bits);
 
 /* ---- Parameters -------------------------------------------------------------------------
- * A process-wide list of name/value pairs, which the library looks at where the caller gives no
- * number of its own. Names are words parted by dots under "zorvik.", in any case:
- *   zorvik.(group).q_size           a number
- *   zorvik.(group).(queue).q_size   a number; the queue "appq" stands for every application queue
- *   zorvik.(group).fd_count         a number
+ * A list of name/value pairs for the process. The library uses it where the caller gives no value.
+ * A name is a sequence of words separated by dots, begins with "zorvik." and is not case-sensitive:
+ *   zorvik.(group).q_size           number
+ *   zorvik.(group).(queue).q_size   number; the queue "appq" means every application queue
+ *   zorvik.(group).fd_count         number
  *   zorvik.(group).(n).cpu_mask     hexadecimal
  *   zorvik.(group).(n).if_mask      hexadecimal
  */
 
-/* What a name's word must be: anything, a number, or else the word itself in any case. */
+/* How a rule matches a word: any word, a number, or else this text (not case-sensitive). */
 #define ZORLIB_WORD_ANY ((const char*)0)
 #define ZORLIB_WORD_NUMBER ((const char*)1)
 
@@ -238,25 +247,26 @@ enum {
 struct zorlib_param_spec {
   uint32_t id;
   uint32_t num_comps;  /* words after "zorvik.", 1 to 4 */
-  const char* comp[4]; /* stay the caller's, for the life of the process */
+  const char* comp[4]; /* owned by the caller, who keeps them until the process ends */
   uint32_t type;       /* ZORLIB_VALUE_... */
 };
 
-/* Appends up to `count` rules to the registry of 32, none for null `specs`. Always 0; what did not
- * fit is only logged, and so is every call after the library's own. */
+/* Appends up to `count` rules to the registry of 32; none if `specs` is null. Always 0. Logs a line
+ * when the registry is full, and on every call after the library's own. */
 int zorlib_register_params(uint32_t count, const struct zorlib_param_spec* specs);
 
-/* Adds a pair to the list of at most 128; -1 (errno is not set) with a line when no rule accepts
- * it or one of the two is null. Of several pairs with one name the first counts. */
+/* Adds a pair to the list of at most 128. -1 with a log line, errno undefined, when a pointer is
+ * null or no rule accepts the pair. The first of several pairs with the same name counts. */
 int zorlib_set_param(const char* name, const char* value);
 
-/* The size that the parameters give to the group's queue `queue` (10 to 16000000), or with null
- * to the group's own queues (500 to 50000 times its number of interfaces); 0 when they give none
- * that can be used. */
+/* Returns the size that the parameters give the queue `queue` (10 to 16000000) or, if `queue` is
+ * null, the group's own queues (500 to 50000 times its number of interfaces). 0 when there is no
+ * usable parameter. */
 unsigned long zorlib_ifg_lookup_qsize(zorlib_ifg* ifg, const char* queue);
 
-/* The interfaces, and the processors, of the group's queue pair `n`, a bit each; 0 when the
- * parameters give none, or interfaces that the group does not have. */
+/* Return the interfaces and the processors that the parameters give queue pair `n`, one bit each.
+ * 0 when there is no usable parameter; an if_mask with interfaces that the group does not have is
+ * not usable. */
 unsigned long zorlib_ifg_lookup_if_mask(zorlib_ifg* ifg, uint32_t n);
 unsigned long zorlib_ifg_lookup_cpu_mask(zorlib_ifg* ifg, uint32_t n);
 

@@ -1,7 +1,7 @@
-/* zorvik_layout.h - what crosses between the zorvik driver and its applications: device nodes,
+/* zorvik_layout.h - the interface between the zorvik driver and its applications: device nodes,
  * ioctl requests and shared-memory layouts. The only header that a driver and the frame library
- * share. C11 and C++. All numbers are little-endian; everything read from these structures was
- * written by another process and is to be bounded before use.
+ * share. C11 and C++. All numbers are little-endian. Another process may have written any value
+ * in these structures: check its range before you use it.
  */
 #ifndef ZORVIK_LAYOUT_H
 #define ZORVIK_LAYOUT_H
@@ -17,7 +17,7 @@
 #define ZORVIK_ASSERT(condition) _Static_assert(condition, #condition)
 #endif
 
-/* Where members of a structure stand, up to four of them. */
+/* Check the offsets of one to four members of a structure. */
 #define ZORVIK_AT(type, a, at_a) ZORVIK_ASSERT(offsetof(struct type, a) == (at_a))
 #define ZORVIK_AT2(type, a, at_a, b, at_b) \
   ZORVIK_AT(type, a, at_a);                \
@@ -33,9 +33,9 @@
 
 #define ZORVIK_DEV_DIR "/dev/zorvik"
 #define ZORVIK_CTL_NODE "/dev/zorvik/ctl"           /* the driver's control node */
-#define ZORVIK_NET_DATA_NODE "/dev/zorvik/net_data" /* payload memory of every group */
-#define ZORVIK_IFG_CTL "ctl"                        /* in the group's directory: its control node */
-#define ZORVIK_IFG_FRM_DESC "frm_desc"              /* and its frame descriptors */
+#define ZORVIK_NET_DATA_NODE "/dev/zorvik/net_data" /* payload memory of all groups */
+#define ZORVIK_IFG_CTL "ctl"                        /* in a group's directory: its control node */
+#define ZORVIK_IFG_FRM_DESC "frm_desc"              /* its frame descriptors */
 
 #define ZORVIK_NAME_MAX 16u /* characters of a group's or queue's name, NUL not counted */
 #define ZORVIK_ENUM_MAX 32u /* records of an enumeration */
@@ -44,48 +44,48 @@
 
 #define ZORVIK_IF_MAX 32u /* interfaces of a group */
 
-/* How an interface treats its traffic. */
+/* What an interface does with its traffic. */
 enum {
-  ZORVIK_IF_INLINE = 1,  /* frames pass from an interface to its mate */
-  ZORVIK_IF_PASSIVE = 2, /* frames are only seen */
-  ZORVIK_IF_BYPASS = 3,  /* frames pass unseen */
+  ZORVIK_IF_INLINE = 1,  /* frames are captured and pass to the mate */
+  ZORVIK_IF_PASSIVE = 2, /* frames are captured only */
+  ZORVIK_IF_BYPASS = 3,  /* frames pass to the mate only */
 };
 #define ZORVIK_IF_SUB_MODE_MAX 4u
 
 struct zorvik_if_record {
   uint32_t kern_if;  /* the kernel's interface index */
-  uint32_t mate;     /* the other interface of the pair, by its place in the group */
-  uint32_t mode;     /* from here on, a pair's two members have the same */
+  uint32_t mate;     /* the other interface of the pair, by its position in the group */
+  uint32_t mode;     /* ZORVIK_IF_...; this and all below are the same in both of a pair */
   uint32_t sub_mode; /* 0 to ZORVIK_IF_SUB_MODE_MAX */
-  uint32_t mtu;      /* bytes, 0: the kernel's */
+  uint32_t mtu;      /* bytes, 0: the kernel's setting */
   uint32_t speed;    /* Mbit/s, 0: negotiated */
   uint32_t duplex;   /* 0: negotiated, 1: half, 2: full */
   uint32_t reserved;
 };
 
 #define ZORVIK_LINK_CONFIG_BITS 0x3fu
-#define ZORVIK_LINK_CONFIG_KEEP 0xffffu /* link_config stays as it is */
+#define ZORVIK_LINK_CONFIG_KEEP 0xffffu /* leaves link_config unchanged */
 #define ZORVIK_PROP_LINK_TIME_MIN 5000u /* milliseconds */
 
-/* The group's interfaces and settings. They replace all earlier ones, or on an error none.
- * Interfaces come in pairs: 0 with 1, 2 with 3, ... The library checks the description
- * (zorlib_ifg_configure). The driver fails with EINVAL for a number of interfaces that cannot be
- * and with EBUSY for an interface that another group has. */
+/* Replaces the group's interfaces and settings, completely or not at all. Interfaces come in pairs:
+ * 0 with 1, 2 with 3, ... The library checks the description (zorlib_ifg_configure). The driver
+ * fails with EINVAL for an invalid number of interfaces and with EBUSY for an interface of another
+ * group. */
 struct zorvik_ifg_config {
   uint32_t num_ifs;     /* even, 2 to ZORVIK_IF_MAX */
   uint16_t link_config; /* ZORVIK_LINK_CONFIG_... */
   uint16_t reserved;
-  uint32_t fwd_unanalyzed; /* 1: frames pass when nobody analyses them, else 0 */
-  uint32_t prop_link;      /* 1: a link that goes down takes its mate's down, else 0 */
-  uint32_t prop_link_time; /* after so many milliseconds, at least ..._MIN with prop_link */
+  uint32_t fwd_unanalyzed; /* 1: frames pass while no application analyses them; or 0 */
+  uint32_t prop_link;      /* 1: a link that fails takes its mate's down; or 0 */
+  uint32_t prop_link_time; /* after this time (ms); with prop_link at least ..._MIN */
   uint32_t reserved2;
   struct zorvik_if_record ifs[ZORVIK_IF_MAX];
 };
 
-/* With count 0: the group's flags are returned in flags. With count = capacity: the group's
- * interfaces, as many as fit, are written to the array of struct zorvik_if_record at address
- * `flags` and count becomes their number. The request's result is then a cookie, another one
- * after each configuration and 0 for a group that has no interfaces. */
+/* With count 0: returns the group's flags in `flags`. With another count: `flags` is the address of
+ * an array of that many struct zorvik_if_record; the driver fills in the group's interfaces, as
+ * many as fit, and sets count to their number. The result is then a cookie that changes with each
+ * configuration and is 0 for a group without interfaces. */
 struct zorvik_ifg_query {
   uint64_t flags;
   uint32_t count;
@@ -97,8 +97,8 @@ struct zorvik_q_record {
   uint32_t type;
   uint32_t entries;
   uint32_t reserved;
-  char name[ZORVIK_NAME_MAX]; /* not terminated when 16 characters long */
-  uint32_t requested;         /* size asked for at creation */
+  char name[ZORVIK_NAME_MAX]; /* without NUL when 16 characters long */
+  uint32_t requested;         /* size in the create request */
 };
 
 struct zorvik_q_enum {
@@ -114,9 +114,9 @@ struct zorvik_q_create {
   uint64_t reserved2;
 };
 
-/* Types of queues. Applications create 3 to 6. */
+/* Queue types. Applications create types 3 to 6. */
 enum {
-  ZORVIK_Q_INGRESS = 1, /* reads set the data pointer and take the frame's reference */
+  ZORVIK_Q_INGRESS = 1, /* reads set the data pointer and take a frame reference */
   ZORVIK_Q_EGRESS = 2,
   ZORVIK_Q_SHARED = 3, /* reads add a frame reference */
   ZORVIK_Q_FANOUT = 4, /* writes add a queue reference */
@@ -124,29 +124,29 @@ enum {
   ZORVIK_Q_RAW = 6,
 };
 
-/* A queue pair: which interfaces' frames it takes and which processors serve it. EINVAL for an
- * index from ZORVIK_QPAIR_MAX on, a size above 16000000 or an interface that the group does not
- * have. One that was never set is all zero. A configuration that leaves out interfaces takes
- * them out of the masks. */
+/* A queue pair: the interfaces whose frames it receives and the processors that serve it. EINVAL
+ * for an index of ZORVIK_QPAIR_MAX or more, a size above 16000000 or an interface that the group
+ * does not have. All zero until it is set. A configuration with fewer interfaces clears the bits of
+ * the others. */
 #define ZORVIK_QPAIR_MAX 32u
 struct zorvik_qpair_cfg {
   uint32_t index;
   uint32_t size;     /* entries, 0: the driver's choice */
-  uint64_t if_mask;  /* by their place in the group */
+  uint64_t if_mask;  /* a bit per interface, by its position in the group */
   uint64_t cpu_mask; /* 0: any */
 };
 
-/* The group's frames. The counters count from its creation; frames that are out now are those
- * given out less those taken back, or those there are less those free. */
+/* The group's frames. The 64-bit counters start with the group. Frames in use are frm_allocs -
+ * frm_frees, or frm_count - frm_free. */
 struct zorvik_ifg_stats {
-  uint32_t frm_count;       /* descriptors, the unused first one not counted */
-  uint32_t frm_free;        /* of them free now */
-  uint32_t buf_count;       /* buffers, of every group */
-  uint32_t buf_free;        /* of them free now */
-  uint64_t frm_allocs;      /* frames given out */
-  uint64_t frm_frees;       /* frames taken back, also those of processes that died */
-  uint64_t alloc_empty;     /* requests that found no frame (ENOBUFS) */
-  uint64_t alloc_too_large; /* requests for more than any buffer holds (EMSGSIZE) */
+  uint32_t frm_count;       /* descriptors, without the unused first one */
+  uint32_t frm_free;        /* free descriptors */
+  uint32_t buf_count;       /* buffers of all groups */
+  uint32_t buf_free;        /* free buffers */
+  uint64_t frm_allocs;      /* frames allocated */
+  uint64_t frm_frees;       /* frames freed, including those of dead processes */
+  uint64_t alloc_empty;     /* requests without a frame (ENOBUFS) */
+  uint64_t alloc_too_large; /* requests larger than any buffer (EMSGSIZE) */
 };
 
 /* ---- Requests on a group's frm_desc node ------------------------------------------------*/
@@ -164,9 +164,9 @@ struct zorvik_frm_free {
 
 #define ZORVIK_FRM_ALLOC_MAX 62u
 
-/* Takes up to `count` frames with room for `size` bytes out of the pool; count becomes their
- * number, at least 1 (ENOBUFS when there is none, EMSGSIZE when no buffer is that large). Each
- * has its descriptor valid, both lengths, tag and flags' packet bits 0, reference count 1. */
+/* Takes up to `count` frames with room for `size` bytes from the pool and sets count to their
+ * number, at least 1 (ENOBUFS when the pool is empty, EMSGSIZE when no buffer is that large). The
+ * descriptors are valid, with reference count 1; lengths, tag and packet flags are 0. */
 struct zorvik_frm_alloc {
   uint32_t count;
   uint32_t size;
@@ -183,10 +183,10 @@ struct zorvik_q_stat {
   uint32_t reserved[6];
 };
 
-/* Returns at once with the whole time when the record's flags have a bit set: a wake-up or a
- * shutdown may come between the waiter's last look and this request. Otherwise until a wake
- * request, which wakes every waiter of the record, or the end of the time. The result is the
- * time that remains, 0 when it ran out. EINTR when a signal came. */
+/* Waits for a wake request, which wakes all waiters of the record, or until the time is up. Returns
+ * the time that remains, 0 after a time-out. Returns the whole time at once when the record's
+ * flags have a bit set, because a wake-up or shutdown may come just before this request. EINTR
+ * after a signal. */
 struct zorvik_q_wait {
   uint32_t kresq_handle;
   uint32_t timeout_ms; /* 0: no limit */
@@ -199,21 +199,20 @@ struct zorvik_q_wake {
 
 /* ---- Requests on the driver's control node ----------------------------------------------*/
 
-/* Also the argument of the group's removal (ENOENT when there is none, EBUSY while a process uses
- * it or one of its queues; its queues go with it). A process uses what it has open from its first
- * request there on: from ZORVIK_Q_STAT on a queue, ZORVIK_FRM_DESC_SIZE or ZORVIK_FRM_ALLOC on the
- * descriptors, any on the control node. A node that was only opened does not keep the group. */
+/* Creates a group, or removes one with its queues: ENOENT when there is none, EBUSY while a process
+ * uses it or one of its queues. The use of an open node begins with its first request:
+ * ZORVIK_Q_STAT on a queue, ZORVIK_FRM_DESC_SIZE or ZORVIK_FRM_ALLOC on the descriptors, any
+ * request on the control node. A node that was only opened does not prevent removal. */
 struct __attribute__((packed)) zorvik_ifg_create {
   char name[ZORVIK_NAME_MAX + 1u];
 };
 
-/* The name of no group: none can be made with it. For handles and records that need a name
- * without having a group. */
+/* The name of handles and records without a group. No group can have it. */
 #define ZORVIK_IFG_NIL_NAME "_nil_ifg"
 
 /* The driver's groups. */
 struct zorvik_ifg_record {
-  uint32_t id; /* not used again in the driver's life */
+  uint32_t id; /* unique until the driver is unloaded */
   uint32_t num_ifs;
   char name[ZORVIK_NAME_MAX]; /* not terminated when 16 characters long */
 };
@@ -224,8 +223,8 @@ struct zorvik_ifg_enum {
 };
 
 /* ---- Request numbers --------------------------------------------------------------------
- * The size of the number is that of the structure, but for the queue enumeration, whose number
- * counts its first word only.
+ * A request number contains the size of its structure; the number of the queue enumeration
+ * contains the size of its first word only.
  */
 #define ZORVIK_IOC 0xbf
 #define ZORVIK_IFG_CREATE _IOW(ZORVIK_IOC, 0xa0, struct zorvik_ifg_create)
@@ -238,10 +237,10 @@ struct zorvik_ifg_enum {
 #define ZORVIK_FRM_DATA_CREATE _IOW(ZORVIK_IOC, 0xa7, uint32_t) /* descriptors wanted */
 #define ZORVIK_QPAIR_SET _IOW(ZORVIK_IOC, 0xa8, struct zorvik_qpair_cfg)
 #define ZORVIK_FRM_DESC_SIZE _IOR(ZORVIK_IOC, 0xa9, struct zorvik_frm_desc_size)
-#define ZORVIK_Q_REMOVE _IOW(ZORVIK_IOC, 0xaa, uint32_t) /* the queue's id */
+#define ZORVIK_Q_REMOVE _IOW(ZORVIK_IOC, 0xaa, uint32_t) /* queue id */
 #define ZORVIK_Q_ENUM _IOWR(ZORVIK_IOC, 0xab, uint32_t)  /* struct zorvik_q_enum */
 #define ZORVIK_Q_STAT _IOW(ZORVIK_IOC, 0xac, struct zorvik_q_stat)
-/* Filled by the driver: bytes of payload memory. */
+/* The driver fills in the bytes of payload memory. */
 #define ZORVIK_NET_DATA_SIZE _IOW(ZORVIK_IOC, 0xad, uint32_t)
 #define ZORVIK_QPAIR_GET _IOWR(ZORVIK_IOC, 0xae, struct zorvik_qpair_cfg)
 #define ZORVIK_FRM_ALLOC _IOWR(ZORVIK_IOC, 0xaf, struct zorvik_frm_alloc)
@@ -302,8 +301,8 @@ ZORVIK_ASSERT(sizeof(struct zorvik_q_record) == 36);
 ZORVIK_ASSERT(sizeof(struct zorvik_q_enum) == 1156);
 
 /* ---- Queue memory -----------------------------------------------------------------------
- * A ring of frame identifiers, mapped from offset 0 of the queue's node. Producer and consumer
- * each have a wait/wake record. Every access to the words is atomic with full barriers.
+ * A ring of frame identifiers, mapped from offset 0 of the queue's node. Producer and consumer each
+ * have a wait/wake record. All accesses to the words are atomic with full barriers.
  */
 enum {
   ZORVIK_RESQ_WOKEN = 1u << 0,    /* a wake-up was posted to this side */
@@ -313,24 +312,24 @@ enum {
 struct zorvik_resq {
   uint32_t tag;
   uint32_t flags;
-  uint32_t kresq_handle; /* names this record in wait and wake requests */
+  uint32_t kresq_handle; /* identifies this record in wait and wake requests */
   uint8_t reserved[52];
 };
 
 struct zorvik_qmem {
   struct zorvik_resq presq; /* producer */
   struct zorvik_resq cresq; /* consumer */
-  uint32_t enqueue;         /* next slot the producer fills, masked */
+  uint32_t enqueue;         /* next slot to fill, masked */
   uint8_t reserved1[60];
-  uint32_t dequeue; /* next slot the consumer empties, masked */
+  uint32_t dequeue; /* next slot to empty, masked */
   uint8_t reserved2[60];
-  uint32_t max_elements; /* slots, a power of two; one always stays empty */
+  uint32_t max_elements; /* slots, a power of two; one is always empty */
   uint32_t mask;         /* slots - 1 */
   uint8_t reserved3[56];
 };
 
-/* The slots, behind the structure: 0 for an empty one, else a frame identifier in the low 32 bits.
- */
+/* The slots follow the structure. An empty slot is 0, a full one has a frame identifier in its low
+ * 32 bits. */
 static inline uint64_t* zorvik_qmem_entries(struct zorvik_qmem* qmem) {
   return (uint64_t*)(void*)(qmem + 1);
 }
@@ -358,19 +357,19 @@ struct zorvik_frm_desc {
   uint32_t cap_len;  /* bytes captured, at data_off */
   uint32_t ts_sec;
   uint32_t ts_usec;
-  uint64_t data; /* address in the reader's process, set on reads from queues of type 1 */
+  uint64_t data; /* address in the reader's process, set by reads from queues of type 1 */
   uint64_t assoc_buf;
   uint8_t reserved1[16];
-  uint16_t frame_size; /* bytes, for the payload bound */
+  uint16_t frame_size; /* bytes in the buffer */
   uint8_t reserved2[2];
   uint32_t buf_size; /* bytes of the frame's buffer */
   int16_t if_in;     /* interface number or ZORVIK_IF_LOCAL */
   int16_t if_out;
   int16_t q_idx; /* queue pair or ZORVIK_Q_UNKNOWN */
   uint8_t reserved3[10];
-  uint64_t tag;      /* from producer to consumer: the capture identifier */
-  uint32_t data_off; /* of the frame's data in the payload memory */
-  uint32_t index;    /* the descriptor's own */
+  uint64_t tag;      /* the capture identifier */
+  uint32_t data_off; /* offset of the frame's data in the payload memory */
+  uint32_t index;    /* this descriptor's index */
   uint8_t reserved4[8];
   uint8_t generation; /* changes when the frame is freed */
   uint8_t reserved5[4];
