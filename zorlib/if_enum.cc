@@ -46,7 +46,7 @@ void fill(zorlib_if& entry, const ifaddrs& record, unsigned index) noexcept {
 }  // namespace
 
 extern "C" int zorlib_if_enum(zorlib_if* list, uint32_t capacity) {
-  if (capacity != 0 && !given(list)) {
+  if (capacity != 0 && !checkPointers(list)) {
     return -1;
   }
   ifaddrs* first = nullptr;

@@ -1,4 +1,4 @@
-// Interface groups: the handle's life, the driver's nodes and the mapping of frame memory.
+// Interface groups: handles, device nodes and the mapping of frame memory.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -73,12 +73,12 @@ int openFrameDescriptors(zorlib_ifg& ifg) noexcept {
 
 namespace {
 
-// The last user is gone: what the group lent goes back to the driver.
+// Returns the cached frames to the driver and closes the group, after the last reference.
 void release(zorlib_ifg& ifg) noexcept {
   auto* const frames = static_cast<zorvik_frm_desc*>(ifg.frmDesc.base());
   for (FrameList& list : ifg.cached) {
     while (const FrameNode* node = list.pop()) {
-      // A failure is logged, and the rest still goes back.
+      // One failure, which is logged, does not keep the other frames.
       static_cast<void>(freeFrame(ifg, frameId(frames[node - ifg.nodes.get()])));
     }
   }
@@ -148,7 +148,7 @@ zorlib_ifg* zorlib_ifg_alloc(const char* name) {
     return nullptr;
   }
   std::memcpy(ifg->name.data(), name, length);
-  static_cast<void>(zorlib_ifg_devnode_wait(ZORVIK_CTL_NODE, 1));  // the open tells
+  static_cast<void>(zorlib_ifg_devnode_wait(ZORVIK_CTL_NODE, 1));  // open() reports the failure
   ifg->ctlFd.reset(::open(ZORVIK_CTL_NODE, O_RDWR | O_CLOEXEC));
   if (!ifg->ctlFd) {
     TARNIK_ERROR("Error: zorlib_ifg_alloc: Cannot open zorvik ctl - %s", errorText());
@@ -159,7 +159,7 @@ zorlib_ifg* zorlib_ifg_alloc(const char* name) {
 }
 
 int zorlib_ifg_open(const char* name, zorlib_ifg** ifg) {
-  if (!given(ifg)) {
+  if (!checkPointers(ifg)) {
     return -1;
   }
   zorlib_ifg* const opened = zorlib_ifg_alloc(name);
@@ -175,12 +175,12 @@ int zorlib_ifg_open(const char* name, zorlib_ifg** ifg) {
 }
 
 int zorlib_ifg_close(zorlib_ifg* ifg) {
-  if (!valid(ifg)) {
+  if (!checkHandle(ifg)) {
     return -1;
   }
-  const int savedErrno = errno;  // of the failure that made the caller close
-  // Acquire and release: the last user sees what all the others did. A handle that was only
-  // allocated has no reference yet, and nobody else can have one.
+  const int savedErrno = errno;  // a caller may close because of an error
+  // Acquire and release: the thread that frees the handle sees what all others did with it. A
+  // handle that was only allocated has no reference yet.
   const std::uint32_t before = ifg->refs.fetch_sub(1, std::memory_order_acq_rel);
   if (before > 1) {
     return 0;
@@ -194,20 +194,20 @@ int zorlib_ifg_close(zorlib_ifg* ifg) {
 }
 
 int zorlib_ifg_devnode_wait(const char* path, int appear) {
-  if (!given(path)) {
+  if (!checkPointers(path)) {
     return -1;
   }
-  constexpr int kLooks = 1500;
-  constexpr useconds_t kBetween = 1000;  // microseconds
-  for (int look = 0;; ++look) {
-    const bool there = ::access(path, F_OK) == 0;
-    if (there == (appear != 0)) {
+  constexpr int kPolls = 1500;
+  constexpr useconds_t kPollInterval = 1000;  // microseconds
+  for (int poll = 0;; ++poll) {
+    const bool exists = ::access(path, F_OK) == 0;
+    if (exists == (appear != 0)) {
       return 0;
     }
-    if (look == kLooks) {
+    if (poll == kPolls) {
       break;
     }
-    ::usleep(kBetween);
+    ::usleep(kPollInterval);
   }
   TARNIK_ERROR("Error: zorlib_ifg_devnode_wait: Timeout waiting for devnode %s to %sappear", path,
                appear != 0 ? "" : "dis");
@@ -216,7 +216,7 @@ int zorlib_ifg_devnode_wait(const char* path, int appear) {
 
 int zorlib_map_frm_data(zorlib_ifg* ifg, zorvik_frm_desc** frmDesc, uint32_t* frmDescSize,
                         uint8_t** payload, uint32_t* payloadSize) {
-  if (!valid(ifg) || !given(frmDesc, frmDescSize, payload, payloadSize)) {
+  if (!checkHandle(ifg) || !checkPointers(frmDesc, frmDescSize, payload, payloadSize)) {
     return -1;
   }
   const std::lock_guard guard(ifg->mutex);

@@ -1,4 +1,4 @@
-// What the driver tells of an open group, and what it is told: its queues and its flags.
+// The queues, flags and interfaces of an open group.
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -14,17 +14,22 @@ namespace {
 
 constexpr std::uint64_t kFlagEnabled = 1;
 
-// Reads the flags and writes them back with `bits` changed to `set`.
-int changeFlags(zorlib_ifg* ifg, std::uint64_t bits, bool set) noexcept {
+// The log line of a failed enumeration has always had this size, which is not the buffer's.
+constexpr std::size_t kLoggedEnumSize = 292;
+
+enum class Change { kClear, kSet };
+
+// Reads the flags and writes them back with `bits` changed.
+int changeFlags(zorlib_ifg* ifg, std::uint64_t bits, Change change) noexcept {
   std::uint64_t flags = 0;
   if (zorlib_ifg_get_flags(ifg, &flags) < 0) {
     return -1;
   }
-  return zorlib_ifg_set_flags(ifg, set ? flags | bits : flags & ~bits);
+  return zorlib_ifg_set_flags(ifg, change == Change::kSet ? flags | bits : flags & ~bits);
 }
 
-// The interfaces as the driver tells them, at most as many as fit. The request's result: a cookie
-// that is 0 when there are none, or negative.
+// Issues the query request for the interfaces. Returns its result: a cookie, 0 for a group without
+// interfaces, negative on failure.
 int queryInterfaces(const zorlib_ifg& ifg, zorlib_ifg_info& info) noexcept {
   info = zorlib_ifg_info{};
   zorvik_ifg_query request{};
@@ -53,15 +58,13 @@ void refreshInterfaces(zorlib_ifg& ifg) noexcept {
 extern "C" {
 
 int zorlib_ifg_q_enum(zorlib_ifg* ifg, zorvik_q_enum** list) {
-  if (!valid(ifg) || !given(list)) {
+  if (!checkHandle(ifg) || !checkPointers(list)) {
     return -1;
   }
   std::unique_ptr<zorvik_q_enum, Free> buffer(
       static_cast<zorvik_q_enum*>(std::calloc(1, sizeof(zorvik_q_enum))));
   if (!buffer) {
-    // Not the size that was asked for, but the one that this line has always told.
-    TARNIK_ERROR("Error: zorlib_ifg_q_enum: malloc(%zu) failed - %s", std::size_t{292},
-                 errorText());
+    TARNIK_ERROR("Error: zorlib_ifg_q_enum: malloc(%zu) failed - %s", kLoggedEnumSize, errorText());
     return -1;
   }
   buffer->count = ZORVIK_ENUM_MAX;
@@ -74,7 +77,7 @@ int zorlib_ifg_q_enum(zorlib_ifg* ifg, zorvik_q_enum** list) {
 }
 
 int zorlib_ifg_q_remove(zorlib_ifg* ifg, uint32_t id) {
-  if (!valid(ifg)) {
+  if (!checkHandle(ifg)) {
     return -1;
   }
   if (::ioctl(ifg->ifgCtlFd.get(), ZORVIK_Q_REMOVE, &id) < 0) {
@@ -86,7 +89,7 @@ int zorlib_ifg_q_remove(zorlib_ifg* ifg, uint32_t id) {
 }
 
 int zorlib_ifg_get_flags(zorlib_ifg* ifg, uint64_t* flags) {
-  if (!valid(ifg) || !given(flags)) {
+  if (!checkHandle(ifg) || !checkPointers(flags)) {
     return -1;
   }
   zorvik_ifg_query request{};
@@ -101,26 +104,26 @@ int zorlib_ifg_get_flags(zorlib_ifg* ifg, uint64_t* flags) {
 }
 
 int zorlib_ifg_set_flags(zorlib_ifg* ifg, uint64_t flags) {
-  if (!valid(ifg)) {
+  if (!checkHandle(ifg)) {
     return -1;
   }
   if (::ioctl(ifg->ifgCtlFd.get(), ZORVIK_IFG_SET_FLAGS, flags) < 0) {
     TARNIK_ERROR("Error: zorlib_ifg_set_flags: set_flags ioctl (%s) failed - %s", ifg->name.data(),
                  errorText());
   }
-  return 0;  // a refusal is for the log only
+  return 0;  // a refusal is only logged
 }
 
 int zorlib_ifg_disable(zorlib_ifg* ifg) {
-  return changeFlags(ifg, kFlagEnabled, false);
+  return changeFlags(ifg, kFlagEnabled, Change::kClear);
 }
 
 int zorlib_ifg_enable(zorlib_ifg* ifg) {
-  return changeFlags(ifg, kFlagEnabled, true);
+  return changeFlags(ifg, kFlagEnabled, Change::kSet);
 }
 
 int zorlib_ifg_query(zorlib_ifg* ifg, zorlib_ifg_info* info) {
-  if (!valid(ifg) || !given(info)) {
+  if (!checkHandle(ifg) || !checkPointers(info)) {
     return -1;
   }
   zorlib_ifg_info found;

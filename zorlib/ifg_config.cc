@@ -1,4 +1,4 @@
-// Settings, queue pairs and counters of a group, and the list of all groups.
+// Settings, queue pairs and counters of a group, and the list of groups.
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -11,7 +11,7 @@ using namespace tarnik::zorlib;
 
 namespace {
 
-bool isQueuePair(std::uint32_t index) noexcept {
+bool checkQueuePair(std::uint32_t index) noexcept {
   if (index >= ZORLIB_MAX_QPAIRS) {
     errno = EINVAL;
     return false;
@@ -23,7 +23,7 @@ bool isQueuePair(std::uint32_t index) noexcept {
 
 namespace tarnik::zorlib {
 
-int putIntoForce(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
+int configureGroup(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
   zorvik_ifg_config request = config;
   if (::ioctl(ifg.ifgCtlFd.get(), ZORVIK_IFG_CONFIGURE, &request) < 0) {
     TARNIK_ERROR("Error: zorlib_ifg_configure: configure ioctl (%s) failed - %s", ifg.name.data(),
@@ -39,14 +39,15 @@ int putIntoForce(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
 extern "C" {
 
 int zorlib_ifg_configure(zorlib_ifg* ifg, const zorvik_ifg_config* config) {
-  if (!valid(ifg) || !given(config) || !checkDescription("zorlib_ifg_configure", *config)) {
+  if (!checkHandle(ifg) || !checkPointers(config) ||
+      !checkDescription(DescriptionOf::kConfigure, *config)) {
     return -1;
   }
-  return putIntoForce(*ifg, *config);
+  return configureGroup(*ifg, *config);
 }
 
 int zorlib_ifg_set_qpair_cfg(zorlib_ifg* ifg, const zorvik_qpair_cfg* cfg) {
-  if (!valid(ifg) || !given(cfg) || !isQueuePair(cfg->index)) {
+  if (!checkHandle(ifg) || !checkPointers(cfg) || !checkQueuePair(cfg->index)) {
     return -1;
   }
   zorvik_qpair_cfg request = *cfg;
@@ -68,7 +69,7 @@ int zorlib_ifg_set_qpair_cfg(zorlib_ifg* ifg, const zorvik_qpair_cfg* cfg) {
 }
 
 int zorlib_ifg_get_qpair_cfg(zorlib_ifg* ifg, zorvik_qpair_cfg* cfg) {
-  if (!valid(ifg) || !given(cfg) || !isQueuePair(cfg->index)) {
+  if (!checkHandle(ifg) || !checkPointers(cfg) || !checkQueuePair(cfg->index)) {
     return -1;
   }
   zorvik_qpair_cfg request{};
@@ -83,7 +84,7 @@ int zorlib_ifg_get_qpair_cfg(zorlib_ifg* ifg, zorvik_qpair_cfg* cfg) {
 }
 
 int zorlib_ifg_get_stats(zorlib_ifg* ifg, zorvik_ifg_stats* stats) {
-  if (!valid(ifg) || !given(stats)) {
+  if (!checkHandle(ifg) || !checkPointers(stats)) {
     return -1;
   }
   zorvik_ifg_stats request{};
@@ -97,7 +98,7 @@ int zorlib_ifg_get_stats(zorlib_ifg* ifg, zorvik_ifg_stats* stats) {
 }
 
 int zorlib_ifg_enum(zorvik_ifg_enum* list) {
-  if (!given(list)) {
+  if (!checkPointers(list)) {
     return -1;
   }
   zorlib_ifg* const driver = zorlib_ifg_alloc(ZORVIK_IFG_NIL_NAME);

@@ -1,4 +1,4 @@
-// Making an interface group: its description is checked, then the driver is asked.
+// Creating and removing interface groups.
 #include <sys/ioctl.h>
 
 #include "base/log.h"
@@ -9,7 +9,7 @@ using namespace tarnik::zorlib;
 
 namespace {
 
-zorvik_ifg_create named(const char* name) noexcept {
+zorvik_ifg_create requestFor(const char* name) noexcept {
   zorvik_ifg_create request{};
   std::memcpy(request.name, name, strnlen(name, ZORVIK_NAME_MAX));
   return request;
@@ -26,10 +26,10 @@ int waitForNodes(const zorlib_ifg& ifg) noexcept {
   return 0;
 }
 
-// Takes back the group that could not be finished; errno stays that of the failure.
-void unmakeGroup(zorlib_ifg& ifg, zorvik_ifg_create& request) noexcept {
+// Removes a group whose creation failed half-way. Keeps errno.
+void removeUnfinished(zorlib_ifg& ifg, zorvik_ifg_create& request) noexcept {
   const int savedErrno = errno;
-  ifg.ifgCtlFd.reset();  // a group in use is not removed
+  ifg.ifgCtlFd.reset();  // the driver does not remove a group in use
   ifg.frmDescFd.reset();
   if (::ioctl(ifg.ctlFd.get(), ZORVIK_IFG_REMOVE, &request) < 0) {
     TARNIK_ERROR("Error: zorlib_ifg_create: Remove ifg %s failed - %s", ifg.name.data(),
@@ -38,20 +38,20 @@ void unmakeGroup(zorlib_ifg& ifg, zorvik_ifg_create& request) noexcept {
   errno = savedErrno;
 }
 
-// Makes the group of a handle that has only the driver's control node, opens its nodes and tells
-// it its interfaces. The driver is left without it on failure.
-int makeGroup(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
-  zorvik_ifg_create request = named(ifg.name.data());
+// Creates the group of a newly allocated handle, opens its nodes and configures it. Removes it
+// again on failure.
+int createGroup(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
+  zorvik_ifg_create request = requestFor(ifg.name.data());
   if (::ioctl(ifg.ctlFd.get(), ZORVIK_IFG_CREATE, &request) < 0) {
     TARNIK_ERROR("Error: zorlib_ifg_create: Create ifg %s failed - %s", ifg.name.data(),
                  errorText());
     return -1;
   }
   if (waitForNodes(ifg) == 0 && openControl(ifg) == 0 && zorlib_ifg_create_frm_data(&ifg) == 0 &&
-      openFrameDescriptors(ifg) == 0 && putIntoForce(ifg, config) == 0) {
+      openFrameDescriptors(ifg) == 0 && configureGroup(ifg, config) == 0) {
     return 0;
   }
-  unmakeGroup(ifg, request);
+  removeUnfinished(ifg, request);
   return -1;
 }
 
@@ -60,18 +60,18 @@ int makeGroup(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
 extern "C" {
 
 int zorlib_ifg_create(const char* name, const zorvik_ifg_config* config, zorlib_ifg** ifg) {
-  if (!given(config, ifg) || !checkDescription("zorlib_ifg_create", *config)) {
+  if (!checkPointers(config, ifg) || !checkDescription(DescriptionOf::kCreate, *config)) {
     return -1;
   }
-  zorlib_ifg* const made = zorlib_ifg_alloc(name);
-  if (made == nullptr) {
+  zorlib_ifg* const created = zorlib_ifg_alloc(name);
+  if (created == nullptr) {
     return -1;
   }
-  if (makeGroup(*made, *config) != 0) {
-    static_cast<void>(zorlib_ifg_close(made));
+  if (createGroup(*created, *config) != 0) {
+    static_cast<void>(zorlib_ifg_close(created));
     return -1;
   }
-  *ifg = made;
+  *ifg = created;
   return 0;
 }
 
@@ -79,7 +79,7 @@ int zorlib_ifg_create_frm_data(zorlib_ifg* ifg) {
   constexpr std::uint32_t kMin = 1000;
   constexpr std::uint32_t kMax = 1000000;
   constexpr std::uint32_t kDefault = 16384;
-  if (!valid(ifg)) {
+  if (!checkHandle(ifg)) {
     return -1;
   }
   std::uint32_t count = kDefault;
@@ -105,14 +105,14 @@ int zorlib_ifg_remove(const char* name) {
   if (driver == nullptr) {
     return -1;
   }
-  zorvik_ifg_create request = named(name);
+  zorvik_ifg_create request = requestFor(name);
   const int result = ::ioctl(driver->ctlFd.get(), ZORVIK_IFG_REMOVE, &request);
   if (result < 0) {
     TARNIK_ERROR("Error: zorlib_ifg_remove: Remove ifg %s failed - %s", name, errorText());
   } else {
     std::array<char, 128> path;
     joinPath(path, driver->dir.data(), ZORVIK_IFG_CTL);
-    static_cast<void>(zorlib_ifg_devnode_wait(path.data(), 0));  // it is gone all the same
+    static_cast<void>(zorlib_ifg_devnode_wait(path.data(), 0));  // removed, node or no node
   }
   static_cast<void>(zorlib_ifg_close(driver));
   return result < 0 ? -1 : 0;

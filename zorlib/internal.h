@@ -68,26 +68,18 @@ template <class... Pointee>
 [[nodiscard]] bool checkHandle(const zorlib_ifg* ifg) noexcept;
 [[nodiscard]] bool checkHandle(const zorlib_q* q) noexcept;
 
-// Former names of the two, until all callers use the new ones.
-template <class... Pointee>
-[[nodiscard]] bool given(const Pointee*... pointers) noexcept {
-  return checkPointers(pointers...);
-}
-[[nodiscard]] inline bool valid(const zorlib_ifg* ifg) noexcept {
-  return checkHandle(ifg);
-}
-
 // Open the group's two nodes. openControl takes the handle's first reference. -1 with a log line on
 // failure.
 [[nodiscard]] int openControl(zorlib_ifg& ifg) noexcept;
 [[nodiscard]] int openFrameDescriptors(zorlib_ifg& ifg) noexcept;
 
-// Checks the description of a group. False with errno and a log line that names `caller` when no
-// group can be configured like this.
-[[nodiscard]] bool checkDescription(const char* caller, const zorvik_ifg_config& config) noexcept;
+// Checks the description of a group to be created or configured. False with errno and a log line of
+// zorlib_ifg_create or zorlib_ifg_configure when no group can be like this.
+enum class DescriptionOf { kCreate, kConfigure };
+[[nodiscard]] bool checkDescription(DescriptionOf caller, const zorvik_ifg_config& config) noexcept;
 
 // Issues the configure request. -1 with a log line on failure.
-[[nodiscard]] int putIntoForce(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept;
+[[nodiscard]] int configureGroup(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept;
 
 // Asks the driver for the number of interfaces and stores it in numIfs: another process may have
 // configured the group. Keeps the old number when the request fails. Logs nothing.

@@ -10,7 +10,7 @@ using namespace tarnik::zorlib;
 
 namespace {
 
-// What a function says when a step of it fails.
+// The log lines of a function, by the step that fails.
 struct Messages {
   const char* open;
   const char* get;
@@ -38,8 +38,8 @@ constexpr Messages kDel = {
     "Error: zorlib_del_logging: set logging mask ioctl(2) failed - %s",
 };
 
-OwnedFd openControl(const Messages& messages) noexcept {
-  static_cast<void>(zorlib_ifg_devnode_wait(ZORVIK_CTL_NODE, 1));  // the open tells
+OwnedFd openDriver(const Messages& messages) noexcept {
+  static_cast<void>(zorlib_ifg_devnode_wait(ZORVIK_CTL_NODE, 1));  // open() reports the failure
   OwnedFd ctl(::open(ZORVIK_CTL_NODE, O_RDWR | O_CLOEXEC));
   if (!ctl) {
     logLine(LOG_ERR, messages.open, errorText());
@@ -65,7 +65,7 @@ int setMask(const OwnedFd& ctl, std::uint64_t mask, const Messages& messages) no
 
 // Clears `cleared` and sets `set`.
 int changeMask(std::uint64_t cleared, std::uint64_t set, const Messages& messages) noexcept {
-  const OwnedFd ctl = openControl(messages);
+  const OwnedFd ctl = openDriver(messages);
   std::uint64_t mask = 0;
   if (!ctl || getMask(ctl, &mask, messages) != 0) {
     return -1;
@@ -78,15 +78,15 @@ int changeMask(std::uint64_t cleared, std::uint64_t set, const Messages& message
 extern "C" {
 
 int zorlib_get_logging_mask(uint64_t* mask) {
-  if (!given(mask)) {
+  if (!checkPointers(mask)) {
     return -1;
   }
-  const OwnedFd ctl = openControl(kGet);
+  const OwnedFd ctl = openDriver(kGet);
   return ctl ? getMask(ctl, mask, kGet) : -1;
 }
 
 int zorlib_set_logging_mask(uint64_t mask) {
-  const OwnedFd ctl = openControl(kSet);
+  const OwnedFd ctl = openDriver(kSet);
   return ctl ? setMask(ctl, mask, kSet) : -1;
 }
 

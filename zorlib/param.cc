@@ -1,4 +1,4 @@
-// Tuning parameters: the rules that a name and its value must fit, and the list of what did.
+// Tuning parameters: the registry of rules, and the list of the pairs that a rule accepted.
 #include "zorlib/param.h"
 
 #include <strings.h>
@@ -14,7 +14,9 @@ namespace {
 
 using Rule = zorlib_param_spec;
 
-std::mutex mutex;  // guards what follows; the parameters themselves are published by their count
+// The mutex guards the variables below. Look-ups read `params` without it: an entry is complete
+// before `paramTotal` counts it.
+std::mutex mutex;
 std::array<Rule, 32> rules;
 std::uint32_t ruleCount = 0;
 std::array<Param, 128> params;
@@ -50,23 +52,24 @@ std::size_t trimmedLength(const char* text) noexcept {
   return length;
 }
 
-// A value between the white space around it, in the caller's text.
+// A value without the white space around it, in the caller's text.
 struct Value {
-  const char* text;  // white space may follow, which scanf skips
+  const char* text;  // white space may follow; sscanf skips it
   int length;
 
   explicit Value(const char* given) noexcept
       : text(skipSpace(given)), length(static_cast<int>(trimmedLength(text))) {}
 };
 
-// A name taken apart. The words point into the text.
+// The words of a name, which point into its text.
 struct Name {
   std::array<char, 128> text{};
   std::array<char*, 4> words{};
   std::uint32_t count = 0;
 };
 
-// `full` is the name as the log shows it, `rest` what follows the prefix.
+// Splits `rest`, the name after its prefix, into words. False with a log line that shows `full`,
+// the whole name.
 bool split(Name& name, const char* full, const char* rest) noexcept {
   static_cast<void>(std::snprintf(name.text.data(), name.text.size(), "%s", rest));
   name.text[trimmedLength(name.text.data())] = '\0';
@@ -192,7 +195,7 @@ Verdict apply(const Rule& rule, std::uint32_t place, const Name& name, const cha
   return checkValue(rule, value);
 }
 
-// The first rule that accepts the pair, or null; the mutex is held.
+// Returns the first rule that accepts the pair, or null. Needs the mutex.
 const Rule* findRule(const Name& name, const char* full, const Value& value) noexcept {
   for (std::uint32_t i = 0; i < ruleCount; ++i) {
     switch (apply(rules[i], i, name, full, value)) {
@@ -217,7 +220,7 @@ Text duplicate(const char* text, std::size_t length) noexcept {
   return copy;
 }
 
-// The mutex is held.
+// Needs the mutex.
 int store(const Rule& rule, const Name& name, const Value& value) noexcept {
   Param entry;
   entry.id = rule.id;

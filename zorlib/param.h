@@ -1,4 +1,4 @@
-// The parameter list, for the look-ups.
+// The parameter list, as the look-ups read it.
 #pragma once
 
 #include <array>
@@ -28,12 +28,12 @@ struct Param {
   Text value;
 };
 
-// The parameters in the order in which they were accepted. Those that a look at the count has
-// seen never change and stay where they are. Any thread.
+// The parameters in the order in which they were accepted: places 0 to paramCount() - 1. An entry
+// never changes. Any thread.
 [[nodiscard]] std::size_t paramCount() noexcept;
 [[nodiscard]] const Param& param(std::size_t place) noexcept;
 
-// The value of the group's fd_count parameter.
+// Returns the value of the group's fd_count parameter, if there is one.
 [[nodiscard]] std::optional<unsigned long> lookupFdCount(const zorlib_ifg& ifg) noexcept;
 
 }  // namespace tarnik::zorlib

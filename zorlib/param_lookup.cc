@@ -1,5 +1,5 @@
-// What the library asks of the parameter list. A look-up never fails: a value that cannot be used
-// is a warning, and the caller's default applies.
+// Look-ups in the parameter list. They never fail: a value that is not usable logs a warning, and
+// the caller's default applies.
 #include <strings.h>
 
 #include "base/log.h"
@@ -10,18 +10,18 @@ using namespace tarnik::zorlib;
 
 namespace {
 
-// An application's rule may have the number of one of ours and fewer words.
-bool names(const Param& entry, std::size_t word, const char* name) noexcept {
+// An application's rule may have the id of one of ours but fewer words.
+bool wordIs(const Param& entry, std::size_t word, const char* name) noexcept {
   return entry.words[word] && ::strcasecmp(entry.words[word].get(), name) == 0;
 }
 
-// The first parameter of the rule for this group that `fits`, or null.
+// Returns the group's first parameter of this rule for which `fits` is true, or null.
 template <class Fits>
 const Param* find(std::uint32_t id, const zorlib_ifg& ifg, Fits fits) noexcept {
   const std::size_t count = paramCount();
   for (std::size_t i = 0; i < count; ++i) {
     const Param& entry = param(i);
-    if (entry.id == id && names(entry, 0, ifg.name.data()) && fits(entry)) {
+    if (entry.id == id && wordIs(entry, 0, ifg.name.data()) && fits(entry)) {
       return &entry;
     }
   }
@@ -37,7 +37,7 @@ std::optional<unsigned long> number(const Param& entry) noexcept {
   if (std::sscanf(entry.value.get(), "%li", &value) != 1) {
     return std::nullopt;
   }
-  return static_cast<unsigned long>(value);  // one below 0 is above every bound
+  return static_cast<unsigned long>(value);  // a negative one is above every bound
 }
 
 std::optional<unsigned long> queueSize(const Param& entry) noexcept {
@@ -51,7 +51,7 @@ std::optional<unsigned long> queueSize(const Param& entry) noexcept {
 
 unsigned long appQueueSize(const zorlib_ifg& ifg, const char* queue) noexcept {
   const Param* const entry = find(kParamQueueQSize, ifg, [queue](const Param& candidate) {
-    return names(candidate, 1, queue);
+    return wordIs(candidate, 1, queue);
   });
   const std::optional<unsigned long> value = entry ? queueSize(*entry) : std::nullopt;
   if (!value) {
@@ -67,8 +67,8 @@ unsigned long appQueueSize(const zorlib_ifg& ifg, const char* queue) noexcept {
   return *value;
 }
 
-// The number of the group's interfaces.
-unsigned long interfaces(zorlib_ifg& ifg) noexcept {
+// Asks the driver for the number of the group's interfaces.
+unsigned long interfaceCount(zorlib_ifg& ifg) noexcept {
   refreshInterfaces(ifg);
   return ifg.numIfs;
 }
@@ -81,7 +81,7 @@ unsigned long ifgQueueSize(zorlib_ifg& ifg) noexcept {
   if (!value) {
     return 0;
   }
-  const unsigned long count = interfaces(ifg);
+  const unsigned long count = interfaceCount(ifg);
   if (*value < kMinPerIf * count || *value > kMaxPerIf * count) {
     TARNIK_WARNING("Warning: zorlib_ifg_lookup_qsize: %s q_size out of bounds (%u<=N<=%u [per IF])",
                    ifg.name.data(), kMinPerIf, kMaxPerIf);
@@ -93,7 +93,7 @@ unsigned long ifgQueueSize(zorlib_ifg& ifg) noexcept {
 }
 
 unsigned long mask(zorlib_ifg* ifg, std::uint32_t id, std::uint32_t n) noexcept {
-  if (!valid(ifg)) {
+  if (!checkHandle(ifg)) {
     return 0;
   }
   const Param* const entry = find(id, *ifg, [n](const Param& candidate) {
@@ -122,7 +122,7 @@ std::optional<unsigned long> lookupFdCount(const zorlib_ifg& ifg) noexcept {
 extern "C" {
 
 unsigned long zorlib_ifg_lookup_qsize(zorlib_ifg* ifg, const char* queue) {
-  if (!valid(ifg)) {
+  if (!checkHandle(ifg)) {
     return 0;
   }
   return queue != nullptr ? appQueueSize(*ifg, queue) : ifgQueueSize(*ifg);
@@ -133,7 +133,7 @@ unsigned long zorlib_ifg_lookup_if_mask(zorlib_ifg* ifg, uint32_t n) {
   if (value == 0) {
     return 0;
   }
-  const unsigned long count = interfaces(*ifg);
+  const unsigned long count = interfaceCount(*ifg);
   if (value >> count != 0) {
     TARNIK_WARNING("Warning: zorlib_ifg_lookup_if_mask: %s if_mask %lx for %lu interfaces",
                    ifg->name.data(), value, count);

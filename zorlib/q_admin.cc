@@ -1,4 +1,4 @@
-// Application queues from their owner's side: creating and removing them.
+// Creating and removing application queues.
 #include <strings.h>
 #include <sys/ioctl.h>
 
@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::uint32_t kDefaultEntries = 100000;
 
-// The size that the parameters give to a queue of which the caller gave none.
+// Returns the size of a queue that is created with size 0.
 std::uint32_t defaultSize(zorlib_ifg& ifg, const char* name) noexcept {
   for (const char* queue : {name, "appq"}) {
     const unsigned long size = zorlib_ifg_lookup_qsize(&ifg, queue);
@@ -32,7 +32,7 @@ std::uint32_t defaultSize(zorlib_ifg& ifg, const char* name) noexcept {
 extern "C" {
 
 int zorlib_ifg_create_q_app(zorlib_ifg* ifg, const char* name, uint32_t type, uint32_t size) {
-  if (!valid(ifg) || !given(name)) {
+  if (!checkHandle(ifg) || !checkPointers(name)) {
     return -1;
   }
   if (std::strlen(name) > ZORVIK_NAME_MAX) {
@@ -56,7 +56,7 @@ int zorlib_ifg_create_q_app(zorlib_ifg* ifg, const char* name, uint32_t type, ui
 
 int zorlib_ifg_q_create(zorlib_ifg* ifg, const char* name, uint32_t type, uint32_t size,
                         uint64_t reserved1, uint64_t reserved2) {
-  if (!valid(ifg) || !given(name)) {
+  if (!checkHandle(ifg) || !checkPointers(name)) {
     return -1;
   }
   zorvik_q_create request{};
@@ -86,7 +86,7 @@ int zorlib_ifg_q_create(zorlib_ifg* ifg, const char* name, uint32_t type, uint32
 }
 
 int zorlib_ifg_remove_q_app(zorlib_ifg* ifg, const char* name) {
-  if (!valid(ifg) || !given(name)) {
+  if (!checkHandle(ifg) || !checkPointers(name)) {
     return -1;
   }
   zorvik_q_enum* found = nullptr;
@@ -105,7 +105,7 @@ int zorlib_ifg_remove_q_app(zorlib_ifg* ifg, const char* name) {
       }
       std::array<char, 128> path;
       joinPath(path, ifg->dir.data(), recordName.data());
-      // The queue is gone whether or not its node lingers.
+      // The queue is removed even if its node stays a little longer.
       static_cast<void>(zorlib_ifg_devnode_wait(path.data(), 0));
       return 0;
     }
