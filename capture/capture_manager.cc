@@ -24,14 +24,14 @@ void reportDiskSpaceLimit(std::uint64_t diskUsed, std::uint64_t diskSpace) {
                diskUsed);
 }
 
-// The event gives the number in use as the maximum: its readers know it so.
+// The event calls the number of files in use the maximum. Its receivers expect that.
 void reportFileCountLimit(std::uint64_t filesUsed, std::uint64_t fileCount) {
   TARNIK_WARNING("Warning: %s: Files limit exceeded=[%lu/%lu ] ", "ConsumeFrame", filesUsed,
                  fileCount);
   OrloLogEvent("VRKPC0002I", kEventCategory, "MaxNumberOfFiles=%zd ", filesUsed);
 }
 
-// The result for a frame that `writer` did not take.
+// Returns the result for a frame that `writer` refused.
 CaptureManager::Result reportWriteFailure(const PcapWriter& writer, std::uint64_t captureId) {
   TARNIK_ERROR("Error: %s: Failed write to 0x%lx", "ConsumeFrame", captureId);
   if (writer.status() != kStatusFull) {
@@ -58,7 +58,7 @@ int CaptureManager::Init(const std::string& issuesPath, std::int64_t maxTimeout,
                          std::uint64_t diskSpace, std::uint64_t fileCount, std::int64_t maxFileSize,
                          std::int64_t eventInterval, std::uint32_t eventThreshold) {
   const int result =
-      configure("Init", false, issuesPath,
+      configure(Operation::kInit, issuesPath,
                 {maxTimeout, diskSpace, fileCount, maxFileSize, eventInterval, eventThreshold});
   if (result == kOk) {
     nameTime_ = std::time(nullptr);
@@ -73,30 +73,32 @@ int CaptureManager::Reload(const std::string& issuesPath, std::int64_t maxTimeou
                            std::uint64_t diskSpace, std::uint64_t fileCount,
                            std::int64_t maxFileSize, std::int64_t eventInterval,
                            std::uint32_t eventThreshold) {
-  return configure("Reload", true, issuesPath,
+  return configure(Operation::kReload, issuesPath,
                    {maxTimeout, diskSpace, fileCount, maxFileSize, eventInterval, eventThreshold});
 }
 
-int CaptureManager::configure(const char* operation, bool reload, const std::string& issuesPath,
+int CaptureManager::configure(Operation operation, const std::string& issuesPath,
                               const Limits& limits) {
+  const bool reload = operation == Operation::kReload;
+  const char* const name = reload ? "Reload" : "Init";
   TARNIK_DEBUG(1,
                "Debug: %s: path=%s, maxTimeout=%ld, diskSpace=%zd fileCount=%zd, "
                "eventInterval=%zd, eventThreshold=%zd",
-               operation, issuesPath.c_str(), limits.maxTimeout, limits.diskSpace, limits.fileCount,
+               name, issuesPath.c_str(), limits.maxTimeout, limits.diskSpace, limits.fileCount,
                limits.eventInterval, std::size_t{limits.eventThreshold});
-  // Each of the two messages names the other's map: that is how they are known in the field.
+  // Each of the two messages names the other map. Users know them this way, so they stay.
   if (!(reload ? napMap_.Reload() : napMap_.Load())) {
-    TARNIK_ERROR("Error: %s: Loading of IPS lookup failed", operation);
+    TARNIK_ERROR("Error: %s: Loading of IPS lookup failed", name);
     return kNapMapFailed;
   }
   if (!(reload ? issueMap_.Reload(issuesPath) : issueMap_.PopulateIssueMap(issuesPath.c_str()))) {
-    TARNIK_ERROR("Error: %s: Loading of NAP lookup failed ", operation);
+    TARNIK_ERROR("Error: %s: Loading of NAP lookup failed ", name);
     return kIssueMapFailed;
   }
   const std::lock_guard guard(mutex_);
   limits_ = limits;
   diskEvent_.arm();
-  filesEvent_.restart();  // only the frames that pass its test arm this one
+  filesEvent_.restart();  // frames arm this event, not the configuration
   return kOk;
 }
 
@@ -108,9 +110,9 @@ Limits CaptureManager::limits() const {
 CaptureManager::Admission CaptureManager::admit(std::time_t now) {
   const std::lock_guard guard(mutex_);
   Admission admission{.limits = limits_};
-  admission.disk = diskEvent_.test(diskUsed_ > limits_.diskSpace, now, limits_);
+  admission.disk = diskEvent_.test(diskUsed_, limits_.diskSpace, now, limits_);
   if (admission.disk == LimitEvent::Verdict::kWithin) {
-    admission.files = filesEvent_.test(filesUsed_ > limits_.fileCount, now, limits_);
+    admission.files = filesEvent_.test(filesUsed_, limits_.fileCount, now, limits_);
   }
   return admission;
 }
@@ -138,7 +140,7 @@ int CaptureManager::ConsumeFrame(std::uint64_t captureId, const FrameHeader& fra
   Writer writer;
   WriterTable::iterator position;
   if (!LookupConnWriter(captureId, writer, position)) {
-    return consumeFirst(captureId, frame, data, flags, limits.maxFileSize);
+    return consumeFirstFrame(captureId, frame, data, flags, limits.maxFileSize);
   }
   TARNIK_DEBUG(3, "Debug: %s: Cached writer: 0x%lx", "ConsumeFrame", captureId);
   if (!writer->Write(frame, data)) {
@@ -154,9 +156,9 @@ int CaptureManager::ConsumeFrame(std::uint64_t captureId, const FrameHeader& fra
   return kOk;
 }
 
-int CaptureManager::consumeFirst(std::uint64_t captureId, const FrameHeader& frame,
-                                 const std::uint8_t* data, std::uint32_t flags,
-                                 std::int64_t maxFileSize) {
+int CaptureManager::consumeFirstFrame(std::uint64_t captureId, const FrameHeader& frame,
+                                      const std::uint8_t* data, std::uint32_t flags,
+                                      std::int64_t maxFileSize) {
   TARNIK_DEBUG(3, "Debug: %s: New writer: 0x%lx", "ConsumeFrame", captureId);
   char name[17];
   std::snprintf(name, sizeof name, "%lx", captureId);
@@ -216,12 +218,12 @@ bool CaptureManager::UpdateWriter(PcapWriter& writer, std::int32_t triggerId,
   std::string policyName;  // an issue's name, a rule's UUID, or nothing
   switch (classifyTrigger(triggerId)) {
     case TriggerClass::kIpsIssue:
-      if (!findIssue(triggerId, policyName)) {
+      if (!LookupIssueName(triggerId, policyName)) {
         return false;
       }
       break;
     case TriggerClass::kNapRule:
-      if (!findRule(triggerId, policyName)) {
+      if (!LookupNapUuid(triggerId, policyName)) {
         return false;
       }
       break;
@@ -235,7 +237,7 @@ bool CaptureManager::UpdateWriter(PcapWriter& writer, std::int32_t triggerId,
   return true;
 }
 
-bool CaptureManager::findIssue(std::int32_t issueId, std::string& name) const {
+bool CaptureManager::LookupIssueName(std::int32_t issueId, std::string& name) const {
   const auto id = static_cast<std::uint32_t>(issueId);
   TARNIK_DEBUG(3, "Debug: %s: issueId=0x%x", "LookupIssueName", id);
   if (!issueMap_.LookupIssueName(id, name)) {
@@ -247,7 +249,7 @@ bool CaptureManager::findIssue(std::int32_t issueId, std::string& name) const {
   return true;
 }
 
-bool CaptureManager::findRule(std::int32_t priority, std::string& uuid) const {
+bool CaptureManager::LookupNapUuid(std::int32_t priority, std::string& uuid) const {
   const auto id = static_cast<std::uint32_t>(priority);
   TARNIK_DEBUG(3, "Debug: %s: rulePriority=0x%x", "LookupNapUuid", id);
   if (!napMap_.LookupNapUuid(id, uuid)) {
@@ -305,7 +307,7 @@ void CaptureManager::CloseWriters() {
   }
 }
 
-// The last chance for metadata that came late; then the file is closed.
+// Metadata that arrived after the last frame still names the file.
 void CaptureManager::closeWriter(const char* operation, WriterTable::iterator position) {
   const auto [captureId, writer] = *position;
   if (!ProcessMetaData(*writer, captureId)) {

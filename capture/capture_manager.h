@@ -1,13 +1,13 @@
-// Turns the stream of frames into one PCAP file a capture, within the limits on disk space, number
-// of files and size of a file.
+// Turns the stream of frames into one PCAP file per capture, within the limits on disk space,
+// number of files and file size.
 //
 // Thread safety: the main thread calls Init before the capture thread exists, and Reload while it
-// runs; everything else is the capture thread's. What both touch, the limits and the state of
-// their events, has a mutex of its own, and the two maps guard themselves; none of these is held
-// while a file is written or a line logged.
+// runs. The capture thread calls everything else. Both threads use the limits and the state of
+// their events, which a mutex guards, and the two maps, which guard themselves. None of these locks
+// is held while a file is written or a line is logged.
 //
-// A writer closes and finalises its file when its last handle goes; the table holds one, and each
-// operation one more while it works on a writer.
+// A writer closes and finalises its file when its last handle is destroyed. The table holds one
+// handle; an operation holds another one while it works on a writer.
 #pragma once
 
 #include <cstdint>
@@ -46,66 +46,66 @@ class CaptureManager {
 
   static CaptureManager& instance();
 
-  // Loads the NAP map and the issue map and takes the limits: maxTimeout and eventInterval in
-  // seconds, diskSpace and maxFileSize in bytes, eventThreshold in frames. kNapMapFailed or
-  // kIssueMapFailed, with a log line, when a map could not be loaded; the limits are then as
-  // before.
+  // Loads the NAP map and the issue map and sets the limits: maxTimeout and eventInterval in
+  // seconds, diskSpace and maxFileSize in bytes, eventThreshold in frames. Returns kNapMapFailed or
+  // kIssueMapFailed and logs a line when it cannot load a map; it then keeps the old limits.
   int Init(const std::string& issuesPath, std::int64_t maxTimeout, std::uint64_t diskSpace,
            std::uint64_t fileCount, std::int64_t maxFileSize, std::int64_t eventInterval,
            std::uint32_t eventThreshold);
-  // The same while frames flow. Open writers keep their size limit.
+  // Does the same while frames flow. Open writers keep their size limit.
   int Reload(const std::string& issuesPath, std::int64_t maxTimeout, std::uint64_t diskSpace,
              std::uint64_t fileCount, std::int64_t maxFileSize, std::int64_t eventInterval,
              std::uint32_t eventThreshold);
 
-  // Writes one frame to its capture's file, which is opened with the first frame, named as soon as
-  // the capture's metadata is known, and closed with the frame that `flags` (of ReadPkt) call the
-  // last one. `data` stays the caller's. A result other than kOk means that the frame is not in a
-  // file; the log and, for limits, a platform event say why.
+  // Writes one frame to its capture's file. Opens the file for the first frame, names it as soon as
+  // the capture's metadata is known, and closes it after the last frame (a flag of ReadPkt). `data`
+  // stays the caller's. After a result other than kOk the frame is in no file; a log line says why,
+  // and for limits a platform event.
   [[nodiscard]] int ConsumeFrame(std::uint64_t captureId, const FrameHeader& frame,
                                  const std::uint8_t* data, std::uint32_t flags);
 
-  // True when the writer is named, or could be now from the capture's metadata.
+  // Names the writer from the capture's metadata. True when the writer has a name.
   bool ProcessMetaData(PcapWriter& writer, std::uint64_t captureId);
-  // Names the writer's file from the current time and the trigger. False, with a log line, when
-  // the issue or rule is unknown.
+  // Names the writer's file after the current time and the trigger. Logs a line and returns false
+  // when the issue or rule is unknown.
   [[nodiscard]] bool UpdateWriter(PcapWriter& writer, std::int32_t triggerId, std::uint64_t flowId);
 
-  // The writer of a capture and its place in the table, or false and the table's end.
+  // Finds a capture's writer and its position in the table. Otherwise returns false and the end.
   [[nodiscard]] bool LookupConnWriter(std::uint64_t captureId, Writer& writer,
                                       WriterTable::iterator& position);
-  // Enters a writer, in the place of the capture's former one.
+  // Adds a writer to the table. Replaces the capture's previous writer.
   void PushConnWriter(std::uint64_t captureId, Writer writer);
-  // Removes the entry at `position`, which becomes the table's end.
+  // Removes the entry at `position` and sets `position` to the end.
   void EraseConnWriter(WriterTable::iterator& position);
 
-  // Closes the writers that have been idle for longer than maxTimeout.
+  // Closes the writers that were idle for more than maxTimeout.
   void ExpireWriters();
   // Closes all writers.
   void CloseWriters();
 
-  // Measures the capture directory; the limits act on the last measurement.
+  // Measures the capture directory. The limits use the last measurement.
   void UpdateUsageCounters();
   [[nodiscard]] std::uint64_t filesUsed() const { return filesUsed_; }
   [[nodiscard]] std::uint64_t diskUsed() const { return diskUsed_; }  // bytes
 
  private:
   struct Admission {
-    Limits limits;  // as they were for this frame
+    Limits limits;  // the limits that this frame was tested against
     LimitEvent::Verdict disk = LimitEvent::Verdict::kWithin;
     LimitEvent::Verdict files = LimitEvent::Verdict::kWithin;
   };
 
-  int configure(const char* operation, bool reload, const std::string& issuesPath,
-                const Limits& limits);
+  enum class Operation { kInit, kReload };
+
+  int configure(Operation operation, const std::string& issuesPath, const Limits& limits);
   [[nodiscard]] Limits limits() const;
   [[nodiscard]] Admission admit(std::time_t now);
-  [[nodiscard]] int consumeFirst(std::uint64_t captureId, const FrameHeader& frame,
-                                 const std::uint8_t* data, std::uint32_t flags,
-                                 std::int64_t maxFileSize);
+  [[nodiscard]] int consumeFirstFrame(std::uint64_t captureId, const FrameHeader& frame,
+                                      const std::uint8_t* data, std::uint32_t flags,
+                                      std::int64_t maxFileSize);
   void closeWriter(const char* operation, WriterTable::iterator position);
-  [[nodiscard]] bool findIssue(std::int32_t issueId, std::string& name) const;
-  [[nodiscard]] bool findRule(std::int32_t priority, std::string& uuid) const;
+  [[nodiscard]] bool LookupIssueName(std::int32_t issueId, std::string& name) const;
+  [[nodiscard]] bool LookupNapUuid(std::int32_t priority, std::string& uuid) const;
 
   mutable std::mutex mutex_;  // guards limits_, diskEvent_ and filesEvent_
   Limits limits_;
@@ -115,15 +115,15 @@ class CaptureManager {
   IssueMap issueMap_;
   NapMap napMap_;
 
-  // Its entries lie side by side, not between the writers' buffers: a look-up then meets fewer
-  // pages of memory.
+  // Keeps the table's entries next to each other in memory, not between the writers' buffers, so
+  // that a lookup touches fewer pages.
   std::pmr::unsynchronized_pool_resource entries_;
   WriterTable writers_{&entries_};
   DiskUsage usage_;
   std::uint64_t diskUsed_ = 0;
   std::uint64_t filesUsed_ = 0;
-  std::time_t nameTime_ = 0;   // second of the last name, and
-  std::uint64_t nameSeq_ = 0;  // how many names that second had before it
+  std::time_t nameTime_ = 0;   // second of the last name
+  std::uint64_t nameSeq_ = 0;  // sequence number of the last name within that second
 };
 
 }  // namespace tarnik

@@ -20,7 +20,7 @@ constexpr std::chrono::seconds kJoinRound{1};
 
 void CaptureThread::start(std::uint64_t queueTimeout) {
   queueTimeout_ = queueTimeout;
-  stopRequested_ = false;  // no thread yet that could read them
+  stopRequested_ = false;  // no lock: no other thread exists yet
   ended_ = false;
   TARNIK_DEBUG(3, "Debug: %s: Packet capture starting", "start");
   const int error = ::pthread_create(&thread_, nullptr, &CaptureThread::threadFunc, this);
@@ -46,7 +46,7 @@ void CaptureThread::join(const std::function<void()>& onRound) {
   if (!started_) {
     return;
   }
-  if (::pthread_equal(thread_, ::pthread_self()) == 0) {  // else there is nothing but the error
+  if (::pthread_equal(thread_, ::pthread_self()) == 0) {  // otherwise pthread_join fails
     awaitEnd(onRound);
   }
   const int error = ::pthread_join(thread_, nullptr);
@@ -56,11 +56,11 @@ void CaptureThread::join(const std::function<void()>& onRound) {
   started_ = false;
 }
 
-// Not pthread_timedjoin_np: its deadline is of the wall clock, which may be set back.
+// pthread_timedjoin_np would use the wall clock, which may be set back.
 void CaptureThread::awaitEnd(const std::function<void()>& onRound) {
   std::unique_lock lock(mutex_);
   while (!end_.wait_for(lock, kJoinRound, [this] { return ended_; })) {
-    // Whoever shares the queue's memory can take the shutdown back.
+    // A process that shares the memory of the queue can clear the shutdown, so request it again.
     if (stopRequested_ && captureIf_) {
       captureIf_->Shutdown();
     }
@@ -82,7 +82,7 @@ void* CaptureThread::threadFunc(void* self) {
 }
 
 void CaptureThread::run() {
-  if (!initCaptureQueue(false)) {
+  if (!initCaptureQueue(Opening::kFirst)) {
     TARNIK_ERROR("Error: %s: Failed initialize the thread for capture", "threadFunc");
     return;
   }
@@ -105,12 +105,12 @@ bool CaptureThread::initStatistics() {
   return true;
 }
 
-// Relaxed: each counter stands for itself.
-void CaptureThread::count(Counter counter, std::uint64_t amount) {
+// Relaxed: the counters are independent of each other.
+void CaptureThread::addToCounter(Counter counter, std::uint64_t amount) {
   std::atomic_ref(counters_[counter]).fetch_add(amount, std::memory_order_relaxed);
 }
 
-// The former queue goes after the mutex is free again.
+// The old queue is destroyed after the mutex is unlocked.
 void CaptureThread::setQueue(Queue queue) {
   const std::lock_guard guard(mutex_);
   captureIf_.swap(queue);
@@ -127,8 +127,8 @@ void CaptureThread::closeQueue() {
   TarnikIfgClose();
 }
 
-bool CaptureThread::initCaptureQueue(bool reopen) {
-  if (reopen && captureIf_) {
+bool CaptureThread::initCaptureQueue(Opening opening) {
+  if (opening == Opening::kAgain && captureIf_) {
     closeQueue();
   }
   if (TarnikIfgOpen() != kQOk) {
@@ -166,10 +166,10 @@ void CaptureThread::processFrames() {
     TARNIK_DEBUG(3, "Debug: %s: rv=%d (errno=%d) %p %p", "processFrames", result, error,
                  static_cast<void*>(frame), static_cast<void*>(data));
     if (result != kQOk) {
-      readFailed(manager, result, error, frame);
+      handleReadFailure(manager, result, error, frame);
     } else if (frame == nullptr) {
       TARNIK_ERROR("Error: %s: Invalid frame", "processFrames");
-      count(kInvalidFrames, 1);
+      addToCounter(kInvalidFrames, 1);
     } else {
       processFrame(manager, *frame, data, captureId, flags);
     }
@@ -182,9 +182,9 @@ void CaptureThread::processFrames() {
 void CaptureThread::processFrame(CaptureManager& manager, zorvik_frm_desc& frame,
                                  const std::uint8_t* data, std::uint64_t captureId,
                                  std::uint32_t flags) {
-  count(kFramesRead, 1);
-  // A frame whose length reaches beyond the payload memory is passed on without data, which the
-  // manager refuses.
+  addToCounter(kFramesRead, 1);
+  // The manager refuses a frame without data. So a frame whose length exceeds the payload memory
+  // gets no data.
   const FrameHeader header = readFrameHeader(frame);
   const bool inside = header.capturedLength <= captureIf_->room(data);
   const int result = manager.ConsumeFrame(captureId, header, inside ? data : nullptr, flags);
@@ -194,15 +194,15 @@ void CaptureThread::processFrame(CaptureManager& manager, zorvik_frm_desc& frame
   } else if (result != CaptureManager::kOk) {
     TARNIK_ERROR("Error: %s: Failed to capture frame (0x%lx)", "processFrames", captureId);
   }
-  count(result == CaptureManager::kOk ? kFramesAccepted : kFramesRefused, 1);
+  addToCounter(result == CaptureManager::kOk ? kFramesAccepted : kFramesRefused, 1);
   captureIf_->Free(&frame);
   manager.UpdateUsageCounters();
-  count(kFilesUsedSum, manager.filesUsed());
-  count(kDiskUsedSum, manager.diskUsed());
+  addToCounter(kFilesUsedSum, manager.filesUsed());
+  addToCounter(kDiskUsedSum, manager.diskUsed());
 }
 
-void CaptureThread::readFailed(CaptureManager& manager, int result, int error,
-                               zorvik_frm_desc* frame) {
+void CaptureThread::handleReadFailure(CaptureManager& manager, int result, int error,
+                                      zorvik_frm_desc* frame) {
   switch (error) {
     case ESHUTDOWN:
       TARNIK_DEBUG(0, "Debug: %s: Shutdown", "processFrames");
@@ -219,7 +219,7 @@ void CaptureThread::readFailed(CaptureManager& manager, int result, int error,
       TARNIK_ERROR("Error: %s: ReadPkt rc=%d): errno=%d", "processFrames", result, error);
       break;
   }
-  if (frame != nullptr) {  // one whose data cannot be reached: it is ours to free all the same
+  if (frame != nullptr) {  // ReadPkt could not find its data; it must be freed nevertheless
     captureIf_->Free(frame);
   }
 }

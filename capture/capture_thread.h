@@ -1,9 +1,9 @@
 // The daemon's second thread: reads frames from the queue, hands them to the capture manager and
 // counts them.
 //
-// Thread safety: start, stop and join are the main thread's; all else is the capture thread's. A
-// stop ends the thread whatever it is doing: it is remembered while there is no open queue yet,
-// and never meets one that is being opened or destroyed.
+// Thread safety: the main thread calls start, stop and join. The capture thread calls everything
+// else. stop ends the thread at any moment of its life: before the queue is open the thread
+// remembers the request, and stop never uses a queue that is being opened or destroyed.
 #pragma once
 
 #include <pthread.h>
@@ -27,19 +27,23 @@ class CaptureThread {
   CaptureThread(const CaptureThread&) = delete;
   CaptureThread& operator=(const CaptureThread&) = delete;
 
-  // Creates the thread; `queueTimeout` is the read timeout of the queue, handed on unconverted.
-  // A failure is logged, and the daemon goes on without the thread.
+  // Creates the thread. `queueTimeout` is the read timeout of the queue, in the unit of
+  // TarnikQ::SetTimeout. Logs a failure; the daemon then continues without the thread.
   void start(std::uint64_t queueTimeout);
   // Asks the thread to end and wakes it from a read.
   void stop();
-  // Waits until it has ended, with all captures closed, and calls `onRound` once a second
-  // meanwhile: closing thousands of captures takes its time. Harmless when it was never started.
+  // Waits until the thread has ended and has closed all captures. Calls `onRound` once a second
+  // while it waits, because closing thousands of captures takes long. Does nothing when the thread
+  // was never started.
   void join(const std::function<void()>& onRound = {});
 
  protected:
-  // Opens group and queue for reading; with `reopen` after closing those that are open. False,
-  // with a log line, on failure.
-  [[nodiscard]] bool initCaptureQueue(bool reopen);
+  enum class Opening {
+    kFirst,
+    kAgain,  // close what is open first
+  };
+  // Opens the interface group and the queue for reading. Logs a line and returns false on failure.
+  [[nodiscard]] bool initCaptureQueue(Opening opening);
 
  private:
   struct QueueDestroyer {
@@ -47,10 +51,10 @@ class CaptureThread {
   };
   using Queue = std::unique_ptr<TarnikQ, QueueDestroyer>;
 
-  // The statistics area "tarnik": counters that other processes read.
+  // The counters of the statistics area "tarnik", which other processes read.
   enum Counter : unsigned {
-    kFilesUsedSum,  // the measured value is added after each frame
-    kDiskUsedSum,   // likewise, in bytes
+    kFilesUsedSum,  // each frame adds the number of files measured after it
+    kDiskUsedSum,   // each frame adds the bytes measured after it
     kFramesRead,
     kFramesAccepted,
     kFramesRefused,
@@ -65,27 +69,28 @@ class CaptureThread {
   void processFrames();
   void processFrame(CaptureManager& manager, zorvik_frm_desc& frame, const std::uint8_t* data,
                     std::uint64_t captureId, std::uint32_t flags);
-  void readFailed(CaptureManager& manager, int result, int error, zorvik_frm_desc* frame);
+  void handleReadFailure(CaptureManager& manager, int result, int error, zorvik_frm_desc* frame);
   void setQueue(Queue queue);
   void closeQueue();
-  void count(Counter counter, std::uint64_t amount);
+  void addToCounter(Counter counter, std::uint64_t amount);
 
   bool started_ = false;
   pthread_t thread_{};
   std::uint64_t queueTimeout_ = 0;
-  // The read loop goes on while set. Relaxed: it orders nothing, the queue's shutdown wakes the
-  // reader.
+  // The read loop runs while this is set. Relaxed: it orders nothing; the shutdown of the queue
+  // wakes the reader.
   std::atomic<bool> running_{false};
 
-  // stop() uses the queue from the main thread, so it is put in place and taken away under the
-  // mutex; the capture thread, which alone does that, reads the pointer without it.
+  // stop() uses the queue on the main thread, so the capture thread sets and clears the pointer
+  // with the mutex locked. It reads the pointer without the mutex because no other thread changes
+  // it.
   std::mutex mutex_;
   Queue captureIf_;             // null while there is no open queue
   bool stopRequested_ = false;  // guarded by mutex_
   bool ended_ = false;          // guarded by mutex_
   std::condition_variable end_;
 
-  std::uint64_t* counters_ = nullptr;  // kCounters of them; null until the area exists
+  std::uint64_t* counters_ = nullptr;  // kCounters values; null until the area exists
 };
 
 }  // namespace tarnik

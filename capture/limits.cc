@@ -2,8 +2,9 @@
 
 namespace tarnik {
 
-LimitEvent::Verdict LimitEvent::test(bool exceeded, std::time_t now, const Limits& limits) {
-  if (exceeded && armed_) {
+LimitEvent::Verdict LimitEvent::test(std::uint64_t used, std::uint64_t limit, std::time_t now,
+                                     const Limits& limits) {
+  if (used > limit && armed_) {
     armed_ = false;
     count_ = 0;
     deadline_ = now + limits.eventInterval;
@@ -11,9 +12,19 @@ LimitEvent::Verdict LimitEvent::test(bool exceeded, std::time_t now, const Limit
   }
   ++count_;
   if (count_ > limits.eventThreshold || now > deadline_) {
-    armed_ = true;
+    armed_ = true;  // for the next frame; this one stays quiet
   }
-  return exceeded ? Verdict::kQuiet : Verdict::kWithin;
+  return used > limit ? Verdict::kQuiet : Verdict::kWithin;
+}
+
+void LimitEvent::arm() {
+  restart();
+  armed_ = true;
+}
+
+void LimitEvent::restart() {
+  count_ = 0;
+  deadline_ = 0;
 }
 
 }  // namespace tarnik

@@ -1,4 +1,4 @@
-// UpdateWriter: the final name of a capture and what goes into its info file.
+// UpdateWriter: the final name of a capture and the contents of its info file.
 #include <dlfcn.h>
 
 #include <limits>
@@ -9,7 +9,7 @@ namespace {
 bool noCalendar = false;
 }
 
-// In the place of the system library's.
+// The program calls this instead of the function of the system library.
 extern "C" std::tm* gmtime_r(const std::time_t* time, std::tm* parts) noexcept {
   static auto* const real = reinterpret_cast<decltype(&gmtime_r)>(::dlsym(RTLD_NEXT, "gmtime_r"));
   if (noCalendar) {
@@ -22,7 +22,6 @@ extern "C" std::tm* gmtime_r(const std::time_t* time, std::tm* parts) noexcept {
 namespace tarnik {
 namespace {
 
-using test::LogLine;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -30,8 +29,7 @@ class NamingTest : public test::ManagerTest {
  protected:
   void SetUp() override {
     ManagerTest::SetUp();
-    ASSERT_EQ(init({}), 0);
-    test::setTime(test::kNow + 1);  // the second after Init's
+    wait(1);  // the second after Init
   }
   // The name that the trigger gives a capture, without the directory.
   std::string name(std::int32_t triggerId) {
@@ -75,10 +73,10 @@ TEST_F(NamingTest, EveryClassOfTrigger) {
     EXPECT_EQ(name(static_cast<std::int32_t>(trigger.triggerId)), trigger.name);
     EXPECT_EQ(policyName, trigger.policyName);
   }
-  EXPECT_THAT(test::logLines(), IsEmpty());
+  EXPECT_THAT(test::logTexts(), IsEmpty());
 }
 
-TEST_F(NamingTest, TheFlowGoesToTheInfo) {
+TEST_F(NamingTest, TheInfoGetsTheFlow) {
   PcapWriter writer(std::string(kCaptureDir) + "1", 1000);
   ASSERT_TRUE(manager.UpdateWriter(writer, 0, 0x1234567890));
   EXPECT_EQ(writer.info().flowId, 0x1234567890);
@@ -90,122 +88,93 @@ TEST_F(NamingTest, NumbersCountWithinASecond) {
   EXPECT_EQ(name(0), "20240305-070810.unknown.0.pcap");
   EXPECT_EQ(name(5), "20240305-070810.naprule-5.1.pcap");
   EXPECT_EQ(name(70000), "20240305-070810.ips.web.2.pcap");
-  test::setTime(test::kNow + 2);
+  wait(2);
   EXPECT_EQ(name(0), "20240305-070811.unknown.0.pcap");
   EXPECT_EQ(name(0), "20240305-070811.unknown.1.pcap");
-  test::setTime(test::kNow + 1);
-  EXPECT_EQ(name(0), "20240305-070810.unknown.0.pcap") << "any other second begins anew";
+  wait(1);
+  EXPECT_EQ(name(0), "20240305-070810.unknown.0.pcap") << "any other second starts from 0";
 }
 
 TEST_F(NamingTest, InTheSecondOfInitNumbersBeginWithOne) {
   ASSERT_EQ(init({}), 0);
   EXPECT_EQ(name(0), "20240305-070810.unknown.1.pcap");
-  EXPECT_EQ(name(0), "20240305-070810.unknown.2.pcap");
-  EXPECT_EQ(name(0), "20240305-070810.unknown.3.pcap");
   ASSERT_EQ(reload({}), 0);
-  EXPECT_EQ(name(0), "20240305-070810.unknown.4.pcap") << "a reload changes nothing";
+  EXPECT_EQ(name(0), "20240305-070810.unknown.2.pcap") << "a reload keeps the number";
+  std::filesystem::remove(test::kIssuesPath);
+  ASSERT_NE(init({}), 0);
+  EXPECT_EQ(name(0), "20240305-070810.unknown.3.pcap") << "a failed Init too";
 }
 
-TEST_F(NamingTest, FailuresUseUpANumber) {
+TEST_F(NamingTest, EveryFailureUsesANumber) {
   EXPECT_EQ(name(80000), "none");
   EXPECT_EQ(name(6), "none");
-  EXPECT_EQ(name(0), "20240305-070810.unknown.2.pcap");
-}
-
-TEST_F(NamingTest, AnUnknownIssue) {
-  EXPECT_EQ(name(-2), "none");
-  const LogLine error{LOG_ERR, "Error: UpdateWriter: Failed issue name lookup: 0xfffffffe"};
-  EXPECT_THAT(test::logLines(), ElementsAre(error));
-  useDebugLevel(1);
-  EXPECT_EQ(name(-2), "none");
-  EXPECT_THAT(
-      test::logLines(),
-      ElementsAre(LogLine{LOG_DEBUG, "Debug: LookupIssueName: No UUID for issueId -2"}, error));
-}
-
-TEST_F(NamingTest, AnUnknownRule) {
-  EXPECT_EQ(name(6), "none");
-  const LogLine error{LOG_ERR, "Error: UpdateWriter: Failed nap name lookup: 0x6"};
-  EXPECT_THAT(test::logLines(), ElementsAre(error));
-  useDebugLevel(1);
-  EXPECT_EQ(name(6), "none");
-  EXPECT_THAT(
-      test::logLines(),
-      ElementsAre(LogLine{LOG_DEBUG, "Debug: LookupNapUuid: No UUID for NAP rule 6"}, error));
-}
-
-TEST_F(NamingTest, TheStepsOfAnIssue) {
-  useDebugLevel(1);
-  name(-1);
-  EXPECT_THAT(steps(), ElementsAre("Debug: LookupIssueName: -1=last ",
-                                   "Debug: UpdateWriter: "
-                                   "/var/support/tarnik/20240305-070810.ips.last.0.pcap"));
-  useDebugLevel(3);
-  name(-1);
-  EXPECT_EQ(steps().size(), 2u);
-  useDebugLevel(4);
-  name(-1);
-  EXPECT_THAT(steps(), ElementsAre("Debug: UpdateWriter: triggerId=-1",
-                                   "Debug: LookupIssueName: issueId=0xffffffff",
-                                   "Debug: LookupIssueName: -1=last ",
-                                   "Debug: UpdateWriter: "
-                                   "/var/support/tarnik/20240305-070810.ips.last.2.pcap"));
-}
-
-TEST_F(NamingTest, TheStepsOfARule) {
-  useDebugLevel(1);
-  name(65534);
-  EXPECT_THAT(steps(), ElementsAre("Debug: LookupNapUuid: 65534=uuid-top ",
-                                   "Debug: UpdateWriter: "
-                                   "/var/support/tarnik/20240305-070810.naprule-65534.0.pcap"));
-  useDebugLevel(4);
-  name(65534);
-  EXPECT_THAT(steps(), ElementsAre("Debug: UpdateWriter: triggerId=65534",
-                                   "Debug: LookupNapUuid: rulePriority=0xfffe",
-                                   "Debug: LookupNapUuid: 65534=uuid-top ",
-                                   "Debug: UpdateWriter: "
-                                   "/var/support/tarnik/20240305-070810.naprule-65534.1.pcap"));
-}
-
-TEST_F(NamingTest, TheStepsOfAnUnknownTrigger) {
-  useDebugLevel(4);
-  name(65535);
-  EXPECT_THAT(steps(), ElementsAre("Debug: UpdateWriter: triggerId=65535",
-                                   "Debug: UpdateWriter: "
-                                   "/var/support/tarnik/20240305-070810.unknown.0.pcap"));
+  noCalendar = true;
+  EXPECT_EQ(name(0), "none");
+  noCalendar = false;
+  EXPECT_EQ(name(0), "20240305-070810.unknown.3.pcap");
 }
 
 TEST_F(NamingTest, ATimeWithoutACalendarDate) {
   test::setTime(std::numeric_limits<std::time_t>::max());
   EXPECT_EQ(name(0), "none");
-  EXPECT_THAT(test::logLines(),
-              ElementsAre(LogLine{LOG_ERR, "Error: UpdateWriter: Failed to get timestamp: " +
-                                               std::to_string(EOVERFLOW)}));
-}
-
-TEST_F(NamingTest, AFailureUsesUpANumber) {
-  EXPECT_EQ(name(0), "20240305-070810.unknown.0.pcap");
-  noCalendar = true;
-  EXPECT_EQ(name(0), "none");
-  noCalendar = false;
-  EXPECT_EQ(name(70001234), "none") << "no such issue";
-  EXPECT_EQ(name(0), "20240305-070810.unknown.3.pcap");
+  EXPECT_THAT(test::logTexts(), ElementsAre("Error: UpdateWriter: Failed to get timestamp: " +
+                                            std::to_string(EOVERFLOW)));
 }
 
 TEST_F(NamingTest, LongNamesAreCut) {
   test::writeFile(test::kIssuesPath, "70000," + std::string(300, 'n') + "\n");
   ASSERT_EQ(reload({}), 0);
   EXPECT_EQ(name(70000), ("20240305-070810.ips." + std::string(300, 'n')).substr(0, 254 - 20));
-  EXPECT_EQ(policyName, std::string(300, 'n')) << "the info has it whole";
+  EXPECT_EQ(policyName, std::string(300, 'n')) << "the info file gets the whole name";
 }
 
-TEST_F(NamingTest, TheTimeIsUtcWhateverTheZone) {
+TEST_F(NamingTest, TheTimeIsUtcInEveryTimeZone) {
   ::setenv("TZ", "UTC-9", 1);
   ::tzset();
   EXPECT_EQ(name(0), "20240305-070810.unknown.0.pcap");
   ::unsetenv("TZ");
   ::tzset();
 }
+
+struct NamingSteps {
+  std::int32_t triggerId;
+  std::vector<test::Step> steps;
+};
+
+class NamingStepsTest : public NamingTest, public testing::WithParamInterface<NamingSteps> {};
+
+TEST_P(NamingStepsTest, AreLoggedFromTheirLevels) {
+  std::vector<test::Step> steps = GetParam().steps;
+  steps.insert(steps.begin(),
+               {4, "Debug: UpdateWriter: triggerId=" + std::to_string(GetParam().triggerId)});
+  expectSteps([] {}, [&] { name(GetParam().triggerId); }, steps);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , NamingStepsTest,
+    testing::Values(
+        NamingSteps{
+            -1,
+            {{4, "Debug: LookupIssueName: issueId=0xffffffff"},
+             {1, "Debug: LookupIssueName: -1=last "},
+             {1, "Debug: UpdateWriter: /var/support/tarnik/20240305-070810.ips.last.0.pcap"}}},
+        NamingSteps{-2,
+                    {{4, "Debug: LookupIssueName: issueId=0xfffffffe"},
+                     {1, "Debug: LookupIssueName: No UUID for issueId -2"},
+                     {0, "Error: UpdateWriter: Failed issue name lookup: 0xfffffffe"}}},
+        NamingSteps{65534,
+                    {{4, "Debug: LookupNapUuid: rulePriority=0xfffe"},
+                     {1, "Debug: LookupNapUuid: 65534=uuid-top "},
+                     {1,
+                      "Debug: UpdateWriter: "
+                      "/var/support/tarnik/20240305-070810.naprule-65534.0.pcap"}}},
+        NamingSteps{6,
+                    {{4, "Debug: LookupNapUuid: rulePriority=0x6"},
+                     {1, "Debug: LookupNapUuid: No UUID for NAP rule 6"},
+                     {0, "Error: UpdateWriter: Failed nap name lookup: 0x6"}}},
+        NamingSteps{
+            65535,
+            {{1, "Debug: UpdateWriter: /var/support/tarnik/20240305-070810.unknown.0.pcap"}}}));
 
 }  // namespace
 }  // namespace tarnik

@@ -7,14 +7,16 @@
 namespace tarnik {
 namespace {
 
-// So many entries cost no more than themselves: the index grows only past them, and nobody who
-// waits for the lock waits for that.
+// Memory for the hash index of this many entries is reserved at the start, so that the index never
+// grows while the other thread waits for the lock.
 constexpr std::size_t kUsualEntries = 10000;
 
-// Holds a lock that `take` has taken, for reading or for writing.
+// Holds a reader-writer lock. `acquire` locks it for reading or for writing.
 class Guard {
  public:
-  Guard(pthread_rwlock_t& lock, int (*take)(pthread_rwlock_t*)) : lock_(lock) { take(&lock_); }
+  Guard(pthread_rwlock_t& lock, int (*acquire)(pthread_rwlock_t*)) : lock_(lock) {
+    acquire(&lock_);
+  }
   ~Guard() { pthread_rwlock_unlock(&lock_); }
   Guard(const Guard&) = delete;
   Guard& operator=(const Guard&) = delete;
@@ -40,7 +42,7 @@ TarnikMetaCache::~TarnikMetaCache() {
   }
 }
 
-// The timeout counts as unsigned: a negative one is a very long life, not a past one.
+// The timeout is added as an unsigned number: a negative timeout is a very long life.
 std::time_t TarnikMetaCache::expireTimeFrom(std::time_t now) const {
   return now + static_cast<std::uint32_t>(timeout_.load(std::memory_order_relaxed));
 }
@@ -88,7 +90,7 @@ void TarnikMetaCache::erase(std::uint64_t captureId) {
 }
 
 void TarnikMetaCache::expire() {
-  if (entries_.empty()) {  // no lock: nobody else changes the map's shape
+  if (entries_.empty()) {  // no lock: only this thread changes the shape of the map
     return;
   }
   TARNIK_DEBUG(3, "Debug: %s: entry", "expire");

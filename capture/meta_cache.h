@@ -1,9 +1,10 @@
-// What the analysis daemon has announced about captures: flow and trigger by capture identifier,
-// each entry with a time to live.
+// What the analysis daemon has announced about captures: the flow and the trigger of each capture
+// identifier, with a time to live.
 //
-// Thread safety: one reader-writer lock guards the entries, held only for the access to them. Only
-// the main thread adds, erases and expires; the capture thread looks up and refreshes, which never
-// changes the map's shape. The first call of instance() is made before the capture thread exists.
+// Thread safety: one reader-writer lock guards the entries. Each operation holds it only while it
+// accesses them. Only the main thread adds, erases and expires entries. The capture thread looks
+// entries up and refreshes them, so it never changes the shape of the map. The main thread must
+// call instance() before the capture thread exists.
 #pragma once
 
 #include <pthread.h>
@@ -27,19 +28,19 @@ class TarnikMetaCache {
 
   // Sets the life of entries added or refreshed from now on, in seconds. Main thread.
   void config(int timeout);
-  // Adds an entry, or replaces the one of that capture and restarts its life. Main thread.
+  // Adds an entry, or replaces the capture's entry and restarts its life. Main thread.
   void add(std::uint64_t captureId, std::uint64_t flowId, std::uint32_t triggerId);
-  // True with the entry's values, or false with both outputs 0. An entry whose time has passed is
-  // found as long as expire has not removed it. Any thread.
+  // Returns true and the entry's values, or false and zeroes. Finds an entry past its time too,
+  // until expire removes it. Any thread.
   [[nodiscard]] bool lookup(std::uint64_t captureId, std::uint64_t& flowId,
                             std::uint32_t& triggerId);
   // Restarts the life of the capture's entry, if there is one. Any thread.
   void update(std::uint64_t captureId);
   // Removes the capture's entry, if there is one. Main thread.
   void erase(std::uint64_t captureId);
-  // Removes every entry whose time lies before the current second. Main thread.
+  // Removes every entry whose time ended before the current second. Main thread.
   void expire();
-  // Writes the entries to the log, at informational priority. Main thread.
+  // Logs all entries at informational priority. Main thread.
   void dump();
 
  private:
@@ -48,18 +49,17 @@ class TarnikMetaCache {
     std::uint32_t triggerId;
     std::time_t expireTime;
   };
-
-  [[nodiscard]] std::time_t expireTimeFrom(std::time_t now) const;
-
   using Entries = std::unordered_map<std::uint64_t, Entry>;
 
-  // All entries by ascending captureId. The order is asked for rarely, an entry for every frame.
+  [[nodiscard]] std::time_t expireTimeFrom(std::time_t now) const;
+  // All entries by ascending captureId. Every frame needs an entry, but the order is needed rarely:
+  // the map is unordered and sorted on demand.
   [[nodiscard]] std::vector<Entries::iterator> ascending();
 
   Entries entries_;  // guarded by lock_
   pthread_rwlock_t lock_;
   const bool lockReady_;
-  std::atomic<std::int32_t> timeout_{0};  // seconds; relaxed: a plain setting, orders nothing
+  std::atomic<std::int32_t> timeout_{0};  // seconds; relaxed: it orders nothing
 };
 
 }  // namespace tarnik

@@ -1,4 +1,4 @@
-// Which lock each operation of the metadata cache takes, and what it does outside of it.
+// The lock of each operation of the metadata cache, and whether it reads the clock inside.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-std::string steps;  // 'r' and 'w' for a lock that is taken, 'u' for its release, 't' for the clock
+std::string steps;  // 'r' read lock, 'w' write lock, 'u' unlock, 't' reading the clock
 int initResult = 0;
 int destroyed = 0;
 
@@ -21,7 +21,7 @@ Function* real(const char* name) {
 
 }  // namespace
 
-// These take the place of the system's in the whole program.
+// The program calls these instead of the functions of the system library.
 extern "C" {
 
 int pthread_rwlock_init(pthread_rwlock_t* lock, const pthread_rwlockattr_t* attributes) noexcept {
@@ -62,7 +62,6 @@ class MetaCacheLockTest : public testing::Test {
     test::onTime({});
     test::useSystemTime();
   }
-  // What an operation does.
   template <typename Operation>
   static std::string stepsOf(Operation operation) {
     steps.clear();
@@ -76,7 +75,7 @@ TEST_F(MetaCacheLockTest, EachOperationTakesItsLockOnce) {
   std::uint64_t flowId = 0;
   std::uint32_t triggerId = 0;
   EXPECT_EQ(stepsOf([&] { cache.config(10); }), "");
-  EXPECT_EQ(stepsOf([&] { cache.expire(); }), "") << "there is nothing in it";
+  EXPECT_EQ(stepsOf([&] { cache.expire(); }), "") << "the cache is empty";
   EXPECT_EQ(stepsOf([&] { cache.add(1, 2, 3); }), "twu");
   EXPECT_EQ(stepsOf([&] { (void)cache.lookup(1, flowId, triggerId); }), "ru");
   EXPECT_EQ(stepsOf([&] { (void)cache.lookup(2, flowId, triggerId); }), "ru");
@@ -88,7 +87,7 @@ TEST_F(MetaCacheLockTest, EachOperationTakesItsLockOnce) {
   EXPECT_EQ(stepsOf([&] { cache.erase(1); }), "wu");
 }
 
-TEST_F(MetaCacheLockTest, OnlyALockThatCameToBeIsDestroyed) {
+TEST_F(MetaCacheLockTest, OnlyAnInitialisedLockIsDestroyed) {
   destroyed = 0;
   { const TarnikMetaCache cache; }
   EXPECT_EQ(destroyed, 1);

@@ -1,6 +1,5 @@
-// What a frame costs from the queue to its return to the driver, once its capture's writer exists:
-// no memory, and next to no system calls. The capture thread, the queue and the driver are the real
-// ones.
+// The cost of a frame of an open capture, from the queue to its return to the driver: no memory and
+// one system call. The capture thread, the queue and the driver are the real ones.
 #include <dlfcn.h>
 #include <semaphore.h>
 #include <sys/ioctl.h>
@@ -18,11 +17,11 @@
 
 namespace {
 
-constexpr unsigned kOpening = 100;  // frames that open the writers and give them their names
+constexpr unsigned kOpening = 100;  // frames that open and name the writers
 constexpr unsigned kFrames = 3000;
 constexpr std::uint32_t kFrameSize = 500;
 
-// Set up before the thread starts; the thread's then, until `done` is posted.
+// Set before the thread starts. Only the thread uses them until it posts `done`.
 unsigned freed = 0;
 std::uint64_t allocated = 0;
 sem_t done;
@@ -52,7 +51,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
   return 0;
 }
 
-// In front of the preloaded driver's.
+// Calls the function of the preloaded driver.
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   using Ioctl = int (*)(int, unsigned long, ...);
   static const auto real = reinterpret_cast<Ioctl>(::dlsym(RTLD_NEXT, "ioctl"));
@@ -78,7 +77,7 @@ class ThreadCostTest : public test::ManagerTest {
         CaptureManager::instance().Init(test::kIssuesPath, 3600, 1 << 30, 1000, 1 << 30, 10, 1000),
         0);
     announce(1, 70000);
-    announce(2, 5);  // 3 and 4 wait for theirs
+    announce(2, 5);  // 3 and 4 have no metadata
     freed = 0;
     allocated = 0;
     ::sem_init(&done, 0, 0);
@@ -90,7 +89,7 @@ class ThreadCostTest : public test::ManagerTest {
     EXPECT_EQ(TarnikIfQFini(), 0);
   }
 
-  // All frames in advance: the thread never waits for one.
+  // Queues all frames in advance, so that the thread never waits for one.
   static void fill() {
     zorlib_ifg* group = nullptr;
     ASSERT_EQ(zorlib_ifg_open("brund", &group), 0);
@@ -109,7 +108,7 @@ class ThreadCostTest : public test::ManagerTest {
     TarnikIfDestroy(queue);
   }
 
-  // Until the last frame is free.
+  // Returns when the last frame is free.
   void runThread() {
     thread_.start(1000);
     while (::sem_wait(&done) != 0) {
@@ -128,7 +127,7 @@ TEST_F(ThreadCostTest, FramesAllocateNothing) {
   const std::uint64_t before = test::allocations();
   runThread();
   EXPECT_EQ(allocated, 0u);
-  EXPECT_GT(test::allocations(), before) << "opening the captures does allocate";
+  EXPECT_GT(test::allocations(), before) << "opening the captures allocates";
   EXPECT_TRUE(test::logLinesAboveDebug().empty());
   endThread();
 }
@@ -145,9 +144,9 @@ TEST_F(ThreadCostTest, FramesMakeOneSystemCallAndTheWritesOfFullBuffers) {
   }
   std::map<std::uint64_t, unsigned> counts = test::tracedCalls(child);
   if (counts.empty()) {
-    GTEST_SKIP() << "this machine lets no process be traced";
+    GTEST_SKIP() << "processes cannot be traced here";
   }
-  // 516 bytes a record, and buffers of 64 KiB.
+  // Records of 516 bytes, buffers of 64 KiB.
   const unsigned writes = std::exchange(counts[SYS_write], 0);
   EXPECT_GE(writes, kFrames * 516 / 65536 - 4);
   EXPECT_LE(writes, kFrames * 516 / 65536 + 4);

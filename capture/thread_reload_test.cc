@@ -1,5 +1,5 @@
-// Settings and maps change while the capture thread reads frames: no frame is lost and every name
-// is of one version or the other.
+// Settings and maps change while the capture thread reads frames. No frame is lost, and every name
+// comes from one of the two versions.
 #include <atomic>
 #include <map>
 #include <set>
@@ -14,15 +14,15 @@ using testing::ElementsAre;
 using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
-constexpr unsigned kCaptures = 150;
+constexpr unsigned kCaptures = 60;
 constexpr unsigned kFrames = 12;
-constexpr unsigned kAnnounced = 100;  // before their first frame; the rest some time
+constexpr unsigned kAnnounced = 40;  // before their first frame; the others at any time
 
 bool isIps(std::uint32_t captureId) {
   return captureId % 2 == 0;
 }
 
-// What one version of the policy files says of the two triggers, and what it has beside them.
+// One version of the policy files: names of the two triggers, and other entries.
 struct Version {
   const char* issues;
   const char* rules;
@@ -40,18 +40,14 @@ class ReloadTest : public test::ThreadTest {
   }
 
   test::Read readOf(std::uint32_t captureId, unsigned seed) {
-    frames.push_back({zorvik_frm_desc{}, test::frameData(60, captureId + seed)});
-    Frame& made = frames.back();
-    writeFrameHeader(made.descriptor, test::frame(60, 60, captureId, seed));
-    made.descriptor.index = static_cast<std::uint32_t>(frames.size());
-    return {.frame = &made.descriptor,
-            .data = made.data.data(),
-            .captureId = captureId,
-            .flags = seed == kFrames ? kPktLastFrame : 0};
+    const test::Read made =
+        read(captureId, 60, captureId + seed, seed == kFrames ? kPktLastFrame : 0);
+    writeFrameHeader(*made.frame, test::frame(60, 60, captureId, seed));
+    return made;
   }
 
-  // Every capture begins after a reload that the one before did not see. Relaxed: the test orders
-  // nothing that reloading and capturing do not order themselves.
+  // A reload happens between the first frames of two captures. Relaxed: the test must not order
+  // more than reloading and capturing do.
   test::Script script() {
     test::Script script;
     for (unsigned captureId = 1; captureId <= kCaptures; ++captureId) {
@@ -70,14 +66,14 @@ class ReloadTest : public test::ThreadTest {
     return script;
   }
 
-  // Another version of all that is configured; the limits are roomy, but every time others.
+  // Reloads another version of everything. The limits change each time but refuse nothing.
   static void reloadOther(unsigned round) {
     const Version& version = kVersions[round / 2 % 2];
     test::writeFile(test::kIssuesPath, version.issues);
     test::writeFile(kNapPolicyPath, version.rules);
-    EXPECT_EQ(CaptureManager::instance().Reload(test::kIssuesPath, 100 + round % 20,
-                                                1'000'000'000 + round, 1000 + round % 3,
-                                                100'000 + round % 5, 1 + round % 9, round % 4),
+    EXPECT_EQ(configure(&CaptureManager::Reload, CaptureManager::instance(),
+                        {100 + round % 20, 1'000'000'000 + round, 1000 + round % 3,
+                         100'000 + round % 5, 1 + round % 9, round % 4}),
               0);
     TarnikMetaCache::instance().config(static_cast<int>(1800 + round % 7));
     if (round % 50 == 49) {
@@ -93,7 +89,7 @@ class ReloadTest : public test::ThreadTest {
     }
   }
 
-  // The whole of one capture's frames; its identifier.
+  // Checks that the file has all frames of one capture. Returns the capture's identifier.
   static std::uint32_t checkFrames(const std::string& name) {
     const std::vector<test::Record> found = records(name);
     EXPECT_EQ(found.size(), kFrames) << name;
@@ -106,7 +102,7 @@ class ReloadTest : public test::ThreadTest {
     return captureId;
   }
 
-  // What the capture is called by its name and its info file, which have to agree.
+  // The trigger's name in the capture's name and in its info file, which must agree.
   static std::string trigger(const std::string& name, std::uint32_t captureId) {
     const test::Bytes bytes =
         test::readFile(kCaptureDir + name.substr(0, name.size() - 5) + ".info").value_or("");
@@ -150,7 +146,7 @@ TEST_F(ReloadTest, FramesFlowThroughReloads) {
                   &test::LogLine::text,
                   StartsWith("Warning: Finalize: Failed to determine capture name"))));
 
-  // A capture whose metadata came in time has a file under the name of its trigger, whole.
+  // A capture whose metadata came in time has a complete file with its trigger in the name.
   std::map<std::uint32_t, std::string> files;
   std::set<std::string> triggers;
   for (const std::string& name : captures()) {

@@ -1,5 +1,5 @@
-// What the tests of the capture manager share: a manager that is set up from real files, with a
-// clock, an event journal and a capture directory of the test's own.
+// What the tests of the capture manager share: a manager with real policy files, a clock, an event
+// journal and a capture directory of the test's own.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,16 +18,22 @@
 #include "capture/meta_cache.h"
 #include "capture/testing/files.h"
 #include "capture/testing/platform.h"
-#include "frameq/tarnik_q.h"
+#include "frameq/tarnik_if.h"
 
 namespace tarnik::test {
 
 inline constexpr char kIssuesPath[] = "/etc/issues.csv";
 inline constexpr std::time_t kNow = 1'709'622'489;  // 2024-03-05 07:08:09 UTC
-inline constexpr char kStamp[] = "20240305-070809";
+
+// A log line and the debug level from which it is written.
+struct Step {
+  unsigned level;
+  std::string text;
+};
 
 class ManagerTest : public testing::Test {
  protected:
+  using Texts = std::vector<std::string>;
   struct Settings {
     std::int64_t maxTimeout = 120;
     std::uint64_t diskSpace = 1'000'000'000;
@@ -37,101 +44,139 @@ class ManagerTest : public testing::Test {
   };
 
   void SetUp() override {
-    emptyCaptureDir();
-    writeFile(kNapPolicyPath,
-              "acl.rule.priority._uuid-five = 5\nacl.rule.priority.uuid-top = 65534\n");
-    writeFile(kIssuesPath, "70000,web\n70001,X_Y\n65536,first\n4294967295,last\n");
-    for (const char* policy : {"ips", "nap.uuid-five", "nap.uuid-top"}) {
-      writeFile(kCaptureDir + kTemplate + policy, "");
-    }
-    useDebugLevel(0);
-    forgetMetadata();
-    setTime(kNow);
-    forget();
+    begin();
+    ASSERT_EQ(init({}), 0);
   }
   void TearDown() override {
+    onEvent({});
+    onTime({});
     useDebugLevel(0);
     forgetMetadata();
     useSystemTime();
   }
 
-  // Forgets what was logged and raised so far.
-  static void forget() {
-    clearLog();
-    clearEvents();
-  }
   static void useDebugLevel(unsigned level) {
     setDebugLevel(level);
     clearLog();
   }
-  static void forgetMetadata() {
-    setTime(kNow * 1000);
-    TarnikMetaCache::instance().expire();
-    TarnikMetaCache::instance().config(1800);
-  }
+  // Advances the clock to so many seconds after the test's start.
+  static void wait(std::time_t seconds) { setTime(kNow + seconds); }
 
-  int init(const Settings& settings) {
-    return manager.Init(kIssuesPath, settings.maxTimeout, settings.diskSpace, settings.fileCount,
-                        settings.maxFileSize, settings.eventInterval, settings.eventThreshold);
+  static int configure(decltype(&CaptureManager::Init) operation, CaptureManager& target,
+                       const Settings& s) {
+    return (target.*operation)(kIssuesPath, s.maxTimeout, s.diskSpace, s.fileCount, s.maxFileSize,
+                               s.eventInterval, s.eventThreshold);
   }
+  int init(const Settings& settings) { return configure(&CaptureManager::Init, manager, settings); }
   int reload(const Settings& settings) {
-    return manager.Reload(kIssuesPath, settings.maxTimeout, settings.diskSpace, settings.fileCount,
-                          settings.maxFileSize, settings.eventInterval, settings.eventThreshold);
+    clearLog();
+    clearEvents();
+    return configure(&CaptureManager::Reload, manager, settings);
   }
 
   static void announce(std::uint64_t captureId, std::uint32_t triggerId,
                        std::uint64_t flowId = 0xf10) {
     TarnikMetaCache::instance().add(captureId, flowId, triggerId);
   }
+  static bool announced(std::uint64_t captureId) {
+    std::uint64_t flowId = 0;
+    std::uint32_t triggerId = 0;
+    return TarnikMetaCache::instance().lookup(captureId, flowId, triggerId);
+  }
 
-  // Hands the manager a frame of `size` bytes, whose content and time follow from `seed`.
+  // Gives the manager a frame of `size` bytes. `seed` determines its content and time.
   int consume(std::uint64_t captureId, std::uint32_t size = 100, unsigned seed = 0,
               std::uint32_t flags = 0) {
-    lastData = frameData(size, seed);
-    return manager.ConsumeFrame(captureId, frame(size + 4, size, seed, seed * 2), lastData.data(),
+    const std::vector<std::uint8_t> data = frameData(size, seed);
+    return manager.ConsumeFrame(captureId, frame(size + 4, size, seed, seed * 2), data.data(),
                                 flags);
   }
-  // The record that such a frame makes.
+  int consumeLast(std::uint64_t captureId, unsigned seed = 0) {
+    return consume(captureId, 100, seed, kPktLastFrame);
+  }
+  // The record of such a frame.
   static Record record(std::uint32_t size = 100, unsigned seed = 0) {
     return {seed, seed * 2, size + 4, bytesOf(frameData(size, seed))};
   }
-  // What is in a capture file, by its name in the directory.
+  // The records of a file in the capture directory.
   static std::vector<Record> records(const std::string& name) {
     return parsePcap(readFile(kCaptureDir + name)).value_or(std::vector<Record>{{9, 9, 9, "torn"}});
   }
+  // The open writer of a capture, or null.
+  CaptureManager::Writer writerOf(std::uint64_t captureId) {
+    CaptureManager::Writer writer;
+    CaptureManager::WriterTable::iterator position;
+    const bool found = manager.LookupConnWriter(captureId, writer, position);
+    EXPECT_EQ(found, writer != nullptr);
+    return writer;
+  }
 
-  // The names in the directory, without those of the info templates.
-  static std::vector<std::string> entries() {
-    std::vector<std::string> names = test::entries();
-    std::erase_if(names, [](const std::string& name) { return name.starts_with(kTemplate); });
+  // The names in the directory, without the info templates.
+  static Texts entries() {
+    Texts names = test::entries();
+    std::erase_if(names, [](const std::string& name) { return name.starts_with("template."); });
     return names;
   }
-  // The final names in the directory, without the info files beside them.
-  static std::vector<std::string> captures() {
-    std::vector<std::string> names = entries();
+  // The final names of captures.
+  static Texts captures() {
+    Texts names = entries();
     std::erase_if(names, [](const std::string& name) { return !name.ends_with(".pcap"); });
     return names;
   }
-  // The texts of the log, without the lines of the file writer and the info file.
-  static std::vector<std::string> steps() {
-    std::vector<std::string> texts;
-    for (const LogLine& line : logLines()) {
-      const auto begins = [&](const char* word) { return line.text.starts_with(word); };
-      if (!std::ranges::any_of(kWriterOperations, begins)) {
-        texts.push_back(line.text);
-      }
-    }
+  // The log without the debug lines of the writer and the info file.
+  static Texts steps() {
+    Texts texts = logTexts();
+    std::erase_if(texts, [](const std::string& text) {
+      return std::ranges::any_of(kWriterOperations, [&](const char* operation) {
+        return text.starts_with("Debug: " + std::string(operation) + ":");
+      });
+    });
     return texts;
+  }
+  // Runs `prepare` and `action` at each debug level, each time with a new manager state, and checks
+  // the log of `action`.
+  void expectSteps(const std::function<void()>& prepare, const std::function<void()>& action,
+                   const std::vector<Step>& expected) {
+    for (unsigned level = 0; level <= 4; ++level) {
+      manager.CloseWriters();
+      TearDown();
+      SetUp();
+      prepare();
+      useDebugLevel(level);
+      action();
+      Texts texts;
+      for (const Step& step : expected) {
+        if (step.level <= level) {
+          texts.push_back(step.text);
+        }
+      }
+      EXPECT_EQ(steps(), texts) << "at debug level " << level;
+    }
   }
 
   CaptureManager manager;
-  std::vector<std::uint8_t> lastData;
 
  private:
-  inline static const std::string kTemplate = "template.";
-  static constexpr const char* kWriterOperations[] = {
-      "Debug: Open:",  "Debug: WritePCAPHeader:", "Debug: Write:", "Debug: Update:",
-      "Debug: Close:", "Debug: Finalize:",        "Debug: init:",  "Debug: fini:"};
+  static constexpr const char* kWriterOperations[] = {"Open",  "WritePCAPHeader", "Write", "Update",
+                                                      "Close", "Finalize",        "init",  "fini"};
+
+  static void forgetMetadata() {
+    setTime(kNow * 1000);
+    TarnikMetaCache::instance().expire();
+    TarnikMetaCache::instance().config(1800);
+  }
+  static void begin() {
+    emptyCaptureDir();
+    writeFile(kNapPolicyPath,
+              "acl.rule.priority._uuid-five = 5\nacl.rule.priority.uuid-top = 65534\n");
+    writeFile(kIssuesPath, "70000,web\n70001,X_Y\n65536,first\n4294967295,last\n");
+    for (const char* policy : {"ips", "nap.uuid-five", "nap.uuid-top"}) {
+      writeFile(kCaptureDir + std::string("template.") + policy, "");
+    }
+    useDebugLevel(0);
+    forgetMetadata();
+    setTime(kNow);
+  }
 };
 
 }  // namespace tarnik::test

@@ -1,6 +1,7 @@
 #include "capture/testing/platform.h"
 
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <orlo_sdk.h>
 
 #include <algorithm>
@@ -9,6 +10,8 @@
 #include <cstdio>
 #include <mutex>
 #include <utility>
+
+#include "base/testing/captured_log.h"
 
 namespace tarnik::test {
 namespace {
@@ -53,9 +56,28 @@ void onEvent(std::function<void()> hook) {
   eventHook = std::move(hook);
 }
 
+std::vector<std::string> logTexts() {
+  std::vector<std::string> texts;
+  for (const LogLine& line : logLines()) {
+    const int priority = line.text.starts_with("Debug: ")     ? LOG_DEBUG
+                         : line.text.starts_with("Warning: ") ? LOG_WARNING
+                         : line.text.starts_with("Error: ")   ? LOG_ERR
+                                                              : LOG_INFO;
+    EXPECT_EQ(line.priority, priority) << line.text;
+    texts.push_back(line.text);
+  }
+  return texts;
+}
+
+std::vector<std::string> logTextsAboveDebug() {
+  std::vector<std::string> texts = logTexts();
+  std::erase_if(texts, [](const std::string& text) { return text.starts_with("Debug: "); });
+  return texts;
+}
+
 }  // namespace tarnik::test
 
-// These take the place of the system's and the platform's in the whole program.
+// The program calls these instead of the functions of the system and the platform.
 extern "C" {
 
 std::time_t time(std::time_t* result) noexcept {

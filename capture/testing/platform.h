@@ -1,5 +1,5 @@
-// The clock and the platform of a test program: time() says what the test wants, OrloLogEvent keeps
-// what it is given, and no statistics area is empty when it is handed out.
+// The clock, the log and the platform of a test program: time() returns what the test sets,
+// OrloLogEvent records its arguments, and a new statistics area is never zeroed.
 #pragma once
 
 #include <ctime>
@@ -10,11 +10,12 @@
 
 namespace tarnik::test {
 
-// From now on time() is `now`, in every thread.
+// Sets the result of time() for every thread.
 void setTime(std::time_t now);
-// time() is the system's again.
+// Makes time() read the system's clock again.
 void useSystemTime();
-// Called by every time() of the program, first; empty for none. Set while one thread runs.
+// Has every time() call `hook` first. Pass an empty function for none. Set it while one thread
+// runs.
 void onTime(std::function<void()> hook);
 
 struct Event {
@@ -25,10 +26,16 @@ struct Event {
 };
 std::ostream& operator<<(std::ostream& out, const Event& event);
 
-// The events since the last clearEvents(), in their order. Any thread.
+// The events since the last clearEvents(), in order. Any thread.
 [[nodiscard]] std::vector<Event> events();
 void clearEvents();
-// Called by every event, first; empty for none. Set while one thread runs.
+// Has every event call `hook` first. Pass an empty function for none. Set it while one thread runs.
 void onEvent(std::function<void()> hook);
+
+// The texts of the log since the last clearLog(). Fails the test if the priority of a line is not
+// the one of its level word. Any thread.
+[[nodiscard]] std::vector<std::string> logTexts();
+// These texts without the debug lines.
+[[nodiscard]] std::vector<std::string> logTextsAboveDebug();
 
 }  // namespace tarnik::test

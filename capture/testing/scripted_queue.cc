@@ -14,7 +14,7 @@ namespace {
 
 Script script;  // written while no capture thread runs
 
-std::mutex mutex;  // guards what follows
+std::mutex mutex;  // guards the variables below
 std::condition_variable changed;
 std::vector<std::string> called;
 std::size_t nextRead = 0;
@@ -83,7 +83,7 @@ void TarnikIfDestroy(TarnikQ* q) {
   delete q;
 }
 
-// As with the driver's queue, opening ends a shutdown.
+// Opening the driver's queue ends a shutdown too.
 int TarnikQ::Open(int mode) {
   call("Open(" + std::to_string(mode) + ")");
   const std::lock_guard guard(mutex);

@@ -1,5 +1,5 @@
-// A frame queue that a test writes. A test program that contains scripted_queue.cc has it in the
-// place of the driver's: group and queue open and close as told, and reads follow a script.
+// A frame queue scripted by a test. A test program with scripted_queue.cc uses it instead of the
+// driver's queue: the group and the queue open and close as the script says, and reads follow it.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace tarnik::test {
 
-// What one ReadPkt gives.
+// The results of one ReadPkt.
 struct Read {
   int result = 0;
   int error = 0;  // errno
@@ -24,22 +24,22 @@ struct Read {
 
 struct Script {
   int ifgOpen = 0;                                   // result of TarnikIfgOpen
-  bool create = true;                                // TarnikIfCreate gives an object
+  bool create = true;                                // TarnikIfCreate returns an object
   int open = 0;                                      // result of Open
-  std::vector<Read> reads{};                         // behind them, reads wait for the shutdown
-  unsigned lostShutdowns = 0;                        // so many are undone before a reader sees them
-  std::function<void(const std::string&)> onCall{};  // before any call but ReadPkt, on its thread
+  std::vector<Read> reads{};                         // after them, a read waits for the shutdown
+  unsigned lostShutdowns = 0;                        // the number of shutdowns without effect
+  std::function<void(const std::string&)> onCall{};  // called first by all calls except ReadPkt
 };
 
-// Begins a new script and forgets the calls. While no capture thread runs.
+// Begins a new script and forgets the calls. Call it while no capture thread runs.
 void play(Script script);
-// The calls so far but for ReadPkt, "Open(0)", in their order. Any thread.
+// The calls so far except ReadPkt, such as "Open(0)", in order. Any thread.
 [[nodiscard]] std::vector<std::string> calls();
-// Waits until the script's reads are used up and the reader waits for the shutdown.
+// Waits until the script has no more reads and the reader waits for the shutdown.
 void awaitEndOfScript();
-// Undoes a Shutdown, as somebody might who writes to the queue's memory.
+// Undoes a Shutdown, like a process that writes to the queue's memory.
 void loseShutdown();
-// The bytes of payload memory behind any data address.
+// The bytes from any data address to the end of the payload memory.
 inline constexpr std::uint32_t kRoom = 4096;
 
 }  // namespace tarnik::test

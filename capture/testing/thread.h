@@ -1,5 +1,5 @@
-// What the tests of the capture thread share: the process's manager over a real directory, and a
-// queue that the test writes.
+// What the tests of the capture thread share: the process's manager with a real directory, and a
+// queue scripted by the test.
 #pragma once
 
 #include <orlo_sdk.h>
@@ -28,28 +28,16 @@ class ThreadTest : public ManagerTest {
   }
 
   static void initInstance(const Settings& settings) {
-    ASSERT_EQ(CaptureManager::instance().Init(kIssuesPath, settings.maxTimeout, settings.diskSpace,
-                                              settings.fileCount, settings.maxFileSize,
-                                              settings.eventInterval, settings.eventThreshold),
-              0);
-    forget();
+    ASSERT_EQ(configure(&CaptureManager::Init, CaptureManager::instance(), settings), 0);
+    clearLog();
   }
 
-  // A frame in what stands for the driver's memory; its index is its number.
-  struct Frame {
-    zorvik_frm_desc descriptor;
-    std::vector<std::uint8_t> data;
-  };
-  Frame& newFrame(std::uint32_t size, unsigned seed) {
-    frames.push_back({zorvik_frm_desc{}, frameData(size, seed)});
-    writeFrameHeader(frames.back().descriptor, frame(size + 4, size, seed, seed * 2));
-    frames.back().descriptor.index = static_cast<std::uint32_t>(frames.size());
-    return frames.back();
-  }
-  // A read that gives such a frame.
+  // A read that returns a new frame. The frame's index is its number.
   Read read(std::uint64_t captureId, std::uint32_t size = 100, unsigned seed = 0,
             std::uint32_t flags = 0) {
-    Frame& made = newFrame(size, seed);
+    Frame& made = frames_.emplace_back(zorvik_frm_desc{}, frameData(size, seed));
+    writeFrameHeader(made.descriptor, frame(size + 4, size, seed, seed * 2));
+    made.descriptor.index = static_cast<std::uint32_t>(frames_.size());
     return {.frame = &made.descriptor,
             .data = made.data.data(),
             .captureId = captureId,
@@ -58,7 +46,18 @@ class ThreadTest : public ManagerTest {
   static Read failure(int error) {
     return {.result = error == EAGAIN ? kQTimeout : kQFailed, .error = error};
   }
+  // The same read with a function to call when it begins.
+  static Read with(std::function<void()> before, Read read) {
+    read.before = std::move(before);
+    return read;
+  }
 
+  // Runs the thread until it ends by itself.
+  void runToEnd(Script script) {
+    play(std::move(script));
+    thread.start(1000);
+    thread.join();
+  }
   // Plays the script to its end and stops the thread.
   void run(Script script) {
     play(std::move(script));
@@ -66,10 +65,6 @@ class ThreadTest : public ManagerTest {
     awaitEndOfScript();
     thread.stop();
     thread.join();
-  }
-  // Calls stop() from another thread and waits for it, so that it must not wait for this one.
-  void stopFromElsewhere() {
-    std::thread([this] { thread.stop(); }).join();
   }
 
   // The six counters, as another process reads them.
@@ -79,29 +74,43 @@ class ThreadTest : public ManagerTest {
     std::memcpy(values.data(), area.data() + sizeof(OrloStatsHeader), values.size() * 8);
     return values;
   }
-  // Frames read, accepted, refused, invalid.
+  // The counters of frames: read, accepted, refused, invalid.
   static std::vector<std::uint64_t> frameCounters() {
     const std::vector<std::uint64_t> all = counters();
     return {all.begin() + 2, all.end()};
   }
-  // The lines of the thread's own operations.
-  static std::vector<LogLine> threadLines() {
-    std::vector<LogLine> lines = logLines();
-    std::erase_if(lines, [](const LogLine& line) {
+  // The lines of the thread's operations.
+  static Texts threadSteps() {
+    Texts texts = logTexts();
+    std::erase_if(texts, [](const std::string& text) {
       for (const char* operation :
            {": processFrames: ", ": initCaptureQueue: ", ": threadFunc: ", ": start: ", ": stop: ",
             ": join: ", ": CloseWriters: ", ": ExpireWriters: ", " analysis thread: "}) {
-        if (line.text.find(operation) != std::string::npos) {
+        if (text.find(operation) != std::string::npos) {
           return false;
         }
       }
       return true;
     });
-    return lines;
+    return texts;
+  }
+  // The calls of the queue that begin with `prefix`.
+  static Texts callsOf(const std::string& prefix) {
+    Texts made = calls();
+    std::erase_if(made, [&](const std::string& call) { return !call.starts_with(prefix); });
+    return made;
   }
 
-  std::deque<Frame> frames;  // stay where they are
   CaptureThread thread;
+
+ private:
+  struct Frame {
+    Frame(zorvik_frm_desc frameDescriptor, std::vector<std::uint8_t> frameBytes)
+        : descriptor(frameDescriptor), data(std::move(frameBytes)) {}
+    zorvik_frm_desc descriptor;
+    std::vector<std::uint8_t> data;
+  };
+  std::deque<Frame> frames_;  // never move
 };
 
 }  // namespace tarnik::test
