@@ -89,12 +89,12 @@ Driver* Driver::latest() {
 
 namespace {
 
-// Maps the node unless `mapping` is of that `id` already.
+// Maps the group's node unless `mapping` is of that `id` already; then it allocates nothing.
 template <typename Cached>
-std::shared_ptr<Mapping> mapped(Cached& cached, std::uint32_t id, const std::string& path,
-                                std::size_t size) {
+std::shared_ptr<Mapping> mapped(Cached& cached, std::uint32_t id, const Group& group,
+                                const char* node, std::size_t size) {
   if (cached.id != id || cached.mapping == nullptr) {
-    const auto [fd, fileSize] = openNode(path);
+    const auto [fd, fileSize] = openNode(nodePath(group, node));
     cached.mapping = fd && fileSize >= size ? std::make_shared<Mapping>(fd.get(), size) : nullptr;
     if (cached.mapping != nullptr && !*cached.mapping) {
       cached.mapping = nullptr;
@@ -107,15 +107,14 @@ std::shared_ptr<Mapping> mapped(Cached& cached, std::uint32_t id, const std::str
 }  // namespace
 
 zorvik_frm_desc* Driver::descriptors(const Group& group) {
-  const auto mapping =
-      mapped(descriptors_[state_->indexOf(group)], group.id, nodePath(group, ZORVIK_IFG_FRM_DESC),
-             sizeof(zorvik_frm_desc) * group.records);
+  const auto mapping = mapped(descriptors_[state_->indexOf(group)], group.id, group,
+                              ZORVIK_IFG_FRM_DESC, sizeof(zorvik_frm_desc) * group.records);
   return mapping == nullptr ? nullptr : reinterpret_cast<zorvik_frm_desc*>(mapping->base());
 }
 
 std::shared_ptr<Mapping> Driver::queueMemory(const Group& group, const Queue& queue) {
   const auto index = static_cast<std::size_t>(&queue - group.queues);
-  return mapped(queues_[state_->indexOf(group)][index], queue.id, nodePath(group, queue.name),
+  return mapped(queues_[state_->indexOf(group)][index], queue.id, group, queue.name,
                 queue.memSize());
 }
 
