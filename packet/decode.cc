@@ -52,7 +52,7 @@ void setEndpoints(Decoded& out, const Endpoint& source, const Endpoint& destinat
   out.key.high = out.fromLow ? destination : source;
 }
 
-// An IP datagram: where its payload lies and what it is.
+// An IP datagram and its payload.
 struct Datagram {
   FlowKey::Kind kind = FlowKey::Kind::kIpv4;
   std::array<std::uint8_t, 16> source{};
@@ -61,7 +61,7 @@ struct Datagram {
   std::uint8_t fragmentProtocol = 0;
   std::uint32_t id = 0;
   Fragment fragment = Fragment::kNone;
-  Bytes payload;                // the captured part, without what follows the datagram
+  Bytes payload;                // the captured part, without bytes after the datagram
   std::size_t wirePayload = 0;  // bytes on the wire
 };
 
@@ -118,7 +118,7 @@ std::size_t extensionLength(std::uint8_t protocol, Bytes header) {
   }
 }
 
-// Walks the extension headers up to what they carry, or to the first that cannot be passed.
+// Walks the extension headers up to their payload, or to the first that cannot be skipped.
 void walkExtensions(Datagram& datagram) {
   constexpr std::uint8_t kFragmentHeader = 44;
   for (int i = 0; i < kMaxExtensions; ++i) {
@@ -138,7 +138,7 @@ void walkExtensions(Datagram& datagram) {
     datagram.payload = header.subspan(std::min(length, header.size()));
     datagram.wirePayload -= std::min(length, datagram.wirePayload);
     if (datagram.fragment == Fragment::kLater) {
-      return;  // what follows is the middle of something
+      return;  // the payload continues an earlier one
     }
   }
 }
@@ -198,7 +198,7 @@ void setDatagram(Decoded& out, const Datagram& datagram) {
   setEndpoints(out, source, destination);
 }
 
-// Passes over tags and labels. `type` becomes the ethertype of what follows, `at` its place; with
+// Skips tags and labels. `type` becomes the ethertype of the packet and `at` its offset. After
 // labels, IP is recognised by its version.
 void skipTags(Bytes data, std::uint16_t& type, std::size_t& at) {
   for (int i = 0; i < kMaxTags && isVlan(type) && data.size() >= at + 4; ++i) {

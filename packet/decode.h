@@ -1,62 +1,28 @@
-// From a frame's bytes to the flow that it belongs to. Pure functions over hostile bytes: every
-// field is read only where it was captured, and every chain of headers is bounded.
+// Finds the flow of a frame. The functions are pure, and safe on any bytes: a field is read only if
+// it was captured, and every chain of headers has a limit.
 //
 // A flow is, in this order of preference:
-//  1. both directions of addresses, protocol and ports: TCP, UDP and SCTP over IPv4 or IPv6, when
-//     the ports were captured and lie inside the datagram;
-//  2. both directions of addresses and protocol: any other datagram whose IP header (20 or 40
-//     bytes) was captured. The protocol of an IPv6 datagram is the last "next header" that could
-//     be read behind its extension headers;
-//  3. both directions of MAC addresses and the ethertype: everything else with an Ethernet header.
-//     802.3 frames, whose ethertype field is a length, all have ethertype 0;
-//  4. one flow of all frames too short for an Ethernet header.
-// VLAN tags (802.1Q, 802.1ad and its forerunner 0x9100) and MPLS labels are passed over when
-// looking for IP and are no part of the flow. Tunnels (GRE, IP in IP, PPPoE, ...) are not entered.
-// A fragment after the first has no ports of its own; FlowFinder gives it the flow of its datagram.
+//  1. both directions of addresses, protocol and ports: TCP, UDP and SCTP over IPv4 or IPv6, if the
+//     ports were captured and are inside the datagram;
+//  2. both directions of addresses and protocol: any other datagram with a captured IP header (20
+//  or
+//     40 bytes). The protocol of an IPv6 datagram is the last "next header" that could be read in
+//     its extension headers;
+//  3. both directions of MAC addresses and the ethertype: all other frames with an Ethernet header.
+//     802.3 frames have a length instead of an ethertype; they all count as ethertype 0;
+//  4. all frames that are too short for an Ethernet header.
+// VLAN tags (802.1Q, 802.1ad and the older 0x9100) and MPLS labels are skipped and not part of the
+// flow. Tunnels (GRE, IP in IP, PPPoE, ...) are not entered. A fragment after the first has no
+// ports.
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
 
+#include "packet/flow_key.h"
 #include "packet/frame.h"
 
 namespace tarnik {
-
-struct Endpoint {
-  std::array<std::uint8_t, 16> address{};  // MAC, IPv4 or IPv6 address, then zeros
-  std::uint16_t port = 0;
-  auto operator<=>(const Endpoint&) const = default;
-};
-
-struct FlowKey {
-  enum class Kind : std::uint8_t { kShort, kEthernet, kIpv4, kIpv6 };
-
-  Kind kind = Kind::kShort;
-  bool hasPorts = false;
-  std::uint16_t protocol = 0;  // ethertype, or IP protocol
-  Endpoint low;                // the lesser of the two endpoints, so that both directions agree
-  Endpoint high;
-  bool operator==(const FlowKey&) const = default;
-
-  // The same for the same flow in every run, never 0, and positive when read as signed.
-  [[nodiscard]] std::uint64_t id() const;
-  // "tcp 10.0.0.1:80 <-> 10.0.0.2:1025", "icmp 10.0.0.1 <-> 10.0.0.2",
-  // "arp 02:00:00:00:00:01 <-> ff:ff:ff:ff:ff:ff"
-  [[nodiscard]] std::string text() const;
-};
-
-// What tells the fragments of one datagram from others.
-struct DatagramKey {
-  FlowKey::Kind kind = FlowKey::Kind::kShort;
-  std::uint8_t protocol = 0;
-  std::uint32_t id = 0;
-  std::array<std::uint8_t, 16> source{};
-  std::array<std::uint8_t, 16> destination{};
-  bool operator==(const DatagramKey&) const = default;
-};
 
 enum class Fragment : std::uint8_t { kNone, kFirst, kLater };
 
@@ -69,7 +35,7 @@ struct TcpHeader {
   std::uint32_t sequence = 0;
   std::uint32_t acknowledgement = 0;
   std::uint8_t flags = 0;
-  std::uint32_t payload = 0;  // bytes on the wire behind the header
+  std::uint32_t payload = 0;  // bytes on the wire after the header
 };
 
 struct Decoded {
@@ -81,15 +47,5 @@ struct Decoded {
 };
 
 [[nodiscard]] Decoded decode(const Frame& frame);
-
-struct FlowKeyHash {
-  std::size_t operator()(const FlowKey& key) const noexcept {
-    return static_cast<std::size_t>(key.id());
-  }
-};
-
-struct DatagramKeyHash {
-  std::size_t operator()(const DatagramKey& key) const noexcept;
-};
 
 }  // namespace tarnik

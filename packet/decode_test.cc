@@ -57,7 +57,7 @@ std::vector<Case> ipv4Cases() {
       {"LengthZeroOfOffload", ethernet(0x0800, ipv4({.total = 0}, kSegment)), kTcpFlow},
       {"LengthBelowHeader", ethernet(0x0800, ipv4({.total = 19}, kSegment)),
        "tcp 10.0.0.1 <-> 10.0.0.2"},
-      {"PortsBehindTheDatagram", ethernet(0x0800, ipv4({.total = 20}, kSegment)),
+      {"PortsAfterTheDatagram", ethernet(0x0800, ipv4({.total = 20}, kSegment)),
        "tcp 10.0.0.1 <-> 10.0.0.2"},
       {"HeaderLengthBelow20",
        ethernet(0x0800, Bytes{0x44} + Bytes(kPacket.begin() + 1, kPacket.end())),
@@ -129,7 +129,7 @@ std::vector<Case> linkCases() {
 
 const auto kName = [](const auto& test) { return std::string(test.param.what); };
 INSTANTIATE_TEST_SUITE_P(OverIpv4, FlowOfFrame, ::testing::ValuesIn(ipv4Cases()), kName);
-INSTANTIATE_TEST_SUITE_P(BehindTags, FlowOfFrame, ::testing::ValuesIn(tagCases()), kName);
+INSTANTIATE_TEST_SUITE_P(AfterTags, FlowOfFrame, ::testing::ValuesIn(tagCases()), kName);
 INSTANTIATE_TEST_SUITE_P(OverIpv6, FlowOfFrame, ::testing::ValuesIn(ipv6Cases()), kName);
 INSTANTIATE_TEST_SUITE_P(BelowIp, FlowOfFrame, ::testing::ValuesIn(linkCases()), kName);
 
@@ -166,7 +166,7 @@ TEST(Decode, TagsAreNoPartOfTheFlow) {
             decode(frameOf(ethernet(0x0800, kPacket))).key);
 }
 
-TEST(Decode, IdIsPositiveAndTellsFlowsApart) {
+TEST(Decode, IdIsPositiveAndDiffersByFlow) {
   const FlowKey one = decode(frameOf(ethernet(0x0800, ipv4({}, tcp(1, 2))))).key;
   const FlowKey other = decode(frameOf(ethernet(0x0800, ipv4({}, tcp(1, 3))))).key;
   EXPECT_NE(one.id(), other.id());
@@ -176,7 +176,7 @@ TEST(Decode, IdIsPositiveAndTellsFlowsApart) {
 TEST(Decode, TcpHeaderWithWirePayload) {
   Bytes bytes = ethernet(0x0800, ipv4({}, tcp(1, 2, 0x11, 5, 6, Bytes(100, 0))));
   Frame frame = frameOf(bytes);
-  frame.data = frame.data.first(14 + 20 + 20);  // cut behind the TCP header
+  frame.data = frame.data.first(14 + 20 + 20);  // cut after the TCP header
   const Decoded decoded = decode(frame);
   ASSERT_TRUE(decoded.tcp);
   EXPECT_EQ(decoded.tcp->sequence, 5u);
@@ -185,7 +185,7 @@ TEST(Decode, TcpHeaderWithWirePayload) {
   EXPECT_EQ(decoded.tcp->payload, 100u);
 }
 
-TEST(Decode, FragmentsAreTold) {
+TEST(Decode, FragmentsAreRecognised) {
   EXPECT_EQ(decode(frameOf(ethernet(0x0800, kPacket))).fragment, Fragment::kNone);
   EXPECT_EQ(decode(frameOf(ethernet(0x0800, ipv4({.fragment = 0x4000}, kSegment)))).fragment,
             Fragment::kNone);  // "don't fragment"
@@ -197,8 +197,8 @@ TEST(Decode, FragmentsAreTold) {
             Fragment::kLater);
 }
 
-// A frame cut anywhere is decoded as far as it goes, and never read beyond its end (each cut is a
-// buffer of its own, so that the address sanitizer sees a byte too many).
+// A frame cut anywhere is decoded as far as it goes, and never read beyond its end (each cut has
+// its own buffer, so that the address sanitizer notices a byte too many).
 TEST(Decode, CutAtEveryByte) {
   std::vector<Case> all;
   for (const auto& cases : {ipv4Cases(), tagCases(), ipv6Cases(), linkCases()}) {

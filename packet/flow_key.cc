@@ -1,10 +1,10 @@
+#include "packet/flow_key.h"
+
 #include <arpa/inet.h>
 
 #include <array>
 #include <cstdio>
 #include <string>
-
-#include "packet/decode.h"
 
 namespace tarnik {
 namespace {

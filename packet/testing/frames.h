@@ -17,7 +17,7 @@ inline Bytes operator+(Bytes left, const Bytes& right) {
   return left;
 }
 
-// A big-endian number, with zeros in front of its 8 bytes if it is longer.
+// A big-endian number; above 8 bytes it starts with zeros.
 inline Bytes be(std::uint64_t value, std::size_t size) {
   Bytes bytes(size, 0);
   for (std::size_t i = size; i > 0 && value != 0; --i, value >>= 8) {
@@ -90,7 +90,7 @@ inline Frame frameOf(const Bytes& bytes) {
   return {bytes, static_cast<std::uint32_t>(bytes.size()), 0, 0};
 }
 
-// A classic capture file with one record a frame, one second apart.
+// A classic capture file with one record per frame, one second apart.
 inline std::string captureFile(const std::vector<Bytes>& frames, std::uint32_t linkType = 1,
                                std::uint32_t snaplen = 65535) {
   const auto le = [](std::uint64_t value, int size) {

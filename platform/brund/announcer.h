@@ -28,8 +28,8 @@ class Announcer {
   [[nodiscard]] Sent send(const CaptureMetadata& metadata);
   // Waits up to `ms` milliseconds for room in the daemon's socket. A signal ends the wait.
   void waitForRoom(int ms) const;
-  // Waits up to `ms` milliseconds until the daemon has received everything. Then the metadata of a
-  // capture is there before its first frame, which may be its last.
+  // Waits up to `ms` milliseconds until the daemon has received everything. So the metadata
+  // of a capture arrives before its first frame, which may be its last.
   void waitUntilReceived(int ms) const;
 
  private:

@@ -14,7 +14,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::seconds;
 
 // A daemon that listens may be slow, or stopped in a debugger. After this time without progress a
-// replay gives up all the same.
+// replay gives up anyway.
 constexpr seconds kNoProgress{60};
 constexpr int kMetadataWaitMs = 500;
 constexpr useconds_t kPollUs = 2000;
