@@ -1,4 +1,4 @@
-// Frames out of the driver's pool when it is nearly empty.
+// Frame allocation: the driver's pool, the handle's lists, and an empty pool.
 #include <cerrno>
 #include <set>
 #include <thread>
@@ -13,19 +13,20 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// 128 buffers of 2048 bytes and 8 of 65536, for 256 descriptors.
+// The pool has 128 buffers of 2048 bytes and 8 of 65536, for 256 descriptors.
 class BatchTest : public GroupTest {
  protected:
   void SetUp() override {
     GroupTest::SetUp();
     createQueue(ifg_);
     q_ = openQueue(ifg_, ZORLIB_WRITE);
+    clearRequests();
   }
   void TearDown() override {
     EXPECT_EQ(zorlib_q_close(q_), 0);
     GroupTest::TearDown();
   }
-  // Frames one by one until there are none.
+  // Allocates single frames until there are none left.
   std::set<zorvik_frm_desc*> takeAll(std::uint32_t size) {
     std::set<zorvik_frm_desc*> all;
     while (zorvik_frm_desc* const frame = zorlib_ifg_frm_alloc(ifg_, size)) {
@@ -34,6 +35,12 @@ class BatchTest : public GroupTest {
     }
     EXPECT_EQ(errno, ENOBUFS);
     return all;
+  }
+  void allocationFails(std::uint32_t size, std::uint32_t count, int error) {
+    zorvik_frm_desc* frames[62] = {};
+    errno = 0;
+    EXPECT_EQ(zorlib_batch_alloc(ifg_, size, frames, count), -1);
+    EXPECT_EQ(errno, error);
   }
   [[nodiscard]] std::uint32_t freeFrames() const {
     zorvik_ifg_stats stats{};
@@ -44,9 +51,21 @@ class BatchTest : public GroupTest {
   zorlib_q* q_ = nullptr;
 };
 
-// The last small frames have large buffers: they wait in the handle as large ones, and are small
-// ones all the same.
-TEST_F(BatchTest, EveryBufferIsGivenOut) {
+TEST_F(BatchTest, OneRequestServesManyAllocations) {
+  std::set<zorvik_frm_desc*> seen;
+  for (int i = 0; i < 62; ++i) {
+    zorvik_frm_desc* const frame = allocFrame(ifg_, 2048);
+    ASSERT_NE(frame, nullptr);
+    EXPECT_TRUE(seen.insert(frame).second);
+    EXPECT_GE(frame->buf_size, 2048u);
+    EXPECT_EQ(frame->flags, ZORVIK_FRM_VALID);
+    EXPECT_EQ(zorlib_ifg_frm_data(ifg_, frame), q_->payload + frame->data_off);
+  }
+  EXPECT_THAT(requests(), ElementsAre(ZORVIK_FRM_ALLOC));
+}
+
+// The last small frames have large buffers, which are in the list for large ones.
+TEST_F(BatchTest, SmallFramesGetEveryBuffer) {
   const auto frames = takeAll(100);
   EXPECT_EQ(frames.size(), 136u);
   EXPECT_EQ(freeFrames(), kFrames - 136);
@@ -57,55 +76,88 @@ TEST_F(BatchTest, EveryBufferIsGivenOut) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(BatchTest, SmallBuffersAreNotGivenForLargeFrames) {
-  EXPECT_EQ(takeAll(2049).size(), 8u);
+TEST_F(BatchTest, LargeFramesGetLargeBuffersOnly) {
+  EXPECT_EQ(allocFrame(ifg_, 100)->buf_size, 2048u);
+  const auto frames = takeAll(2049);
+  EXPECT_EQ(frames.size(), 8u);
+  EXPECT_EQ((*frames.begin())->buf_size, 65536u);
+  allocationFails(65537, 1, EMSGSIZE);
 }
 
-TEST_F(BatchTest, ABatchIsFilledFromWhatWaits) {
-  ASSERT_NE(zorlib_ifg_frm_alloc(ifg_, 60000), nullptr);  // seven wait
+TEST_F(BatchTest, ABatchUsesTheListsWhenThePoolIsEmpty) {
+  ASSERT_NE(zorlib_ifg_frm_alloc(ifg_, 60000), nullptr);  // and seven for the list
   zorvik_frm_desc* frames[62] = {};
-  ASSERT_EQ(zorlib_batch_alloc(ifg_, 100, frames, 62), 62);
-  ASSERT_EQ(zorlib_batch_alloc(ifg_, 100, frames, 62), 62);
-  ASSERT_EQ(zorlib_batch_alloc(ifg_, 100, frames, 62), 4);
-  EXPECT_EQ(zorlib_batch_alloc(ifg_, 100, frames, 62), 7);
-  errno = 0;
-  EXPECT_EQ(zorlib_batch_alloc(ifg_, 100, frames, 62), -1);
-  EXPECT_EQ(errno, ENOBUFS);
+  for (const int granted : {62, 62, 4, 7}) {
+    EXPECT_EQ(zorlib_batch_alloc(ifg_, 100, frames, 62), granted);
+  }
+  allocationFails(100, 62, ENOBUFS);
+  allocationFails(100, 0, EINVAL);
 }
 
-// Descriptors can be written by every process.
-TEST_F(BatchTest, AFrameWhoseBufferShrankWhileItWaitedGoesBack) {
-  ASSERT_NE(zorlib_ifg_frm_alloc(ifg_, 60000), nullptr);  // seven wait
+// Other processes can write the descriptors.
+TEST_F(BatchTest, FreesAListedFrameWhoseBufferSizeHasChanged) {
+  ASSERT_NE(zorlib_ifg_frm_alloc(ifg_, 60000), nullptr);  // and seven for the list
   for (std::uint32_t i = 0; i < ifg_->frmDescCount; ++i) {
     q_->frmDesc[i].buf_size = 10;
   }
   refuse(ZORVIK_FRM_ALLOC, ENOBUFS);
   refuse(ZORVIK_FRM_FREE, EIO);
-  EXPECT_EQ(zorlib_ifg_frm_alloc(ifg_, 100), nullptr);
-  EXPECT_EQ(errno, ENOBUFS);
-  EXPECT_THAT(logLines(), ::testing::Each(error("Error: zorlib_ifg_frm_free: free_frm ioctl failed "
-                                                "- Input/output error")));
-  EXPECT_EQ(logLines().size(), 7u);
+  allocationFails(100, 1, ENOBUFS);
+  EXPECT_EQ(logLines(), std::vector<LogLine>(7, error("Error: zorlib_ifg_frm_free: free_frm ioctl "
+                                                      "failed - Input/output error")));
 }
 
-TEST_F(BatchTest, AnEmptyPoolIsToldInTheDebugLogOnly) {
+TEST_F(BatchTest, LogsAnEmptyPoolAtDebugLevelOne) {
   (void)takeAll(100);
   EXPECT_THAT(logLines(), IsEmpty());
   setDebugLevel(1);
   EXPECT_EQ(zorlib_ifg_frm_alloc(ifg_, 100), nullptr);
-  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: zorlib_batch_alloc: alloc ioctl (brund) failed "
-                                            "- No buffer space available")));
+  EXPECT_EQ(logLines(), lines({"Debug: zorlib_batch_alloc: alloc ioctl (brund) failed - No buffer "
+                               "space available"}));
 }
 
-TEST_F(BatchTest, WithoutMemoryForTheListsNothingIsTaken) {
+TEST_F(BatchTest, TakesNothingWithoutMemoryForTheLists) {
   systemCalls.allocationsLeft = 0;
-  zorvik_frm_desc* frame = nullptr;
-  EXPECT_EQ(zorlib_batch_alloc(ifg_, 100, &frame, 1), -1);
-  EXPECT_EQ(errno, ENOMEM);
+  allocationFails(100, 1, ENOMEM);
   EXPECT_EQ(freeFrames(), kFrames);
 }
 
-TEST_F(BatchTest, FramesThatWaitGoBackWithTheHandle) {
+TEST_F(BatchTest, ChecksTheDriversGrant) {
+  answer(ZORVIK_FRM_ALLOC, [](int, void* argument) {
+    auto& alloc = *static_cast<zorvik_frm_alloc*>(argument);
+    alloc.count = 1000;
+    for (std::uint32_t& id : alloc.frame_ids) {
+      id = 5;  // the same frame in each place
+    }
+    alloc.frame_ids[0] = 0;
+    alloc.frame_ids[1] = kFrames + 1;
+    return 0;
+  });
+  zorvik_frm_desc* frames[3] = {};
+  EXPECT_EQ(zorlib_batch_alloc(ifg_, 64, frames, 1), 1);
+  EXPECT_EQ(frames[0], q_->frmDesc + 5);
+  answer(ZORVIK_FRM_ALLOC, [](int, void* argument) {
+    static_cast<zorvik_frm_alloc*>(argument)->count = 1;
+    static_cast<zorvik_frm_alloc*>(argument)->frame_ids[0] = 0;
+    return 0;
+  });
+  frames[0]->buf_size = 2048;
+  EXPECT_EQ(zorlib_batch_alloc(ifg_, 64, frames, 3), 1) << "the frame is in the list once";
+  allocationFails(64, 3, ENXIO);
+}
+
+TEST_F(BatchTest, AFramesBufferIsInThePayload) {
+  zorvik_frm_desc frame{};
+  frame.data_off = q_->payloadSize - 100;
+  frame.buf_size = 100;
+  EXPECT_EQ(zorlib_ifg_frm_data(ifg_, &frame), q_->payload + frame.data_off);
+  frame.buf_size = 101;
+  EXPECT_EQ(zorlib_ifg_frm_data(ifg_, &frame), nullptr);
+  frame.data_off = frame.buf_size = 0xffffffff;
+  EXPECT_EQ(zorlib_ifg_frm_data(ifg_, &frame), nullptr);
+}
+
+TEST_F(BatchTest, AClosedHandleFreesItsLists) {
   zorlib_ifg* const other = openGroup();
   zorvik_frm_desc* descriptors = nullptr;
   std::uint32_t size = 0;
@@ -118,25 +170,28 @@ TEST_F(BatchTest, FramesThatWaitGoBackWithTheHandle) {
   }
   EXPECT_EQ(freeFrames(), kFrames - 61 - 7);
   EXPECT_EQ(zorlib_ifg_close(other), 0);
-  EXPECT_EQ(freeFrames(), kFrames - 61 - 7) << "the mapping holds the handle";
+  EXPECT_EQ(freeFrames(), kFrames - 61 - 7) << "the mapping has a reference";
   EXPECT_EQ(zorlib_ifg_close(other), 0);
   EXPECT_EQ(freeFrames(), kFrames);
 }
 
-TEST_F(GroupTest, AGroupThatIsMappedByHalfAllocatesNothing) {
+TEST_F(GroupTest, AllocatesNothingUntilAllFrameMemoryIsMapped) {
   createQueue(ifg_);
+  const auto allocationFails = [this] {
+    errno = 0;
+    EXPECT_EQ(zorlib_ifg_frm_alloc(ifg_, 64), nullptr);
+    EXPECT_EQ(errno, ENOTCONN);
+    EXPECT_EQ(count(ZORVIK_FRM_ALLOC), 0);
+  };
+  allocationFails();
   refuse(ZORVIK_NET_DATA_SIZE, EIO);
   zorlib_q* q = nullptr;
   EXPECT_EQ(zorlib_q_app_open(ifg_, "TarnikQ", ZORLIB_WRITE, &q), -1);
-  EXPECT_EQ(count(ZORVIK_FRM_DESC_SIZE), 1);
-  errno = 0;
-  EXPECT_EQ(zorlib_ifg_frm_alloc(ifg_, 64), nullptr);
-  EXPECT_EQ(errno, ENOTCONN);
-  EXPECT_EQ(count(ZORVIK_FRM_ALLOC), 0);
+  EXPECT_EQ(count(ZORVIK_FRM_DESC_SIZE), 1) << "the descriptors are mapped";
+  allocationFails();
 }
 
-// Whoever allocates sees the mapping once it is there, with what belongs to it.
-TEST_F(GroupTest, FramesAreAllocatedWhileTheGroupIsMapped) {
+TEST_F(GroupTest, AllocatesWhileAnotherThreadMapsTheGroup) {
   createQueue(ifg_);
   for (int round = 0; round < 20; ++round) {
     zorlib_ifg* const group = openGroup();

@@ -9,7 +9,7 @@
 namespace tarnik::test {
 namespace {
 
-TEST(FrameList, GivesBackTheLastNodeFirst) {
+TEST(FrameList, PopsTheLastNodeFirst) {
   std::array<FrameNode, 3> nodes;
   FrameList list;
   EXPECT_EQ(list.pop(), nullptr);
@@ -24,7 +24,7 @@ TEST(FrameList, GivesBackTheLastNodeFirst) {
   EXPECT_EQ(list.pop(), nullptr);
 }
 
-TEST(FrameList, RefusesANodeThatIsInAListAlready) {
+TEST(FrameList, RefusesANodeThatIsInAList) {
   FrameNode node;
   FrameList list;
   FrameList other;
@@ -36,9 +36,8 @@ TEST(FrameList, RefusesANodeThatIsInAListAlready) {
   EXPECT_TRUE(other.push(node));
 }
 
-// Threads take nodes and put them back in another order. A node that two hold at a time, or that
-// gets lost, shows.
-TEST(FrameList, HoldsUnderThreads) {
+// Threads pop nodes and push them in another order.
+TEST(FrameList, ThreadsNeverPopANodeTwiceOrLoseOne) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 50000;
   std::array<FrameNode, 8> nodes;

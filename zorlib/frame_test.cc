@@ -1,4 +1,5 @@
-// The frames that a queue's identifiers name, which of them are refused, and giving them back.
+// Frame identifiers, and how frames are freed.
+#include <functional>
 #include <optional>
 
 #include "zorlib/testing/io.h"
@@ -10,36 +11,33 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 TEST_F(IoTest, RefusesIdentifiersThatNameNoValidFrame) {
-  zorvik_frm_desc* const frame = allocFrame(ifg_);
-  const std::uint32_t id = zorlib::frameId(*frame);
-  const std::uint32_t size = reader_->frmDescSize;
-  reader_->frmDesc[0].flags = 1;  // though it looks like a frame
+  const std::uint32_t id = zorlib::frameId(*frame_);
+  reader_->frmDesc[0].flags = 1;
   reader_->frmDesc[0].generation = 7;
-  put(0x07000000u);                         // index 0
-  put((id & 0xff000000u) | (kFrames + 1));  // the first record behind the mapping
-  put(size - 1);                            // inside the loose bound, outside the mapping
-  put(size);
-  put(0xffffff);
-  put(id + 0x01000000u);  // another generation
-  for (int i = 0; i < 6; ++i) {
+  const std::uint64_t invalid[] = {
+      0x07000000u,                         // index 0, although its descriptor looks valid
+      0x100000000u,                        // index 0 in an entry that is not 0
+      (id & 0xff000000u) | (kFrames + 1),  // the first record outside the mapping
+      reader_->frmDescSize - 1,            // below the size in bytes, outside the mapping
+      reader_->frmDescSize,
+      0xffffff,
+      id + 0x01000000u,  // another generation
+  };
+  for (const std::uint64_t each : invalid) {
+    put(each);
     memory_->presq.flags = 0;
     clearRequests();
-    refusedByReader(ENXIO);
-    EXPECT_EQ(memory_->presq.flags, 1u) << "the slot is free all the same";
+    expectReadFails(ENXIO);
+    EXPECT_EQ(memory_->presq.flags, 1u) << "the slot is free again";
     EXPECT_EQ(count(ZORVIK_Q_WAKE), 1);
   }
   put(id);
-  frame->flags = 0xfffe;
-  refusedByReader(ENXIO);
-  frame->flags = 1;
-  put(id | 0xabcdef0100000000u);  // the high half says nothing
-  zorvik_frm_desc* read = nullptr;
-  EXPECT_EQ(zorlib_q_read(reader_, &read), 0);
-  EXPECT_EQ(read, frame);
-  put(0x100000000u);  // an entry that is not 0, with index 0
-  refusedByReader(ENXIO);
+  frame_->flags = 0xfffe;
+  expectReadFails(ENXIO);
+  frame_->flags = 1;
+  put(id | 0xabcdef0100000000u);
+  EXPECT_EQ(read(), frame_) << "the high half of an entry is ignored";
   EXPECT_THAT(logLines(), IsEmpty());
-  EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
 }
 
 TEST_F(IoTest, ReadsTheLastDescriptorOfTheMapping) {
@@ -47,86 +45,62 @@ TEST_F(IoTest, ReadsTheLastDescriptorOfTheMapping) {
   last.flags = 1;
   last.generation = 9;
   put(9u << 24 | kFrames);
-  zorvik_frm_desc* read = nullptr;
-  EXPECT_EQ(zorlib_q_read(reader_, &read), 0);
-  EXPECT_EQ(read, &last);
+  EXPECT_EQ(read(), &last);
 }
 
-TEST_F(IoTest, AnIngressFramesDataMustStartInThePayload) {
+TEST_F(IoTest, TheDataOfAnIngressFrameStartsInThePayload) {
   reopen(ZORVIK_Q_INGRESS);
-  zorvik_frm_desc* const frame = allocFrame(ifg_);
-  const std::uint32_t offset = frame->data_off;
-  frame->data_off = reader_->payloadSize;
-  EXPECT_EQ(zorlib_q_write(writer_, frame), 0);
-  zorvik_frm_desc* read = nullptr;
-  EXPECT_EQ(zorlib_q_read(reader_, &read), 0) << "its very end is no harm";
-  frame->data_off = reader_->payloadSize + 1;
-  EXPECT_EQ(zorlib_q_write(writer_, frame), 0);
-  frame->ref_cnt = 7;
-  refusedByReader(ENXIO);
-  EXPECT_EQ(frame->ref_cnt, 7);
-  char expected[120];
-  std::snprintf(expected, sizeof expected,
-                "Error: zorlib_q_read: Can't set tr_frame data pointer (fp %p ID %x)!",
-                static_cast<void*>(frame), zorlib::frameId(*frame));
-  EXPECT_THAT(logLines(), ElementsAre(error(expected)));
-  frame->data_off = offset;
-  EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
+  const std::uint32_t offset = frame_->data_off;
+  frame_->data_off = reader_->payloadSize;
+  EXPECT_EQ(write(), 0);
+  EXPECT_EQ(read(), frame_) << "the end itself is allowed";
+  frame_->data_off = reader_->payloadSize + 1;
+  EXPECT_EQ(write(), 0);
+  frame_->ref_cnt = 7;
+  expectReadFails(ENXIO);
+  EXPECT_EQ(frame_->ref_cnt, 7);
+  EXPECT_EQ(logLines(), lines({text("Error: zorlib_q_read: Can't set tr_frame data pointer (fp %p "
+                                    "ID %x)!",
+                                    static_cast<void*>(frame_), zorlib::frameId(*frame_))}));
+  frame_->data_off = offset;
 }
 
 TEST_F(IoTest, FreesToAnEgressQueueWithTheLastReference) {
-  zorvik_frm_desc* const frame = allocFrame(ifg_);
-  errno = 0;
-  EXPECT_EQ(zorlib_q_free(nullptr, frame), -1);
-  EXPECT_EQ(errno, ENOSYS);
-  EXPECT_EQ(zorlib_q_free(writer_, frame), -1);
-  EXPECT_EQ(errno, ENXIO);
-  EXPECT_THAT(logLines(),
-              ElementsAre(error("Error: zorlib_q_free with nil handle not yet supported!"),
-                          error("Error: zorlib_q_free must be done to an egress queue!")));
+  expectFailure([&] { return zorlib_q_free(nullptr, frame_); }, ENOSYS,
+                {"Error: zorlib_q_free with nil handle not yet supported!"});
   reopen(ZORVIK_Q_EGRESS);
-  frame->ref_cnt = 3;
-  EXPECT_EQ(zorlib_q_free(writer_, frame), 0);
-  EXPECT_EQ(zorlib_q_free(writer_, frame), 0);
-  EXPECT_EQ(frame->ref_cnt, 1);
-  refusedByReader(EAGAIN);
-  EXPECT_EQ(zorlib_q_free(writer_, frame), 0);
-  EXPECT_EQ(frame->ref_cnt, 0);
-  zorvik_frm_desc* read = nullptr;
-  EXPECT_EQ(zorlib_q_read(reader_, &read), 0);
-  EXPECT_EQ(read, frame);
+  frame_->ref_cnt = 3;
+  EXPECT_EQ(zorlib_q_free(writer_, frame_), 0);
+  EXPECT_EQ(zorlib_q_free(writer_, frame_), 0);
+  EXPECT_EQ(frame_->ref_cnt, 1);
+  expectReadFails(EAGAIN);
+  EXPECT_EQ(zorlib_q_free(writer_, frame_), 0);
+  EXPECT_EQ(frame_->ref_cnt, 0);
+  EXPECT_EQ(read(), frame_);
   EXPECT_EQ(zorlib_q_shutdown(writer_), 0);
-  frame->ref_cnt = 1;
-  EXPECT_EQ(zorlib_q_free(writer_, frame), -1);
-  EXPECT_EQ(errno, ESHUTDOWN);
-  EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
+  frame_->ref_cnt = 1;
+  expectFailure([&] { return zorlib_q_free(writer_, frame_); }, ESHUTDOWN);
 }
 
-TEST_F(IoTest, AFrameIsFreedToNoOtherQueueAndKeepsItsReferences) {
+TEST_F(IoTest, FreesToNoOtherTypeOfQueue) {
   for (const std::uint32_t type :
        {ZORVIK_Q_INGRESS, ZORVIK_Q_SHARED, ZORVIK_Q_FANOUT, ZORVIK_Q_APP, ZORVIK_Q_RAW}) {
     reopen(type);
-    zorvik_frm_desc* const frame = allocFrame(ifg_);
     for (const std::uint8_t references : {std::uint8_t{1}, std::uint8_t{3}}) {
-      frame->ref_cnt = references;
-      clearLog();
-      errno = 0;
-      EXPECT_EQ(zorlib_q_free(writer_, frame), -1) << type;
-      EXPECT_EQ(errno, ENXIO);
-      EXPECT_EQ(frame->ref_cnt, references) << type;
-      EXPECT_EQ(frame->qref_cnt, 0) << type;
-      EXPECT_THAT(logLines(),
-                  ElementsAre(error("Error: zorlib_q_free must be done to an egress queue!")));
-      refusedByReader(EAGAIN);
+      frame_->ref_cnt = references;
+      expectFailure([&] { return zorlib_q_free(writer_, frame_); }, ENXIO,
+                    {"Error: zorlib_q_free must be done to an egress queue!"});
+      EXPECT_EQ(frame_->ref_cnt, references) << type;
+      EXPECT_EQ(frame_->qref_cnt, 0) << type;
+      expectReadFails(EAGAIN);
     }
-    EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
   }
 }
 
-TEST_F(IoTest, AFrameIsReturnedByItsIdentifier) {
+TEST_F(IoTest, ReturnsAFrameByItsIdentifier) {
   zorvik_frm_desc* const frame = allocFrame(ifg_);
-  const std::uint32_t id = zorlib::frameId(*frame);
-  EXPECT_EQ(id, static_cast<std::uint32_t>(frame->generation) << 24 | frame->index);
+  const std::uint32_t id = std::uint32_t{frame->generation} << 24 | frame->index;
+  EXPECT_EQ(zorlib::frameId(*frame), id);
   std::uint32_t freed = 0;
   answer(ZORVIK_FRM_FREE, [&](int fd, void* argument) -> std::optional<int> {
     EXPECT_EQ(fd, ifg_->frmDescFd.get());
@@ -136,10 +110,8 @@ TEST_F(IoTest, AFrameIsReturnedByItsIdentifier) {
   EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
   EXPECT_EQ(freed, id);
   refuse(ZORVIK_FRM_FREE, ENOENT);
-  EXPECT_EQ(zorlib_frm_free(ifg_, frame), -1);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_frm_free: free_frm ioctl failed - "
-                                            "No such file or directory")));
+  expectFailure([&] { return zorlib_frm_free(ifg_, frame); }, ENOENT,
+                {"Error: zorlib_ifg_frm_free: free_frm ioctl failed - No such file or directory"});
 }
 
 }  // namespace

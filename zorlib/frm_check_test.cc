@@ -1,8 +1,9 @@
-// The check of descriptors.
+// zorlib_FRM_Vm: the check of a descriptor.
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -13,7 +14,6 @@
 namespace tarnik::test {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 class CheckTest : public GroupTest {
@@ -38,8 +38,9 @@ class CheckTest : public GroupTest {
     EXPECT_EQ(zorlib_q_close(q_), 0);
     GroupTest::TearDown();
   }
-  // The log is the dead child's: it is shown on standard error before the process goes.
-  void dies(zorvik_frm_desc* frame, const std::string& condition, const std::string& rest) {
+  // Checks that the process aborts and logs this condition and these values. The child that dies
+  // writes its log to standard error.
+  void dies(zorvik_frm_desc* frame, const std::string& condition, const std::string& values) {
     EXPECT_DEATH(
         {
           ::signal(SIGABRT, [](int) {
@@ -51,11 +52,11 @@ class CheckTest : public GroupTest {
         },
         ::testing::AllOf(::testing::HasSubstr("3 Error: zorlib_Assertion failed: " + condition +
                                               "\n3 Error: zorlib_FRM_Vm failed!  fp "),
-                         ::testing::HasSubstr(rest),
+                         ::testing::HasSubstr(values),
                          ::testing::ContainsRegex("zorlib_frm_check_test.*\\[0x")));
   }
-  void dies(const std::string& condition, const std::string& rest = "") {
-    dies(frame_, condition, rest);
+  void dies(const std::string& condition, const std::string& values = "") {
+    dies(frame_, condition, values);
   }
 
   zorlib_q* q_ = nullptr;
@@ -64,7 +65,7 @@ class CheckTest : public GroupTest {
 
 using CheckDeathTest = CheckTest;
 
-TEST_F(CheckTest, ASoundDescriptorPasses) {
+TEST_F(CheckTest, AcceptsAConsistentDescriptor) {
   zorlib_FRM_Vm(ifg_, frame_);
   frame_->if_out = 0;
   frame_->if_in = ZORVIK_IF_LOCAL;
@@ -73,26 +74,26 @@ TEST_F(CheckTest, ASoundDescriptorPasses) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(CheckTest, TheInterfacesAreThoseOfNow) {
-  zorlib_FRM_Vm(ifg_, frame_);  // the handle did not configure the group
+TEST_F(CheckTest, KnowsTheInterfacesOfALaterConfiguration) {
+  zorlib_FRM_Vm(ifg_, frame_);  // another handle has configured the group
   configureElsewhere(4);
   frame_->if_in = 3;
   frame_->if_out = 2;
   zorlib_FRM_Vm(ifg_, frame_);
   clearRequests();
   zorlib_FRM_Vm(ifg_, frame_);
-  EXPECT_THAT(requests(), IsEmpty()) << "a sound frame costs no request";
+  EXPECT_THAT(requests(), IsEmpty()) << "a consistent descriptor needs no request";
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(CheckTest, ABadHandleIsNoFrame) {
+TEST_F(CheckTest, RefusesANullHandle) {
   errno = 0;
   zorlib_FRM_Vm(nullptr, frame_);
   EXPECT_EQ(errno, EBADR);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_validate: Nil handle")));
+  EXPECT_EQ(logLines(), lines({"Error: zorlib_ifg_validate: Nil handle"}));
 }
 
-TEST_F(CheckDeathTest, InterfacesThatAreGoneAreNoneAnyMore) {
+TEST_F(CheckDeathTest, InterfacesThatWereRemovedAreInvalid) {
   configureElsewhere(4);
   frame_->if_in = 3;
   zorlib_FRM_Vm(ifg_, frame_);
@@ -102,13 +103,14 @@ TEST_F(CheckDeathTest, InterfacesThatAreGoneAreNoneAnyMore) {
        "if_in 3 if_out 7 num_if 2 ");
 }
 
-TEST_F(CheckDeathTest, ADescriptorOutsideTheArrayIsNotRead) {
-  dies(nullptr, "fp >= bp", "bsz 0 fsz 0 idx 0");
-  dies(q_->frmDesc - 1, "fp >= bp", "bsz 0 fsz 0 idx 0");
-  dies(q_->frmDesc + kFrames + 1, "fp < ep", "bsz 0 fsz 0 idx 0");
-  // Between two descriptors: the words there are those of neither.
+TEST_F(CheckDeathTest, DoesNotReadADescriptorOutsideTheArray) {
+  const std::string zeros = "bsz 0 fsz 0 idx 0";
+  dies(nullptr, "fp >= bp", zeros);
+  dies(q_->frmDesc - 1, "fp >= bp", zeros);
+  dies(q_->frmDesc + kFrames + 1, "fp < ep", zeros);
+  // Not at the start of a descriptor.
   auto* const between = reinterpret_cast<std::byte*>(frame_) + 3;
-  dies(reinterpret_cast<zorvik_frm_desc*>(between), "fp == &bp[fp->frm_idx]", "bsz 0 fsz 0 idx 0");
+  dies(reinterpret_cast<zorvik_frm_desc*>(between), "fp == &bp[fp->frm_idx]", zeros);
 }
 
 TEST_F(CheckDeathTest, AGroupThatIsNotMappedHasNoDescriptors) {
@@ -119,75 +121,54 @@ TEST_F(CheckDeathTest, AGroupThatIsNotMappedHasNoDescriptors) {
   EXPECT_EQ(zorlib_ifg_close(other), 0);
 }
 
-TEST_F(CheckDeathTest, EachConditionIsNamed) {
-  const std::string range = text(
-      "%p [%p-%p/257] bsz 64 fsz 64 idx 5 if_in 1 if_out 4294967295 "
-      "num_if 2 ref_cnt 10 qref_cnt 9 eng_ref_cnt 9",
-      static_cast<void*>(frame_), static_cast<void*>(q_->frmDesc),
-      static_cast<void*>(q_->frmDesc + kFrames + 1));
-  const zorvik_frm_desc sound = *frame_;
-  const auto broken = [&](auto change) {
-    *frame_ = sound;
-    change(*frame_);
-  };
-  broken([](auto& f) { f.index = 6; });
-  dies("fp == &bp[fp->frm_idx]");
-  broken([](auto& f) { f.buf_size = 63; });
-  dies("fp->buf_size >= 64", "bsz 63 fsz 64");
-  broken([](auto& f) { f.frame_size = 65; });
-  dies("fp->frame_size <= fp->buf_size");
-  for (const std::int16_t number : {std::int16_t{-2}, std::int16_t{2}}) {
-    broken([&](auto& f) { f.if_in = number; });
-    dies("fp->if_in == ZORVIK_IF_LOCAL || (fp->if_in >= 0 && fp->if_in < ifgp->num_if)");
+// The conditions in their order, and changes that violate each.
+struct Condition {
+  const char* text;
+  std::vector<std::function<void(zorvik_frm_desc&)>> violations;
+};
+const Condition kConditions[] = {
+    {"fp == &bp[fp->frm_idx]", {[](auto& f) { f.index = 6; }}},
+    {"fp->buf_size >= 64", {[](auto& f) { f.buf_size = 63; }}},
+    {"fp->frame_size <= fp->buf_size", {[](auto& f) { f.frame_size = 65; }}},
+    {"fp->if_in == ZORVIK_IF_LOCAL || (fp->if_in >= 0 && fp->if_in < ifgp->num_if)",
+     {[](auto& f) { f.if_in = -2; }, [](auto& f) { f.if_in = 2; }}},
+    {"(fp->if_out == ZORVIK_IF_LOCAL) || (fp->if_out >= 0)", {[](auto& f) { f.if_out = -2; }}},
+    {"(fp->if_out == ZORVIK_IF_LOCAL) || ((fp->if_out >= 0) && (fp->if_out < ifgp->num_if))",
+     {[](auto& f) { f.if_out = 2; }}},
+    {"fp->q_idx == ZORVIK_Q_UNKNOWN || (fp->q_idx >= 0 && fp->q_idx < ZORLIB_MAX_QPAIRS)",
+     {[](auto& f) { f.q_idx = -2; }, [](auto& f) { f.q_idx = 32; }}},
+    {"fp->ref_ctl.ref_cnt < 10", {[](auto& f) { f.ref_cnt = 10; }}},
+    {"fp->ref_ctl.qref_cnt < 10", {[](auto& f) { f.qref_cnt = 10; }}},
+    {"fp->ref_ctl.eng_ref_cnt < 10", {[](auto& f) { f.eng_ref_cnt = 10; }}},
+    {"fp->assoc_buf != NULL", {[](auto& f) { f.assoc_buf = 0; }}},
+};
+
+TEST_F(CheckDeathTest, NamesTheFirstConditionThatIsViolated) {
+  const zorvik_frm_desc consistent = *frame_;
+  for (std::size_t i = 0; i < std::size(kConditions); ++i) {
+    for (const auto& violate : kConditions[i].violations) {
+      *frame_ = consistent;
+      violate(*frame_);
+      dies(kConditions[i].text);
+      // Also when all later conditions are violated.
+      for (std::size_t later = i + 1; later < std::size(kConditions); ++later) {
+        if (later != 5) {  // its change of if_out would satisfy the condition before it
+          kConditions[later].violations[0](*frame_);
+        }
+      }
+      dies(kConditions[i].text);
+    }
   }
-  broken([](auto& f) { f.if_out = -2; });
-  dies("(fp->if_out == ZORVIK_IF_LOCAL) || (fp->if_out >= 0)");
-  broken([](auto& f) { f.if_out = 2; });
-  dies("(fp->if_out == ZORVIK_IF_LOCAL) || ((fp->if_out >= 0) && (fp->if_out < ifgp->num_if))");
-  for (const std::int16_t number : {std::int16_t{-2}, std::int16_t{32}}) {
-    broken([&](auto& f) { f.q_idx = number; });
-    dies("fp->q_idx == ZORVIK_Q_UNKNOWN || (fp->q_idx >= 0 && fp->q_idx < ZORLIB_MAX_QPAIRS)");
-  }
-  broken([](auto& f) { f.ref_cnt = 10; });
-  dies("fp->ref_ctl.ref_cnt < 10", range);
-  broken([](auto& f) { f.qref_cnt = 10; });
-  dies("fp->ref_ctl.qref_cnt < 10");
-  broken([](auto& f) { f.eng_ref_cnt = 10; });
-  dies("fp->ref_ctl.eng_ref_cnt < 10");
-  broken([](auto& f) { f.assoc_buf = 0; });
-  dies("fp->assoc_buf != NULL");
-  *frame_ = sound;
+  *frame_ = consistent;
 }
 
-TEST_F(CheckDeathTest, TheFirstConditionThatFailsIsNamed) {
-  // Everything is wrong; each correction shows the next complaint.
-  frame_->index = 6;
-  frame_->buf_size = 63;
-  frame_->frame_size = 65;
-  frame_->if_in = frame_->if_out = frame_->q_idx = -2;
-  frame_->ref_cnt = frame_->qref_cnt = frame_->eng_ref_cnt = 255;
-  frame_->assoc_buf = 0;
-  dies("fp == &bp[fp->frm_idx]", "ref_cnt 255 qref_cnt 255 eng_ref_cnt 255");
-  frame_->index = 5;
-  dies("fp->buf_size >= 64");
-  frame_->buf_size = 64;
-  dies("fp->frame_size <= fp->buf_size");
-  frame_->frame_size = 0;
-  dies("fp->if_in == ZORVIK_IF_LOCAL || (fp->if_in >= 0 && fp->if_in < ifgp->num_if)");
-  frame_->if_in = 0;
-  dies("(fp->if_out == ZORVIK_IF_LOCAL) || (fp->if_out >= 0)");
-  frame_->if_out = 2;
-  dies("(fp->if_out == ZORVIK_IF_LOCAL) || ((fp->if_out >= 0) && (fp->if_out < ifgp->num_if))");
-  frame_->if_out = 1;
-  dies("fp->q_idx == ZORVIK_Q_UNKNOWN || (fp->q_idx >= 0 && fp->q_idx < ZORLIB_MAX_QPAIRS)");
-  frame_->q_idx = 0;
-  dies("fp->ref_ctl.ref_cnt < 10");
-  frame_->ref_cnt = 0;
-  dies("fp->ref_ctl.qref_cnt < 10");
-  frame_->qref_cnt = 0;
-  dies("fp->ref_ctl.eng_ref_cnt < 10");
-  frame_->eng_ref_cnt = 0;
-  dies("fp->assoc_buf != NULL");
+TEST_F(CheckDeathTest, LogsTheDescriptor) {
+  frame_->ref_cnt = 255;
+  dies("fp->ref_ctl.ref_cnt < 10",
+       text("%p [%p-%p/257] bsz 64 fsz 64 idx 5 if_in 1 if_out 4294967295 num_if 2 ref_cnt 255 "
+            "qref_cnt 9 eng_ref_cnt 9",
+            static_cast<void*>(frame_), static_cast<void*>(q_->frmDesc),
+            static_cast<void*>(q_->frmDesc + kFrames + 1)));
 }
 
 }  // namespace

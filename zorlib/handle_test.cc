@@ -1,4 +1,4 @@
-// The end of handles: what a failed opening leaves behind, and what a handle says when it goes.
+// Handles release everything: when they are closed, and when they cannot be opened.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -25,7 +25,7 @@ constexpr char kQueueNode[] = "/dev/zorvik/brund/TarnikQ";
 constexpr char kDescriptorNode[] = "/dev/zorvik/brund/frm_desc";
 constexpr char kPayloadNode[] = "/dev/zorvik/net_data";
 
-// What a process holds of the driver and of memory.
+// The resources that the process holds.
 struct Holdings {
   int descriptors = openDescriptors();
   int queueMappings = mappingsOf(kQueueNode);
@@ -44,7 +44,7 @@ class HandleTest : public DriverTest {
  protected:
   void SetUp() override {
     DriverTest::SetUp();
-    // The driver, in this program, maps what was once opened for itself.
+    // The driver is in this program and keeps its own mapping of a queue that was opened once.
     zorlib_ifg* const ifg = openGroup();
     createQueue(ifg);
     EXPECT_EQ(zorlib_q_close(openQueue(ifg, ZORLIB_READ)), 0);
@@ -59,17 +59,17 @@ class HandleTest : public DriverTest {
 
 // ---- Groups
 
-TEST_F(HandleTest, AGroupSaysThatItIsDeadOnceItsLastUserIsGone) {
+TEST_F(HandleTest, TheLastReferenceEndsAGroup) {
   zorlib_ifg* const ifg = openGroup();
   zorlib_q* const q = openQueue(ifg, ZORLIB_READ);
   EXPECT_EQ(zorlib_ifg_close(ifg), 0);
-  EXPECT_THAT(lastWords(), IsEmpty()) << "the queue has it yet";
+  EXPECT_THAT(lastWords(), IsEmpty()) << "the queue has a reference";
   EXPECT_EQ(zorlib_q_close(q), 0);
   EXPECT_THAT(lastWords(), ElementsAre(kDeadGroup, kDeadQueue));
   EXPECT_EQ(Holdings(), before_);
 }
 
-TEST_F(HandleTest, AGroupThatCannotBeOpenedLeavesNothing) {
+TEST_F(HandleTest, AFailedGroupOpenReleasesEverything) {
   const std::string dir = "/dev/zorvik/";
   for (const char* const missing : {"ctl", "brund/ctl", "brund/frm_desc"}) {
     std::filesystem::rename(dir + missing, dir + "hidden");
@@ -89,7 +89,7 @@ TEST_F(HandleTest, AGroupThatCannotBeOpenedLeavesNothing) {
   }
 }
 
-TEST_F(HandleTest, AGroupWithoutMemoryIsToldByErrno) {
+TEST_F(HandleTest, AGroupOpenWithoutMemoryFails) {
   systemCalls.allocationsLeft = 0;
   zorlib_ifg* ifg = nullptr;
   errno = 0;
@@ -100,7 +100,7 @@ TEST_F(HandleTest, AGroupWithoutMemoryIsToldByErrno) {
   EXPECT_EQ(Holdings(), before_);
 }
 
-TEST_F(HandleTest, ThreadsMapTheFrameMemoryOnceAndTheLastOneToLeaveEndsTheGroup) {
+TEST_F(HandleTest, ThreadsMapTheFrameMemoryOnce) {
   for (int round = 0; round < 20; ++round) {
     zorlib_ifg* const ifg = openGroup();
     clearRequests();
@@ -135,7 +135,7 @@ class QueueHandleTest : public HandleTest {
   void SetUp() override {
     HandleTest::SetUp();
     ifg_ = openGroup();
-    // Frame memory stays mapped as long as the group: so it is not the opening's to give back.
+    // The frame memory stays mapped until the group is closed; a failed open does not unmap it.
     EXPECT_EQ(zorlib_q_close(openQueue(ifg_, ZORLIB_READ)), 0);
     before_ = Holdings();
     forgetObjects();
@@ -160,7 +160,7 @@ class QueueHandleTest : public HandleTest {
   zorlib_ifg* ifg_ = nullptr;
 };
 
-TEST_F(QueueHandleTest, AQueueSaysThatItIsDeadWhenItIsClosed) {
+TEST_F(QueueHandleTest, ACloseReleasesEverything) {
   zorlib_q* const q = openQueue(ifg_, ZORLIB_WRITE);
   EXPECT_THAT(lastWords(), IsEmpty());
   EXPECT_EQ(zorlib_q_close(q), 0);
@@ -168,13 +168,13 @@ TEST_F(QueueHandleTest, AQueueSaysThatItIsDeadWhenItIsClosed) {
   EXPECT_EQ(Holdings(), before_);
 }
 
-TEST_F(QueueHandleTest, AQueueThatCannotBeOpenedLeavesNothing) {
+TEST_F(QueueHandleTest, AFailedOpenReleasesEverything) {
   int fd = -1;
   const auto statOf = [&](std::uint32_t size, bool replaced) {
     return [&fd, size, replaced](int descriptor, void* argument) {
       fd = descriptor;
       static_cast<zorvik_q_stat*>(argument)->mem_size = size;
-      if (replaced) {  // by what cannot be mapped
+      if (replaced) {  // by a directory, which cannot be mapped
         const int directory = ::open("/dev/zorvik", O_RDONLY | O_DIRECTORY);
         EXPECT_EQ(::dup2(directory, descriptor), descriptor);
         ::close(directory);
@@ -200,18 +200,18 @@ TEST_F(QueueHandleTest, AQueueThatCannotBeOpenedLeavesNothing) {
     each.prepare();
     openFails("TarnikQ", each.error);
     EXPECT_THAT(lastWords(), ElementsAre(kDeadQueue));
-    EXPECT_EQ(count(ZORVIK_Q_WAKE), 0) << "nothing of the queue was touched";
+    EXPECT_EQ(count(ZORVIK_Q_WAKE), 0) << "the queue is not changed";
     answerNothing();
   }
   EXPECT_GE(fd, 0);
   forgetObjects();
   clearRequests();
-  openFails("nobody", ENOENT);
+  openFails("none", ENOENT);
   EXPECT_THAT(lastWords(), ElementsAre(kDeadQueue));
   EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(QueueHandleTest, AQueueWithoutAHandleIsToldByErrno) {
+TEST_F(QueueHandleTest, AnOpenWithoutMemoryFails) {
   systemCalls.allocationsLeft = 0;
   openFails("TarnikQ", ENOMEM);
   EXPECT_THAT(lastWords(), IsEmpty());
@@ -219,7 +219,7 @@ TEST_F(QueueHandleTest, AQueueWithoutAHandleIsToldByErrno) {
   EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(HandleTest, AQueueWithoutFrameMemoryLeavesNothing) {
+TEST_F(HandleTest, AnOpenWithoutFrameMemoryReleasesEverything) {
   zorlib_ifg* const ifg = openGroup();
   const Holdings held;
   for (const unsigned long request : {ZORVIK_FRM_DESC_SIZE, ZORVIK_NET_DATA_SIZE}) {
@@ -239,7 +239,7 @@ TEST_F(HandleTest, AQueueWithoutFrameMemoryLeavesNothing) {
     answerNothing();
   }
   EXPECT_EQ(zorlib_ifg_close(ifg), 0);
-  EXPECT_EQ(Holdings(), before_) << "the descriptors that were mapped already went with the group";
+  EXPECT_EQ(Holdings(), before_) << "with the descriptors that were mapped";
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
-// Frames through a queue: what is written is read, in its order; what the types owe their frames.
+// Reads and writes of a queue: their order, wake-ups, shutdowns and references.
 #include "zorlib/testing/io.h"
 
-#include <set>
+#include <atomic>
+#include <optional>
 #include <utility>
 #include <vector>
+
+#include "zorlib/testing/two_threads.h"
 
 namespace tarnik::test {
 namespace {
@@ -11,288 +14,221 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-TEST_F(IoTest, ReadsWhatWasWrittenInItsOrder) {
+TEST_F(IoTest, ReadsFramesInTheOrderOfTheirWrites) {
   std::vector<zorvik_frm_desc*> written;
-  for (int i = 0; i < 7; ++i) {
+  for (std::uint32_t i = 0; i + 1 < kSlots; ++i) {
     written.push_back(allocFrame(ifg_));
     EXPECT_EQ(zorlib_q_write(writer_, written.back()), 0);
-    EXPECT_EQ(entry(static_cast<std::uint32_t>(i)), zorlib::frameId(*written.back()));
+    EXPECT_EQ(entry(i), zorlib::frameId(*written.back()));
   }
-  EXPECT_EQ(memory_->enqueue, 7u);
-  zorvik_frm_desc* const eighth = allocFrame(ifg_);
-  EXPECT_EQ(zorlib_q_write(writer_, eighth), -1);
-  EXPECT_EQ(errno, EAGAIN) << "one slot always stays empty";
-  EXPECT_EQ(zorlib_frm_free(ifg_, eighth), 0);
+  EXPECT_EQ(memory_->enqueue, kSlots - 1);
+  expectWriteFails(EAGAIN);  // one slot always stays empty
   for (zorvik_frm_desc* const expected : written) {
-    zorvik_frm_desc* frame = nullptr;
-    EXPECT_EQ(zorlib_q_read(reader_, &frame), 0);
-    EXPECT_EQ(frame, expected);
-    EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
+    EXPECT_EQ(read(), expected);
+    EXPECT_EQ(zorlib_frm_free(ifg_, expected), 0);
   }
-  EXPECT_EQ(memory_->dequeue, 7u);
-  for (std::uint32_t i = 0; i < 8; ++i) {
+  EXPECT_EQ(memory_->dequeue, kSlots - 1);
+  for (std::uint32_t i = 0; i < kSlots; ++i) {
     EXPECT_EQ(entry(i), 0u);
   }
-  refusedByReader(EAGAIN);
+  expectReadFails(EAGAIN);
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(IoTest, RunsAroundTheRing) {
-  zorvik_frm_desc* const frame = allocFrame(ifg_);
-  for (int round = 0; round < 100; ++round) {
-    for (int i = 0; i < 1 + round % 7; ++i) {
-      ASSERT_EQ(zorlib_q_write(writer_, frame), 0);
-      ASSERT_EQ(zorlib_q_used(writer_), static_cast<std::uint32_t>(i) + 1);
+TEST_F(IoTest, GoesAroundTheRing) {
+  for (std::uint32_t round = 0; round < 100; ++round) {
+    const std::uint32_t frames = 1 + round % (kSlots - 1);
+    for (std::uint32_t i = 0; i < frames; ++i) {
+      ASSERT_EQ(write(), 0);
+      ASSERT_EQ(zorlib_q_used(writer_), i + 1);
     }
-    for (int i = 0; i < 1 + round % 7; ++i) {
-      zorvik_frm_desc* read = nullptr;
-      ASSERT_EQ(zorlib_q_read(reader_, &read), 0);
-      ASSERT_EQ(read, frame);
-      read->qref_cnt = 0;
+    for (std::uint32_t i = 0; i < frames; ++i) {
+      ASSERT_EQ(read(), frame_);
     }
-    refusedByReader(EAGAIN);
+    expectReadFails(EAGAIN);
   }
-  EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
 }
 
-TEST_F(IoTest, AsksTheDriverOnlyForTheFirstWakeUp) {
-  zorvik_frm_desc* const frame = allocFrame(ifg_);
-  memory_->presq.flags = memory_->cresq.flags = 0;
+TEST_F(IoTest, RequestsOnlyTheFirstWakeUp) {
   std::vector<std::uint32_t> woken;
   answer(ZORVIK_Q_WAKE, [&](int, void* argument) -> std::optional<int> {
     woken.push_back(static_cast<zorvik_q_wake*>(argument)->kresq_handle);
     return std::nullopt;
   });
-  clearRequests();
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(zorlib_q_write(writer_, frame), 0);
+    EXPECT_EQ(write(), 0);
   }
   EXPECT_EQ(memory_->cresq.flags, 1u);
   EXPECT_THAT(woken, ElementsAre(memory_->cresq.kresq_handle));
-  zorvik_frm_desc* read = nullptr;
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(zorlib_q_read(reader_, &read), 0);
+    EXPECT_EQ(read(), frame_);
   }
   EXPECT_EQ(memory_->presq.flags, 1u);
   EXPECT_THAT(woken, ElementsAre(memory_->cresq.kresq_handle, memory_->presq.kresq_handle));
   EXPECT_THAT(requests(), ElementsAre(ZORVIK_Q_WAKE, ZORVIK_Q_WAKE));
-  frame->qref_cnt = 0;
-  EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
 }
 
-TEST_F(IoTest, AWakeUpIsAddedToWhatThePeersFlagsSay) {
-  zorvik_frm_desc* const frame = allocFrame(ifg_);
-  zorvik_frm_desc* read = nullptr;
+TEST_F(IoTest, AWakeUpKeepsThePeersOtherFlags) {
   for (const std::uint32_t flags : {4u, 0xfffffffeu}) {
     clearRequests();
     memory_->presq.flags = 0;
     memory_->cresq.flags = flags;
-    EXPECT_EQ(zorlib_q_write(writer_, frame), 0) << "the other side's shutdown is not this one's";
+    EXPECT_EQ(write(), 0) << "the peer's shutdown does not affect this side";
     EXPECT_EQ(memory_->cresq.flags, flags | 1);
     EXPECT_EQ(count(ZORVIK_Q_WAKE), 1);
     memory_->presq.flags = flags;
     memory_->cresq.flags = 0;
-    EXPECT_EQ(zorlib_q_read(reader_, &read), 0);
+    EXPECT_EQ(read(), frame_);
     EXPECT_EQ(memory_->presq.flags, flags | 1);
     EXPECT_EQ(count(ZORVIK_Q_WAKE), 2);
   }
-  frame->qref_cnt = 0;
-  EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
 }
 
-TEST_F(IoTest, ACounterFromOutsideTheRingNamesASlotInside) {
-  zorvik_frm_desc* const frame = allocFrame(ifg_);
-  for (const std::uint32_t wild : {8u + 3, 0x80000003u, 0xfffffffbu}) {
+TEST_F(IoTest, ACounterOutsideTheRingNamesASlotInside) {
+  for (const std::uint32_t outside : {kSlots + 3, 0x80000003u, 0xfffffffbu}) {
+    const auto fillBehind = [this](std::uint64_t before, std::uint64_t after) {
+      for (std::uint32_t i = kSlots; i < 64; ++i) {
+        EXPECT_EQ(entry(i), before) << i << " is outside the ring";
+        entry(i) = after;
+      }
+    };
     memory_->dequeue = 3;
-    memory_->enqueue = wild;
-    EXPECT_EQ(zorlib_q_write(writer_, frame), 0);
-    ASSERT_EQ(entry(3), zorlib::frameId(*frame)) << wild;
+    memory_->enqueue = outside;
+    EXPECT_EQ(write(), 0);
+    ASSERT_EQ(entry(3), zorlib::frameId(*frame_)) << outside;
     EXPECT_EQ(memory_->enqueue, 4u);
-    for (std::uint32_t i = 8; i < 64; ++i) {
-      EXPECT_EQ(entry(i), 0u) << i << ", behind the ring";
-      entry(i) = 99;
-    }
-    memory_->dequeue = wild;
-    zorvik_frm_desc* read = nullptr;
-    ASSERT_EQ(zorlib_q_read(reader_, &read), 0);
-    EXPECT_EQ(read, frame);
-    EXPECT_EQ(entry(3), 0u) << wild;
+    fillBehind(0, 99);
+    memory_->dequeue = outside;
+    ASSERT_EQ(read(), frame_);
+    EXPECT_EQ(entry(3), 0u) << outside;
     EXPECT_EQ(memory_->dequeue, 4u);
-    for (std::uint32_t i = 8; i < 64; ++i) {
-      EXPECT_EQ(entry(i), 99u) << i << ", behind the ring";
-      entry(i) = 0;
-    }
+    fillBehind(99, 0);
   }
-  frame->qref_cnt = 0;
-  EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
 }
 
-TEST_F(IoTest, AShutDownSideFailsEvenWithFramesAndTheOtherGoesOn) {
-  zorvik_frm_desc* const frame = allocFrame(ifg_);
-  EXPECT_EQ(zorlib_q_write(writer_, frame), 0);
+TEST_F(IoTest, AShutdownAffectsItsSideOnly) {
+  EXPECT_EQ(write(), 0);
   EXPECT_EQ(zorlib_q_shutdown(reader_), 0);
-  refusedByReader(ESHUTDOWN);
-  EXPECT_EQ(zorlib_q_write(writer_, frame), 0);
-  zorlib_q* const again = openQueue(ifg_, ZORLIB_READ);
-  zorvik_frm_desc* read = nullptr;
-  EXPECT_EQ(zorlib_q_read_timeout(again, &read, 0), 0) << "opening the side ends its shutdown";
+  expectReadFails(ESHUTDOWN);  // although a frame is queued
+  EXPECT_EQ(write(), 0);
   EXPECT_EQ(zorlib_q_shutdown(writer_), 0);
-  const int references = frame->qref_cnt;
-  errno = 0;
-  EXPECT_EQ(zorlib_q_write(writer_, frame), -1);
-  EXPECT_EQ(errno, ESHUTDOWN);
-  EXPECT_EQ(frame->qref_cnt, references);
-  EXPECT_EQ(zorlib_q_read_timeout(again, &read, 0), 0);
-  EXPECT_EQ(zorlib_q_close(again), 0);
+  expectWriteFails(ESHUTDOWN);
+  zorlib_q* const second = openQueue(ifg_, ZORLIB_READ);  // clears the side's shutdown
+  zorvik_frm_desc* frame = nullptr;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(zorlib_q_read_timeout(second, &frame, 0), 0);
+    EXPECT_EQ(frame, frame_);
+  }
+  EXPECT_EQ(zorlib_q_close(second), 0);
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(IoTest, ACountOfReferencesIsWhatTheTypeAsksFor) {
+// ---- References
+
+TEST_F(IoTest, TheTypeDecidesHowReferencesAreCounted) {
   struct Case {
     std::uint32_t type;
     int queueRefsAdded;
     int refsAfterRead;
   };
+  const std::uint32_t offset = frame_->data_off;
   for (const Case& each :
        {Case{1, 0, 1}, Case{2, 0, 5}, Case{3, 0, 6}, Case{4, 1, 5}, Case{5, 1, 5}, Case{6, 0, 5}}) {
+    SCOPED_TRACE(each.type);
     reopen(each.type);
-    zorvik_frm_desc* const frame = allocFrame(ifg_);
-    frame->ref_cnt = 5;
-    frame->qref_cnt = 2;
-    frame->data = 0;
-    const std::uint32_t offset = std::exchange(frame->data_off, 4096u);
-    EXPECT_EQ(zorlib_q_write(writer_, frame), 0);
-    EXPECT_EQ(frame->qref_cnt, 2 + each.queueRefsAdded) << each.type;
-    EXPECT_EQ(frame->ref_cnt, 5);
-    zorvik_frm_desc* read = nullptr;
-    EXPECT_EQ(zorlib_q_read(reader_, &read), 0);
-    EXPECT_EQ(read, frame);
-    EXPECT_EQ(frame->ref_cnt, each.refsAfterRead) << each.type;
-    EXPECT_EQ(frame->qref_cnt, 2 + each.queueRefsAdded);
-    EXPECT_EQ(frame->data,
+    frame_->ref_cnt = 5;
+    frame_->qref_cnt = 2;
+    frame_->data = 0;
+    frame_->data_off = 4096;
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(frame_->qref_cnt, 2 + each.queueRefsAdded);
+    EXPECT_EQ(frame_->ref_cnt, 5);
+    EXPECT_EQ(read(), frame_);
+    EXPECT_EQ(frame_->ref_cnt, each.refsAfterRead);
+    EXPECT_EQ(frame_->qref_cnt, 2 + each.queueRefsAdded);
+    EXPECT_EQ(frame_->data,
               each.type == 1 ? reinterpret_cast<std::uintptr_t>(reader_->payload + 4096) : 0u);
-    frame->data_off = offset;
-    // A write that fails leaves the count alone: without room, shut down, interrupted.
-    frame->qref_cnt = 2;
-    for (int i = 0; i < 7; ++i) {
-      EXPECT_EQ(zorlib_q_write(writer_, frame), 0);
-    }
-    frame->qref_cnt = 2;
-    EXPECT_EQ(zorlib_q_write(writer_, frame), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(frame->qref_cnt, 2);
+    // A write that fails keeps the count: without room, and with a failed wait.
+    fill();
+    expectWriteFails(EAGAIN);
     zorlib_q_set_timeout(writer_, -1);
     memory_->presq.flags = 0;
     refuse(ZORVIK_Q_WAIT, EINTR);
-    EXPECT_EQ(zorlib_q_write(writer_, frame), -1);
-    EXPECT_EQ(errno, EINTR);
-    EXPECT_EQ(frame->qref_cnt, 2);
+    expectWriteFails(EINTR);
     answerNothing();
-    for (int i = 0; i < 7; ++i) {
-      EXPECT_EQ(zorlib_q_read(reader_, &read), 0);
+  }
+  frame_->data_off = offset;
+}
+
+constexpr int kBatch = 256;  // after so many changes a count of one byte has its old value
+
+TEST_F(IoTest, ThreadsWhoseWritesFailKeepTheQueueReferences) {
+  frame_->qref_cnt = 7;
+  EXPECT_EQ(zorlib_q_shutdown(writer_), 0);
+  std::atomic<int> failures{0};
+  const auto batch = [&] {
+    int failed = 0;
+    for (int i = 0; i < kBatch; ++i) {
+      failed += write() == -1 && errno == ESHUTDOWN ? 1 : 0;
     }
-    frame->qref_cnt = 0;
-    EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
-  }
+    failures += failed;
+  };
+  const int batches = inTwoThreads(batch, batch);
+  EXPECT_EQ(failures, batches * kBatch);
+  EXPECT_EQ(frame_->qref_cnt, 7);
 }
 
-// ---- Batch allocation
-
-TEST_F(IoTest, OneRequestServesManyAllocations) {
-  std::set<zorvik_frm_desc*> seen;
-  clearRequests();
-  for (int i = 0; i < 62; ++i) {
-    zorvik_frm_desc* const frame = allocFrame(ifg_, 2048);
-    ASSERT_NE(frame, nullptr);
-    EXPECT_TRUE(seen.insert(frame).second);
-    EXPECT_GE(frame->buf_size, 2048u);
-    EXPECT_EQ(frame->flags, ZORVIK_FRM_VALID);
-    std::uint8_t* const data = zorlib_ifg_frm_data(ifg_, frame);
-    EXPECT_EQ(data, reader_->payload + frame->data_off);
-  }
-  EXPECT_THAT(requests(), ElementsAre(ZORVIK_FRM_ALLOC));
-  for (zorvik_frm_desc* const frame : seen) {
-    EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
-  }
-}
-
-TEST_F(IoTest, SizesAreKeptApart) {
-  zorvik_frm_desc* frames[8] = {};
-  zorvik_frm_desc* const small = allocFrame(ifg_, 100);
-  EXPECT_EQ(small->buf_size, 2048u);
-  EXPECT_EQ(zorlib_batch_alloc(ifg_, 60000, frames, 3), 3);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(frames[i]->buf_size, 65536u);
-    EXPECT_EQ(zorlib_frm_free(ifg_, frames[i]), 0);
-  }
-  errno = 0;
-  EXPECT_EQ(zorlib_batch_alloc(ifg_, 65537, frames, 1), -1);
-  EXPECT_EQ(errno, EMSGSIZE);
-  EXPECT_EQ(zorlib_frm_free(ifg_, small), 0);
-  EXPECT_EQ(zorlib_batch_alloc(ifg_, 100, frames, 0), -1);
-  EXPECT_EQ(errno, EINVAL);
-}
-
-TEST_F(IoTest, AnEmptyPoolGivesWhatIsLeftAndThenENOBUFS) {
-  std::vector<zorvik_frm_desc*> taken;
-  zorvik_frm_desc* batch[62];
-  int got = 0;
-  while ((got = zorlib_batch_alloc(ifg_, 60000, batch, 62)) > 0) {
-    taken.insert(taken.end(), batch, batch + got);
-  }
-  EXPECT_EQ(errno, ENOBUFS);
-  EXPECT_EQ(taken.size(), 8u);
-  EXPECT_THAT(logLines(), IsEmpty()) << "daily life for a producer";
-  for (zorvik_frm_desc* const frame : taken) {
-    EXPECT_EQ(zorlib_frm_free(ifg_, frame), 0);
-  }
-}
-
-TEST_F(IoTest, ADriverThatGivesNonsenseIsNotBelieved) {
-  answer(ZORVIK_FRM_ALLOC, [](int, void* argument) {
-    auto& alloc = *static_cast<zorvik_frm_alloc*>(argument);
-    alloc.count = 1000;
-    for (std::uint32_t& id : alloc.frame_ids) {
-      id = 5;  // the same one again and again
+TEST_F(IoTest, ThreadsThatReadOneFrameFromTwoQueuesAreAllCounted) {
+  zorlib_q* ends[2][2];
+  constexpr const char* kNames[] = {"one", "two"};
+  for (int i = 0; i < 2; ++i) {
+    createQueue(ifg_, ZORVIK_Q_SHARED, 16, kNames[i]);
+    for (const std::uint32_t mode : {ZORLIB_READ, ZORLIB_WRITE}) {
+      ends[i][mode] = openQueue(ifg_, mode, kNames[i]);
     }
-    alloc.frame_ids[0] = 0;
-    alloc.frame_ids[1] = kFrames + 1;
-    return 0;
-  });
-  zorvik_frm_desc* frames[3] = {};
-  EXPECT_EQ(zorlib_batch_alloc(ifg_, 64, frames, 1), 1);
-  EXPECT_EQ(frames[0], reader_->frmDesc + 5);
-  answer(ZORVIK_FRM_ALLOC, [](int, void* argument) {
-    static_cast<zorvik_frm_alloc*>(argument)->count = 1;
-    static_cast<zorvik_frm_alloc*>(argument)->frame_ids[0] = 0;
-    return 0;
-  });
-  errno = 0;
-  frames[0]->buf_size = 2048;
-  EXPECT_EQ(zorlib_batch_alloc(ifg_, 64, frames, 3), 1) << "the cached one, once";
-  EXPECT_EQ(zorlib_batch_alloc(ifg_, 64, frames, 3), -1);
-  EXPECT_EQ(errno, ENXIO);
-  answer(ZORVIK_FRM_FREE, [](int, void*) { return 0; });
+  }
+  frame_->ref_cnt = 5;
+  std::atomic<int> reads{0};
+  const auto batchOn = [&](zorlib_q* const(&q)[2]) {
+    return [&reads, &q, frame = frame_] {
+      int done = 0;
+      for (int i = 0; i < kBatch; ++i) {
+        zorvik_frm_desc* read = nullptr;
+        if (zorlib_q_write(q[ZORLIB_WRITE], frame) == 0 &&
+            zorlib_q_read_timeout(q[ZORLIB_READ], &read, 0) == 0 && read == frame) {
+          ++done;
+        }
+      }
+      reads += done;
+    };
+  };
+  const int batches = inTwoThreads(batchOn(ends[0]), batchOn(ends[1]));
+  EXPECT_EQ(reads, batches * kBatch);
+  EXPECT_EQ(frame_->ref_cnt, 5);
+  for (int i = 0; i < 2; ++i) {
+    for (zorlib_q* const q : ends[i]) {
+      EXPECT_EQ(zorlib_q_close(q), 0);
+    }
+    EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, kNames[i]), 0);
+  }
 }
 
-TEST_F(IoTest, AFramesBufferMustLieInThePayload) {
-  zorvik_frm_desc frame{};
-  frame.data_off = reader_->payloadSize - 100;
-  frame.buf_size = 100;
-  EXPECT_EQ(zorlib_ifg_frm_data(ifg_, &frame), reader_->payload + frame.data_off);
-  frame.buf_size = 101;
-  EXPECT_EQ(zorlib_ifg_frm_data(ifg_, &frame), nullptr);
-  frame.data_off = frame.buf_size = 0xffffffff;
-  EXPECT_EQ(zorlib_ifg_frm_data(ifg_, &frame), nullptr);
-}
-
-TEST_F(IoTest, AnUnmappedGroupAllocatesNothing) {
-  zorlib_ifg* const other = openGroup();
-  zorvik_frm_desc* frame = nullptr;
-  errno = 0;
-  EXPECT_EQ(zorlib_batch_alloc(other, 64, &frame, 1), -1);
-  EXPECT_EQ(errno, ENOTCONN);
-  EXPECT_EQ(zorlib_ifg_close(other), 0);
+TEST_F(IoTest, OneOfTwoThreadsDropsTheLastReference) {
+  reopen(ZORVIK_Q_EGRESS);
+  // The count is 1 once per batch. The thread that sees it writes the frame, which fails.
+  EXPECT_EQ(zorlib_q_shutdown(writer_), 0);
+  frame_->ref_cnt = 0;
+  std::atomic<int> last{0};
+  const auto batch = [&] {
+    int writes = 0;
+    for (int i = 0; i < kBatch; ++i) {
+      writes += zorlib_q_free(writer_, frame_) != 0 ? 1 : 0;
+    }
+    last += writes;
+  };
+  const int batches = inTwoThreads(batch, batch);
+  EXPECT_EQ(last, batches);
+  EXPECT_EQ(frame_->ref_cnt, 0);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Several processes and threads on one queue, over the driver stand-in: every frame arrives once,
-// and a shutdown reaches who sleeps.
-#include <vector>
+// Several processes on one queue: every frame arrives once, and a shutdown wakes all sleepers.
+#include <deque>
 
 #include "zorlib/testing/traffic.h"
 
@@ -9,51 +8,49 @@ namespace {
 
 TEST_F(ProcessTest, TwoProcessesMoveEveryFrameInOrder) {
   makeQueue(64);
-  const pid_t consumer = process([&] { return consume(true); });
-  const pid_t producer = process([&] { return produce(0, kMany); });
-  EXPECT_EQ(statusOf(producer), 0);
+  Process consumer([&] { return consume(Order::kWritten); });
+  Process producer([&] { return produce(0, kMany); });
+  EXPECT_EQ(producer.wait(), kSucceeded);
   shutDownAfter(kMany);
-  EXPECT_EQ(statusOf(consumer), 0);
+  EXPECT_EQ(consumer.wait(), kSucceeded);
   expectAllSeenOnce(kMany);
 }
 
-TEST_F(ProcessTest, ManyProducersAndConsumersMoveEveryFrameOnce) {
-  // Larger than what is moved between two turns of a process: see the limits of the ring.
+TEST_F(ProcessTest, FourProducersAndFourConsumersMoveEveryFrameOnce) {
+  // No counter advances around the ring while a process is preempted: see the limit in ring.h.
   makeQueue(1 << 20);
   constexpr std::uint64_t kEach = kMany / 10;
-  std::vector<pid_t> consumers;
-  std::vector<pid_t> producers;
-  for (int i = 0; i < 4; ++i) {
-    consumers.push_back(process([&] { return consume(false); }));
-  }
+  std::deque<Process> consumers;
+  std::deque<Process> producers;
   for (std::uint64_t i = 0; i < 4; ++i) {
-    producers.push_back(process([&, i] { return produce(i * kEach, kEach); }));
+    consumers.emplace_back([&] { return consume(Order::kAny); });
+    producers.emplace_back([&, i] { return produce(i * kEach, kEach); });
   }
   waitUntilReady(8);
-  for (const pid_t pid : producers) {
-    EXPECT_EQ(statusOf(pid), 0);
+  for (Process& each : producers) {
+    EXPECT_EQ(each.wait(), kSucceeded);
   }
   shutDownAfter(4 * kEach);
-  for (const pid_t pid : consumers) {
-    EXPECT_EQ(statusOf(pid), 0);
+  for (Process& each : consumers) {
+    EXPECT_EQ(each.wait(), kSucceeded);
   }
   expectAllSeenOnce(4 * kEach);
 }
 
-TEST_F(ProcessTest, AShutdownWakesEverySleepingReaderAtOnce) {
+TEST_F(ProcessTest, AShutdownWakesEverySleepingReader) {
   makeQueue(16);
-  std::vector<pid_t> readers;
+  std::deque<Process> readers;
   for (int i = 0; i < 3; ++i) {
-    readers.push_back(process([&] { return consume(false); }));
+    readers.emplace_back([&] { return consume(Order::kAny); });
   }
   waitUntilReady(3);
-  ::usleep(50'000);  // they sleep by now
-  const auto start = Clock::now();
-  shutDownReaders();
-  for (const pid_t pid : readers) {
-    EXPECT_EQ(statusOf(pid), 0);
+  ::usleep(50'000);  // until they sleep
+  const auto start = std::chrono::steady_clock::now();
+  shutDown(ZORLIB_READ);
+  for (Process& each : readers) {
+    EXPECT_EQ(each.wait(), kSucceeded);
   }
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
 }
 
 }  // namespace

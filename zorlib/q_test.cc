@@ -1,13 +1,12 @@
-// Queue handles: opening, closing, shutting down, and the small questions.
+// Queue handles: open, shut down, and their properties.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "base/log.h"
 #include "zorlib/internal.h"
@@ -16,10 +15,8 @@
 namespace tarnik::test {
 namespace {
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::Not;
 
 class QueueTest : public GroupTest {
  protected:
@@ -29,23 +26,18 @@ class QueueTest : public GroupTest {
     clearRequests();
   }
   void TearDown() override {
-    EXPECT_EQ(ifg_->refs, 1u) << "a queue was left open, or a failed open kept its reference";
+    EXPECT_EQ(ifg_->refs, 1u) << "a queue is still open, or a failed open kept its reference";
     GroupTest::TearDown();
   }
 
-  // Opens and fails.
-  void openFails(std::uint32_t mode, const char* name, int expected, const std::string& message) {
+  void openFails(std::uint32_t mode, const char* name, int error, const std::string& line) {
     zorlib_q* q = nullptr;
-    clearLog();
-    errno = 0;
-    EXPECT_EQ(zorlib_q_app_open(ifg_, name, mode, &q), -1);
-    EXPECT_EQ(errno, expected);
+    expectFailure([&] { return zorlib_q_app_open(ifg_, name, mode, &q); }, error, {line});
     EXPECT_EQ(q, nullptr);
-    EXPECT_THAT(logLines(), ElementsAre(error(message)));
   }
 };
 
-TEST_F(QueueTest, OpensWithWhatTheDriverTells) {
+TEST_F(QueueTest, OpensWithTheDriversValues) {
   zorlib_q* const q = openQueue(ifg_, ZORLIB_READ);
   ASSERT_NE(q, nullptr);
   EXPECT_EQ(q->magic.get(), 0xfaceb00bu);
@@ -73,84 +65,99 @@ TEST_F(QueueTest, OpensWithWhatTheDriverTells) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(QueueTest, OpeningEndsTheShutdownOfItsOwnSideOnly) {
-  zorlib_q* const reader = openQueue(ifg_, ZORLIB_READ);
-  zorvik_qmem& memory = reader->memory();
-  for (const std::uint32_t mode : {ZORLIB_READ, ZORLIB_WRITE}) {
-    memory.presq.flags = memory.cresq.flags = 0xf;
-    std::uint32_t woken = 0;
-    std::uint32_t flagsThen = 0;
-    answer(ZORVIK_Q_WAKE, [&](int, void* argument) {
-      woken = static_cast<zorvik_q_wake*>(argument)->kresq_handle;
-      flagsThen = (mode == ZORLIB_READ ? memory.cresq : memory.presq).flags;
-      return 0;
-    });
-    zorlib_q* const q = openQueue(ifg_, mode);
-    EXPECT_EQ(flagsThen, 0xbu) << "the shutdown has ended before the wake-up";
-    EXPECT_EQ(memory.cresq.flags, mode == ZORLIB_READ ? 0xbu : 0xfu);
-    EXPECT_EQ(memory.presq.flags, mode == ZORLIB_READ ? 0xfu : 0xbu);
-    EXPECT_EQ(woken, mode == ZORLIB_READ ? memory.cresq.kresq_handle : memory.presq.kresq_handle);
-    EXPECT_EQ(zorlib_q_close(q), 0);
-    answerNothing();
-  }
-  EXPECT_EQ(zorlib_q_close(reader), 0);
+TEST_F(QueueTest, KeepsNineteenCharactersOfTheName) {
+  const std::string name = "./././././././TarnikQ";
+  zorlib_q* const q = openQueue(ifg_, ZORLIB_READ, name.c_str());
+  ASSERT_NE(q, nullptr);
+  EXPECT_EQ(std::string(q->name.data()), name.substr(0, 19));
+  EXPECT_EQ(std::string(q->path.data()), "/dev/zorvik/brund/" + name);
+  EXPECT_EQ(zorlib_q_close(q), 0);
 }
 
-TEST_F(QueueTest, ShutdownMarksItsOwnSideAndWakesIt) {
-  for (const std::uint32_t mode : {ZORLIB_READ, ZORLIB_WRITE}) {
-    zorlib_q* const q = openQueue(ifg_, mode);
-    zorvik_qmem& memory = q->memory();
-    memory.presq.flags = memory.cresq.flags = 0;
-    std::uint32_t woken = 0;
-    std::uint32_t flagsThen = 0;
-    answer(ZORVIK_Q_WAKE, [&](int, void* argument) {
-      woken = static_cast<zorvik_q_wake*>(argument)->kresq_handle;
-      flagsThen = q->side().flags;
-      return -EIO;  // which nobody hears of
+// ---- Shutdown: an open clears the flag of its side, a shutdown sets it, and both then wake the
+// side
+
+class ShutdownTest : public QueueTest, public ::testing::WithParamInterface<std::uint32_t> {
+ protected:
+  void SetUp() override {
+    QueueTest::SetUp();
+    other_ = openQueue(ifg_, GetParam() == ZORLIB_READ ? ZORLIB_WRITE : ZORLIB_READ);
+    zorvik_qmem& memory = other_->memory();
+    own_ = GetParam() == ZORLIB_READ ? &memory.cresq : &memory.presq;
+    answer(ZORVIK_Q_WAKE, [this](int, void* argument) {
+      woken_.push_back(static_cast<zorvik_q_wake*>(argument)->kresq_handle);
+      flagsAtWake_ = own_->flags;
+      return -EIO;  // has no consequence
     });
-    EXPECT_EQ(zorlib_q_shutdown(q), 0);
-    EXPECT_EQ(flagsThen, 4u) << "the flag stands before the wake-up";
-    EXPECT_EQ(memory.cresq.flags, mode == ZORLIB_READ ? 4u : 0u);
-    EXPECT_EQ(memory.presq.flags, mode == ZORLIB_READ ? 0u : 4u);
-    EXPECT_EQ(woken, mode == ZORLIB_READ ? memory.cresq.kresq_handle : memory.presq.kresq_handle);
-    EXPECT_EQ(zorlib_q_close(q), 0);
-    answerNothing();
   }
+  void TearDown() override {
+    EXPECT_EQ(zorlib_q_close(other_), 0);
+    QueueTest::TearDown();
+  }
+
+  zorlib_q* other_ = nullptr;
+  zorvik_resq* own_ = nullptr;
+  std::vector<std::uint32_t> woken_;
+  std::uint32_t flagsAtWake_ = 0;
+};
+
+TEST_P(ShutdownTest, AnOpenClearsTheShutdownOfItsSide) {
+  own_->flags = 0xf;
+  other_->side().flags = 0xf;
+  zorlib_q* const q = openQueue(ifg_, GetParam());
+  EXPECT_EQ(flagsAtWake_, 0xbu) << "cleared before the wake-up";
+  EXPECT_EQ(own_->flags, 0xbu);
+  EXPECT_EQ(other_->side().flags, 0xfu);
+  EXPECT_THAT(woken_, ElementsAre(own_->kresq_handle));
+  EXPECT_EQ(zorlib_q_close(q), 0);
 }
 
-TEST_F(QueueTest, SaysWhyAQueueCannotBeOpened) {
+TEST_P(ShutdownTest, AShutdownSetsTheFlagOfItsSide) {
+  zorlib_q* const q = openQueue(ifg_, GetParam());
+  own_->flags = other_->side().flags = 0xa;
+  woken_.clear();
+  EXPECT_EQ(zorlib_q_shutdown(q), 0);
+  EXPECT_EQ(flagsAtWake_, 0xeu) << "set before the wake-up";
+  EXPECT_EQ(own_->flags, 0xeu);
+  EXPECT_EQ(other_->side().flags, 0xau);
+  EXPECT_THAT(woken_, ElementsAre(own_->kresq_handle));
+  EXPECT_EQ(zorlib_q_close(q), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sides, ShutdownTest, ::testing::Values(ZORLIB_READ, ZORLIB_WRITE));
+
+// ---- Failed opens
+
+TEST_F(QueueTest, LogsAFailedOpen) {
   openFails(2, "TarnikQ", EINVAL, "Error: zorlib_q_app_open: Invalid mode 2");
   openFails(0xffffffff, "TarnikQ", EINVAL, "Error: zorlib_q_app_open: Invalid mode -1");
   EXPECT_THAT(requests(), IsEmpty());
-  openFails(0, "nobody", ENOENT,
-            "Error: zorlib_q_open: open(/dev/zorvik/brund/nobody) failed - No such file or "
-            "directory");
+  openFails(
+      0, "none", ENOENT,
+      "Error: zorlib_q_open: open(/dev/zorvik/brund/none) failed - No such file or directory");
   refuse(ZORVIK_Q_STAT, EIO);
   openFails(0, "TarnikQ", EIO, "Error: zorlib_q_stat: stat ioctl failed - Input/output error");
-}
-
-TEST_F(QueueTest, RefusesAQueueWithoutMemory) {
   answer(ZORVIK_Q_STAT, [](int, void*) { return 0; });
   openFails(1, "TarnikQ", ENXIO, "Error: zorlib_q_open: brund/TarnikQ stat ioctl shows size 0");
 }
 
-TEST_F(QueueTest, SaysWhyTheMemoryCannotBeMapped) {
+TEST_F(QueueTest, LogsAFailedMapping) {
   int fd = -1;
   answer(ZORVIK_Q_STAT, [&](int descriptor, void* argument) {
     fd = descriptor;
     static_cast<zorvik_q_stat*>(argument)->mem_size = 320;
-    // The node is replaced by one that cannot be mapped.
+    // A directory cannot be mapped.
     EXPECT_EQ(::dup2(::open("/dev/zorvik", O_RDONLY | O_DIRECTORY), descriptor), descriptor);
     return 0;
   });
   zorlib_q* q = nullptr;
   EXPECT_EQ(zorlib_q_app_open(ifg_, "TarnikQ", 0, &q), -1);
   EXPECT_EQ(errno, EACCES);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_q_open: mmap failed (" +
-                                            std::to_string(fd) + ", 320) - Permission denied")));
+  EXPECT_EQ(logLines(), lines({"Error: zorlib_q_open: mmap failed (" + std::to_string(fd) +
+                               ", 320) - Permission denied"}));
 }
 
-TEST_F(QueueTest, RefusesMemoryThatHoldsNoRing) {
+TEST_F(QueueTest, RefusesMemoryThatHasNoRing) {
   struct Case {
     std::uint32_t memSize, slots, mask;
   };
@@ -172,96 +179,72 @@ TEST_F(QueueTest, RefusesMemoryThatHoldsNoRing) {
   answerNothing();
   memory.max_elements = 2;
   memory.mask = 1;
-  EXPECT_EQ(zorlib_q_close(openQueue(ifg_, ZORLIB_WRITE)), 0) << "the smallest that holds a frame";
+  EXPECT_EQ(zorlib_q_close(openQueue(ifg_, ZORLIB_WRITE)), 0) << "the smallest ring";
   memory.max_elements = 16;
   memory.mask = 15;
   EXPECT_EQ(zorlib_q_close(owner), 0);
 }
 
-TEST_F(QueueTest, KeepsNineteenCharactersOfTheName) {
-  const char name[] = "./././././././TarnikQ";
-  zorlib_q* const q = openQueue(ifg_, ZORLIB_READ, name);
-  ASSERT_NE(q, nullptr);
-  EXPECT_EQ(std::string(q->name.data()), std::string(name, 19));
-  EXPECT_EQ(std::string(q->path.data()), std::string("/dev/zorvik/brund/") + name);
-  EXPECT_EQ(zorlib_q_close(q), 0);
-}
+// ---- Checks and properties of a handle
 
 TEST_F(QueueTest, RefusesBadHandles) {
-  alignas(8) std::uint32_t wrong[128] = {0xbaadf00d};
-  auto* const dead = reinterpret_cast<zorlib_q*>(wrong);
+  alignas(8) std::uint32_t closed[128] = {0xbaadf00d};
+  auto* const dead = reinterpret_cast<zorlib_q*>(closed);
+  const std::vector<std::string> deadLine = {"Error: zorlib_q_validate: Unknown magic baadf00d"};
   zorvik_frm_desc frame{};
-  const std::function<int(zorlib_q*)> functions[] = {
-      [&](zorlib_q* q) { return zorlib_q_close(q); },
-      [&](zorlib_q* q) { return zorlib_q_shutdown(q); },
-      [&](zorlib_q* q) {
-        zorvik_frm_desc* read = &frame;
-        const int result = zorlib_q_read(q, &read);
-        EXPECT_EQ(read, nullptr);
-        return result;
-      },
-      [&](zorlib_q* q) {
-        zorvik_frm_desc* read = &frame;
-        const int result = zorlib_q_read_timeout(q, &read, 0);
-        EXPECT_EQ(read, nullptr);
-        return result;
-      },
-      [&](zorlib_q* q) { return zorlib_q_write(q, &frame); },
+  zorvik_frm_desc* read = nullptr;
+  struct Function {
+    std::function<int(zorlib_q*)> call;
+    zorvik_frm_desc* readAfter;  // a read sets the frame to null
   };
-  const auto refuses = [](const auto& function, zorlib_q* q, const char* message) {
-    clearLog();
-    errno = 0;
-    EXPECT_EQ(function(q), -1);
-    EXPECT_EQ(errno, EBADR);
-    EXPECT_THAT(logLines(), ElementsAre(error(message)));
+  const Function functions[] = {
+      {[](zorlib_q* q) { return zorlib_q_close(q); }, &frame},
+      {[](zorlib_q* q) { return zorlib_q_shutdown(q); }, &frame},
+      {[&](zorlib_q* q) { return zorlib_q_read(q, &read); }, nullptr},
+      {[&](zorlib_q* q) { return zorlib_q_read_timeout(q, &read, 0); }, nullptr},
+      {[&](zorlib_q* q) { return zorlib_q_write(q, &frame); }, &frame},
   };
-  for (const auto& function : functions) {
-    refuses(function, nullptr, "Error: zorlib_q_validate: Nil handle");
-    refuses(function, dead, "Error: zorlib_q_validate: Unknown magic baadf00d");
+  for (const auto& [call, readAfter] : functions) {
+    for (zorlib_q* const q : {static_cast<zorlib_q*>(nullptr), dead}) {
+      read = &frame;
+      expectFailure(
+          [&, &function = call] { return function(q); }, EBADR,
+          q == dead ? deadLine : std::vector<std::string>{"Error: zorlib_q_validate: Nil handle"});
+      EXPECT_EQ(read, readAfter);
+    }
   }
-  // Which has an answer of its own to a null handle.
-  refuses([&](zorlib_q* q) { return zorlib_q_free(q, &frame); }, dead,
-          "Error: zorlib_q_validate: Unknown magic baadf00d");
-  EXPECT_EQ(frame.ref_cnt, 0) << "nothing was counted";
+  expectFailure([&] { return zorlib_q_free(dead, &frame); }, EBADR, deadLine);
+  EXPECT_EQ(frame.ref_cnt, 0);
   EXPECT_THAT(requests(), IsEmpty());
-  clearLog();
   std::uint32_t size = 0;
   for (zorlib_q* const q : {static_cast<zorlib_q*>(nullptr), dead}) {
-    errno = 0;
-    EXPECT_EQ(zorlib_q_get_fd(q), -1);
-    EXPECT_EQ(errno, EBADR);
-    errno = 0;
-    EXPECT_EQ(zorlib_q_get_size(q, &size), -1);
-    EXPECT_EQ(errno, EBADR);
+    expectFailure([&] { return zorlib_q_get_fd(q); }, EBADR);
+    expectFailure([&] { return zorlib_q_get_size(q, &size); }, EBADR);
   }
-  EXPECT_THAT(logLines(), IsEmpty()) << "these two say nothing";
 }
 
-TEST_F(QueueTest, TellsSizeAndDescriptor) {
+TEST_F(QueueTest, ReturnsSizeAndDescriptor) {
   zorlib_q* const q = openQueue(ifg_, ZORLIB_READ);
   std::uint32_t entries = 0;
   EXPECT_EQ(zorlib_q_get_size(q, &entries), 0);
   EXPECT_EQ(entries, 16u);
   EXPECT_EQ(zorlib_q_get_fd(q), q->fd.get());
   const int fd = q->fd.release();
-  errno = 0;
-  EXPECT_EQ(zorlib_q_get_fd(q), -1);
-  EXPECT_EQ(errno, ENOTCONN);
+  expectFailure([&] { return zorlib_q_get_fd(q); }, ENOTCONN);
   q->fd.reset(fd);
   EXPECT_EQ(zorlib_q_close(q), 0);
-  EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(QueueTest, KeepsTheTimeout) {
+TEST_F(QueueTest, StoresANegativeTimeoutAsMinusOne) {
   zorlib_q* const q = openQueue(ifg_, ZORLIB_READ);
-  for (const auto& [given, kept] : {std::pair{0, 0}, {5000, 5000}, {-1, -1}, {-12345, -1}}) {
-    EXPECT_EQ(zorlib_q_set_timeout(q, given), 0);
-    EXPECT_EQ(q->timeout, kept);
+  for (const auto& [timeout, stored] : {std::pair{0, 0}, {5000, 5000}, {-1, -1}, {-12345, -1}}) {
+    EXPECT_EQ(zorlib_q_set_timeout(q, timeout), 0);
+    EXPECT_EQ(q->timeout, stored);
   }
   EXPECT_EQ(zorlib_q_close(q), 0);
 }
 
-TEST_F(QueueTest, BoundsAFramesDataByThePayload) {
+TEST_F(QueueTest, AFramesDataIsInThePayload) {
   zorlib_q* const q = openQueue(ifg_, ZORLIB_READ);
   const std::uint32_t size = q->payloadSize;
   zorvik_frm_desc frame{};
@@ -286,65 +269,54 @@ TEST_F(QueueTest, BoundsAFramesDataByThePayload) {
   EXPECT_EQ(zorlib_q_close(q), 0);
 }
 
-TEST_F(QueueTest, DumpsHandleAndMemoryToTheDebugLog) {
-  zorlib_q* const q = openQueue(ifg_, ZORLIB_WRITE);
-  zorlib_q_set_timeout(q, 77);
-  zorvik_qmem& memory = q->memory();
-  memory.presq.tag = 0x1234;
-  memory.presq.flags = 5;
-  memory.cresq.tag = 0xab;
-  memory.cresq.flags = 1;
-  memory.enqueue = 3;
-  memory.dequeue = 2;
-  zorlib_q_dump(q);
-  zorlib_q_dump(nullptr);
-  EXPECT_THAT(logLines(), IsEmpty());
-  setDebugLevel(1);
-  zorlib_q_dump(q);
-  const int producer = static_cast<int>(memory.presq.kresq_handle);
-  const int consumer = static_cast<int>(memory.cresq.kresq_handle);
-  EXPECT_THAT(
-      logLines(),
-      ElementsAre(
-          debug("Debug: zorlib_DBG: name: TarnikQ, path: /dev/zorvik/brund/TarnikQ"),
-          debug("Debug: zorlib_DBG:\topen mode: Write"),
-          debug(text("Debug: zorlib_DBG:\ttype: App, fd: %d, id: %d, timeout: 77", q->fd.get(),
-                     static_cast<int>(q->id))),
-          debug(text("Debug: zorlib_DBG:\tentries: 16, memory size: 448, size frame desc mapping: "
-                     "%d, size payload data space: %d",
-                     (kFrames + 1) * 128, kPayload)),
-          debug(text("Debug: zorlib_DBG:\tqueue memory: 0x%p, ifg: 0x%p", q->qmem.base(),
-                     static_cast<void*>(ifg_))),
-          debug(text("Debug: zorlib_DBG:\tframe desc mapping: 0x%p, payload data mapping: 0x%p",
-                     static_cast<void*>(q->frmDesc), static_cast<void*>(q->payload))),
-          debug(text("Debug: zorlib_DBG: presq.tag: 0x1234, presq.flags: 0x5, "
-                     "presq.kresq_handle: %d",
-                     producer)),
-          debug(text("Debug: zorlib_DBG: cresq.tag: 0xab, cresq.flags: 0x1, cresq.kresq_handle: "
-                     "%d",
-                     consumer)),
-          debug(text("Debug: zorlib_DBG: q: 0x%p", static_cast<void*>(&memory.enqueue))),
-          debug("Debug: zorlib_DBG: enqueue counter: 3"),
-          debug("Debug: zorlib_DBG: dequeue counter: 2"),
-          debug("Debug: zorlib_DBG: max elements: 16, max elements mask: 0xf")));
-  clearLog();
-  alignas(8) std::uint32_t wrong[128] = {1};
-  zorlib_q_dump(reinterpret_cast<zorlib_q*>(wrong));
-  EXPECT_THAT(logLines(), ElementsAre(debug("Debug: zorlib_DBG: invalid queue")));
-  memory.enqueue = memory.dequeue = 0;
-  EXPECT_EQ(zorlib_q_close(q), 0);
-}
+// ---- The dump
 
-TEST_F(QueueTest, ADumpTellsAReaderFromAWriter) {
-  const LogLine names[] = {debug("Debug: zorlib_DBG:\topen mode: Read"),
-                           debug("Debug: zorlib_DBG:\topen mode: Write")};
-  setDebugLevel(1);
+TEST_F(QueueTest, DumpsHandleAndMemoryAtDebugLevelOne) {
   for (const std::uint32_t mode : {ZORLIB_READ, ZORLIB_WRITE}) {
     zorlib_q* const q = openQueue(ifg_, mode);
-    clearLog();
+    zorlib_q_set_timeout(q, 77);
+    zorvik_qmem& memory = q->memory();
+    memory.presq.tag = 0x1234;
+    memory.presq.flags = 5;
+    memory.cresq.tag = 0xab;
+    memory.cresq.flags = 1;
+    memory.enqueue = 3;
+    memory.dequeue = 2;
     zorlib_q_dump(q);
-    EXPECT_THAT(logLines(), Contains(names[mode]));
-    EXPECT_THAT(logLines(), Not(Contains(names[1 - mode])));
+    zorlib_q_dump(nullptr);
+    EXPECT_THAT(logLines(), IsEmpty());
+    setDebugLevel(1);
+    zorlib_q_dump(q);
+    const char* const prefix = "Debug: zorlib_DBG: ";
+    const auto line = [&](const std::string& rest) { return prefix + rest; };
+    EXPECT_EQ(
+        logLines(),
+        lines({line("name: TarnikQ, path: /dev/zorvik/brund/TarnikQ"),
+               std::string("Debug: zorlib_DBG:\topen mode: ") +
+                   (mode == ZORLIB_READ ? "Read" : "Write"),
+               text("Debug: zorlib_DBG:\ttype: App, fd: %d, id: %d, timeout: 77", q->fd.get(),
+                    static_cast<int>(q->id)),
+               text("Debug: zorlib_DBG:\tentries: 16, memory size: 448, size frame desc mapping: "
+                    "%d, size payload data space: %d",
+                    (kFrames + 1) * 128, kPayload),
+               text("Debug: zorlib_DBG:\tqueue memory: 0x%p, ifg: 0x%p", q->qmem.base(),
+                    static_cast<void*>(ifg_)),
+               text("Debug: zorlib_DBG:\tframe desc mapping: 0x%p, payload data mapping: 0x%p",
+                    static_cast<void*>(q->frmDesc), static_cast<void*>(q->payload)),
+               line(text("presq.tag: 0x1234, presq.flags: 0x5, presq.kresq_handle: %d",
+                         static_cast<int>(memory.presq.kresq_handle))),
+               line(text("cresq.tag: 0xab, cresq.flags: 0x1, cresq.kresq_handle: %d",
+                         static_cast<int>(memory.cresq.kresq_handle))),
+               line(text("q: 0x%p", static_cast<void*>(&memory.enqueue))),
+               line("enqueue counter: 3"), line("dequeue counter: 2"),
+               line("max elements: 16, max elements mask: 0xf")}));
+    clearLog();
+    alignas(8) std::uint32_t closed[128] = {1};
+    zorlib_q_dump(reinterpret_cast<zorlib_q*>(closed));
+    EXPECT_EQ(logLines(), lines({line("invalid queue")}));
+    setDebugLevel(0);
+    clearLog();
+    memory.enqueue = memory.dequeue = 0;
     EXPECT_EQ(zorlib_q_close(q), 0);
   }
 }

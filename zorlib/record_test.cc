@@ -67,19 +67,11 @@ class RecordTest : public IoTest {
     for (zorlib_q* const q : {reader_, writer_}) {
       zorlib_q_set_timeout(q, -1);
     }
-    memory_->presq.flags = memory_->cresq.flags = 0;
-    frame_ = allocFrame(ifg_);
-  }
-  void TearDown() override {
-    EXPECT_EQ(zorlib_frm_free(ifg_, frame_), 0);
-    IoTest::TearDown();
   }
 
   void fill() {
-    for (int i = 0; i < 7; ++i) {
-      ASSERT_EQ(zorlib_q_write(writer_, frame_), 0);
-    }
-    memory_->presq.flags = 0;
+    IoTest::fill();
+    zorlib_q_set_timeout(writer_, -1);
   }
   int read() {
     zorvik_frm_desc* frame = nullptr;
@@ -98,8 +90,6 @@ class RecordTest : public IoTest {
     sleeper.join();
     ring::store(side.kresq_handle, record);
   }
-
-  zorvik_frm_desc* frame_ = nullptr;
 };
 
 TEST_F(RecordTest, AShutdownEndsAReader) {

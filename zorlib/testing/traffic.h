@@ -1,4 +1,4 @@
-// Processes that move frames through one queue, and what they tell each other.
+// Processes that move numbered frames through one queue.
 #pragma once
 
 #include <sys/mman.h>
@@ -9,23 +9,23 @@
 #include <chrono>
 #include <cstring>
 
+#include "base/testing/process.h"
 #include "zorlib/internal.h"
 #include "zorlib/testing/driver.h"
-#include "zorlib/testing/processes.h"
 
 namespace tarnik::test {
 
-using Clock = std::chrono::steady_clock;
-
-// What the processes tell each other.
+// Memory that all processes of a test share.
 struct Shared {
-  std::atomic<std::uint64_t> written;
   std::atomic<std::uint64_t> read;
   std::atomic<std::uint64_t> invalid;
   std::atomic<int> ready;
-  std::atomic<bool> stop;  // frames that a dead process held are lost: do not wait for them
+  std::atomic<bool> stop;  // producers give up: a dead process may hold the frames they wait for
   std::atomic<std::uint8_t> seen[4'000'000];
 };
+
+// Exit statuses of the processes.
+enum { kDone = 0, kLibraryFailed = 2, kWriteFailed = 3, kWrongFrame = 4 };
 
 class ProcessTest : public DriverTest {
  protected:
@@ -46,7 +46,7 @@ class ProcessTest : public DriverTest {
     EXPECT_EQ(zorlib_ifg_close(ifg), 0);
   }
 
-  // Writes frames that carry the numbers from `first` on.
+  // Writes frames with the numbers from `first` on.
   int produce(std::uint64_t first, std::uint64_t count) const {
     zorlib_ifg* const ifg = openGroup();
     zorlib_q* const q = openQueue(ifg, ZORLIB_WRITE);
@@ -55,26 +55,27 @@ class ProcessTest : public DriverTest {
       zorvik_frm_desc* frame = nullptr;
       while (zorlib_batch_alloc(ifg, 64, &frame, 1) != 1) {
         if (errno != ENOBUFS) {
-          return 2;
+          return kLibraryFailed;
         }
         if (shared_->stop) {
-          return 3;
+          return kWriteFailed;
         }
-        ::usleep(100);  // until a consumer has freed one
+        ::usleep(100);  // until a consumer has freed a frame
       }
       std::uint8_t* const data = zorlib_ifg_frm_data(ifg, frame);
       std::memcpy(data, &i, sizeof i);
       frame->frame_size = sizeof i;
       frame->tag = i;
       if (zorlib_q_write(q, frame) != 0) {
-        return 3;
+        return kWriteFailed;
       }
     }
-    return zorlib_q_close(q) == 0 && zorlib_ifg_close(ifg) == 0 ? 0 : 4;
+    return closeBoth(q, ifg);
   }
 
-  // Reads and checks frames until `read` says that all are there, or the side is shut down.
-  int consume(bool inOrder) const {
+  // Reads and checks frames until its side is shut down.
+  enum class Order { kAny, kWritten };
+  int consume(Order order) const {
     zorlib_ifg* const ifg = openGroup();
     zorlib_q* const q = openQueue(ifg, ZORLIB_READ);
     ++shared_->ready;
@@ -86,72 +87,69 @@ class ProcessTest : public DriverTest {
           ++shared_->invalid;
           continue;
         }
-        if (errno != ESHUTDOWN) {
-          return 2;
-        }
-        return zorlib_q_close(q) == 0 && zorlib_ifg_close(ifg) == 0 ? 0 : 4;
+        return errno == ESHUTDOWN ? closeBoth(q, ifg) : kLibraryFailed;
       }
       const std::uint64_t tag = frame->tag;
       std::uint64_t content = 0;
-      const std::uint8_t* const data = zorlib_q_frm_data(q, frame);
-      std::memcpy(&content, data, sizeof content);
-      if (content != tag || (inOrder && tag != expected++)) {
-        return 3;
+      std::memcpy(&content, zorlib_q_frm_data(q, frame), sizeof content);
+      if (content != tag || (order == Order::kWritten && tag != expected++)) {
+        return kWrongFrame;
       }
       ++shared_->seen[tag];
       if (zorlib_frm_free(ifg, frame) != 0) {
-        return 5;
+        return kLibraryFailed;
       }
       ++shared_->read;
     }
   }
 
-  // Until so many processes have opened the queue. Opening ends a shutdown, so one must not come
-  // before.
-  void waitUntilReady(int processes) {
-    while (shared_->ready < processes) {
-      ::usleep(1000);
-    }
+  // Waits until so many processes have opened the queue. A later open would clear a shutdown.
+  void waitUntilReady(int processes) const {
+    EXPECT_TRUE(eventually([&] { return shared_->ready >= processes; }));
   }
 
-  // Ends the consumers once `count` frames have been read.
-  void shutDownAfter(std::uint64_t count) {
-    const auto limit = Clock::now() + std::chrono::seconds(90);
-    while (shared_->read + shared_->invalid < count && Clock::now() < limit) {
-      ::usleep(1000);
-    }
+  // Shuts the consumers down once `count` frames have been read.
+  void shutDownAfter(std::uint64_t count) const {
+    static_cast<void>(eventually([&] { return shared_->read + shared_->invalid >= count; }));
     EXPECT_EQ(shared_->read + shared_->invalid, count);
-    shutDownReaders();
+    shutDown(ZORLIB_READ);
   }
-  static void shutDownReaders() {
+  // Shuts down one side for all handles.
+  static void shutDown(std::uint32_t mode) {
     zorlib_ifg* const ifg = openGroup();
-    // Opening the side ends its shutdown, shutting this handle down raises it for all.
-    zorlib_q* const q = openQueue(ifg, ZORLIB_READ);
+    zorlib_q* const q = openQueue(ifg, mode);
     EXPECT_EQ(zorlib_q_shutdown(q), 0);
-    EXPECT_EQ(zorlib_q_close(q), 0);
-    EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+    EXPECT_EQ(closeBoth(q, ifg), kDone);
   }
-  void expectAllSeenOnce(std::uint64_t count) {
+
+  // How many of the first `count` frames were read several times, or not at all.
+  struct Faults {
     std::uint64_t lost = 0;
     std::uint64_t doubled = 0;
+  };
+  [[nodiscard]] Faults faults(std::uint64_t count) const {
+    Faults found;
     for (std::uint64_t i = 0; i < count; ++i) {
-      lost += shared_->seen[i] == 0 ? 1 : 0;
-      doubled += shared_->seen[i] > 1 ? 1 : 0;
+      found.lost += shared_->seen[i] == 0 ? 1 : 0;
+      found.doubled += shared_->seen[i] > 1 ? 1 : 0;
     }
-    EXPECT_EQ(lost, 0u);
-    EXPECT_EQ(doubled, 0u);
+    return found;
+  }
+  void expectAllSeenOnce(std::uint64_t count) const {
+    EXPECT_EQ(faults(count).lost, 0u);
+    EXPECT_EQ(faults(count).doubled, 0u);
   }
 
   Shared* shared_ = nullptr;
+
+ private:
+  static int closeBoth(zorlib_q* q, zorlib_ifg* ifg) {
+    return zorlib_q_close(q) == 0 && zorlib_ifg_close(ifg) == 0 ? kDone : kLibraryFailed;
+  }
 };
 
-// Sanitizers come with clang, which tells of them in this way.
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#define TARNIK_SLOW_PROGRAM 1
-#endif
-#endif
-#ifdef TARNIK_SLOW_PROGRAM
+// Programs with a sanitizer are slow.
+#ifdef TARNIK_SANITIZED
 inline constexpr std::uint64_t kMany = 100'000;
 #else
 inline constexpr std::uint64_t kMany = 1'000'000;

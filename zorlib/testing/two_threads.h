@@ -1,4 +1,4 @@
-// Two threads that get into each other's way.
+// Runs two functions in two threads at the same time.
 #pragma once
 
 #include <pthread.h>
@@ -10,7 +10,7 @@
 
 namespace tarnik::test {
 
-// Puts the calling thread onto one of the processors that it may use, if there are several.
+// Binds the calling thread to one of its processors, if it has several.
 inline void useProcessor(int which) {
   cpu_set_t all;
   CPU_ZERO(&all);
@@ -28,8 +28,8 @@ inline void useProcessor(int which) {
   }
 }
 
-// Calls each of the two again and again, in threads of their own that run at the same time, long
-// enough for them to meet on a busy machine, too. How many calls there were.
+// Calls each function repeatedly, each in its own thread, long enough that they run at the same
+// time even on a busy machine. Returns the number of calls.
 template <class One, class Two>
 int inTwoThreads(One one, Two two) {
   using Clock = std::chrono::steady_clock;

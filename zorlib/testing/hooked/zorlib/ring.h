@@ -1,66 +1,63 @@
-// Stands in the place of the ring's header where a test compiles reading and writing anew: the
-// same accesses, but each look at flags, counter or entry and each change of one is told to the
-// test first.
+// Takes precedence over the real header in a test program that compiles q_io.cc: the same
+// functions, but the test is called before each access to shared memory. They are in the namespace
+// hookedRing, because the library has the real ones.
 #pragma once
 
-#define counter unhookedCounter
-#define entry unhookedEntry
-#define isShutDown unhookedIsShutDown
-#define takeWakeup unhookedTakeWakeup
-#define postWakeup unhookedPostWakeup
-#define advance unhookedAdvance
-#define fill unhookedFill
-#define empty unhookedEmpty
-#include "../../../ring.h"
-#undef counter
-#undef entry
-#undef isShutDown
-#undef takeWakeup
-#undef postWakeup
-#undef advance
-#undef fill
-#undef empty
+#include <atomic>
 
 namespace tarnik::test {
-// Called before the word is read. May do what another process would do at this moment.
-void beforeLook(const void* word);
-// And before it is changed.
-void beforeChange(const void* word);
+
+// Called before the word is read, and before it is changed. They may do what another process would
+// do at this moment.
+void beforeLook(const void* word, std::memory_order order);
+void beforeChange(const void* word, std::memory_order order);
+
+// std::atomic_ref with the hooks.
+template <class Word>
+class HookedRef {
+ public:
+  explicit HookedRef(Word& word) : word_(word) {}
+
+  Word load(std::memory_order order) {
+    beforeLook(&word_, order);
+    return std::atomic_ref(word_).load(order);
+  }
+  void store(Word value, std::memory_order order) {
+    beforeChange(&word_, order);
+    std::atomic_ref(word_).store(value, order);
+  }
+  Word fetch_or(Word bits, std::memory_order order) {
+    beforeChange(&word_, order);
+    return std::atomic_ref(word_).fetch_or(bits, order);
+  }
+  Word fetch_and(Word bits, std::memory_order order) {
+    beforeChange(&word_, order);
+    return std::atomic_ref(word_).fetch_and(bits, order);
+  }
+  Word fetch_add(Word value, std::memory_order order) {
+    beforeChange(&word_, order);
+    return std::atomic_ref(word_).fetch_add(value, order);
+  }
+  Word fetch_sub(Word value, std::memory_order order) {
+    beforeChange(&word_, order);
+    return std::atomic_ref(word_).fetch_sub(value, order);
+  }
+  bool compare_exchange_strong(Word& expected, Word value, std::memory_order order) {
+    beforeChange(&word_, order);
+    return std::atomic_ref(word_).compare_exchange_strong(expected, value, order);
+  }
+
+ private:
+  Word& word_;
+};
+
 }  // namespace tarnik::test
 
-namespace tarnik::ring {
-
-inline std::uint32_t counter(std::uint32_t& word) noexcept {
-  test::beforeLook(&word);
-  return unhookedCounter(word);
-}
-inline std::uint64_t entry(std::uint64_t& slot) noexcept {
-  test::beforeLook(&slot);
-  return unhookedEntry(slot);
-}
-inline bool isShutDown(zorvik_resq& side) noexcept {
-  test::beforeLook(&side.flags);
-  return unhookedIsShutDown(side);
-}
-inline bool takeWakeup(zorvik_resq& side) noexcept {
-  test::beforeChange(&side.flags);
-  return unhookedTakeWakeup(side);
-}
-inline bool postWakeup(zorvik_resq& side) noexcept {
-  test::beforeChange(&side.flags);
-  return unhookedPostWakeup(side);
-}
-inline bool advance(std::uint32_t& word, std::uint32_t seen, std::uint32_t mask) noexcept {
-  test::beforeChange(&word);
-  return unhookedAdvance(word, seen, mask);
-}
-inline void fill(std::uint64_t& slot, std::uint32_t frameId) noexcept {
-  test::beforeChange(&slot);
-  unhookedFill(slot, frameId);
-}
-inline void empty(std::uint64_t& slot) noexcept {
-  test::beforeChange(&slot);
-  unhookedEmpty(slot);
+namespace std {  // NOLINT(cert-dcl58-cpp)
+using tarnik::test::HookedRef;
 }
 
-}  // namespace tarnik::ring
+#define ring hookedRing
+#define atomic_ref HookedRef
+#include "../../../ring.h"
+#undef atomic_ref
