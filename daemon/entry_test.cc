@@ -125,7 +125,7 @@ TEST_F(EntryTest, SettingsReachTheCaptureSideInTheirOrder) {
 TEST_F(EntryTest, IgnoresTheResultsOfThePlatformAndTheCaptureManager) {
   for (const char* call :
        {"OrloLogInit", "OrloWatchdogDaemon", "OrloWatchdogTimerVirtSet", "CaptureManager::Reload",
-        "CaptureManager::Init", "system", "OrloLoop()"}) {
+        "CaptureManager::Init", "runShell", "OrloLoop()"}) {
     sdk().failWhere(call, call == std::string("CaptureManager::Init") ? 7 : -1);
   }
   const Outcome outcome = runDaemon({"-D"});

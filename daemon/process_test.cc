@@ -146,6 +146,28 @@ TEST_F(ProcessTest, AReloadRequestAndAHangupTogether) {
   EXPECT_EQ(daemon.stop(), kSucceeded);
 }
 
+// The reload runs a command meanwhile. Large policies make it long enough for the second signal.
+TEST_F(ProcessTest, ASignalDuringAReloadIsNotLost) {
+  std::string policy;
+  for (int line = 0; line < 20000; ++line) {
+    policy += "ips.rule.name." + std::to_string(line) + " = value\n";
+  }
+  writeFile("/etc/ips.conf", policy);
+  const struct {
+    int signal;
+    int status;
+  } cases[] = {{SIGINT, 0}, {SIGQUIT, 0}, {SIGTERM, 0}, {SIGUSR1, 2}};
+  for (int trial = 0; trial < 20; ++trial) {
+    const auto& [signal, status] = cases[trial % 4];
+    Running daemon;
+    daemon.signal(SIGHUP);
+    daemon.signal(signal);
+    ASSERT_TRUE(eventually([&] { return !daemon.running(); }, std::chrono::seconds(10)))
+        << "signal " << signal << " in trial " << trial;
+    EXPECT_EQ(daemon.wait(), exited(status));
+  }
+}
+
 TEST_F(ProcessTest, OpensAsManyFilesAsItMay) {
   rlimit former{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);

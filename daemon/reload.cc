@@ -1,10 +1,10 @@
 #include "daemon/reload.h"
 
 #include <cstdint>
-#include <cstdlib>
 
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/shell.h"
 #include "capture/meta_cache.h"
 #include "daemon/loop_context.h"
 #include "daemon/options.h"
@@ -31,7 +31,7 @@ bool loadConfiguration() {
   setDebugLevel(settings.debuglevel);
   // When a map cannot be loaded, the manager logs it, and captures get no names from that map.
   applyCaptureSettings(&CaptureManager::Reload);
-  [[maybe_unused]] const int removed = std::system("rm -rf /var/support/tarnik/template*");
+  [[maybe_unused]] const int removed = runShell("rm -rf /var/support/tarnik/template*");
   if (!createIpsInfoTemplate()) {
     TARNIK_ERROR("Error: %s: Failed to generated IPS info template", "onReload");
     return false;

@@ -51,7 +51,7 @@ TEST_F(ReloadTest, DoesItsStepsInOrder) {
                   "<6>onReload: Reloading",
                   "tickle",
                   "CaptureManager::Reload(, 60, 53687091, 1000, 1048576, 0, 0)",
-                  "system(rm -rf /var/support/tarnik/template*)",
+                  "runShell(rm -rf /var/support/tarnik/template*)",
                   "createIpsInfoTemplate()",
                   "createNapInfoTemplates()",
                   "TarnikMetaCache::config(1800)",
@@ -72,7 +72,7 @@ TEST_F(ReloadTest, SetsTheReloadingStateBeforeItsFirstTickle) {
                   "OrloTuningParseLine()",
                   "OrloTuningRelease()",
                   "CaptureManager::Reload(, 120, 53687091, 1000, 1048576, 0, 0)",
-                  "system(rm -rf /var/support/tarnik/template*)",
+                  "runShell(rm -rf /var/support/tarnik/template*)",
                   "createIpsInfoTemplate()",
                   "createNapInfoTemplates()",
                   "TarnikMetaCache::config(1800)",
@@ -93,7 +93,7 @@ TEST_F(ReloadTest, ChangesStateAndLevelBetweenItsSteps) {
   EXPECT_EQ(onReload(0, &context_), 1);
   sdk().onCall = nullptr;
   EXPECT_THAT(found,
-              ElementsAreArray({"OrloTuningAlloc 6 5", "CaptureManager::Reload 6 2", "system 6 2",
+              ElementsAreArray({"OrloTuningAlloc 6 5", "CaptureManager::Reload 6 2", "runShell 6 2",
                                 "createIpsInfoTemplate 6 2", "createNapInfoTemplates 6 2",
                                 "TarnikMetaCache::config 6 2"}));
   EXPECT_EQ(DaemonState, 2);
@@ -122,7 +122,8 @@ TEST_F(ReloadTest, FailsAtTheFileAndDoesNothingMore) {
 TEST_F(ReloadTest, FailsAtTheTemplates) {
   const Record steps = {"<6>onReload: Reloading", "tickle",
                         "CaptureManager::Reload(, 120, 53687091, 20, 1048576, 0, 0)",
-                        "system(rm -rf /var/support/tarnik/template*)", "createIpsInfoTemplate()"};
+                        "runShell(rm -rf /var/support/tarnik/template*)",
+                        "createIpsInfoTemplate()"};
   const struct {
     const char* failing;
     Record rest;
@@ -143,7 +144,7 @@ TEST_F(ReloadTest, FailsAtTheTemplates) {
 
 TEST_F(ReloadTest, IgnoresTheResultsOfTheManagerAndTheShell) {
   sdk().failWhere("CaptureManager::Reload", 8);
-  sdk().failWhere("system", -1);
+  sdk().failWhere("runShell", -1);
   EXPECT_EQ(onReload(0, &context_), 1);
   EXPECT_EQ(DaemonState, 2);
 }
@@ -213,7 +214,7 @@ TEST_F(ReloadRequestTest, ReloadsAndAnswersZero) {
                              "<6>onReload: Reloading",
                              "<7>Debug: tarnikd Daemon configuration reloading",
                              "CaptureManager::Reload(, 120, 53687091, 1000, 1048576, 0, 0)",
-                             "system(rm -rf /var/support/tarnik/template*)",
+                             "runShell(rm -rf /var/support/tarnik/template*)",
                              "createIpsInfoTemplate()",
                              "createNapInfoTemplates()",
                              "TarnikMetaCache::config(1800)",

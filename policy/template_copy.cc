@@ -7,11 +7,11 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <string_view>
 
 #include "base/log.h"
 #include "base/owned.h"
+#include "base/shell.h"
 
 namespace tarnik {
 namespace {
@@ -27,7 +27,7 @@ bool isPlain(const std::string& path) {
   return std::all_of(path.begin(), path.end(), [](char character) { return isPlain(character); });
 }
 
-// Whoever opens one waits for the other end.
+// Opening a pipe waits for its other end.
 bool isPipe(const std::string& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
@@ -88,7 +88,7 @@ int copyTemplate(const std::string& templatePath, const std::string& infoPath) {
   const std::string command = "cp " + templatePath + " " + infoPath;
   TARNIK_DEBUG(0, "Debug: %s: Executing [%s]", "fini", command.c_str());
   if (isOrdinary(templatePath) && isOrdinary(infoPath)) {
-    return std::system(command.c_str());
+    return runShell(command.c_str());
   }
   copyFile(templatePath.c_str(), infoPath.c_str());
   return 0;

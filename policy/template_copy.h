@@ -5,8 +5,8 @@
 
 namespace tarnik {
 
-// Runs "cp TEMPLATE INFO" through the shell and returns what system() did: negative when no shell
-// could be started. A path with a character that a shell might take for more than itself never
+// Runs "cp TEMPLATE INFO" through the shell and returns the result of runShell: negative when no
+// shell could be started. A path with a character that a shell might take for more than itself never
 // reaches one, nor does a pipe, where cp would wait: the template is then copied here, with the
 // same effect, and the result is 0; a pipe without a reader gets nothing, and none is read from.
 // The names in these paths come from policy files and are not trusted. Logs the command for `fini`.

@@ -41,7 +41,7 @@ inline const Record kStart = {
     "OrloTuningParseLine()",
     "OrloTuningRelease()",
     "CaptureManager::Reload(/usr/lib64/ruv-qan/issues.csv, 120, 53687091, 1000, 1048576, 0, 0)",
-    "system(rm -rf /var/support/tarnik/template*)",
+    "runShell(rm -rf /var/support/tarnik/template*)",
     "createIpsInfoTemplate()",
     "createNapInfoTemplates()",
     "TarnikMetaCache::config(1800)",

@@ -1,8 +1,8 @@
 // Stand-ins for what the daemon calls beyond the platform, for tests that check the order of
 // things: the capture manager, the capture thread, the metadata cache and the template generators,
-// and system(), umask() and sigprocmask(). Each call is recorded by sdk() and can be failed there;
-// only the signal mask and the umask take effect as well. A test program that links this file has
-// none of the real ones, and no shell.
+// and runShell(), umask() and sigprocmask(). Each call is recorded by sdk() and can be failed
+// there; only the signal mask and the umask take effect as well. A test program that links this
+// file has none of the real ones, and no shell.
 #include <dlfcn.h>
 #include <sys/stat.h>
 
@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 
+#include "base/shell.h"
 #include "capture/capture_manager.h"
 #include "capture/capture_thread.h"
 #include "capture/meta_cache.h"
@@ -98,6 +99,10 @@ void TarnikMetaCache::dump() {
   recorded("TarnikMetaCache::dump");
 }
 
+int runShell(const char* command) noexcept {
+  return recorded("runShell", command);
+}
+
 bool createIpsInfoTemplate() {
   return recorded("createIpsInfoTemplate") == 0;
 }
@@ -109,10 +114,6 @@ bool createNapInfoTemplates() {
 }  // namespace tarnik
 
 extern "C" {
-
-int system(const char* command) {
-  return tarnik::test::sdk().call("system(" + std::string(command) + ")");
-}
 
 mode_t umask(mode_t mask) noexcept {
   tarnik::test::sdk().record("umask(" + std::to_string(mask) + ")");

@@ -3,9 +3,11 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <orlo_sdk.h>
+#include <spawn.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -112,16 +114,18 @@ time_t time(time_t* result) noexcept {
   return now;
 }
 
-int system(const char* command) {
-  static const auto next = real<int (*)(const char*)>("system");
+int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+                const posix_spawnattr_t* attributes, char* const arguments[],
+                char* const environment[]) {
+  static const auto next = real<decltype(&posix_spawn)>("posix_spawn");
   if (platform.noShell) {
-    return -1;
+    return EAGAIN;
   }
-  platform.commands.emplace_back(command);
+  platform.commands.emplace_back(arguments[2]);  // sh -c COMMAND
   if (platform.onCommand) {
     platform.onCommand();
   }
-  return next(command);
+  return next(pid, path, actions, attributes, arguments, environment);
 }
 
 // The log goes to standard error, where a death test can check it.
