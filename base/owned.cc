@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -43,6 +44,16 @@ bool closeStream(Stream& stream) noexcept {
   return std::fclose(stream.release()) == 0;
 }
 
+namespace {
+
+// Reading any other kind of file may block or never end.
+bool isEndless(const struct stat& status) noexcept {
+  const bool isNullDevice = S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3);
+  return !S_ISREG(status.st_mode) && !isNullDevice;
+}
+
+}  // namespace
+
 Stream openForReading(const char* path) noexcept {
   // O_NONBLOCK: opening a pipe that nobody writes to must not wait; it changes nothing for files.
   OwnedFd fd(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -53,7 +64,7 @@ Stream openForReading(const char* path) noexcept {
   if (::fstat(fd.get(), &status) != 0) {
     return nullptr;
   }
-  if (!S_ISREG(status.st_mode)) {
+  if (isEndless(status)) {
     errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     return nullptr;
   }

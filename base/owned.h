@@ -74,9 +74,9 @@ using Stream = std::unique_ptr<std::FILE, StreamCloser>;
 // afterwards, because fclose frees it in any case.
 [[nodiscard]] bool closeStream(Stream& stream) noexcept;
 
-// Opens a file like fopen(path, "r"), but only a regular one: a directory fails with EISDIR, and
-// a pipe, socket or device with EINVAL, because reading one need never end. Never blocks.
-// Close-on-exec. Empty, with errno, on failure.
+// Opens a file like fopen(path, "r"), but only a regular one or /dev/null: a directory fails with
+// EISDIR, and a pipe, socket or other device with EINVAL, because reading one may never end. Never
+// blocks. Close-on-exec. Empty, with errno, on failure.
 [[nodiscard]] Stream openForReading(const char* path) noexcept;
 
 }  // namespace tarnik

@@ -3,6 +3,7 @@
 #include <orlo_sdk.h>
 
 #include <cstdint>
+#include <exception>
 
 #include "base/log.h"
 #include "capture/meta_cache.h"
@@ -43,7 +44,11 @@ int onTimeout(int /*seconds*/, void* context) {
 }
 
 int onCacheExpiry(int /*seconds*/, void* /*context*/) {
-  TarnikMetaCache::instance().expire();
+  try {
+    TarnikMetaCache::instance().expire();
+  } catch (const std::exception& error) {  // out of memory: the next expiry tries again
+    TARNIK_ERROR("Error: %s: Failed to expire metadata: %s", "onCacheExpiry", error.what());
+  }
   return 0;
 }
 

@@ -3,7 +3,8 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
-#include <string>
+#include <exception>
+#include <span>
 
 #include "base/log.h"
 #include "capture/meta_cache.h"
@@ -21,11 +22,17 @@ constexpr std::uint16_t kStatusReloadFailed = 12;
 
 static_assert(sizeof(SenderAddress) == 116 && offsetof(sockaddr_un, sun_path) == 2);
 
-// Empty for a sender without a name. The longest path fills its field and has no NUL.
-std::string nameOf(const SenderAddress& sender) {
-  const char* const path = sender.address.sun_path;
-  return {path, strnlen(path, sizeof sender.address.sun_path)};
-}
+// The sender's name as text; empty without a name. The longest path fills its field and has no NUL.
+class SenderName {
+ public:
+  explicit SenderName(const SenderAddress& sender) {
+    std::memcpy(text_, sender.address.sun_path, sizeof sender.address.sun_path);
+  }
+  [[nodiscard]] const char* text() const { return text_; }
+
+ private:
+  char text_[sizeof SenderAddress::address.sun_path + 1] = {};
+};
 
 CommandHeader headerOf(const MessageView& message) {
   return message.data == nullptr ? CommandHeader{} : decodeHeader(message.data, message.length);
@@ -46,7 +53,7 @@ int dispatch(const MessageView& message, std::uint32_t received, const SenderAdd
       return processMetadata(message, received);
     default:
       TARNIK_DEBUG(2, "Debug: %s: Unsupported request %d from %s", "processMessage", type,
-                   nameOf(sender).c_str());
+                   SenderName(sender).text());
       return kRefused;
   }
 }
@@ -99,10 +106,15 @@ void processMessage() {
   }
   const MessageView message(buffer.data(), static_cast<std::uint16_t>(received));
   if (validateMessage(message, received) != 0) {
-    TARNIK_ERROR("Error: %s: Invalid message from %s", "processMessage", nameOf(sender).c_str());
+    TARNIK_ERROR("Error: %s: Invalid message from %s", "processMessage", SenderName(sender).text());
     return;
   }
-  const int result = dispatch(message, received, sender);
+  int result = kRefused;
+  try {
+    result = dispatch(message, received, sender);
+  } catch (const std::exception& error) {
+    TARNIK_ERROR("Error: %s: Dropped a message: %s", "processMessage", error.what());
+  }
   if (result != 0) {
     TARNIK_ERROR("Error: %s: Failed to process message: %d", "processMessage", result);
   }

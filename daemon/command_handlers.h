@@ -31,7 +31,8 @@ class MessageView {
 // The message's identifier, or 0 when it holds none.
 [[nodiscard]] std::uint64_t getMessageId(const MessageView& message);
 
-// Receives one message and handles it. An invalid message is logged and gets no response.
+// Receives one message and handles it. An invalid message is logged and gets no response. So is one
+// for which there is no memory; never throws.
 void processMessage();
 
 // Handle a request. Return 0 or, after a failure, a number that processMessage logs.

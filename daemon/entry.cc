@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "base/log.h"
 #include "base/paths.h"
@@ -25,9 +26,6 @@ namespace tarnik {
 namespace {
 
 constexpr std::int64_t kTickleInterval = 3;  // seconds
-
-// Also in the loop context. A debugger finds it here.
-OrloWatchdogTimer* watchdogTimer = nullptr;
 
 void readCommandLine(int argc, char** argv) {
   if (parseOptions(argc, argv, options.flags) != 0) {
@@ -123,8 +121,12 @@ void checkCaptureDirectory() {
 
 void startCapture() {
   // Init and start log their failures. The daemon then still answers commands.
-  applyCaptureSettings(&CaptureManager::Init);
-  captureThread.start(static_cast<std::uint64_t>(getSettings().brund.qtimeout));
+  try {
+    applyCaptureSettings(&CaptureManager::Init);
+    captureThread.start(static_cast<std::uint64_t>(getSettings().brund.qtimeout));
+  } catch (const std::exception& error) {
+    TARNIK_ERROR("Error: %s: Failed to start capturing: %s", "main", error.what());
+  }
 }
 
 void shutDown(const LoopContext& context) {
@@ -139,6 +141,9 @@ void shutDown(const LoopContext& context) {
 }
 
 }  // namespace
+
+// Nothing reads it, so without the attribute the optimised build would drop it.
+[[gnu::used]] OrloWatchdogTimer* watchdogTimer = nullptr;
 
 int tarnikMain(int argc, char** argv) {
   setState(kStarting);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -168,6 +169,24 @@ TEST_F(ProcessTest, ASignalDuringAReloadIsNotLost) {
   }
 }
 
+TEST_F(ProcessTest, ASignalDuringTheStartIsNotLost) {
+  for (const int signal : {SIGTERM, SIGINT, SIGQUIT}) {
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.waitFor("onReload: Reloading"));
+    daemon.signal(signal);
+    EXPECT_EQ(daemon.wait(), kSucceeded) << signal;
+  }
+}
+
+TEST_F(ProcessTest, ARestartAndATerminationTogetherRestart) {
+  Running daemon;
+  daemon.signal(SIGSTOP);
+  daemon.signal(SIGTERM);
+  daemon.signal(SIGUSR1);
+  daemon.signal(SIGCONT);
+  EXPECT_EQ(daemon.wait(), exited(2));
+}
+
 TEST_F(ProcessTest, OpensAsManyFilesAsItMay) {
   rlimit former{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
@@ -192,6 +211,9 @@ TEST_F(ProcessTest, ASecondOneIsRefused) {
   EXPECT_THAT(log[2], ::testing::StartsWith(
                           "Fatal error: main: Failed to create command interface: another "
                           "tarnikd runs"));
+  int registered = 0;
+  std::ifstream("/run/orlo/tarnikd.pid") >> registered;
+  EXPECT_EQ(registered, daemon.pid());
   EXPECT_EQ(daemonState(), 2);
   EXPECT_EQ(daemon.stop(), kSucceeded);
 }
@@ -223,12 +245,15 @@ class BadConfigurationTest : public ProcessTest {
   BadConfigurationTest() { fs::remove(kConfig); }
 
   // A start fails, and a running daemon continues.
-  static void refused() {
+  static void refused(int error) {
+    const std::string unreadable =
+        "Error: load: Failed to open: /etc/tarnik.conf, errno=" + std::to_string(error);
     DaemonProcess failing;
     EXPECT_EQ(failing.wait(), exited(1));
     EXPECT_THAT(
         failing.log(),
-        ElementsAre("onReload: Reloading", "Error: onReload: Failed to reload base configuration",
+        ElementsAre("onReload: Reloading", unreadable,
+                    "Error: onReload: Failed to reload base configuration",
                     "Event: VRK_events: VRKUA0006E", "Error: tarnikd Daemon configuration invalid",
                     "Fatal error: tarnikd: Failed to load the configuration"));
     EXPECT_TRUE(fs::is_socket("/run/orlo/tarnikd.sock")) << "nothing is undone";
@@ -252,18 +277,19 @@ class BadConfigurationTest : public ProcessTest {
 TEST_F(BadConfigurationTest, OnlyARegularFileIsRead) {
   const struct {
     const char* what;
+    int error;
     std::function<void()> make;
   } cases[] = {
-      {"nothing", [] {}},
-      {"directory", [] { fs::create_directory(kConfig); }},
-      {"pipe that nobody writes", [] { ASSERT_EQ(::mkfifo(kConfig, 0644), 0); }},
-      {"device", [] { fs::create_symlink("/dev/zero", kConfig); }},
+      {"nothing", ENOENT, [] {}},
+      {"directory", EISDIR, [] { fs::create_directory(kConfig); }},
+      {"pipe that nobody writes", EINVAL, [] { ASSERT_EQ(::mkfifo(kConfig, 0644), 0); }},
+      {"device", EINVAL, [] { fs::create_symlink("/dev/zero", kConfig); }},
   };
-  for (const auto& [what, make] : cases) {
+  for (const auto& [what, error, make] : cases) {
     SCOPED_TRACE(what);
     fs::remove_all(kConfig);
     make();
-    refused();
+    refused(error);
   }
 }
 

@@ -1,6 +1,7 @@
 #include "daemon/reload.h"
 
 #include <cstdint>
+#include <exception>
 
 #include "base/log.h"
 #include "base/paths.h"
@@ -21,7 +22,7 @@ int metadataTimeout(const TarnikSettings& settings) {
   return static_cast<int>(3U * (timeout + interval));
 }
 
-// False, with a log line, when the configuration is invalid.
+// False, with a log line, when the configuration is invalid. Throws std::bad_alloc.
 bool loadConfiguration() {
   TarnikSettings& settings = getSettings();
   if (load(settings, kConfigPath) != 0) {
@@ -44,6 +45,17 @@ bool loadConfiguration() {
   return true;
 }
 
+// As loadConfiguration, but reports running out of memory as a failure. The next reload starts from
+// the beginning again.
+bool tryToLoadConfiguration() noexcept {
+  try {
+    return loadConfiguration();
+  } catch (const std::exception& error) {
+    TARNIK_ERROR("Error: %s: Failed to reload: %s", "onReload", error.what());
+    return false;
+  }
+}
+
 }  // namespace
 
 int onReload(int /*value*/, void* context) {
@@ -51,7 +63,7 @@ int onReload(int /*value*/, void* context) {
   TARNIK_INFO("%s: Reloading", "onReload");
   setState(kReloading);
   tickleWatchdog(loopContext);
-  if (!loadConfiguration()) {
+  if (!tryToLoadConfiguration()) {
     setState(kConfigurationInvalid);
     return 0;
   }

@@ -50,8 +50,20 @@ constexpr IntegerKey kIntegerKeys[] = {
      [](TarnikSettings& s) -> std::int64_t& { return s.brund.qtimeout; }},
 };
 
-int rejected(const char* name, const char* value) {
-  TARNIK_DEBUG(2, "Debug: %s: Invalid value for %s: %s", "loadTarnikCfg", name, value);
+int applyEnabled(TarnikSettings& settings, const char* value) {
+  if (OrloParseBool(value, &settings.enabled)) {
+    return 0;
+  }
+  TARNIK_ERROR("Error: %s: Invalid value: %s=%s", "loadTarnikCfg", "enabled", value);
+  TARNIK_DEBUG(2, "Debug: %s: Invalid value for %s: %s", "loadTarnikCfg", "enabled", value);
+  return 1;
+}
+
+int applyDebugLevel(TarnikSettings& settings, const char* value) {
+  if (parseUnsigned(value, settings.debuglevel)) {
+    return 0;
+  }
+  TARNIK_DEBUG(2, "Debug: %s: Invalid value for %s: %s", "loadTarnikCfg", "debuglevel", value);
   return 1;
 }
 
@@ -107,10 +119,10 @@ int loadTarnikCfg(TarnikSettings& settings, std::span<const std::string_view> co
   }
   const std::string_view family = components[1];
   if (family == "enabled") {
-    return OrloParseBool(value, &settings.enabled) ? 0 : rejected("enabled", value);
+    return applyEnabled(settings, value);
   }
   if (family == "debuglevel") {
-    return parseUnsigned(value, settings.debuglevel) ? 0 : rejected("debuglevel", value);
+    return applyDebugLevel(settings, value);
   }
   if (components.size() < 3) {
     return 0;
@@ -142,6 +154,7 @@ int load(TarnikSettings& settings, const char* path) {
     case TuningStatus::kStopped:
       return result;
     case TuningStatus::kCannotOpen:
+      TARNIK_ERROR("Error: %s: Failed to open: %s, errno=%d", "load", path, errno);
       TARNIK_DEBUG(0, "Debug: %s: Failed to open config: %s", "load", path);
       return 1;
     case TuningStatus::kNoParser:

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+
 #include "base/owned.h"
 #include "base/testing/files.h"
 #include "daemon/settings.h"
@@ -20,14 +23,17 @@ class SettingsFileTest : public DaemonTest {
     writeFile(path_, text);
     return load(getSettings(), path_.c_str());
   }
-  void cannotBeOpened() {
+  void cannotBeOpened(int error) {
+    const std::string failed =
+        "<3>Error: load: Failed to open: " + path_ + ", errno=" + std::to_string(error);
     OrloLogDebugLevel = 0;
     sdk().clear();
     EXPECT_EQ(load(getSettings(), path_.c_str()), 1);
-    EXPECT_EQ(sdk().entries(), Record{});
+    EXPECT_EQ(sdk().entries(), Record{failed});
     OrloLogDebugLevel = 1;
+    sdk().clear();
     EXPECT_EQ(load(getSettings(), path_.c_str()), 1);
-    EXPECT_EQ(sdk().entries(), Record{"<7>Debug: load: Failed to open config: " + path_});
+    EXPECT_EQ(sdk().entries(), (Record{failed, "<7>Debug: load: Failed to open config: " + path_}));
   }
 
   const TempDir directory_;
@@ -35,15 +41,18 @@ class SettingsFileTest : public DaemonTest {
 };
 
 TEST_F(SettingsFileTest, OnlyARegularFileIsOpened) {
-  cannotBeOpened();
+  cannotBeOpened(ENOENT);
   ASSERT_EQ(::mkdir(path_.c_str(), 0755), 0);
-  cannotBeOpened();
+  cannotBeOpened(EISDIR);
   std::remove(path_.c_str());
   ASSERT_EQ(::mkfifo(path_.c_str(), 0644), 0);
-  cannotBeOpened();
+  cannotBeOpened(EINVAL);
   std::remove(path_.c_str());
   ASSERT_EQ(::symlink("/dev/zero", path_.c_str()), 0);
-  cannotBeOpened();
+  cannotBeOpened(EINVAL);
+  std::remove(path_.c_str());
+  ASSERT_EQ(::symlink("/dev/null", path_.c_str()), 0);
+  EXPECT_EQ(load(getSettings(), path_.c_str()), 0) << "an empty file";
 }
 
 TEST_F(SettingsFileTest, Unreadable) {
@@ -55,7 +64,7 @@ TEST_F(SettingsFileTest, Unreadable) {
   if (self == 0 && ::seteuid(kNobody) != 0) {
     GTEST_SKIP() << "root cannot become another user here";
   }
-  cannotBeOpened();
+  cannotBeOpened(EACCES);
   ASSERT_EQ(::seteuid(self), 0);
 }
 
@@ -109,6 +118,12 @@ TEST_F(SettingsFileTest, WithoutAParserTheLoadFails) {
   EXPECT_THAT(sdk().entries(), ElementsAre("OrloTuningAlloc(stream)",
                                            "<7>Debug: load: Failed to allocate orlo tuning"));
   EXPECT_EQ(getSettings().file.maxno, 1000);
+}
+
+// /proc/self/mem is a regular file whose first byte cannot be read.
+TEST_F(SettingsFileTest, AReadErrorIsAFailure) {
+  EXPECT_EQ(load(getSettings(), "/proc/self/mem"), 1);
+  EXPECT_EQ(sdk().entries().back(), "<3>Error: load: Failed to read: /proc/self/mem, errno=5");
 }
 
 TEST_F(SettingsFileTest, NoDescriptorStaysOpen) {
