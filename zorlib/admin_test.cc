@@ -1,6 +1,5 @@
-// Queues from their owner's side.
+// Creating, listing and removing application queues.
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -13,26 +12,46 @@
 namespace tarnik::test {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 class AdminTest : public GroupTest {
  protected:
-  // Creates a queue, and what the driver was asked for.
+  // Creates a queue. asked_ is the driver's request.
   int create(const char* name, std::uint32_t type, std::uint32_t size) {
     asked_ = zorvik_q_create{};
     answer(ZORVIK_Q_CREATE, [this](int, void* argument) -> std::optional<int> {
       asked_ = *static_cast<zorvik_q_create*>(argument);
       return std::nullopt;
     });
-    clearLog();
     clearRequests();
-    errno = 0;
     return zorlib_ifg_create_q_app(ifg_, name, type, size);
+  }
+  int remove(const char* name) { return zorlib_ifg_remove_q_app(ifg_, name); }
+  // The driver has these queues, with ids from 7 on, and reports `count`. removed_ is the id in a
+  // remove request.
+  void queues(std::initializer_list<const char*> names, std::uint32_t count) {
+    zorvik_q_enum list{};
+    for (std::uint32_t i = 0; i < names.size(); ++i) {
+      list.records[i].id = 7 + i;
+      std::strcpy(list.records[i].name, names.begin()[i]);
+    }
+    list.count = count;
+    answer(ZORVIK_Q_ENUM, [list](int, void* argument) {
+      EXPECT_EQ(static_cast<zorvik_q_enum*>(argument)->count, 32u);
+      *static_cast<zorvik_q_enum*>(argument) = list;
+      return 0;
+    });
+    answer(ZORVIK_Q_REMOVE, [this](int, void* argument) {
+      removed_ = *static_cast<std::uint32_t*>(argument);
+      return 0;
+    });
   }
 
   zorvik_q_create asked_{};
+  std::uint32_t removed_ = 0;
 };
+
+// ---- Creation
 
 TEST_F(AdminTest, CreatesAQueueAndWaitsForItsNode) {
   EXPECT_EQ(create("TarnikQ", 5, 100), 0);
@@ -46,16 +65,13 @@ TEST_F(AdminTest, CreatesAQueueAndWaitsForItsNode) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(AdminTest, TheReservedWordsOfACreationAreTheCallers) {
+TEST_F(AdminTest, TheCallerSetsTheReservedWords) {
   zorvik_q_create asked{};
-  answer(ZORVIK_Q_CREATE, [&](int, void* argument) -> std::optional<int> {
+  answer(ZORVIK_Q_CREATE, [&](int, void* argument) {
     asked = *static_cast<zorvik_q_create*>(argument);
-    return 0;  // an identifier like any other
+    return 0;  // a valid id
   });
-  systemCalls.looks = 0;
-  systemCalls.appearsAt = 1;
-  systemCalls.vanishesAt = 0;
-  systemCalls.fakeNode = true;
+  nodeAppearsAt(1);
   EXPECT_EQ(zorlib_ifg_q_create(ifg_, "q", 5, 10, 7, 8), 0);
   EXPECT_EQ(systemCalls.looks, 1);
   EXPECT_EQ(asked.reserved[0], 7u);
@@ -79,23 +95,20 @@ TEST_F(AdminTest, ChecksNameThenTypeThenSize) {
            Case{"q", 6, 16000001, EINVAL,
                 "q_size (16000001) out of bounds (10 <= q_size <= 16000000)"},
        }) {
-    EXPECT_EQ(create(each.name, each.type, each.size), -1);
-    EXPECT_EQ(errno, each.error);
-    EXPECT_THAT(logLines(),
-                ElementsAre(error(std::string("Error: zorlib_ifg_create_q_app: ") + each.message)));
+    expectFailure([&] { return create(each.name, each.type, each.size); }, each.error,
+                  {std::string("Error: zorlib_ifg_create_q_app: ") + each.message});
     EXPECT_THAT(requests(), IsEmpty());
   }
 }
 
-TEST_F(AdminTest, AcceptsTheBoundsOfNameTypeAndSize) {
+TEST_F(AdminTest, AcceptsTheLimitsOfNameTypeAndSize) {
   EXPECT_EQ(create("1234567890123456", 3, 10), 0);
   EXPECT_EQ(std::string(asked_.name, 16), "1234567890123456");
   EXPECT_EQ(create("b", 4, 10), 0);
   EXPECT_EQ(create("d", 6, 11), 0);
-  refuse(ZORVIK_Q_CREATE, ENOSPC);  // only the library's own check is of interest
-  clearLog();
+  refuse(ZORVIK_Q_CREATE, ENOSPC);  // the stand-in has no room for the largest queue
   EXPECT_EQ(zorlib_ifg_create_q_app(ifg_, "c", 5, 16000000), -1);
-  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(errno, ENOSPC) << "not EINVAL";
 }
 
 TEST_F(AdminTest, AQueueWithoutASizeGetsTheDefault) {
@@ -105,147 +118,101 @@ TEST_F(AdminTest, AQueueWithoutASizeGetsTheDefault) {
   setDebugLevel(1);
   EXPECT_EQ(create("TarnikQ", 5, 0), 0);
   EXPECT_EQ(asked_.size, 100000u);
-  EXPECT_THAT(logLines(),
-              ElementsAre(debug("Debug: zorlib_ifg_create_q_app: brund No q_size param - use def "
-                                "100000")));
+  EXPECT_EQ(logLines(), lines({"Debug: zorlib_ifg_create_q_app: brund No q_size param - use def "
+                               "100000"}));
 }
 
-TEST_F(AdminTest, AnExistingQueueIsToldInTheDebugLogOnly) {
+TEST_F(AdminTest, AnExistingQueueIsReportedAtDebugLevelOnly) {
   EXPECT_EQ(create("TarnikQ", 5, 100), 0);
-  EXPECT_EQ(create("TarnikQ", 5, 100), -1);
-  EXPECT_EQ(errno, EEXIST);
-  EXPECT_THAT(logLines(), IsEmpty());
+  const auto again = [&] { return create("TarnikQ", 5, 100); };
+  expectFailure(again, EEXIST);
   setDebugLevel(1);
-  EXPECT_EQ(create("TarnikQ", 5, 100), -1);
-  EXPECT_EQ(errno, EEXIST);
-  EXPECT_THAT(logLines(),
-              ElementsAre(debug("Debug: zorlib_ifg_q_create: Create queue (brund/TarnikQ/type 5) "
-                                "failed - File exists")));
+  expectFailure(again, EEXIST,
+                {"Debug: zorlib_ifg_q_create: Create queue (brund/TarnikQ/type 5) failed - File "
+                 "exists"});
 }
 
 TEST_F(AdminTest, AnyOtherRefusalIsAnError) {
-  refuse(ZORVIK_Q_CREATE, ENOSPC);
-  errno = 0;
-  EXPECT_EQ(zorlib_ifg_q_create(ifg_, "x", 6, 10, 0, 0), -1);
-  EXPECT_EQ(errno, ENOSPC);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_q_create: Create queue "
-                                            "(brund/x/type 6) failed - No space left on device")));
+  for (const int error : {ENOSPC, EBUSY}) {
+    refuse(ZORVIK_Q_CREATE, error);
+    expectFailure([&] { return zorlib_ifg_q_create(ifg_, "x", 6, 10, 0, 0); }, error,
+                  {std::string("Error: zorlib_ifg_q_create: Create queue (brund/x/type 6) failed "
+                               "- ") +
+                   std::strerror(error)});
+  }
 }
 
-TEST_F(AdminTest, AQueueWhoseNodeDoesNotAppearIsRemovedAgain) {
+TEST_F(AdminTest, AQueueWhoseNodeDoesNotAppearIsRemoved) {
+  queues({}, 0);
   answer(ZORVIK_Q_CREATE, [](int, void*) { return 4711; });
-  std::uint32_t removed = 0;
-  answer(ZORVIK_Q_REMOVE, [&](int, void* argument) {
-    removed = *static_cast<std::uint32_t*>(argument);
-    return 0;
-  });
-  systemCalls.looks = 0;
-  systemCalls.appearsAt = systemCalls.vanishesAt = 0;
-  systemCalls.fakeNode = true;
-  EXPECT_EQ(zorlib_ifg_q_create(ifg_, "late", 5, 10, 0, 0), -1);
+  nodeAppearsAt(kNever);
+  expectFailure([&] { return zorlib_ifg_q_create(ifg_, "late", 5, 10, 0, 0); }, ENOENT,
+                {"Error: zorlib_ifg_devnode_wait: Timeout waiting for devnode "
+                 "/dev/zorvik/brund/late to appear"});
   EXPECT_EQ(systemCalls.looks, 1501);
-  EXPECT_EQ(removed, 4711u);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_devnode_wait: Timeout waiting for "
-                                            "devnode /dev/zorvik/brund/late to appear")));
+  EXPECT_EQ(removed_, 4711u);
 }
 
-TEST_F(AdminTest, RemovesAQueueByItsNameInAnyCase) {
+// ---- Removal
+
+TEST_F(AdminTest, FindsAQueueByItsNameInAnyCase) {
   createQueue(ifg_, 5, 16, "other");
   createQueue(ifg_);
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "tARNIKq"), 0);
+  EXPECT_EQ(remove("tARNIKq"), 0);
   EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/brund/TarnikQ"));
   EXPECT_TRUE(std::filesystem::exists("/dev/zorvik/brund/other"));
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(AdminTest, RemovesAQueueOfSixteenCharacters) {
+TEST_F(AdminTest, ComparesAllSixteenCharacters) {
   createQueue(ifg_, 5, 16, "1234567890123456");
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "123456789012345"), -1);
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "1234567890123456"), 0);
+  EXPECT_EQ(remove("123456789012345"), -1);
+  EXPECT_EQ(remove("1234567890123456"), 0);
 }
 
 TEST_F(AdminTest, RemovesTheFirstOfTwoNamesThatDifferInCase) {
-  answer(ZORVIK_Q_ENUM, [](int, void* argument) {
-    auto& list = *static_cast<zorvik_q_enum*>(argument);
-    EXPECT_EQ(list.count, 32u);
-    list.count = 3;
-    list.records[0] = {
-        .id = 7, .type = 0, .entries = 0, .reserved = 0, .name = "a", .requested = 0};
-    list.records[1] = {
-        .id = 8, .type = 0, .entries = 0, .reserved = 0, .name = "QQ", .requested = 0};
-    list.records[2] = {
-        .id = 9, .type = 0, .entries = 0, .reserved = 0, .name = "qq", .requested = 0};
-    return 0;
-  });
-  std::uint32_t removed = 0;
-  answer(ZORVIK_Q_REMOVE, [&](int, void* argument) {
-    removed = *static_cast<std::uint32_t*>(argument);
-    return 0;
-  });
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "qq"), 0);
-  EXPECT_EQ(removed, 8u);
+  queues({"a", "QQ", "qq"}, 3);
+  EXPECT_EQ(remove("qq"), 0);
+  EXPECT_EQ(removed_, 8u);
 }
 
-TEST_F(AdminTest, ARecordBehindTheCountIsNoQueue) {
-  answer(ZORVIK_Q_ENUM, [](int, void* argument) {
-    auto& list = *static_cast<zorvik_q_enum*>(argument);
-    list.count = 1;
-    std::strcpy(list.records[0].name, "a");
-    std::strcpy(list.records[1].name, "q");
-    return 0;
-  });
-  errno = 0;
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "q"), -1);
-  EXPECT_EQ(errno, ENOENT);
+TEST_F(AdminTest, ReadsOnlyTheRecordsThatTheDriverCounts) {
+  queues({"a", "q"}, 1);
+  expectFailure([&] { return remove("q"); }, ENOENT);
+  queues({"a"}, 0xffffffff);
+  expectFailure([&] { return remove("q"); }, ENOENT);
   EXPECT_EQ(count(ZORVIK_Q_REMOVE), 0);
 }
 
-TEST_F(AdminTest, RemovalSucceedsThoughTheNodeLingers) {
-  createQueue(ifg_);
-  answer(ZORVIK_Q_REMOVE, [](int, void*) { return 0; });
-  systemCalls.looks = 0;
-  systemCalls.appearsAt = 1;
-  systemCalls.vanishesAt = 0;
-  systemCalls.fakeNode = true;
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "TarnikQ"), 0);
+TEST_F(AdminTest, RemovalWaitsForTheNodeOfTheQueuesOwnName) {
+  queues({"TarnikQ"}, 1);
+  nodeVanishesAt(kNever);
+  EXPECT_EQ(remove("tarnikq"), 0) << "the queue is removed, its node is not";
   EXPECT_EQ(systemCalls.looks, 1501);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_devnode_wait: Timeout waiting for "
-                                            "devnode /dev/zorvik/brund/TarnikQ to disappear")));
+  EXPECT_EQ(logLines(), lines({"Error: zorlib_ifg_devnode_wait: Timeout waiting for devnode "
+                               "/dev/zorvik/brund/TarnikQ to disappear"}));
 }
 
 TEST_F(AdminTest, AnUnknownQueueIsNotFound) {
-  errno = 0;
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "nobody"), -1);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_THAT(logLines(), IsEmpty());
+  const auto removeUnknown = [&] { return remove("nobody"); };
+  expectFailure(removeUnknown, ENOENT);
   setDebugLevel(1);
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "nobody"), -1);
-  EXPECT_THAT(logLines(),
-              ElementsAre(debug("Debug: zorlib_ifg_remove_q_app: Queue not found nobody")));
+  expectFailure(removeUnknown, ENOENT, {"Debug: zorlib_ifg_remove_q_app: Queue not found nobody"});
 }
 
 TEST_F(AdminTest, AnOpenQueueCannotBeRemoved) {
   createQueue(ifg_);
   zorlib_q* const q = openQueue(ifg_, ZORLIB_READ);
-  const std::string id = std::to_string(q->id);
-  errno = 0;
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "TarnikQ"), -1);
-  EXPECT_EQ(errno, EBUSY);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_q_remove: Delete queue (brund) " +
-                                            id + " failed - Device or resource busy")));
+  expectFailure([&] { return remove("TarnikQ"); }, EBUSY,
+                {text("Error: zorlib_ifg_q_remove: Delete queue (brund) %u failed - Device or "
+                      "resource busy",
+                      q->id)});
   EXPECT_EQ(zorlib_q_close(q), 0);
 }
 
-TEST_F(AdminTest, AnEnumerationThatClaimsMoreThanItCanHoldIsBounded) {
-  answer(ZORVIK_Q_ENUM, [](int, void* argument) {
-    static_cast<zorvik_q_enum*>(argument)->count = 0xffffffff;
-    return 0;
-  });
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "nobody"), -1);
-  EXPECT_EQ(errno, ENOENT);
-}
+// ---- The list
 
-TEST_F(AdminTest, ListsItsQueues) {
+TEST_F(AdminTest, ListsQueues) {
   createQueue(ifg_, 3, 100, "one");
   createQueue(ifg_, 6, 16, "two");
   zorvik_q_enum* found = nullptr;
@@ -256,26 +223,21 @@ TEST_F(AdminTest, ListsItsQueues) {
   EXPECT_STREQ(list->records[1].name, "two");
 }
 
-TEST_F(AdminTest, SaysWhyTheListOfQueuesFailed) {
+TEST_F(AdminTest, LogsWhyTheListFailed) {
   zorvik_q_enum* list = nullptr;
+  const auto enumerate = [&] { return zorlib_ifg_q_enum(ifg_, &list); };
+  const char kLine[] = "Error: zorlib_ifg_q_enum: q enum ioctl failed - Input/output error";
   systemCalls.allocationsLeft = 0;
-  EXPECT_EQ(zorlib_ifg_q_enum(ifg_, &list), -1);
-  EXPECT_EQ(errno, ENOMEM);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_q_enum: malloc(292) failed - "
-                                            "Cannot allocate memory")));
-  clearLog();
+  expectFailure(enumerate, ENOMEM,
+                {"Error: zorlib_ifg_q_enum: malloc(292) failed - Cannot allocate memory"});
   refuse(ZORVIK_Q_ENUM, EIO);
-  EXPECT_EQ(zorlib_ifg_q_enum(ifg_, &list), -1);
-  EXPECT_EQ(errno, EIO);
+  expectFailure(enumerate, EIO, {kLine});
   EXPECT_EQ(list, nullptr);
-  EXPECT_THAT(logLines(), ElementsAre(error("Error: zorlib_ifg_q_enum: q enum ioctl failed - "
-                                            "Input/output error")));
-  EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "x"), -1);
-  EXPECT_EQ(errno, EIO);
+  expectFailure([&] { return remove("x"); }, EIO, {kLine});
 }
 
-// The last one: parameters stay for the life of the process.
-TEST_F(AdminTest, AQueueWithoutASizeIsLookedUpByItsNameThenAsAppq) {
+// The last test, because parameters remain until the process ends.
+TEST_F(AdminTest, TheSizeIsTheParameterOfTheQueueOrOfAppq) {
   ASSERT_EQ(zorlib_set_param("zorvik.brund.appq.q_size", "40"), 0);
   ASSERT_EQ(zorlib_set_param("zorvik.brund.named.q_size", "20"), 0);
   EXPECT_EQ(create("named", 5, 0), 0);

@@ -1,24 +1,23 @@
-// Groups on the preloaded driver, from several processes: what one tells the driver the others
-// find, and nothing is lost or torn when one is killed. The interfaces are the machine's.
+// Groups on the preloaded driver, used by several processes. They see each other's changes, and the
+// death of one leaves nothing lost or half-written. The interfaces are the machine's.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
-#include <sys/wait.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/testing/captured_log.h"
+#include "base/testing/process.h"
 #include "zorlib/zorlib.h"
 
 namespace tarnik::test {
@@ -28,52 +27,33 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-int zorvikctl(const std::string& arguments) {
-  return std::system((ZORVIKCTL " " + arguments).c_str());
+Finished zorvikctl(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), ZORVIKCTL);
+  const Finished result = runProgram(arguments);
+  EXPECT_EQ(result.ending, kSucceeded) << result.errors;
+  return result;
 }
 
-// Another process that runs `body`, to be killed or to end with its result; 99 when an expectation
-// failed in it. `body` may tell its parent, a call at a time, how far it is.
-class Process {
+// A number in memory that this process and its children share, for the progress of a child.
+class Steps {
  public:
-  using Tell = std::function<void()>;
-  explicit Process(const std::function<int(const Tell& tell)>& body) {
-    EXPECT_EQ(::pipe(ends_.data()), 0);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::alarm(100);  // a test that hangs must not leave processes behind
-      const int result = body([this] { EXPECT_EQ(::write(ends_[1], "x", 1), 1); });
-      ::_exit(::testing::Test::HasFailure() ? 99 : result);
-    }
-    ::close(std::exchange(ends_[1], -1));
-  }
-  ~Process() {
-    kill();
-    ::close(ends_[0]);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
+  Steps()
+      : memory_(::mmap(nullptr, sizeof(Count), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                       -1, 0)),
+        count_(new (memory_) Count(0)) {}
+  ~Steps() { ::munmap(memory_, sizeof(Count)); }
+  Steps(const Steps&) = delete;
+  Steps& operator=(const Steps&) = delete;
 
-  void awaitTold(int times = 1) {
-    for (char byte = 0; times > 0; --times) {
-      ASSERT_EQ(::read(ends_[0], &byte, 1), 1) << "it ended before";
-    }
-  }
-  int join() {
-    int result = -1;
-    ::waitpid(std::exchange(pid_, -1), &result, 0);
-    return WIFEXITED(result) ? WEXITSTATUS(result) : -1;
-  }
-  void kill() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      (void)join();
-    }
+  void add() { ++*count_; }
+  void await(int steps) const {
+    ASSERT_TRUE(eventually([&] { return *count_ >= steps; }));
   }
 
  private:
-  std::array<int, 2> ends_{};
-  pid_t pid_ = -1;
+  using Count = std::atomic<int>;
+  void* memory_;
+  Count* count_;
 };
 
 zorlib_ifg* opened(const char* name) {
@@ -104,29 +84,29 @@ std::vector<std::pair<std::string, std::uint32_t>> groups() {
 class GroupsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(zorvikctl("load --frames 2048x64"), 0);
-    ASSERT_EQ(zorvikctl("create-ifg brund"), 0);
+    zorvikctl({"load", "--frames", "2048x64"});
+    zorvikctl({"create-ifg", "brund"});
     clearLog();
   }
-  void TearDown() override { EXPECT_EQ(zorvikctl("unload"), 0) << "something was left open"; }
+  void TearDown() override { zorvikctl({"unload"}); }
 };
 
-TEST_F(GroupsTest, AreListedAsTheyComeAndGo) {
+TEST_F(GroupsTest, ListsTheGroupsOfNow) {
   EXPECT_THAT(groups(), ElementsAre(std::pair("brund", 0u)));
-  ASSERT_EQ(zorvikctl("create-ifg 1234567890123456 --frames 5"), 0);
+  zorvikctl({"create-ifg", "1234567890123456", "--frames", "5"});
   EXPECT_THAT(groups(), ElementsAre(std::pair("brund", 0u), std::pair("1234567890123456", 0u)));
-  Process other([](const Process::Tell&) { return zorlib_ifg_remove("brund"); });
-  EXPECT_EQ(other.join(), 0);
+  EXPECT_EQ(Process([] { return zorlib_ifg_remove("brund"); }).wait(), kSucceeded);
   EXPECT_THAT(groups(), ElementsAre(std::pair("1234567890123456", 0u)));
   EXPECT_EQ(zorlib_ifg_remove("1234567890123456"), 0);
   EXPECT_THAT(groups(), IsEmpty());
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(GroupsTest, CountersSurviveTheProcessesThatMadeThem) {
+TEST_F(GroupsTest, CountersOutliveTheirProcesses) {
   zorlib_ifg* const ifg = opened("brund");
   EXPECT_EQ(statsOf(ifg).frm_count, 64u);
-  Process holder([](const Process::Tell& tell) {
+  Steps steps;
+  Process holder([&] {
     zorlib_ifg* const mine = opened("brund");
     zorvik_frm_desc* descriptors = nullptr;
     std::uint32_t size = 0;
@@ -139,17 +119,18 @@ TEST_F(GroupsTest, CountersSurviveTheProcessesThatMadeThem) {
     }
     zorvik_frm_desc* large = nullptr;
     EXPECT_EQ(zorlib_batch_alloc(mine, 4000, &large, 1), -1);
-    tell();
+    steps.add();
     ::pause();
     return 0;
   });
-  holder.awaitTold();
+  steps.await(1);
   EXPECT_EQ(statsOf(ifg).frm_allocs, 62u);
   EXPECT_EQ(statsOf(ifg).frm_frees, 7u);
   EXPECT_EQ(statsOf(ifg).frm_free, 9u);
   EXPECT_EQ(statsOf(ifg).buf_free, 9u);
   EXPECT_EQ(statsOf(ifg).alloc_too_large, 1u);
-  holder.kill();
+  holder.signal(SIGKILL);
+  EXPECT_EQ(holder.wait(), killedBy(SIGKILL));
   zorvik_frm_desc* descriptors = nullptr;
   std::uint32_t size = 0;
   std::uint8_t* payload = nullptr;
@@ -161,7 +142,7 @@ TEST_F(GroupsTest, CountersSurviveTheProcessesThatMadeThem) {
   EXPECT_EQ(zorlib_ifg_close(ifg), 0);  // the mapping's reference
 }
 
-TEST_F(GroupsTest, AreNotMadeForInterfacesThatAreNotThere) {
+TEST_F(GroupsTest, NeedInterfacesThatExist) {
   zorvik_ifg_config config{};
   config.num_ifs = 2;
   zorlib_ifg* ifg = nullptr;
@@ -206,8 +187,8 @@ class PairTest : public GroupsTest {
   zorvik_ifg_config config_{};
 };
 
-TEST_F(PairTest, WhatTheCreatorToldOthersFind) {
-  Process creator([this](const Process::Tell&) {
+TEST_F(PairTest, OtherProcessesSeeTheCreatorsSettings) {
+  Process creator([this] {
     EXPECT_EQ(zorlib_set_param("zorvik.mine.fd_count", "1000"), 0);
     EXPECT_EQ(zorlib_set_param("zorvik.mine.q_size", "3000"), 0);
     EXPECT_EQ(zorlib_set_param("zorvik.mine.3.if_mask", "2"), 0);
@@ -218,7 +199,7 @@ TEST_F(PairTest, WhatTheCreatorToldOthersFind) {
     EXPECT_EQ(zorlib_ifg_set_qpair_cfg(ifg, &pair), 0);
     return zorlib_ifg_close(ifg);
   });
-  ASSERT_EQ(creator.join(), 0);
+  ASSERT_EQ(creator.wait(), kSucceeded);
   EXPECT_THAT(groups(), ElementsAre(std::pair("brund", 0u), std::pair("mine", 2u)));
   zorlib_ifg* const ifg = opened("mine");
   zorlib_ifg_info info{};
@@ -238,7 +219,7 @@ TEST_F(PairTest, WhatTheCreatorToldOthersFind) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(PairTest, TheMachinesInterfacesAreListed) {
+TEST_F(PairTest, ListsTheMachinesInterfaces) {
   std::vector<zorlib_if> list(64);
   const int count = zorlib_if_enum(list.data(), 64);
   ASSERT_GE(count, 2);
@@ -252,7 +233,7 @@ TEST_F(PairTest, TheMachinesInterfacesAreListed) {
   EXPECT_EQ(zorlib_if_enum(list.data(), 1), 1);
 }
 
-TEST_F(PairTest, SizesAndTheCheckOfFramesUseTheInterfacesOfAnOpenedGroup) {
+TEST_F(PairTest, AnOpenGroupSeesAnotherProcesssInterfaces) {
   ASSERT_EQ(zorlib_set_param("zorvik.brund.q_size", "1000"), 0);
   zorlib_ifg* const ifg = opened("brund");
   zorvik_frm_desc* descriptors = nullptr;
@@ -262,12 +243,12 @@ TEST_F(PairTest, SizesAndTheCheckOfFramesUseTheInterfacesOfAnOpenedGroup) {
   zorvik_frm_desc* const frame = zorlib_ifg_frm_alloc(ifg, 100);
   ASSERT_NE(frame, nullptr);
   zorlib_FRM_Vm(ifg, frame);
-  Process owner([this](const Process::Tell&) {
+  Process owner([this] {
     zorlib_ifg* const mine = opened("brund");
     EXPECT_EQ(zorlib_ifg_configure(mine, &config_), 0);
     return zorlib_ifg_close(mine);
   });
-  ASSERT_EQ(owner.join(), 0);
+  ASSERT_EQ(owner.wait(), kSucceeded);
   EXPECT_EQ(zorlib_ifg_lookup_qsize(ifg, nullptr), 1000u);
   frame->if_in = 0;
   frame->if_out = 1;
@@ -278,7 +259,7 @@ TEST_F(PairTest, SizesAndTheCheckOfFramesUseTheInterfacesOfAnOpenedGroup) {
   EXPECT_EQ(zorlib_ifg_close(ifg), 0);  // the mapping's reference
 }
 
-TEST_F(PairTest, InterfacesOfAnotherGroupAreRefusedAndNothingIsLeft) {
+TEST_F(PairTest, AGroupWithInterfacesOfAnotherGroupIsNotCreated) {
   zorlib_ifg* const ifg = opened("brund");
   ASSERT_EQ(zorlib_ifg_configure(ifg, &config_), 0);
   zorlib_ifg* mine = nullptr;
@@ -295,9 +276,10 @@ TEST_F(PairTest, InterfacesOfAnotherGroupAreRefusedAndNothingIsLeft) {
   EXPECT_EQ(zorlib_ifg_close(ifg), 0);
 }
 
-TEST_F(PairTest, AProcessKilledWhileItConfiguresLeavesNothingTorn) {
+TEST_F(PairTest, AKilledProcessLeavesNoHalfWrittenConfiguration) {
   for (int killed = 0; killed < 30; ++killed) {
-    Process restless([this](const Process::Tell& tell) {
+    Steps steps;
+    Process restless([&] {
       zorlib_ifg* const mine = opened("brund");
       for (std::uint32_t round = 1;; ++round) {
         zorvik_ifg_config config = config_;
@@ -306,12 +288,13 @@ TEST_F(PairTest, AProcessKilledWhileItConfiguresLeavesNothingTorn) {
         EXPECT_EQ(zorlib_ifg_configure(mine, &config), 0);
         const zorvik_qpair_cfg pair{.index = 1, .size = round, .if_mask = 3, .cpu_mask = round};
         EXPECT_EQ(zorlib_ifg_set_qpair_cfg(mine, &pair), 0);
-        tell();
+        steps.add();
       }
       return 0;
     });
-    restless.awaitTold(1 + killed);
-    restless.kill();
+    steps.await(1 + killed);
+    restless.signal(SIGKILL);
+    EXPECT_EQ(restless.wait(), killedBy(SIGKILL));
     zorlib_ifg* const ifg = opened("brund");
     zorlib_ifg_info info{};
     EXPECT_EQ(zorlib_ifg_query(ifg, &info), 0);
