@@ -417,13 +417,13 @@ TEST_F(DiskUsageTest, ScansEachTimeWithoutInotify) {
     SCOPED_TRACE(call);
     DiskUsage fresh;
     passOneSecond();
-    failingCall = call;
+    faults[call] = {.error = ENOSPC, .times = 1000};
     for (int i = 0; i < 3; ++i) {
       append(kDir + "a.pcap", 10);
       EXPECT_TRUE(agrees(fresh));
       EXPECT_TRUE(agrees(usage_));
     }
-    failingCall.clear();
+    clearFaults();
     EXPECT_TRUE(agrees(fresh));
     append(kDir + "a.pcap", 10);
     listings = 0;
@@ -435,9 +435,9 @@ TEST_F(DiskUsageTest, ScansEachTimeWithoutInotify) {
 TEST_F(DiskUsageTest, ScansWithoutMemory) {
   writeFile(kDir + "a name that is too long for a small string.pcap", "x");
   Usage usage;
-  outOfMemory = true;
+  faults["new"] = {.times = 1000};
   usage_.update(usage.bytes, usage.files);
-  outOfMemory = false;
+  clearFaults();
   EXPECT_EQ(usage, (Usage{directories() + 151, 2}));
   EXPECT_TRUE(agrees(usage_));
 }

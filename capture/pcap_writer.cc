@@ -1,64 +1,30 @@
 #include "capture/pcap_writer.h"
 
-#include <fcntl.h>
 #include <stdio_ext.h>
-#include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
 #include "base/log.h"
+#include "capture/pcap_file.h"
 
 namespace tarnik {
 namespace {
 
-constexpr std::array<std::uint8_t, 24> kFileHeader = {
-    0xd4, 0xc3, 0xb2, 0xa1,  // magic: microseconds, little-endian
-    2,    0,    4,    0,     // version 2.4
-    0,    0,    0,    0,     // time zone
-    0,    0,    0,    0,     // accuracy
-    0xdc, 0x05, 0,    0,     // snaplen 1500, also if frames are longer
-    1,    0,    0,    0,     // Ethernet
-};
-
-// Opens a descriptor and closes it again, to learn its number: the lowest that is free. False, with
-// errno, if one more capture would leave too few descriptors for a reload or an info file.
-bool reserveDescriptors() {
-  constexpr rlim_t kReserved = 16;
-  rlimit limit{};
-  const OwnedFd lowestFree(::eventfd(0, EFD_CLOEXEC));
-  if (!lowestFree || ::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-    return false;
-  }
-  const rlim_t reserved = std::min(kReserved, limit.rlim_cur / 4);
-  if (static_cast<rlim_t>(lowestFree.get()) + reserved < limit.rlim_cur) {
-    return true;
-  }
-  errno = EMFILE;
-  return false;
+bool isRegularFile(const char* path) {
+  struct stat status {};
+  return ::lstat(path, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// Returns the end of the last whole record within the first `size` bytes of `path`. `known` is the
-// end of a record, and the result if the file cannot be read.
-std::uint64_t findLastRecordEnd(const char* path, std::uint64_t known, std::uint64_t size) {
-  const OwnedFd fd(::open(path, O_RDONLY | O_CLOEXEC));
-  std::array<std::uint32_t, 4> header{};
-  std::uint64_t end = known;
-  while (fd && ::pread(fd.get(), header.data(), sizeof header, static_cast<off_t>(end)) ==
-                   static_cast<ssize_t>(sizeof header)) {
-    const std::uint64_t next = end + sizeof header + header[2];
-    if (next > size) {
-      break;
-    }
-    end = next;
+void removeFile(const std::string& path) {
+  if (std::remove(path.c_str()) != 0) {
+    TARNIK_DEBUG(0, "Debug: %s: Failed to remove [%s]: %s", "Finalize", path.c_str(),
+                 std::strerror(errno));
   }
-  return end;
 }
 
 }  // namespace
@@ -78,13 +44,12 @@ bool PcapWriter::Open() {
   if (stream_) {
     return true;
   }
-  if (!reserveDescriptors()) {
-    TARNIK_ERROR("Error: %s: Failed to open %s: %s", "Open", workingPath_.c_str(),
-                 std::strerror(errno));
-    return false;
+  // The stream is close-on-exec, because the shell that copies an info template must not inherit
+  // it.
+  if (reserveDescriptors()) {
+    buffer_ = std::make_unique_for_overwrite<char[]>(bufferSize_);
+    stream_.reset(std::fopen(workingPath_.c_str(), "wbe"));
   }
-  // Close-on-exec, because the shell that copies an info template must not inherit capture files.
-  stream_.reset(std::fopen(workingPath_.c_str(), "wbe"));
   if (!stream_) {
     TARNIK_ERROR("Error: %s: Failed to open %s: %s", "Open", workingPath_.c_str(),
                  std::strerror(errno));
@@ -92,14 +57,13 @@ bool PcapWriter::Open() {
   }
   // One thread at a time uses the writer, so the stream need not be locked at each call.
   __fsetlocking(stream_.get(), FSETLOCKING_BYCALLER);
-  buffer_ = std::make_unique_for_overwrite<char[]>(bufferSize_);
   std::setvbuf(stream_.get(), buffer_.get(), _IOFBF, bufferSize_);
   info_.startTime = std::time(nullptr);
   if (!WritePCAPHeader()) {
     return false;
   }
   if (std::fflush(stream_.get()) == 0) {
-    completeEnd_ = kFileHeader.size();
+    complete_.end = kPcapFileHeader.size();
   } else {
     dropPartialRecord();
   }
@@ -109,7 +73,8 @@ bool PcapWriter::Open() {
 
 bool PcapWriter::WritePCAPHeader() {
   TARNIK_DEBUG(3, "Debug: %s: [%s]", "WritePCAPHeader", workingPath_.c_str());
-  if (std::fwrite(kFileHeader.data(), 1, kFileHeader.size(), stream_.get()) < kFileHeader.size()) {
+  if (std::fwrite(kPcapFileHeader.data(), 1, kPcapFileHeader.size(), stream_.get()) <
+      kPcapFileHeader.size()) {
     TARNIK_ERROR("Error: %s: Failed to write PCAP header: %s", "WritePCAPHeader",
                  std::strerror(errno));
     return false;
@@ -149,7 +114,7 @@ bool PcapWriter::Write(const FrameHeader& frame, const std::uint8_t* data) {
   }
   // Only this record waits in the buffer, so all earlier ones have reached the file.
   if (__fpending(stream_.get()) <= recordSize) {
-    completeEnd_ = kFileHeader.size() + bytesWritten_;
+    complete_ = {kPcapFileHeader.size() + bytesWritten_, 0};
   }
   bytesWritten_ += recordSize;
   lastWriteTime_ = std::time(nullptr);
@@ -168,7 +133,7 @@ bool PcapWriter::append(const void* bytes, std::size_t size) {
 }
 
 // After a failed write or flush: truncates the file, so that it ends in a whole record and the next
-// record can follow. Otherwise the next Write or Close tries again.
+// record can follow. If the truncation fails, the next Write or Close tries again.
 void PcapWriter::dropPartialRecord() {
   truncateError_ = truncateToWholeRecords() ? 0 : errno;
 }
@@ -181,20 +146,21 @@ bool PcapWriter::truncateToWholeRecords() {
     return false;
   }
   const auto size = static_cast<std::uint64_t>(status.st_size);
-  std::uint64_t end = 0;
-  if (size >= kFileHeader.size()) {
-    end = findLastRecordEnd(workingPath_.c_str(), std::max(completeEnd_, kFileHeader.size()), size);
+  WholeRecords whole;
+  if (size >= kPcapFileHeader.size()) {
+    whole = {std::max(complete_.end, kPcapFileHeader.size()), complete_.records};
+    whole = findWholeRecords(workingPath_.c_str(), whole, size);
   }
-  if (::ftruncate(::fileno(stream), static_cast<off_t>(end)) != 0 ||
-      ::fseeko(stream, static_cast<off_t>(end), SEEK_SET) != 0) {
+  const auto end = static_cast<off_t>(whole.end);
+  if (::ftruncate(::fileno(stream), end) != 0 || ::fseeko(stream, end, SEEK_SET) != 0) {
     return false;
   }
-  completeEnd_ = end;
+  complete_ = whole;
   if (end == 0) {
     bytesWritten_ = 0;
-    return std::fwrite(kFileHeader.data(), kFileHeader.size(), 1, stream) == 1;
+    return std::fwrite(kPcapFileHeader.data(), kPcapFileHeader.size(), 1, stream) == 1;
   }
-  bytesWritten_ = end - kFileHeader.size();
+  bytesWritten_ = whole.end - kPcapFileHeader.size();
   return true;
 }
 
@@ -204,7 +170,7 @@ void PcapWriter::limitBuffer(std::size_t bytes) {
     return;
   }
   if (std::fflush(stream_.get()) == 0) {
-    completeEnd_ = kFileHeader.size() + bytesWritten_;
+    complete_ = {kPcapFileHeader.size() + bytesWritten_, 0};
   } else {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
     dropPartialRecord();
@@ -242,28 +208,34 @@ bool PcapWriter::Finalize() {
   if (finalPath_.empty()) {
     TARNIK_WARNING("Warning: %s: Failed to determine capture name for [%s]", "Finalize",
                    workingPath_.c_str());
-    if (std::remove(workingPath_.c_str()) != 0) {
-      TARNIK_DEBUG(0, "Debug: %s: Failed to remove [%s]: %s", "Finalize", workingPath_.c_str(),
-                   std::strerror(errno));
-    }
+    removeFile(workingPath_);
     return true;
   }
-  // A file that ends in a partial record is not published.
-  errno = truncateError_;
-  if (truncateError_ != 0 || std::rename(workingPath_.c_str(), finalPath_.c_str()) != 0) {
+  if (!publish()) {
     TARNIK_ERROR("Error: %s: Failed to finalize [%s]: %s", "Finalize", finalPath_.c_str(),
                  std::strerror(errno));
     return false;
   }
   if (!fini(info_)) {
     TARNIK_WARNING("Warning: %s: Failed to generate info for [%s]", "Finalize", finalPath_.c_str());
-    if (std::remove(finalPath_.c_str()) != 0) {
-      TARNIK_DEBUG(0, "Debug: %s: Failed to remove [%s]: %s", "Finalize", finalPath_.c_str(),
-                   std::strerror(errno));
-    }
+    removeFile(finalPath_);
   }
   TARNIK_DEBUG(3, "Debug: %s: Finalized [%s]", "Finalize", finalPath_.c_str());
   return true;
+}
+
+// Moves the file to its final name. False, with errno, if it ends in a partial record, or if its
+// final name or the name of its info file belongs to another capture.
+bool PcapWriter::publish() const {
+  if (truncateError_ != 0) {
+    errno = truncateError_;
+    return false;
+  }
+  if (isRegularFile(info_.infoPath.c_str())) {
+    errno = EEXIST;
+    return false;
+  }
+  return renameWithoutReplacing(workingPath_.c_str(), finalPath_.c_str());
 }
 
 }  // namespace tarnik

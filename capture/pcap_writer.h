@@ -16,6 +16,7 @@
 #include <string>
 
 #include "base/owned.h"
+#include "capture/pcap_file.h"
 #include "frameq/frame_header.h"
 #include "policy/capture_info.h"
 
@@ -58,9 +59,10 @@ class PcapWriter {
 
   // Flushes and closes the stream, moves the file to its final name and writes the info file.
   // Removes the capture if it has no final name or if the info file cannot be written. Records that
-  // cannot be flushed are lost, with a log line. False, with a log line, if the stream cannot be
-  // closed or the file cannot be moved; the working file then remains. Returns true at once if the
-  // stream is not open, also after a Close that failed.
+  // cannot be flushed are lost, with a log line.
+  // False, with a log line, if the stream cannot be closed or the file cannot be moved. It is never
+  // moved over another capture or its info file. The working file then remains. Returns true at
+  // once if the stream is not open, also after a Close that failed.
   bool Close();
 
   [[nodiscard]] const std::string& workingPath() const { return workingPath_; }
@@ -88,6 +90,7 @@ class PcapWriter {
   void dropPartialRecord();
   [[nodiscard]] bool truncateToWholeRecords();
   [[nodiscard]] bool Finalize();
+  [[nodiscard]] bool publish() const;
 
   std::string workingPath_;
   std::string finalPath_;
@@ -100,7 +103,7 @@ class PcapWriter {
   bool named_ = false;
   std::uint64_t maxFileSize_;
   std::int32_t status_ = 0;
-  std::uint64_t completeEnd_ = 0;  // end of a record before which all records have reached the file
+  WholeRecords complete_;  // known to have reached the file; more may have
   int truncateError_ = 0;  // errno of a failed truncation: the file ends in a partial record; or 0
   RecordHeader recordHeader_{};
   CaptureInfo info_;

@@ -8,6 +8,7 @@
 namespace tarnik::test {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -174,6 +175,58 @@ TEST_F(PcapWriterFailureTest, RenameFails) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
+// Neither its file nor its info file.
+TEST_F(PcapWriterFailureTest, NeverReplacesAnotherCapture) {
+  for (const int unsupported : {0, EINVAL, ENOSYS}) {
+    for (const std::string other : {"a.pcap", "a.info"}) {
+      SCOPED_TRACE(testing::Message() << other << " " << unsupported);
+      emptyCaptureDir();
+      writeFile(kCaptureDir + other, "another");
+      auto writer = started();
+      if (unsupported != 0) {
+        faults["renameat2"] = {.error = unsupported};
+      }
+      EXPECT_FALSE(writer->Close());
+      writer.reset();
+      expectLog(
+          {{LOG_ERR,
+            "Error: Finalize: Failed to finalize [/var/support/tarnik/a.pcap]: File exists"}});
+      EXPECT_THAT(entries(), ElementsAre("1f", other));
+      EXPECT_EQ(readFile(kCaptureDir + other), "another");
+      EXPECT_EQ(recordsIn(kWorking), 1U);
+      clearFaults();
+    }
+  }
+}
+
+// On a file system that cannot rename without replacing.
+TEST_F(PcapWriterFailureTest, MovesTheFileByALinkWhereNecessary) {
+  for (const int unsupported : {EINVAL, ENOSYS}) {
+    emptyCaptureDir();
+    faults["renameat2"] = {.error = unsupported};
+    EXPECT_TRUE(started()->Close());
+    EXPECT_THAT(entries(), ElementsAre("a.info", "a.pcap"));
+    EXPECT_EQ(recordsIn(kFinal), 1U);
+  }
+  const struct {
+    std::map<std::string, Fault> faults;
+    std::string error;
+  } kFailures[] = {
+      {{{"renameat2", {.error = EACCES}}}, "Permission denied"},
+      {{{"renameat2", {.error = EINVAL}}, {"link", {.error = EMLINK}}}, "Too many links"},
+      {{{"renameat2", {.error = EINVAL}}, {"unlink", {.error = EIO}}}, "Input/output error"},
+  };
+  for (const auto& failure : kFailures) {
+    emptyCaptureDir();
+    const auto writer = started();
+    faults = failure.faults;
+    EXPECT_FALSE(writer->Close());
+    expectLog({{LOG_ERR, "Error: Finalize: Failed to finalize [/var/support/tarnik/a.pcap]: " +
+                             failure.error}});
+    EXPECT_THAT(entries(), ElementsAre("1f"));
+  }
+}
+
 TEST_F(PcapWriterFailureTest, RemovingACaptureWithoutNameFails) {
   const LogLine warning{
       LOG_WARNING,
@@ -269,19 +322,34 @@ class PcapWriterFullTest : public WriterTest {
   int refusedWrites_ = 0;  // files that met their limit before Close
 
  private:
+  std::size_t accepted_ = 0;  // records of the last file
+
   // Writes until the writer refuses a frame, or all frames, and closes.
   void fill(unsigned count, std::uint32_t frameSize) {
     writeFile("/var/support/tarnik/template.nap.uuid", "");
     const auto writer = opened(kNoLimit, kBuffer);
     writer->Update(kFinal, 7, "uuid", 12);
+    accepted_ = 0;
+    clearLog();
     for (unsigned i = 0; i < count; ++i) {
       if (!write(*writer, frameSize + i % 7, i)) {
         ++refusedWrites_;
         EXPECT_EQ(kPcapHeader.size() + writer->bytesWritten(), sizeOf(kWorking));
         break;
       }
+      ++accepted_;
     }
     (void)writer->Close();
+  }
+
+  // The number of records that the log reports as lost.
+  static std::size_t lostRecords() {
+    std::size_t sum = 0;
+    for (const LogLine& line : logLines()) {
+      const std::size_t at = line.text.find("Lost ");
+      sum += at == std::string::npos ? 0 : std::stoul(line.text.substr(at + 5));
+    }
+    return sum;
   }
 
   static std::size_t recordsThatFit(const std::vector<Record>& all, std::size_t size) {

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <new>
 
 namespace tarnik::test {
 
@@ -18,14 +20,6 @@ void clearFaults() {
   fixedTime = 0;
 }
 
-namespace {
-
-template <class Function>
-Function* next(Function*, const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
-
-// The fault of a call that must fail now, with errno set, or null.
 const Fault* failing(const char* name) {
   const auto found = faults.find(name);
   if (found == faults.end()) {
@@ -44,11 +38,34 @@ const Fault* failing(const char* name) {
   return &fault;
 }
 
+namespace {
+
+template <class Function>
+Function* next(Function*, const char* name) {
+  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
 }  // namespace
 }  // namespace tarnik::test
 
 using tarnik::test::failing;
 using tarnik::test::Fault;
+
+void* operator new(std::size_t size) {
+  void* const memory = failing("new") != nullptr ? nullptr : std::malloc(size);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
 
 extern "C" {
 
@@ -87,9 +104,20 @@ int fclose(std::FILE* stream) {
   return EOF;
 }
 
-int rename(const char* from, const char* to) {
-  static auto* const real = tarnik::test::next(&rename, "rename");
-  return failing("rename") != nullptr ? -1 : real(from, to);
+int renameat2(int fromDirectory, const char* from, int toDirectory, const char* to,
+              unsigned flags) noexcept {
+  static auto* const real = tarnik::test::next(&renameat2, "renameat2");
+  return failing("renameat2") != nullptr ? -1 : real(fromDirectory, from, toDirectory, to, flags);
+}
+
+int link(const char* from, const char* to) noexcept {
+  static auto* const real = tarnik::test::next(&link, "link");
+  return failing("link") != nullptr ? -1 : real(from, to);
+}
+
+int unlink(const char* path) noexcept {
+  static auto* const real = tarnik::test::next(&unlink, "unlink");
+  return failing("unlink") != nullptr ? -1 : real(path);
 }
 
 int remove(const char* path) {

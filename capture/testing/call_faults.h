@@ -16,9 +16,12 @@ struct Fault {
   std::size_t bytes = 0;  // fwrite: number of bytes that still reach the file, without the buffer
 };
 
-// By the name of the call: fopen, fwrite, fflush, fclose (which still frees the stream), rename,
-// remove, ftruncate.
+// By the name of the call: fopen, fwrite, fflush, fclose (which still frees the stream), renameat2,
+// link, unlink, remove, ftruncate; new: operator new, without an errno.
 extern std::map<std::string, Fault> faults;
+
+// For other replaced calls. The fault of a call that must fail now, with errno set, or null.
+const Fault* failing(const char* name);
 
 // The result of time(), or 0 for the real time.
 extern std::time_t fixedTime;

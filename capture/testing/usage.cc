@@ -8,9 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <ctime>
-#include <new>
 #include <utility>
 
 namespace test = tarnik::test;
@@ -24,27 +22,10 @@ Function* next(Function*, const char* name) {
 
 bool fails(const char* call) {
   ++test::systemCalls;
-  errno = ENOSPC;
-  return test::failingCall == call;
+  return test::failing(call) != nullptr;
 }
 
 }  // namespace
-
-void* operator new(std::size_t size) {
-  void* const memory = test::outOfMemory ? nullptr : std::malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 extern "C" {
 

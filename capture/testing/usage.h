@@ -12,18 +12,18 @@
 #include "base/paths.h"
 #include "base/testing/captured_log.h"
 #include "capture/disk_usage.h"
+#include "capture/testing/call_faults.h"
 #include "capture/testing/files.h"
 
 namespace tarnik::test {
 
-// These replace C functions of the test program (usage.cc).
+// usage.cc replaces C functions. It adds the faults inotify_init1, inotify_add_watch, epoll_create1
+// and epoll_ctl.
 inline std::atomic<std::int64_t> clockMilliseconds{1'000'000};  // CLOCK_MONOTONIC_COARSE
 inline std::atomic<int> systemCalls{0};                         // all that usage.cc replaces
 inline std::atomic<int> listings{0};                            // opendir
-inline std::string failingCall;        // inotify_init1, inotify_add_watch, epoll_...: ENOSPC
-inline std::string pathWithoutStatus;  // stat fails with EIO there
+inline std::string pathWithoutStatus;                           // stat fails with EIO there
 inline std::function<void()> onCloseDirectory;
-inline bool outOfMemory = false;  // operator new throws
 
 // Lets the next update scan the directory.
 inline void passOneSecond() {
@@ -67,7 +67,7 @@ class UsageTest : public testing::Test {
     clearLog();
   }
   ~UsageTest() override {
-    failingCall.clear();
+    clearFaults();
     pathWithoutStatus.clear();
     onCloseDirectory = nullptr;
   }
