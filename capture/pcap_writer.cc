@@ -65,7 +65,7 @@ bool PcapWriter::Open() {
   if (std::fflush(stream_.get()) == 0) {
     complete_.end = kPcapFileHeader.size();
   } else {
-    dropPartialRecord();
+    dropPartialRecord("Open");
   }
   lastWriteTime_ = std::time(nullptr);
   return true;
@@ -99,31 +99,32 @@ bool PcapWriter::Write(const FrameHeader& frame, const std::uint8_t* data) {
   }
   if (!append(&recordHeader_, sizeof recordHeader_)) {
     TARNIK_ERROR("Error: %s: Failed to write packet header: %s", "Write", std::strerror(errno));
-    dropPartialRecord();
+    dropPartialRecord("Write");
     return false;
   }
   if (!append(data, frame.capturedLength)) {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
-    dropPartialRecord();
+    dropPartialRecord("Write");
     return false;
   }
   if (__fpending(stream_.get()) > bufferLimit_ && std::fflush(stream_.get()) != 0) {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
-    dropPartialRecord();
+    dropPartialRecord("Write");
     return false;
   }
   // Only this record waits in the buffer, so all earlier ones have reached the file.
   if (__fpending(stream_.get()) <= recordSize) {
-    complete_ = {kPcapFileHeader.size() + bytesWritten_, 0};
+    complete_ = {kPcapFileHeader.size() + bytesWritten_, records_};
   }
   bytesWritten_ += recordSize;
+  ++records_;
   lastWriteTime_ = std::time(nullptr);
   return true;
 }
 
 bool PcapWriter::append(const void* bytes, std::size_t size) {
   if (truncateError_ != 0) {
-    dropPartialRecord();  // anything appended to a partial record would be unreadable
+    dropPartialRecord("Write");  // anything appended to a partial record would be unreadable
   }
   if (truncateError_ != 0) {
     errno = truncateError_;
@@ -133,9 +134,18 @@ bool PcapWriter::append(const void* bytes, std::size_t size) {
 }
 
 // After a failed write or flush: truncates the file, so that it ends in a whole record and the next
-// record can follow. If the truncation fails, the next Write or Close tries again.
-void PcapWriter::dropPartialRecord() {
+// record can follow. Logs how many accepted records that loses. If the truncation fails, the next
+// Write or Close tries again.
+void PcapWriter::dropPartialRecord(const char* operation) {
   truncateError_ = truncateToWholeRecords() ? 0 : errno;
+  if (truncateError_ != 0) {
+    return;
+  }
+  if (complete_.records < records_) {
+    TARNIK_ERROR("Error: %s: Lost %lu record(s) of [%s]", operation, records_ - complete_.records,
+                 workingPath_.c_str());
+  }
+  records_ = complete_.records;
 }
 
 bool PcapWriter::truncateToWholeRecords() {
@@ -170,10 +180,10 @@ void PcapWriter::limitBuffer(std::size_t bytes) {
     return;
   }
   if (std::fflush(stream_.get()) == 0) {
-    complete_ = {kPcapFileHeader.size() + bytesWritten_, 0};
+    complete_ = {kPcapFileHeader.size() + bytesWritten_, records_};
   } else {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
-    dropPartialRecord();
+    dropPartialRecord("Write");
   }
 }
 
@@ -192,12 +202,20 @@ bool PcapWriter::Close() {
   }
   const int flushError = std::fflush(stream_.get()) == 0 ? 0 : errno;
   if (flushError != 0 || truncateError_ != 0) {
-    dropPartialRecord();
+    dropPartialRecord("Close");
+  }
+  const bool empty = flushError != 0 && truncateError_ == 0 && complete_.end == 0;
+  if (empty) {
+    __fpurge(stream_.get());  // not even the header fits
   }
   const bool closed = closeStream(stream_);
   if (!closed || flushError != 0) {
     TARNIK_ERROR("Error: %s: Failed to close [%s]: %s", "Close", workingPath_.c_str(),
                  std::strerror(closed ? flushError : errno));
+  }
+  if (empty && named_) {
+    removeFile(workingPath_);
+    return false;
   }
   return closed && Finalize();
 }

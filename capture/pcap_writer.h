@@ -58,8 +58,8 @@ class PcapWriter {
               std::int64_t flowId);
 
   // Flushes and closes the stream, moves the file to its final name and writes the info file.
-  // Removes the capture if it has no final name or if the info file cannot be written. Records that
-  // cannot be flushed are lost, with a log line.
+  // Removes the capture if it has no final name, if the info file cannot be written, or if not even
+  // its header reached the disk. Records that cannot be flushed are lost, with a log line.
   // False, with a log line, if the stream cannot be closed or the file cannot be moved. It is never
   // moved over another capture or its info file. The working file then remains. Returns true at
   // once if the stream is not open, also after a Close that failed.
@@ -87,7 +87,7 @@ class PcapWriter {
 
   [[nodiscard]] bool WritePCAPHeader();
   [[nodiscard]] bool append(const void* bytes, std::size_t size);
-  void dropPartialRecord();
+  void dropPartialRecord(const char* operation);
   [[nodiscard]] bool truncateToWholeRecords();
   [[nodiscard]] bool Finalize();
   [[nodiscard]] bool publish() const;
@@ -103,7 +103,8 @@ class PcapWriter {
   bool named_ = false;
   std::uint64_t maxFileSize_;
   std::int32_t status_ = 0;
-  WholeRecords complete_;  // known to have reached the file; more may have
+  std::uint64_t records_ = 0;  // accepted by Write and not lost
+  WholeRecords complete_;      // known to have reached the file; more may have
   int truncateError_ = 0;  // errno of a failed truncation: the file ends in a partial record; or 0
   RecordHeader recordHeader_{};
   CaptureInfo info_;

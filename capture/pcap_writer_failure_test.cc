@@ -138,7 +138,8 @@ TEST_F(PcapWriterFailureTest, FlushAtCloseFails) {
   const auto writer = started();
   faults["fflush"] = {.error = ENOSPC};
   EXPECT_TRUE(writer->Close());
-  expectLog({{LOG_ERR,
+  expectLog({{LOG_ERR, "Error: Close: Lost 1 record(s) of [/var/support/tarnik/1f]"},
+             {LOG_ERR,
               "Error: Close: Failed to close [/var/support/tarnik/1f]: No space left on device"}});
   EXPECT_EQ(readFile(kFinal), kPcapHeader) << "the record was still in the buffer";
 }
@@ -315,6 +316,7 @@ class PcapWriterFullTest : public WriterTest {
       ASSERT_TRUE(kept) << "no whole file with room for " << size;
       ASSERT_EQ(kept->size(), recordsThatFit(*whole, size)) << "with room for " << size;
       ASSERT_TRUE(std::equal(kept->begin(), kept->end(), whole->begin())) << size;
+      ASSERT_EQ(accepted_ - lostRecords(), kept->size()) << "with room for " << size;
     }
   }
 
@@ -378,11 +380,22 @@ TEST_F(PcapWriterFullTest, KeepsWholeRecordsLargerThanTheBuffer) {
 }
 
 TEST_F(PcapWriterFullTest, NoRoomForTheHeader) {
-  const LimitedSize limited(10);
-  const auto writer = started();
-  EXPECT_FALSE(writer->Close());
-  expectLog({{LOG_ERR, "Error: Close: Failed to close [/var/support/tarnik/1f]: File too large"}});
-  EXPECT_THAT(entries(), ElementsAre("1f"));
+  const std::vector<LogLine> lines = {
+      {LOG_ERR, "Error: Close: Lost 1 record(s) of [/var/support/tarnik/1f]"},
+      {LOG_ERR, "Error: Close: Failed to close [/var/support/tarnik/1f]: File too large"}};
+  for (const rlim_t room : {0, 10}) {
+    const LimitedSize limited(room);
+    const auto named = started();
+    EXPECT_FALSE(named->Close());
+    expectLog(lines);
+    EXPECT_THAT(entries(), IsEmpty());
+  }
+  const LimitedSize limited(0);
+  const auto unnamed = opened();
+  EXPECT_TRUE(write(*unnamed, 100));
+  EXPECT_TRUE(unnamed->Close());
+  EXPECT_THAT(logLines(), testing::SizeIs(3)) << "and that it has no name";
+  EXPECT_THAT(entries(), IsEmpty());
 }
 
 }  // namespace
