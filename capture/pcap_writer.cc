@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "base/log.h"
@@ -14,6 +15,16 @@
 
 namespace tarnik {
 namespace {
+
+// Empty, with errno, if there is no memory.
+std::unique_ptr<char[]> allocateBuffer(std::size_t size) {
+  try {
+    return std::make_unique_for_overwrite<char[]>(size);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+}
 
 bool isRegularFile(const char* path) {
   struct stat status {};
@@ -46,8 +57,7 @@ bool PcapWriter::Open() {
   }
   // The stream is close-on-exec, because the shell that copies an info template must not inherit
   // it.
-  if (reserveDescriptors()) {
-    buffer_ = std::make_unique_for_overwrite<char[]>(bufferSize_);
+  if (reserveDescriptors() && (buffer_ = allocateBuffer(bufferSize_))) {
     stream_.reset(std::fopen(workingPath_.c_str(), "wbe"));
   }
   if (!stream_) {
@@ -234,7 +244,7 @@ bool PcapWriter::Finalize() {
                  std::strerror(errno));
     return false;
   }
-  if (!fini(info_)) {
+  if (!writeInfo()) {
     TARNIK_WARNING("Warning: %s: Failed to generate info for [%s]", "Finalize", finalPath_.c_str());
     removeFile(finalPath_);
   }
@@ -254,6 +264,14 @@ bool PcapWriter::publish() const {
     return false;
   }
   return renameWithoutReplacing(workingPath_.c_str(), finalPath_.c_str());
+}
+
+bool PcapWriter::writeInfo() {
+  try {
+    return fini(info_);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 }  // namespace tarnik

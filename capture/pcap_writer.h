@@ -40,8 +40,8 @@ class PcapWriter {
   PcapWriter& operator=(const PcapWriter&) = delete;
 
   // Creates or truncates the working file and writes its header. Returns true at once if it is
-  // open. False, with a log line, on failure, also if the process has few descriptors left. The
-  // caller then destroys the writer.
+  // open. False, with a log line, on failure, also if the process has few descriptors left or no
+  // memory for the buffer. The caller then destroys the writer.
   [[nodiscard]] bool Open();
 
   // Appends one record: frame.capturedLength bytes from `data`. False if the record would exceed
@@ -91,6 +91,7 @@ class PcapWriter {
   [[nodiscard]] bool truncateToWholeRecords();
   [[nodiscard]] bool Finalize();
   [[nodiscard]] bool publish() const;
+  [[nodiscard]] bool writeInfo();
 
   std::string workingPath_;
   std::string finalPath_;

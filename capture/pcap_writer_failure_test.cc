@@ -228,6 +228,30 @@ TEST_F(PcapWriterFailureTest, MovesTheFileByALinkWhereNecessary) {
   }
 }
 
+TEST_F(PcapWriterFailureTest, OpenFailsWithoutMemoryForTheBuffer) {
+  {
+    PcapWriter writer(kWorking, kNoLimit);
+    faults["new"] = {};
+    EXPECT_FALSE(writer.Open());
+    clearFaults();
+  }
+  expectLog(
+      {{LOG_ERR, "Error: Open: Failed to open /var/support/tarnik/1f: Cannot allocate memory"}});
+  EXPECT_THAT(entries(), IsEmpty());
+}
+
+TEST_F(PcapWriterFailureTest, WithoutMemoryForTheInfoTheCaptureIsRemoved) {
+  const auto writer = started();
+  faults["new"] = {};
+  const bool closed = writer->Close();
+  clearFaults();
+  EXPECT_TRUE(closed);
+  EXPECT_EQ(logLines().back(), (LogLine{LOG_WARNING,
+                                        "Warning: Finalize: Failed to generate info for "
+                                        "[/var/support/tarnik/a.pcap]"}));
+  EXPECT_THAT(entries(), testing::Not(Contains("a.pcap")));
+}
+
 TEST_F(PcapWriterFailureTest, RemovingACaptureWithoutNameFails) {
   const LogLine warning{
       LOG_WARNING,
