@@ -26,6 +26,8 @@ class Announcer {
   // Sends a metadata request without blocking. After kNoDaemon the next call connects again, to a
   // restarted daemon.
   [[nodiscard]] Sent send(const CaptureMetadata& metadata);
+  // The socket, to wait for room in the daemon's; -1 unless connected.
+  [[nodiscard]] int fd() const { return fd_.get(); }
   // Waits up to `ms` milliseconds for room in the daemon's socket. A signal ends the wait.
   void waitForRoom(int ms) const;
   // Waits up to `ms` milliseconds until the daemon has received everything. So the metadata

@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "platform/brund/testing/whole_run.h"
 
 namespace tarnik::brund {
@@ -12,6 +14,7 @@ namespace {
 
 using namespace test;
 using ::testing::AllOf;
+using ::testing::ContainsRegex;
 using ::testing::Each;
 using ::testing::Field;
 using ::testing::HasSubstr;
@@ -160,6 +163,93 @@ TEST_F(Live, NeverWaitsForTheQueue) {
   EXPECT_THAT(account(), AllOf(HasSubstr("\"seen\": 200,"), HasSubstr("\"matched\": 200,"),
                                HasSubstr("\"queued\": 63,"), HasSubstr("\"queue full\": 137,"),
                                HasSubstr("\"balanced\": true")));
+}
+
+// Sends one datagram in each of so many flows.
+void sendFlows(int flows, std::size_t size, useconds_t pauseUs) {
+  const OwnedFd receiver = openAt(SOCK_DGRAM, kUdpPort);
+  const std::string datagram(size, 'x');
+  for (int i = 0; i < flows; ++i) {
+    const OwnedFd sender = openAt(SOCK_DGRAM, static_cast<std::uint16_t>(10000 + i));
+    ASSERT_TRUE(connectTo(sender, kUdpPort));
+    ASSERT_EQ(send(sender.get(), datagram.data(), size, 0), static_cast<ssize_t>(size));
+    usleep(pauseUs);
+  }
+}
+
+// The daemon's socket holds about 10 announcements and the queue 63 frames.
+TEST_F(Live, NewFlowsWaitUntilTheDaemonAcceptsThem) {
+  const Driver driver("2048x512");
+  Daemon daemon(Daemon::Reads::kFrames, 50);
+  START_LIVE_OR_SKIP();
+  sendFlows(2000, 10, 0);
+  EXPECT_EQ(stop(), 0) << errors();
+  daemon.stop();
+  EXPECT_THAT(daemon.metadata(), SizeIs(2000));
+  EXPECT_THAT(daemon.frames(), SizeIs(2000));
+  EXPECT_THAT(daemon.frames(), Each(Field(&Received::announced, true)));
+  std::uint64_t previous = 0;
+  for (const Received& frame : daemon.frames()) {
+    EXPECT_GT(frame.capture, previous);  // in the order of the captures
+    previous = frame.capture;
+  }
+  EXPECT_THAT(account(), AllOf(HasSubstr("\"seen\": 2000,"), HasSubstr("\"queued\": 2000,"),
+                               HasSubstr("\"captures\": 2000,"), HasSubstr("\"refused\": 0,")));
+}
+
+// Frames of a flow stay in order, also those that arrive while its first frame waits.
+TEST_F(Live, FramesOfWaitingFlowsStayInOrder) {
+  const Driver driver;
+  Daemon daemon(Daemon::Reads::kFrames, 2000);
+  START_LIVE_OR_SKIP();
+  const OwnedFd receiver = openAt(SOCK_DGRAM, kUdpPort);
+  for (char round = '0'; round < '5'; ++round) {
+    for (std::uint16_t flow = 0; flow < 50; ++flow) {
+      const OwnedFd sender = openAt(SOCK_DGRAM, static_cast<std::uint16_t>(10000 + flow));
+      ASSERT_TRUE(connectTo(sender, kUdpPort));
+      ASSERT_EQ(send(sender.get(), &round, 1, 0), 1);
+    }
+  }
+  EXPECT_EQ(stop(), 0) << errors();
+  daemon.stop();
+  ASSERT_THAT(daemon.metadata(), SizeIs(50));
+  for (const auto& [capture, metadata] : daemon.metadata()) {
+    std::string rounds;
+    for (const Received& frame : daemon.framesOf(capture)) {
+      rounds += static_cast<char>(frame.data.back());
+    }
+    EXPECT_TRUE(std::is_sorted(rounds.begin(), rounds.end())) << rounds;
+    EXPECT_EQ(rounds.substr(0, 1), "0");
+  }
+}
+
+TEST_F(Live, FlowsThatTheDaemonNeverAcceptsAreRefusedAtTheEnd) {
+  const Driver driver;
+  Daemon daemon(Daemon::Reads::kNothing);
+  START_LIVE_OR_SKIP();
+  sendFlows(300, 10, 0);
+  EXPECT_EQ(interrupt(), 1);
+  daemon.stop();
+  const std::size_t accepted = daemon.metadata().size();
+  EXPECT_GT(accepted, 0u);
+  const std::string refused = std::to_string(300 - accepted);
+  EXPECT_THAT(errors(), HasSubstr(refused + " frames were not announced: stopped by a signal\n"));
+  EXPECT_THAT(account(),
+              AllOf(HasSubstr("\"seen\": 300,"), HasSubstr("\"matched\": 300,"),
+                    HasSubstr("\"queued\": " + std::to_string(accepted) + ","),
+                    HasSubstr("\"stopped\": " + refused), HasSubstr("\"balanced\": true")));
+}
+
+// 2,500 frames of 60,000 bytes do not fit into 64 MiB.
+TEST_F(Live, TheBacklogIsLimited) {
+  const Driver driver;
+  Daemon daemon(Daemon::Reads::kNothing);
+  START_LIVE_OR_SKIP();
+  sendFlows(2500, 60000, 200);
+  EXPECT_EQ(interrupt(), 1);
+  EXPECT_THAT(account(),
+              AllOf(ContainsRegex("\"metadata socket full\": [1-9]"),
+                    ContainsRegex("\"stopped\": [1-9][0-9]{2}"), HasSubstr("\"balanced\": true")));
 }
 
 TEST_F(Live, EndsAfterItsTime) {

@@ -83,63 +83,74 @@ Delivery::Delivery(QueueSender& queue, Announcer& announcer, Account& account, M
       wait_(wait),
       nextId_(firstCaptureId()) {}
 
-Result<bool> Delivery::refuse(Refusal reason) {
-  account_.refused(reason);
-  return true;
-}
-
-// Without room a live frame is lost. In a replay the wait was given up, which ends the run.
-Result<bool> Delivery::giveUp(Refusal reason, const Waiting& waiting) {
-  if (mode_ == Mode::kLive) {
-    return refuse(reason);
-  }
-  if (waiting.reason().empty()) {
-    account_.refused(Refusal::kStopped);
-    return false;
-  }
-  account_.refused(reason);
-  return Error{waiting.reason()};
-}
-
-std::optional<Refusal> Delivery::announce(const FlowKey& flow, CaptureState& capture,
-                                          Waiting& waiting) {
-  const CaptureMetadata metadata{nextId_, flow.id(), capture.rule->trigger.id};
-  for (;;) {
-    const Announcer::Sent sent = announcer_.send(metadata);
-    if (sent == Announcer::Sent::kSent) {
-      break;
-    }
-    const bool full = sent == Announcer::Sent::kFull;
-    if (mode_ == Mode::kLive || !waiting.keepWaiting()) {
-      return full ? Refusal::kMetadataFull : Refusal::kNoDaemon;
-    }
-    full ? announcer_.waitForRoom(kMetadataWaitMs) : static_cast<void>(usleep(kPollUs));
-  }
-  if (mode_ == Mode::kReplay) {
-    announcer_.waitUntilReceived(kMetadataWaitMs);
-  }
-  capture.id = nextId_++;
-  waiting.restart();
-  return std::nullopt;
-}
-
-Result<bool> Delivery::deliver(const Frame& frame, const Decoded& decoded, CaptureState& capture,
-                               bool last) {
+Result<bool> Delivery::deliver(const Frame& frame, const Decoded& decoded,
+                               const std::shared_ptr<CaptureState>& capture, bool last) {
   account_.matched();
   if (frame.data.empty() || frame.data.size() > kMaxFrame) {
     return refuse(frame.data.empty() ? Refusal::kEmpty : Refusal::kTooLarge);
   }
+  return mode_ == Mode::kReplay ? deliverReplay(frame, decoded, *capture, last)
+                                : deliverLive(frame, decoded, capture, last);
+}
+
+Result<bool> Delivery::deliverReplay(const Frame& frame, const Decoded& decoded,
+                                     CaptureState& capture, bool last) {
   Waiting waiting(announcer_, wait_);
-  if (capture.id == 0) {
-    if (const auto refusal = announce(decoded.key, capture, waiting); refusal) {
-      return giveUp(*refusal, waiting);
+  while (capture.id == 0) {
+    const Announcer::Sent sent = announce(decoded.key, capture);
+    if (sent == Announcer::Sent::kSent) {
+      announcer_.waitUntilReceived(kMetadataWaitMs);
+      waiting.restart();
+      break;
+    }
+    const bool full = sent == Announcer::Sent::kFull;
+    if (!waiting.keepWaiting()) {
+      return giveUp(full ? Refusal::kMetadataFull : Refusal::kNoDaemon, &waiting);
+    }
+    full ? announcer_.waitForRoom(kMetadataWaitMs) : static_cast<void>(usleep(kPollUs));
+  }
+  return put(frame, decoded.key, decoded.fromLow, capture, last, &waiting);
+}
+
+Result<bool> Delivery::deliverLive(const Frame& frame, const Decoded& decoded,
+                                   const std::shared_ptr<CaptureState>& capture, bool last) {
+  if (auto sent = sendBacklog(); !sent) {
+    account_.refused(Refusal::kStopped);
+    return sent;
+  }
+  // The order of captures, and of the frames of a capture, is kept.
+  const bool mustWait = hasBacklog() || !queue_.hasRoom();
+  if (capture->held != 0 || (capture->id == 0 && mustWait)) {
+    return hold(frame, decoded, capture, last);
+  }
+  if (capture->id == 0) {
+    switch (announce(decoded.key, *capture)) {
+      case Announcer::Sent::kSent:
+        break;
+      case Announcer::Sent::kFull:
+        return hold(frame, decoded, capture, last);
+      case Announcer::Sent::kNoDaemon:
+        return refuse(Refusal::kNoDaemon);
     }
   }
-  Patience* patience = mode_ == Mode::kReplay ? &waiting : nullptr;
-  switch (queue_.put(frame, decoded.fromLow, capture.id, last ? kPktLastFrame : 0, patience)) {
+  return put(frame, decoded.key, decoded.fromLow, *capture, last, nullptr);
+}
+
+Announcer::Sent Delivery::announce(const FlowKey& flow, CaptureState& capture) {
+  const Announcer::Sent sent = announcer_.send({nextId_, flow.id(), capture.rule->trigger.id});
+  if (sent == Announcer::Sent::kSent) {
+    capture.id = nextId_++;
+  }
+  return sent;
+}
+
+// `waiting` is null in live capture.
+Result<bool> Delivery::put(const Frame& frame, const FlowKey& flow, bool fromLow,
+                           CaptureState& capture, bool last, Waiting* waiting) {
+  switch (queue_.put(frame, fromLow, capture.id, last ? kPktLastFrame : 0, waiting)) {
     case QueueSender::Put::kQueued:
       if (!capture.account) {
-        capture.account = account_.begin(capture.id, decoded.key, capture.rule->trigger);
+        capture.account = account_.begin(capture.id, flow, capture.rule->trigger);
       }
       account_.queued(*capture.account, frame.data.size(), last);
       return true;
@@ -154,11 +165,109 @@ Result<bool> Delivery::deliver(const Frame& frame, const Decoded& decoded, Captu
   }
   const int error = errno;
   account_.refused(Refusal::kStopped);
+  refuseBacklog(Refusal::kStopped);
   return Error{std::string("the queue cannot be written: ") + std::strerror(error)};
+}
+
+Result<bool> Delivery::refuse(Refusal reason) {
+  account_.refused(reason);
+  return true;
+}
+
+// Without room a live frame is lost. In a replay the wait was given up, which ends the run.
+Result<bool> Delivery::giveUp(Refusal reason, const Waiting* waiting) {
+  if (waiting == nullptr) {
+    return refuse(reason);
+  }
+  if (waiting->reason().empty()) {
+    account_.refused(Refusal::kStopped);
+    return false;
+  }
+  account_.refused(reason);
+  return Error{waiting->reason()};
+}
+
+// ---- The backlog of live capture
+
+Result<bool> Delivery::hold(const Frame& frame, const Decoded& decoded,
+                            const std::shared_ptr<CaptureState>& capture, bool last) {
+  const std::size_t bytes = sizeof(Held) + frame.data.size();
+  if (backlogBytes_ + bytes > kMaxBacklog) {
+    return refuse(queue_.hasRoom() ? Refusal::kMetadataFull : Refusal::kQueueFull);
+  }
+  backlogBytes_ += bytes;
+  ++capture->held;
+  backlog_.push_back(
+      {frame, {frame.data.begin(), frame.data.end()}, decoded.key, decoded.fromLow, last, capture});
+  backlog_.back().frame.data = backlog_.back().data;
+  return true;
+}
+
+Delivery::Held Delivery::takeHeld() {
+  Held held = std::move(backlog_.front());
+  backlog_.pop_front();
+  backlogBytes_ -= sizeof(Held) + held.data.size();
+  --held.capture->held;
+  return held;
+}
+
+Result<bool> Delivery::sendBacklog() {
+  while (hasBacklog() && queue_.hasRoom()) {
+    CaptureState& capture = *backlog_.front().capture;
+    if (capture.id == 0) {
+      const Announcer::Sent sent = announce(backlog_.front().flow, capture);
+      if (sent == Announcer::Sent::kFull) {
+        break;
+      }
+      if (sent == Announcer::Sent::kNoDaemon) {
+        refuseBacklog(Refusal::kNoDaemon);
+        break;
+      }
+    }
+    const Held held = takeHeld();
+    if (auto done = put(held.frame, held.flow, held.fromLow, capture, held.last, nullptr); !done) {
+      return done;
+    }
+  }
+  return true;
+}
+
+int Delivery::backlogFd() const {
+  return hasBacklog() && queue_.hasRoom() ? announcer_.fd() : -1;
+}
+
+void Delivery::refuseBacklog(Refusal reason) {
+  while (hasBacklog()) {
+    static_cast<void>(takeHeld());
+    account_.refused(reason);
+  }
+}
+
+Result<> Delivery::waitForBacklog(Waiting& waiting) {
+  while (hasBacklog()) {
+    const std::size_t before = backlog_.size();
+    if (auto sent = sendBacklog(); !sent) {
+      return Error{sent.error()};
+    }
+    if (backlog_.size() != before) {
+      waiting.restart();
+    } else if (!waiting.keepWaiting()) {
+      refuseBacklog(Refusal::kStopped);
+      return Error{std::to_string(before) + " frames were not announced: " +
+                   (waiting.reason().empty() ? "stopped by a signal" : waiting.reason())};
+    } else {
+      queue_.hasRoom() ? announcer_.waitForRoom(kMetadataWaitMs)
+                       : static_cast<void>(usleep(kPollUs));
+    }
+  }
+  return Done{};
 }
 
 Result<> Delivery::waitUntilTaken() {
   Waiting waiting(announcer_, wait_, stopSignals() + 1);
+  if (auto sent = waitForBacklog(waiting); !sent) {
+    return sent;
+  }
   std::uint32_t before = queue_.used();
   for (std::uint32_t left = before; left != 0; left = queue_.used()) {
     if (left != before) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,7 +17,7 @@ namespace {
 
 struct ReplayFlow {
   std::uint64_t last = 0;  // number of its last frame that can be queued; 0: there is none
-  CaptureState capture;
+  std::shared_ptr<CaptureState> capture;  // null until a rule has matched
 };
 using ReplayFlows = std::unordered_map<FlowKey, ReplayFlow, FlowKeyHash>;
 
@@ -69,11 +70,12 @@ Result<bool> playOnce(const Feed& feed, ReplayFlows flows, Pacer& pacer) {
         feed.progress.show();
         const Decoded decoded = finder.find(frame);
         ReplayFlow& flow = flows[decoded.key];
-        if (flow.capture.rule == nullptr) {
-          flow.capture.rule = feed.rules.match(frame);
-        }
-        if (flow.capture.rule == nullptr) {
-          return true;
+        if (!flow.capture) {
+          const Rule* rule = feed.rules.match(frame);
+          if (rule == nullptr) {
+            return true;
+          }
+          flow.capture = std::make_shared<CaptureState>(rule);
         }
         return feed.delivery.deliver(frame, decoded, flow.capture, number == flow.last);
       });
@@ -82,8 +84,10 @@ Result<bool> playOnce(const Feed& feed, ReplayFlows flows, Pacer& pacer) {
 // ---- Live capture
 
 constexpr std::size_t kMaxFlows = 65536;
-constexpr int kWaitMs = 100;  // longer than the kernel keeps a frame before it shows it
+// Longer than the kernel keeps a frame before it shows it.
+constexpr std::chrono::milliseconds kQuiet{100};
 constexpr std::chrono::milliseconds kLongestEnding{500};
+constexpr int kBacklogWaitMs = 2;  // for room in the queue
 
 Result<bool> deliverLive(const Feed& feed, const Frame& frame, FlowFinder& finder,
                          FlowTable& flows) {
@@ -146,16 +150,28 @@ Result<bool> captureLive(const Feed& feed, LiveSource& source) {
   Frame frame;
   Result<bool> delivered = true;
   Result<bool> next = false;
-  // At the end, the frames that the kernel has already captured are still taken.
+  // At the end, the frames that the kernel has already captured are still taken: until it has shown
+  // none for a while.
   bool ending = false;
-  while (delivered && next && !(ending && (!*next || Clock::now() >= end))) {
-    if (!ending && (stopSignals() != 0 || Clock::now() >= end)) {
-      ending = true;
-      end = Clock::now() + kLongestEnding;
+  auto lastFrame = Clock::now();
+  while (delivered && next) {
+    const auto now = Clock::now();
+    if (ending && (now >= end || now - lastFrame >= kQuiet)) {
+      break;
     }
-    next = source.next(frame, kWaitMs);
+    if (!ending && (stopSignals() != 0 || now >= end)) {
+      ending = true;
+      end = now + kLongestEnding;
+      lastFrame = now;
+    }
+    next = source.next(frame);
     if (next && *next) {
+      lastFrame = now;
       delivered = deliverLive(feed, frame, finder, flows);
+    } else if (next) {
+      delivered = feed.delivery.sendBacklog();
+      source.wait(feed.delivery.hasBacklog() ? kBacklogWaitMs : static_cast<int>(kQuiet.count()),
+                  feed.delivery.backlogFd());
     }
     feed.progress.show();
   }

@@ -75,7 +75,7 @@ FlowTable::Flow* FlowTable::add(const FlowKey& key, const Rule* rule, std::int64
   removeOld(now);
   Flow flow;
   flow.key = key;
-  flow.capture.rule = rule;
+  flow.capture = std::make_shared<CaptureState>(rule);
   flow.lastSeen = now;
   flows_.push_back(std::move(flow));
   index_.emplace(key, std::prev(flows_.end()));

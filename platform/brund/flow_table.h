@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <list>
+#include <memory>
 #include <unordered_map>
 
 #include "packet/decode.h"
@@ -53,7 +54,7 @@ class FlowTable {
  public:
   struct Flow {
     FlowKey key;
-    CaptureState capture;
+    std::shared_ptr<CaptureState> capture;
     TcpClose tcp;
     bool closed = false;
     std::int64_t lastSeen = 0;  // seconds

@@ -27,7 +27,8 @@ and MPLS labels are skipped. Later fragments of a datagram belong to the flow of
 
 A replay reads its input twice, to mark the last frame of each flow. It waits when the queue is
 full and loses nothing. Live capture never waits: a frame that finds the queue full is counted and
-dropped. A live flow ends when its TCP connection closes or when it was idle.
+dropped. New captures are held, up to 64 MiB of frames, until tarnikd and the queue have room for
+them. A live flow ends when its TCP connection closes or when it was idle.
 
 brund-sim creates the driver's interface group "brund" and its queue, waits for tarnikd, and removes
 both at the end. It leaves what tarnikd still has open, and the next brund-sim takes that over.

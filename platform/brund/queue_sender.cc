@@ -12,9 +12,9 @@
 namespace tarnik::brund {
 namespace {
 
-// The library takes a wait as a budget, of which the first look at the queue costs 1000 ms. So this
-// sleeps for up to 2 s, and room ends the sleep at once.
-constexpr std::int32_t kWaitMs = 3000;
+// The library takes a wait as a budget, of which the first look at the queue costs 1000 ms, and
+// sleeps only if more than 1000 ms are left. So this sleeps for up to 1.1 s; room ends the sleep.
+constexpr std::int32_t kWaitMs = 2100;
 constexpr useconds_t kPoolPollUs = 500;
 
 }  // namespace
@@ -30,7 +30,8 @@ Result<QueueSender> QueueSender::open(zorlib_ifg& group, Mode mode) {
     return Error{std::string("cannot open the queue for writing: ") + std::strerror(errno)};
   }
   queue->SetTimeout(mode == Mode::kWait ? kWaitMs : 0);
-  return QueueSender(group, std::move(queue));
+  const auto size = static_cast<std::uint32_t>(queue->getSize());
+  return QueueSender(group, std::move(queue), size);
 }
 
 // A frame with a buffer of `size` bytes; or null and the reason.

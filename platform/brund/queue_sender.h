@@ -38,6 +38,8 @@ class QueueSender {
                         std::uint32_t flags, Patience* patience);
   // The number of frames in the queue now.
   [[nodiscard]] std::uint32_t used() const { return queue_->used(); }
+  // Whether the queue has room for another frame now; one of its entries is always empty.
+  [[nodiscard]] bool hasRoom() const { return queue_->used() + 1 < size_; }
 
  private:
   struct CloseQueue {
@@ -45,13 +47,15 @@ class QueueSender {
   };
   using Queue = std::unique_ptr<TarnikQ, CloseQueue>;
 
-  QueueSender(zorlib_ifg& group, Queue queue) : group_(&group), queue_(std::move(queue)) {}
+  QueueSender(zorlib_ifg& group, Queue queue, std::uint32_t size)
+      : group_(&group), queue_(std::move(queue)), size_(size) {}
   [[nodiscard]] zorvik_frm_desc* allocate(std::uint32_t size, Patience* patience, Put& failure);
   [[nodiscard]] Put send(zorvik_frm_desc& desc, std::uint64_t captureId, std::uint32_t flags,
                          Patience* patience);
 
   zorlib_ifg* group_;
   Queue queue_;
+  std::uint32_t size_;  // entries
 };
 
 }  // namespace tarnik::brund

@@ -213,17 +213,17 @@ Result<LiveSource> LiveSource::open(const std::string& interface) {
   return LiveSource(std::move(owned), pcap_get_selectable_fd(handle));
 }
 
-Result<bool> LiveSource::next(Frame& frame, int ms) {
-  int result = readFrame(handle_.get(), frame);
-  if (result == 0) {
-    pollfd ready{fd_, POLLIN, 0};
-    static_cast<void>(poll(&ready, 1, ms));
-    result = readFrame(handle_.get(), frame);
-  }
+Result<bool> LiveSource::next(Frame& frame) {
+  const int result = readFrame(handle_.get(), frame);
   if (result != 0 && result != 1) {
     return pcapError(pcap_geterr(handle_.get()));
   }
   return result == 1;
+}
+
+void LiveSource::wait(int ms, int writable) const {
+  pollfd ready[] = {{fd_, POLLIN, 0}, {writable, POLLOUT, 0}};
+  static_cast<void>(poll(ready, 2, ms));
 }
 
 std::uint64_t LiveSource::dropped() const {

@@ -39,9 +39,11 @@ class FileSource {
 class LiveSource {
  public:
   [[nodiscard]] static Result<LiveSource> open(const std::string& interface);
-  // Waits up to `ms` milliseconds for the next frame, whose data is valid until the next call.
-  // False when none came or a signal ended the wait.
-  [[nodiscard]] Result<bool> next(Frame& frame, int ms);
+  // Takes the next frame, whose data is valid until the next call. False when there is none now.
+  [[nodiscard]] Result<bool> next(Frame& frame);
+  // Waits up to `ms` milliseconds for a frame or, unless `writable` is -1, until this descriptor
+  // can be written. A signal ends the wait.
+  void wait(int ms, int writable) const;
   // Frames that the kernel or the interface dropped because their buffers were full.
   [[nodiscard]] std::uint64_t dropped() const;
 
