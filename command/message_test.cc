@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <new>
 #include <vector>
 
 namespace tarnik {
@@ -21,6 +23,23 @@ TEST(CommandMessageTest, RequestsByteForByte) {
                                 7,    8,    0,    0,    0,    0,    0,    4,    1,    0x18,
                                 0x17, 0x16, 0x15, 0x14, 0x13, 0x12, 0x11, 0x28, 0x27, 0x26,
                                 0x25, 0x24, 0x23, 0x22, 0x21, 0x34, 0x33, 0x32, 0x31}));
+}
+
+// The memory of the result is not zero before: a byte that is not written shows.
+template <typename Encode>
+Bytes encodedInto(Encode encode) {
+  using Message = decltype(encode());
+  alignas(Message) std::uint8_t memory[sizeof(Message)];
+  std::memset(memory, 0xee, sizeof memory);
+  const auto* message = new (memory) Message(encode());
+  return Bytes(message->begin(), message->end());
+}
+
+TEST(CommandMessageTest, ResponsesByteForByte) {
+  EXPECT_EQ(encodedInto([] { return encodeReloadResponse(kId, 0x010c); }),
+            (Bytes{0, 7, 0, 21, 1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0, 1, 2, 0x01, 0x0c}));
+  EXPECT_EQ(encodedInto([] { return encodeStateResponse(kId, 7); }),
+            (Bytes{0, 7, 0, 23, 1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0, 2, 2, 0, 0, 7, 0}));
 }
 
 TEST(CommandMessageTest, DecodesResponses) {

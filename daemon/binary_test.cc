@@ -45,6 +45,11 @@ TEST(BinaryTest, NeedsOnlyTheLanguageAndThePlatform) {
   EXPECT_GE(needed, 3U);
 }
 
+TEST(BinaryTest, HasTheWatchdogTimerAsAGlobal) {
+  EXPECT_THAT(readelf({"-s", "-W"}),
+              ::testing::ContainsRegex("OBJECT +GLOBAL +DEFAULT.*tarnik13watchdogTimer"));
+}
+
 TEST(BinaryTest, ReadsNoEnvironment) {
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)

@@ -73,7 +73,9 @@ TEST_F(CommandTest, HeaderChecks) {
   };
   for (const auto& [bytes, reason] : cases) {
     EXPECT_EQ(process(bytes), refusal(reason)) << reason;
+    EXPECT_EQ(validateMessage({bytes.data(), 19}, 19), 1) << reason;
   }
+  EXPECT_EQ(validateMessage({Message().bytes().data(), 19}, 19), 0);
   EXPECT_TRUE(sdk().responses.empty());
 }
 

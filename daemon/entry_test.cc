@@ -11,6 +11,7 @@
 #include <csignal>
 
 #include "base/owned.h"
+#include "daemon/settings.h"
 #include "daemon/testing/entry_fixture.h"
 
 namespace tarnik::test {
@@ -120,6 +121,20 @@ TEST_F(EntryTest, SettingsReachTheCaptureSideInTheirOrder) {
                   "CaptureThread::stop()",
                   "CaptureThread::join()",
               }));
+}
+
+TEST_F(EntryTest, TheExpiryTimerTakesItsIntervalFromTheDefaults) {
+  getSettings().brund.interval = 77;
+  writeConfig("tarnik.brund.interval=60\n");
+  EXPECT_THAT(runDaemon({"-D"}).record, Contains("OrloLoopTimerAdd(77, onCacheExpiry, null)"));
+}
+
+TEST_F(EntryTest, KeepsTheWatchdogTimerWhereADebuggerFindsIt) {
+  sdk().loopSteps = {[] {
+    sdk().record(watchdogTimer == sdk().timer.get() ? "found" : "not found");
+    sdk().raise(SIGTERM);
+  }};
+  EXPECT_THAT(runDaemon({"-D"}).record, Contains("found"));
 }
 
 TEST_F(EntryTest, IgnoresTheResultsOfThePlatformAndTheCaptureManager) {

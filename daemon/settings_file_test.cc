@@ -105,6 +105,7 @@ TEST_F(SettingsFileTest, TheDebugLineOfARejectionComesBeforeTheRelease) {
   EXPECT_THAT(
       sdk().entries(),
       ElementsAre("OrloTuningAlloc(stream)", "OrloTuningParseLine()", "OrloParseBool(\"maybe\")",
+                  "<3>Error: loadTarnikCfg: Invalid value: enabled=maybe",
                   "<7>Debug: load: Failed to load base cfg", "OrloTuningRelease()"));
 }
 

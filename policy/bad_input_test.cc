@@ -165,6 +165,38 @@ TEST_F(BadInputTest, ALineOfTenMebibytesTakesAFewTimesItsSize) {
   });
 }
 
+// The error cuts the value 255 to 25. No part of that line may take effect.
+TEST_F(BadInputTest, AReadErrorIsAFailure) {
+  const std::string policy = file("acl.rule.priority.u1 = 255\nacl.rule.responses.u1 = tarnik:\n");
+  for (const std::size_t offset :
+       {std::size_t{0}, std::string("acl.rule.priority.u1 = 25").size()}) {
+    platform.readErrorAt = offset;
+    clearLog();
+    NapMap map;
+    References references;
+    EXPECT_FALSE(map.PopulateNapMap(policy.c_str()));
+    EXPECT_EQ(map.size(), 0u);
+    EXPECT_FALSE(getTarnikReferences(policy.c_str(), references));
+    EXPECT_THAT(rulesOf(policy, "u1", Reading::kFails), IsEmpty());
+    const std::string reason = ": Failed to read: " + policy + ", errno=5";
+    EXPECT_THAT(logLines(), ElementsAre(errorLine("Error: PopulateNapMap" + reason),
+                                        errorLine("Error: getTarnikReferences" + reason),
+                                        errorLine("Error: getTarnikRules" + reason)));
+  }
+}
+
+TEST_F(BadInputTest, TheNullDeviceIsAnEmptyFile) {
+  NapMap rules;
+  IssueMap issues;
+  References references;
+  EXPECT_TRUE(rules.PopulateNapMap("/dev/null"));
+  EXPECT_TRUE(issues.PopulateIssueMap("/dev/null"));
+  EXPECT_TRUE(getTarnikReferences("/dev/null", references));
+  EXPECT_THAT(logLines(), IsEmpty());
+  EXPECT_FALSE(rules.PopulateNapMap("/dev/zero"));
+  EXPECT_FALSE(issues.PopulateIssueMap("/dev/zero"));
+}
+
 TEST_F(BadInputTest, DuplicateKeysAreKept) {
   const Found found = read(kGood + kGood, "u1");
   EXPECT_TRUE(found.whole);
@@ -237,6 +269,18 @@ TEST_F(BadCsvTest, NulByteAndUnclosedQuoteAreBadRecords) {
     EXPECT_THAT(logLines(), ElementsAre(errorLine("Error: PopulateIssueMap: Could not read [" +
                                                   csv + "], line: 2")));
   }
+}
+
+// The error cuts the name "bcd" to "bc".
+TEST_F(BadCsvTest, AReadErrorIsAFailure) {
+  const std::string csv = file("7,a\n8,bcd\n");
+  platform.readErrorAt = 8;
+  IssueMap map;
+  EXPECT_FALSE(map.PopulateIssueMap(csv.c_str()));
+  std::string name;
+  EXPECT_FALSE(map.LookupIssueName(8, name));
+  EXPECT_THAT(logLines().back(),
+              errorLine("Error: PopulateIssueMap: Could not read [" + csv + "], line: 2"));
 }
 
 TEST_F(BadCsvTest, TenMebibytesOfOneRecord) {

@@ -42,8 +42,9 @@ void prepareRoot() {
   }
 }
 
-DaemonProcess::DaemonProcess(const std::vector<std::string>& arguments)
-    : Process(commandWith(arguments)) {}
+DaemonProcess::DaemonProcess(const std::vector<std::string>& arguments,
+                             const std::vector<std::string>& environment)
+    : Process(commandWith(arguments), environment) {}
 
 Ending DaemonProcess::stop() {
   signal(SIGTERM);

@@ -24,7 +24,8 @@ void prepareRoot();
 // name and process id.
 class DaemonProcess : public Process {
  public:
-  explicit DaemonProcess(const std::vector<std::string>& arguments = {"-D"});
+  explicit DaemonProcess(const std::vector<std::string>& arguments = {"-D"},
+                         const std::vector<std::string>& environment = {});
 
   // Sends SIGTERM and waits for the end.
   Ending stop();

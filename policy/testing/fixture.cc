@@ -7,8 +7,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 
@@ -103,6 +105,28 @@ void CsvRecordDestroy(CsvRecord* record) {
   static const auto next = real<void (*)(CsvRecord*)>("CsvRecordDestroy");
   platform.recordsDestroyed += record != nullptr ? 1 : 0;
   next(record);
+}
+
+// A stream that fails at platform.readErrorAt.
+FILE* fdopen(int fd, const char* mode) noexcept {
+  static const auto next = real<FILE* (*)(int, const char*)>("fdopen");
+  if (!platform.readErrorAt) {
+    return next(fd, mode);
+  }
+  cookie_io_functions_t functions{};
+  functions.read = [](void* cookie, char* buffer, std::size_t size) -> ssize_t {
+    const int file = static_cast<int>(reinterpret_cast<std::intptr_t>(cookie));
+    const auto at = static_cast<std::size_t>(lseek(file, 0, SEEK_CUR));
+    if (at >= *platform.readErrorAt) {
+      errno = EIO;
+      return -1;
+    }
+    return read(file, buffer, std::min(size, *platform.readErrorAt - at));
+  };
+  functions.close = [](void* cookie) {
+    return close(static_cast<int>(reinterpret_cast<std::intptr_t>(cookie)));
+  };
+  return fopencookie(reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)), mode, functions);
 }
 
 time_t time(time_t* result) noexcept {

@@ -24,13 +24,14 @@ struct Platform {
   int parsersReleased = 0;
   int recordsRead = 0;
   int recordsDestroyed = 0;
-  int parserToFail = 0;               // the number, from 1, of the parser that is refused
-  std::function<void()> onRecord;     // runs before each record is read
-  std::function<void()> onParser;     // runs before each parser is made
-  std::function<void()> onCommand;    // runs before each command
-  std::optional<std::time_t> now;     // instead of the clock
-  std::vector<std::string> commands;  // those passed to a shell
-  bool noShell = false;               // no shell can be started
+  int parserToFail = 0;                    // the number, from 1, of the parser that is refused
+  std::function<void()> onRecord;          // runs before each record is read
+  std::function<void()> onParser;          // runs before each parser is made
+  std::function<void()> onCommand;         // runs before each command
+  std::optional<std::time_t> now;          // instead of the clock
+  std::optional<std::size_t> readErrorAt;  // reading any stream beyond this offset fails with EIO
+  std::vector<std::string> commands;       // those passed to a shell
+  bool noShell = false;                    // no shell can be started
 };
 extern Platform platform;
 
