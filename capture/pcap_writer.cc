@@ -72,9 +72,7 @@ bool PcapWriter::Open() {
   if (!WritePCAPHeader()) {
     return false;
   }
-  if (std::fflush(stream_.get()) == 0) {
-    complete_.end = kPcapFileHeader.size();
-  } else {
+  if (std::fflush(stream_.get()) != 0) {
     dropPartialRecord("Open");
   }
   lastWriteTime_ = std::time(nullptr);

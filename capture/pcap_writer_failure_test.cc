@@ -1,5 +1,6 @@
 // The PCAP writer when calls fail or the disk is full: results, log lines and files.
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 
@@ -13,6 +14,23 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 using PcapWriterFailureTest = WriterTest;
+
+// Limits the size of the files that this process writes: a write across the limit is partial.
+class LimitedSize {
+ public:
+  explicit LimitedSize(rlim_t bytes) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit{bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  LimitedSize(const LimitedSize&) = delete;
+  LimitedSize& operator=(const LimitedSize&) = delete;
+  ~LimitedSize() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+
+ private:
+  rlimit before_{};
+};
 
 TEST_F(PcapWriterFailureTest, OpenFails) {
   PcapWriter writer("/var/support/tarnik/none/1f", kNoLimit);
@@ -46,15 +64,44 @@ TEST_F(PcapWriterFailureTest, OpenWritesOnlyAPartOfTheHeader) {
 }
 
 TEST_F(PcapWriterFailureTest, AHeaderThatWasNotFlushedIsWrittenLater) {
-  PcapWriter writer(kWorking, kNoLimit);
-  faults["fflush"] = {.error = ENOSPC};
-  EXPECT_TRUE(writer.Open());
-  EXPECT_THAT(logLines(), IsEmpty());
-  EXPECT_NE(writer.lastWriteTime(), 0);
-  EXPECT_TRUE(write(writer, 100));
-  writer.Update(kFinal, 7, "uuid", 12);
-  EXPECT_TRUE(writer.Close());
-  EXPECT_EQ(recordsIn(kFinal), 1U);
+  for (const rlim_t reached : {rlim_t{0}, rlim_t{1}, rlim_t{23}}) {
+    emptyCaptureDir();
+    PcapWriter writer(kWorking, kNoLimit);
+    {
+      const LimitedSize limited(reached);
+      EXPECT_TRUE(writer.Open());
+    }
+    EXPECT_THAT(logLines(), IsEmpty());
+    EXPECT_NE(writer.lastWriteTime(), 0);
+    EXPECT_TRUE(write(writer, 100));
+    writer.Update(kFinal, 7, "uuid", 12);
+    EXPECT_TRUE(writer.Close());
+    EXPECT_EQ(recordsIn(kFinal), 1U);
+  }
+}
+
+TEST_F(PcapWriterFailureTest, OpenLeavesDescriptorsForOtherFiles) {
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const auto open = [&](rlim_t spare) {
+    const int lowestFree = ::dup(0);
+    ::close(lowestFree);
+    const rlimit limit{static_cast<rlim_t>(lowestFree) + spare, before.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const bool opened = PcapWriter(kWorking, kNoLimit).Open();
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    return opened;
+  };
+  std::vector<OwnedFd> others;
+  for (int i = 0; i < 100; ++i) {
+    others.emplace_back(::dup(0));
+  }
+  EXPECT_TRUE(open(17));
+  clearLog();
+  EXPECT_FALSE(open(16));
+  expectLog({{LOG_ERR, "Error: Open: Failed to open /var/support/tarnik/1f: Too many open files"}});
+  others.clear();
+  EXPECT_TRUE(open(5)) << "of few descriptors three quarters can be used";
 }
 
 // A write that fails after some bytes of the record header or the data.
@@ -229,6 +276,9 @@ TEST_F(PcapWriterFailureTest, MovesTheFileByALinkWhereNecessary) {
 }
 
 TEST_F(PcapWriterFailureTest, OpenFailsWithoutMemoryForTheBuffer) {
+  if (!kReplacesNew) {
+    GTEST_SKIP() << "operator new cannot be made to fail";
+  }
   {
     PcapWriter writer(kWorking, kNoLimit);
     faults["new"] = {};
@@ -241,6 +291,9 @@ TEST_F(PcapWriterFailureTest, OpenFailsWithoutMemoryForTheBuffer) {
 }
 
 TEST_F(PcapWriterFailureTest, WithoutMemoryForTheInfoTheCaptureIsRemoved) {
+  if (!kReplacesNew) {
+    GTEST_SKIP() << "operator new cannot be made to fail";
+  }
   const auto writer = started();
   faults["new"] = {};
   const bool closed = writer->Close();
@@ -299,23 +352,6 @@ TEST_F(PcapWriterFailureTest, ACaptureWithoutInfoIsRemoved) {
     EXPECT_THAT(entries(), ElementsAre("a.info", "a.pcap"));
   }
 }
-
-// Limits the size of the files that this process writes: a write across the limit is partial.
-class LimitedSize {
- public:
-  explicit LimitedSize(rlim_t bytes) {
-    ::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit{bytes, before_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  LimitedSize(const LimitedSize&) = delete;
-  LimitedSize& operator=(const LimitedSize&) = delete;
-  ~LimitedSize() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-
- private:
-  rlimit before_{};
-};
 
 // Writes a file of `count` records with each size limit: it keeps every record that fits.
 class PcapWriterFullTest : public WriterTest {
@@ -407,7 +443,7 @@ TEST_F(PcapWriterFullTest, NoRoomForTheHeader) {
   const std::vector<LogLine> lines = {
       {LOG_ERR, "Error: Close: Lost 1 record(s) of [/var/support/tarnik/1f]"},
       {LOG_ERR, "Error: Close: Failed to close [/var/support/tarnik/1f]: File too large"}};
-  for (const rlim_t room : {0, 10}) {
+  for (const rlim_t room : {rlim_t{0}, rlim_t{10}}) {
     const LimitedSize limited(room);
     const auto named = started();
     EXPECT_FALSE(named->Close());

@@ -51,6 +51,7 @@ Function* next(Function*, const char* name) {
 using tarnik::test::failing;
 using tarnik::test::Fault;
 
+#ifndef TARNIK_SANITIZED
 void* operator new(std::size_t size) {
   void* const memory = failing("new") != nullptr ? nullptr : std::malloc(size);
   if (memory == nullptr) {
@@ -66,6 +67,7 @@ void operator delete(void* memory) noexcept {
 void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
+#endif
 
 extern "C" {
 

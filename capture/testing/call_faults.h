@@ -7,7 +7,20 @@
 #include <map>
 #include <string>
 
+// A sanitizer has its own operator new.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TARNIK_SANITIZED
+#endif
+#endif
+
 namespace tarnik::test {
+
+#ifdef TARNIK_SANITIZED
+inline constexpr bool kReplacesNew = false;
+#else
+inline constexpr bool kReplacesNew = true;
+#endif
 
 struct Fault {
   int error = 0;          // errno of the failing call
@@ -17,7 +30,7 @@ struct Fault {
 };
 
 // By the name of the call: fopen, fwrite, fflush, fclose (which still frees the stream), renameat2,
-// link, unlink, remove, ftruncate; new: operator new, without an errno.
+// link, unlink, remove, ftruncate; new: operator new, without an errno, if kReplacesNew.
 extern std::map<std::string, Fault> faults;
 
 // For other replaced calls. The fault of a call that must fail now, with errno set, or null.
