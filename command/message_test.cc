@@ -59,12 +59,12 @@ TEST(CommandMessageTest, DecodesOnlyTheResponseToTheRequest) {
   const Bytes reload = {0, 7, 0, 21, 1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0, 1, 2, 0, 0};
   EXPECT_FALSE(decodeResponse(reload, RequestType::kReload, kId + 1));
   EXPECT_FALSE(decodeResponse(reload, RequestType::kGetState, kId));
-  for (const std::size_t at : {0, 1, 2, 3, 4, 11, 16, 17, 18}) {
+  for (const std::size_t at : {0U, 1U, 2U, 3U, 4U, 11U, 16U, 17U, 18U}) {
     Bytes changed = reload;
     changed[at] ^= 0x80;
     EXPECT_FALSE(decodeResponse(changed, RequestType::kReload, kId)) << at;
   }
-  for (const std::size_t size : {0, 15, 19, 20, 22, 23}) {
+  for (const std::size_t size : {0U, 15U, 19U, 20U, 22U, 23U}) {
     Bytes resized = reload;
     resized.resize(size);
     EXPECT_FALSE(decodeResponse(resized, RequestType::kReload, kId)) << size;
