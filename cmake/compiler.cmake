@@ -31,8 +31,8 @@ endif()
 find_package(Threads REQUIRED)
 
 if(TARNIK_SANITIZE)
-  # Only clang links the sanitizer runtime into the program itself, where it gets along with the
-  # preloaded driver stand-in.
+  # clang links the sanitizer runtime into the program, which works with the preloaded driver
+  # stand-in. g++ uses a shared library, which does not.
   if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     message(FATAL_ERROR "TARNIK_SANITIZE needs clang: use the asan or tsan preset")
   endif()
@@ -42,12 +42,12 @@ if(TARNIK_SANITIZE)
 endif()
 
 if(TARNIK_FUZZ)
-  # All code tells a fuzz target where an input has led it.
+  # All code reports to the fuzz target which branches an input reached.
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
-# g++ 12 takes a string's length for negative once all of a program is inlined; what is compiled
-# file by file has the warning as an error.
+# With link-time optimisation g++ 12 warns of a negative string length where there is none. The
+# warning stays an error where each file is compiled on its own.
 if(CMAKE_INTERPROCEDURAL_OPTIMIZATION AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   add_link_options(-Wno-stringop-overflow)
 endif()

@@ -1,6 +1,6 @@
-# One target a folder. A folder's headers are included by their path from the top of the project
-# ("base/log.h"), but only a target that links the folder finds them: each folder is put, by a
-# link, into an include directory of its own.
+# tarnik_headers(TARGET FOLDER): makes the headers of a folder available to all that link the target.
+# They are included by their path from the top of the project ("base/log.h"). Nothing else finds
+# them: each folder has an include directory of its own, with a symbolic link to the folder.
 function(tarnik_headers target folder)
   set(root ${PROJECT_BINARY_DIR}/include/${target})
   cmake_path(GET folder PARENT_PATH parent)
@@ -14,7 +14,7 @@ function(tarnik_headers target folder)
   endif()
 endfunction()
 
-# As tarnik_headers, for some of the folder's headers only.
+# tarnik_public_headers(TARGET FOLDER HEADER...): as tarnik_headers, for these headers only.
 function(tarnik_public_headers target folder)
   set(root ${PROJECT_BINARY_DIR}/include/public_${target})
   file(MAKE_DIRECTORY ${root}/${folder})
@@ -29,9 +29,8 @@ function(tarnik_public_headers target folder)
   endif()
 endfunction()
 
-# Compiles the target's own files quickly instead of well: what a test runs is the modules' code,
-# the test itself need not be fast. All such targets share one precompiled header, so they are
-# compiled alike in what it depends on.
+# Compiles the files of a test without optimisation, which is quicker. The code under test is in
+# libraries. All tests share one precompiled header, so they are compiled with the same options.
 function(tarnik_quick_compile target)
   target_compile_options(${target} PRIVATE -O0)
   set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
@@ -39,10 +38,12 @@ endfunction()
 
 # tarnik_test(NAME file.cc... [LINKS target...] [ROOT [PAIR] [DRIVER frames]] [SERIAL] [LONG]
 #             [TIMEOUT seconds] [ARGS arg...])
-# A GoogleTest program and its CTest entry. With ROOT it runs in a private root, where the
-# daemon's fixed paths are its own; with PAIR only where that has a pair of network interfaces;
-# with DRIVER there is the preloaded driver, with the group "brund" and so many frames of a size
-# (SIZExCOUNT). LONG gives it the label "long": ./run-tests leaves it out, CI runs it.
+# Adds a GoogleTest program and its CTest entry.
+#   ROOT     runs it in a private root, with its own copy of the daemon's fixed paths
+#   PAIR     needs a pair of network interfaces there
+#   DRIVER   preloads the driver stand-in with the group "brund" and these frames (SIZExCOUNT)
+#   SERIAL   runs no other test at the same time
+#   LONG     gives it the label "long": ./run-tests leaves it out, CI runs it
 function(tarnik_test name)
   if(NOT TARNIK_TESTS)
     return()

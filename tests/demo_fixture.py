@@ -1,34 +1,31 @@
-"""What the tests of the demo share: how it is started, and what is known of it from outside."""
+"""What the tests of the demo share: how they run it and look at it from outside."""
 
 import json
 import os
 import pathlib
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
 
-PROJECT = pathlib.Path(__file__).resolve().parent.parent
+from support import PRIVATE_ROOT, PROJECT, DirectoryTest, run
+
 RECORD = PROJECT / "tools/demo/record"
-PRIVATE_ROOT = PROJECT / "platform/private-root/private-root"
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 EVERYTHING = "ips 70001 everything greater 0\n"
 
-
-# The address sanitizer's leak checker cannot do without /proc, which a chroot has not.
+# The leak checker of the address sanitizer needs /proc, and a chroot has none.
 LEAK_CHECKED = b"__lsan_do_leak_check" in (BUILD / "daemon/tarnikd").read_bytes()
 
 
 def why_not(mode):
-    """Why the demo cannot run in a private root of this kind here; empty when it can."""
+    """Why the demo cannot run here in a private root of this kind. Empty when it can."""
     environment = dict(os.environ, TARNIK_PRIVATE_ROOT_MODE=mode)
-    run = subprocess.run([PRIVATE_ROOT, "--which", "--pair"], env=environment,
-                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    if run.returncode != 0:
-        return run.stderr.strip().removeprefix("private-root: ")
-    if run.stdout == "chroot\n" and LEAK_CHECKED:
-        return "the leak checker of this build needs /proc, which a chroot has not"
+    which = run(PRIVATE_ROOT, "--which", "--pair", env=environment)
+    if which.status != 0:
+        return which.errors.strip().removeprefix("private-root: ")
+    if which.output == "chroot\n" and LEAK_CHECKED:
+        return "the leak checker of this build needs /proc, and a chroot has none"
     return ""
 
 
@@ -41,7 +38,7 @@ def can(mode):
 
 
 def processes():
-    """Process id: (parent's id, command line)."""
+    """All processes: process id -> (id of the parent, command line)."""
     result = {}
     for entry in pathlib.Path("/proc").iterdir():
         if entry.name.isdigit():
@@ -64,35 +61,49 @@ def descendants(ancestor):
         found |= more
 
 
-class DemoTest(unittest.TestCase):
+class DemoTest(DirectoryTest):
     build = BUILD
 
     def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.directory = pathlib.Path(directory.name)
+        super().setUp()
         self.out = self.directory / "out"
         self.rules = self.directory / "rules"
         self.rules.write_text(EVERYTHING)
         self.traffic = self.directory / "traffic.pcap"
-        subprocess.run([BUILD / "tools/make-traffic", "--flows", "60", self.traffic], check=True)
+        self.make_traffic("--flows", "60")
+
+    def make_traffic(self, *options):
+        self.assertEqual(run(BUILD / "tools/make-traffic", *options, self.traffic).status, 0)
+
+    def command(self, *arguments):
+        return [RECORD, "--build", self.build, "--out", self.out, "--rules", self.rules, *arguments]
 
     def start(self, *arguments, **options):
-        return subprocess.Popen(
-            [RECORD, "--build", self.build, "--out", self.out, "--rules", self.rules, *arguments],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-            **options)
+        return subprocess.Popen(self.command(*arguments), stdin=subprocess.DEVNULL,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **options)
 
     def record(self, *arguments, **options):
-        process = self.start(*arguments, **options)
-        output, errors = process.communicate(timeout=120)
-        return process.returncode, output, errors
+        """Status, standard output, standard error."""
+        return run(*self.command(*arguments), **options)
+
+    def assert_recorded(self, *arguments, files=60, **options):
+        """Records, with success and a balanced account of this many files."""
+        ended = self.record(*arguments, **options)
+        self.assertEqual(ended.status, 0, ended.errors)
+        self.assert_balanced(files)
+        return ended
+
+    def assert_balanced(self, files=None):
+        account = self.account()
+        self.assertTrue(account["balanced"])
+        if files is not None:
+            self.assertEqual(account["files"], files)
 
     def account(self):
         return json.loads((self.out / "account.json").read_text())
 
     def has_captures(self, daemon):
-        """Seen from here, or in the daemon's root: out of a chroot they come at the end only."""
+        """Looks in the daemon's root too: captures leave a chroot only at the end."""
         for place in (self.out / "captures", f"/proc/{daemon}/root/var/support/tarnik"):
             try:
                 if any(not name.startswith("template.") for name in os.listdir(place)):
@@ -102,7 +113,7 @@ class DemoTest(unittest.TestCase):
         return False
 
     def daemon_of(self, process):
-        """The daemon's process id once it captures, seen from here."""
+        """Waits until the daemon has a capture. Its process id, as seen from here."""
         for _ in range(1200):
             for pid, command in descendants(process.pid).items():
                 if command.startswith(f"{self.build}/daemon/tarnikd ") and self.has_captures(pid):
@@ -120,9 +131,8 @@ class DemoTest(unittest.TestCase):
             self.assertIn(path.suffix, (".pcap", ".info"), path.name)
         for path in captures:
             self.assertTrue(path.with_suffix(".info").exists(), path.name)
-            read = subprocess.run(["tcpdump", "-n", "-r", path], stdout=subprocess.DEVNULL,
-                                  stderr=subprocess.PIPE, text=True)
-            self.assertEqual(read.returncode, 0, read.stderr)
+            read = run("tcpdump", "-n", "-r", path)
+            self.assertEqual(read.status, 0, read.errors)
 
     def assert_gone(self, before):
         for _ in range(100):
@@ -134,7 +144,7 @@ class DemoTest(unittest.TestCase):
         self.fail(f"left behind: {left}")
 
     def interrupt(self, how, status, **options):
-        """Ends a replay by `how`: in good order, with nothing left behind."""
+        """Ends a replay with `how`. All captures must be complete and all processes gone."""
         process = self.start("--speed", "100", self.traffic, start_new_session=True, **options)
         self.daemon_of(process)
         time.sleep(0.3)
@@ -142,19 +152,16 @@ class DemoTest(unittest.TestCase):
         how(process)
         _, errors = process.communicate(timeout=60)
         self.assertEqual(process.returncode, status, errors)
-        self.assertTrue(self.account()["balanced"])
+        self.assert_balanced()
         self.assert_whole()
         self.assert_gone(before)
 
 
-AS_NOBODY = ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"]
-
-
 def main():
-    """Exit status 77: what could run passed, but some tests could not; their reasons are told."""
+    """Exit status 77: some tests were skipped, all others passed."""
     reason = why_not(os.environ.get("TARNIK_PRIVATE_ROOT_MODE", "auto"))
     if reason:
-        print(f"no private root can be had on this machine: {reason}")
+        print(f"no private root on this machine: {reason}")
         sys.exit(77)
     result = unittest.main(verbosity=2, exit=False).result
     sys.exit(1 if not result.wasSuccessful() else 77 if result.skipped else 0)

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The demo as a person meets it: what it records, what it refuses, what it leaves behind.
+"""Tests what the demo records, refuses and leaves behind.
 
 usage: demo_test.py BUILD_DIR [unittest argument]...
 """
@@ -8,42 +8,38 @@ import os
 import pathlib
 import signal
 import struct
-import subprocess
 import tempfile
 import time
 import unittest
 
-from demo_fixture import EVERYTHING, NO_CHROOT, PROJECT, DemoTest, can, descendants, main
+from demo_fixture import EVERYTHING, NO_CHROOT, DemoTest, can, descendants, main
+from support import PROJECT, run
 
 
 class Recording(DemoTest):
-    def test_a_file_that_ends_well(self):
-        status, output, errors = self.record(self.traffic)
-        self.assertEqual(status, 0, errors)
+    def test_records_a_capture_file(self):
+        _, output, errors = self.assert_recorded(self.traffic)
         account = self.account()
-        self.assertTrue(account["balanced"])
         self.assertEqual(account["seen"], account["accepted"])
-        self.assertEqual(account["files"], 60)
         self.assertIn("balanced", output)
         self.assertNotIn("interface group stays", errors)
         self.assert_whole()
         self.assertIn("onTerminate: Received SIGTERM, exiting",
                       (self.out / "tarnikd.log").read_text())
 
-    def test_the_same_place_again(self):
-        self.assertEqual(self.record(self.traffic)[0], 0)
-        self.assertEqual(self.record(self.traffic)[0], 0)
-        self.assertEqual(self.account()["files"], 60)
+    def test_replaces_the_recording_of_an_earlier_demo(self):
+        self.assert_recorded(self.traffic)
+        self.assert_recorded(self.traffic)
 
-    def test_a_place_with_something_else_in_it_is_left_alone(self):
+    def test_leaves_a_folder_with_other_files_alone(self):
         self.out.mkdir()
         (self.out / "thesis.tex").write_text("years of work")
         status, _, errors = self.record(self.traffic)
         self.assertEqual(status, 2)
-        self.assertIn("neither empty nor of an earlier demo", errors)
+        self.assertIn("has other files than those of an earlier demo", errors)
         self.assertEqual([path.name for path in self.out.iterdir()], ["thesis.tex"])
 
-    def test_the_daemon_has_two_threads_all_along(self):
+    def test_the_daemon_always_has_two_threads(self):
         process = self.start("--speed", "200", self.traffic)
         tasks = pathlib.Path(f"/proc/{self.daemon_of(process)}/task")
         counts = []
@@ -68,9 +64,7 @@ class Recording(DemoTest):
         self.assertEqual(account["records"], account["accepted"])
 
     def test_several_files_are_one_input(self):
-        status, _, errors = self.record(self.traffic, self.traffic)
-        self.assertEqual(status, 0, errors)
-        self.assertEqual(self.account()["files"], 60)
+        self.assert_recorded(self.traffic, self.traffic)
 
 
 class Refusals(DemoTest):
@@ -84,7 +78,7 @@ class Refusals(DemoTest):
         for reason in reasons:
             self.assertIn(reason, complaint)
 
-    def test_rules(self):
+    def test_refuses_wrong_rules(self):
         self.refused("ips 65535 name tcp\n", 1, "65535")
         self.refused("# comment\n\nips 0 name tcp\n", 3, "0")
         self.refused("ips 70001 a/b tcp\n", 1, "a/b")
@@ -93,7 +87,7 @@ class Refusals(DemoTest):
         self.refused("nap 65535 uuid tcp\n", 1, "65535")
         self.refused(EVERYTHING + "ipz 1 name tcp\n", 2, "ipz")
 
-    def test_options(self):
+    def test_refuses_wrong_options(self):
         for arguments in (["--speed", "0", self.traffic], ["--speed", "fast", self.traffic],
                           ["--seconds", "x"], ["--seconds", "86401"], ["--live", "lo", self.traffic],
                           ["--seconds", "5", self.traffic], ["--speed", "max"], ["--live", ""],
@@ -103,20 +97,17 @@ class Refusals(DemoTest):
             self.assertEqual((status, len(errors.splitlines())), (2, 1), (arguments, errors))
             self.assertFalse(self.out.exists())
 
-    def test_the_demo_refuses_before_it_installs_or_builds(self):
-        run = subprocess.run([PROJECT / "demo", "--nonsense"], stdin=subprocess.DEVNULL,
-                             stderr=subprocess.PIPE, text=True, timeout=5)
-        self.assertEqual((run.returncode, run.stderr),
-                         (2, "demo: unknown option --nonsense (./demo --help)\n"))
+    def test_refuses_options_before_it_installs_or_builds(self):
+        self.assertEqual(run(PROJECT / "demo", "--nonsense", timeout=5),
+                         (2, "", "demo: unknown option --nonsense (./demo --help)\n"))
 
-    def test_help_from_anywhere(self):
+    def test_prints_help_from_any_folder(self):
         for script in ("demo", "run-tests"):
-            run = subprocess.run([os.path.join(PROJECT.name, script), "--help"], cwd=PROJECT.parent,
-                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-            self.assertEqual((run.returncode, run.stderr), (0, ""))
-            self.assertIn(f"./{script} [", run.stdout)
+            ended = run(os.path.join(PROJECT.name, script), "--help", cwd=PROJECT.parent)
+            self.assertEqual((ended.status, ended.errors), (0, ""))
+            self.assertIn(f"./{script} [", ended.output)
 
-    def test_its_own_captures_are_not_emptied_to_replay_them(self):
+    def test_refuses_to_replay_the_captures_that_it_would_delete(self):
         self.assertEqual(self.record(self.traffic)[0], 0)
         capture = next((self.out / "captures").glob("*.pcap"))
         status, _, errors = self.record(capture)
@@ -124,16 +115,16 @@ class Refusals(DemoTest):
         self.assertIn("which is emptied first: choose another --out", errors)
         self.assertEqual(len(list((self.out / "captures").glob("*.pcap"))), 60)
 
-    def test_a_daemon_that_cannot_begin(self):
+    def test_reports_a_daemon_that_does_not_start(self):
         config = self.directory / "tarnik.conf"
         config.write_text("tarnik.file.maxno = x\n")
         status, _, errors = self.record("--config", config, self.traffic)
         self.assertEqual(status, 1)
         self.assertIn("demo: tarnikd ended with status 1; its last lines:\n", errors)
         self.assertIn("Fatal error: tarnikd: Failed to load the configuration", errors)
-        self.assertNotIn("within 30 seconds", errors)  # brund-sim does not wait for it
+        self.assertNotIn("within 30 seconds", errors)  # brund-sim does not wait for a daemon
 
-    def test_a_place_where_another_demo_records(self):
+    def test_refuses_the_folder_of_a_running_demo(self):
         process = self.start("--speed", "100", self.traffic)
         self.daemon_of(process)
         status, _, errors = self.record(self.traffic)
@@ -141,9 +132,9 @@ class Refusals(DemoTest):
                          (2, f"demo: another demo is recording into {self.out}\n"))
         process.terminate()
         process.communicate(timeout=60)
-        self.assertTrue(self.account()["balanced"])
+        self.assert_balanced()
 
-    def test_a_place_that_cannot_be_written(self):
+    def test_refuses_a_folder_that_it_cannot_write(self):
         self.out.write_text("a file")
         status, _, errors = self.record(self.traffic)
         self.assertEqual((status, errors), (2, f"demo: cannot write to {self.out}: File exists\n"))
@@ -157,8 +148,7 @@ class BadInput(DemoTest):
         self.assertEqual(len(lines), 1, errors)
         for reason in reasons:
             self.assertIn(reason, lines[0])
-        self.assertTrue(self.account()["balanced"])
-        self.assertEqual(self.account()["files"], 60)  # all else is recorded
+        self.assert_balanced(files=60)  # all others are recorded
 
     def test_missing_file(self):
         self.complaint(self.directory / "nothing.pcap", "No such file")
@@ -167,11 +157,11 @@ class BadInput(DemoTest):
         (self.directory / "empty.pcap").touch()
         self.complaint(self.directory / "empty.pcap")
 
-    def test_no_capture_file(self):
+    def test_file_of_another_kind(self):
         (self.directory / "text.pcap").write_text("this is no capture file at all\n" * 10)
         self.complaint(self.directory / "text.pcap")
 
-    def test_record_cut_short(self):
+    def test_truncated_file(self):
         whole = self.traffic.read_bytes()
         (self.directory / "cut.pcap").write_bytes(whole[:len(whole) // 2])
         self.complaint(self.directory / "cut.pcap", "truncated")
@@ -233,7 +223,7 @@ class Leftovers(DemoTest):
         os.killpg(process.pid, signal.SIGINT)
         _, errors = process.communicate(timeout=60)
         self.assertEqual(process.returncode, 130, errors)
-        self.assertTrue(self.account()["balanced"])
+        self.assert_balanced()
         self.assert_gone(before)
         self.assert_nothing_remains()
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The demo's ways: live and replayed, with and without root or namespaces, ended at any time.
+"""Tests the demo live and with capture files, with and without root or namespaces, and interrupted.
 
 usage: demo_ways_test.py BUILD_DIR [unittest argument]...
 """
@@ -13,8 +13,14 @@ import subprocess
 import time
 import unittest
 
-from demo_fixture import (AS_NOBODY, BUILD, EVERYTHING, NO_BWRAP, NO_CHROOT, PRIVATE_ROOT, RECORD,
-                          DemoTest, can, descendants, main)
+from demo_fixture import (BUILD, EVERYTHING, NO_BWRAP, NO_CHROOT, RECORD, DemoTest, can,
+                          descendants, main)
+from support import AS_NOBODY, PRIVATE_ROOT, run
+
+
+def in_mode(mode):
+    """The environment for a demo in a private root of this kind."""
+    return dict(os.environ, TARNIK_PRIVATE_ROOT_MODE=mode)
 
 
 class Signals(DemoTest):
@@ -26,8 +32,8 @@ class Signals(DemoTest):
         process.communicate(timeout=60)
         self.assert_whole()
 
-    def test_sighup_loses_no_frame_and_spoils_no_name(self):
-        """Reloads, each of other policy files and settings than the one before."""
+    def test_reloads_lose_no_frame_and_no_name(self):
+        """Changes policy files and settings before each reload."""
         self.rules.write_text("nap 10 uuid-one icmp or icmp6 or udp\n" + EVERYTHING)
         process = self.start("--speed", "200", self.traffic)
         daemon = self.daemon_of(process)
@@ -46,10 +52,8 @@ class Signals(DemoTest):
             time.sleep(0.2)
         _, errors = process.communicate(timeout=120)
         self.assertEqual(process.returncode, 0, errors)
-        account = self.account()
-        self.assertTrue(account["balanced"])
-        self.assertEqual(account["accepted"], account["seen"])
-        self.assertEqual(account["files"], 60)
+        self.assert_balanced(files=60)
+        self.assertEqual(self.account()["accepted"], self.account()["seen"])
         log = (self.out / "tarnikd.log").read_text()
         self.assertEqual(log.count("onReload: Reloading"), 13)
         self.assertNotIn("Error: ", log)
@@ -58,7 +62,7 @@ class Signals(DemoTest):
                                            "naprule-10 uuid-two"})
 
     def triggers(self):
-        """What captures are called by their names and, as it has to agree, their info files."""
+        """The triggers in the names of the captures. Their info files must agree."""
         found = set()
         for path in (self.out / "captures").glob("*.pcap"):
             name = re.fullmatch(r"\d{8}-\d{6}\.(ips|naprule)([.-])(\w+)\.\d+\.pcap", path.name)
@@ -90,53 +94,42 @@ class Signals(DemoTest):
 class Ways(DemoTest):
     @unittest.skipUnless(can("bwrap"), NO_BWRAP)
     def test_live_network(self):
-        status, _, errors = self.record("--seconds", "6")
-        self.assertEqual(status, 0, errors)
-        self.assertTrue(self.account()["balanced"])
+        self.assert_recorded("--seconds", "6", files=None)
         self.assertGreater(self.account()["files"], 5)
         self.assert_whole()
 
     @unittest.skipUnless(can("chroot"), NO_CHROOT)
     def test_chroot(self):
-        environment = dict(os.environ, TARNIK_PRIVATE_ROOT_MODE="chroot")
-        status, _, errors = self.record(self.traffic, env=environment)
-        self.assertEqual(status, 0, errors)
-        self.assertTrue(self.account()["balanced"])
-        self.assertEqual(self.account()["files"], 60)
+        self.assert_recorded(self.traffic, env=in_mode("chroot"))
         self.assert_whole()
 
     @unittest.skipUnless(can("chroot"), NO_CHROOT)
     def test_without_namespaces_generated_traffic_is_replayed(self):
-        environment = dict(os.environ, TARNIK_PRIVATE_ROOT_MODE="chroot")
-        status, _, errors = self.record(env=environment)
-        self.assertEqual(status, 0, errors)
-        self.assertIn("generated traffic", errors)
-        self.assertTrue(self.account()["balanced"])
+        ended = self.assert_recorded(files=None, env=in_mode("chroot"))
+        self.assertIn("generated traffic", ended.errors)
 
-    @unittest.skipUnless(os.geteuid() == 0, "sniffing takes root")
+    @unittest.skipUnless(os.geteuid() == 0, "live capture needs root")
     def test_an_interface(self):
         for mode in filter(can, ("bwrap", "chroot")):
             with self.subTest(mode), subprocess.Popen(
                     ["ping", "-q", "-i", "0.2", "127.0.0.1"], stdout=subprocess.DEVNULL) as ping:
-                environment = dict(os.environ, TARNIK_PRIVATE_ROOT_MODE=mode)
-                status, _, errors = self.record("--live", "lo", "--seconds", "3", env=environment)
+                ended = self.record("--live", "lo", "--seconds", "3", env=in_mode(mode))
                 ping.terminate()
-                self.assertEqual(status, 0, errors)
-                self.assertTrue(self.account()["balanced"])
+                self.assertEqual(ended.status, 0, ended.errors)
+                self.assert_balanced()
                 self.assertGreater(self.account()["records"], 5)
                 self.assert_whole()
 
-    @unittest.skipUnless(os.geteuid() == 0, "sniffing takes root")
+    @unittest.skipUnless(os.geteuid() == 0, "live capture needs root")
     def test_an_interface_that_is_not_there(self):
         status, _, errors = self.record("--live", "nosuch0")
         self.assertEqual(status, 1)
         self.assertEqual(len([line for line in errors.splitlines() if "nosuch0" in line]), 1)
         self.assertIn("nosuch0: No such device exists", errors)
-        self.assertEqual(self.record(self.traffic)[0], 0)  # what failed is not in the way
+        self.assertEqual(self.record(self.traffic)[0], 0)  # works again
 
     def test_the_pauses_of_the_recording(self):
-        subprocess.run([self.build / "tools/make-traffic", "--flows", "20", "--seconds", "3",
-                        self.traffic], check=True)
+        self.make_traffic("--flows", "20", "--seconds", "3")
         begin = time.monotonic()
         self.assertEqual(self.record(self.traffic)[0], 0)
         fast = time.monotonic() - begin
@@ -152,51 +145,39 @@ class Ways(DemoTest):
             begin = time.monotonic()
             _, errors = process.communicate(timeout=30)
             self.assertIn(process.returncode, (143, -15), errors)
-            self.assertLess(time.monotonic() - begin, 12)  # the replay would go on for longer
+            self.assertLess(time.monotonic() - begin, 12)  # the replay takes longer
 
 
 @unittest.skipUnless(os.geteuid() == 0, "already without root")
 class WithoutRoot(DemoTest):
     def setUp(self):
         super().setUp()
-        if subprocess.run([*AS_NOBODY, PRIVATE_ROOT, "--which"], stdout=subprocess.DEVNULL,
-                          stderr=subprocess.DEVNULL).returncode != 0:
+        if run(*AS_NOBODY, PRIVATE_ROOT, "--which").status != 0:
             self.skipTest("no user namespaces for users here")
         for path in (self.directory, self.traffic, self.rules):
             os.chown(path, 65534, 65534)
 
-    def as_nobody(self, *arguments):
-        return subprocess.run(
-            [*AS_NOBODY, "env", "PATH=/usr/bin:/bin", RECORD, "--build", self.build, "--out",
-             self.out, "--rules", self.rules, *arguments],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-            timeout=120)
+    def command(self, *arguments):
+        return [*AS_NOBODY, "env", "PATH=/usr/bin:/bin", *super().command(*arguments)]
 
     def test_a_file(self):
-        run = self.as_nobody(self.traffic)
-        self.assertEqual(run.returncode, 0, run.stderr)
-        self.assertTrue(self.account()["balanced"])
-        self.assertEqual(self.account()["files"], 60)
+        self.assert_recorded(self.traffic)
 
     def test_the_live_network(self):
-        run = self.as_nobody("--seconds", "4")
-        self.assertEqual(run.returncode, 0, run.stderr)
-        self.assertTrue(self.account()["balanced"])
+        self.assert_recorded("--seconds", "4", files=None)
         self.assertGreater(self.account()["files"], 5)
 
     def test_an_interface(self):
-        run = self.as_nobody("--live", "lo")
-        self.assertEqual((run.returncode, run.stderr),
-                         (1, "demo: sniffing lo takes root: sudo ./demo ...\n"))
+        self.assertEqual(self.record("--live", "lo"),
+                         (1, "", "demo: live capture needs root: sudo ./demo ...\n"))
 
     def test_no_private_root(self):
-        run = subprocess.run([*AS_NOBODY, PRIVATE_ROOT, "--mode", "chroot", "--unavailable", "77",
-                              "--", "true"], stderr=subprocess.PIPE, text=True)
-        self.assertEqual((run.returncode, run.stderr), (77, "private-root: chroot needs root\n"))
+        ended = run(*AS_NOBODY, PRIVATE_ROOT, "--mode", "chroot", "--unavailable", "77", "--", "true")
+        self.assertEqual(ended, (77, "", "private-root: chroot needs root\n"))
 
 
 class Names(DemoTest):
-    """Names of folders and files with what a shell, the loader or an option would stumble over."""
+    """Names of folders and files with characters that are special for a shell, loader or parser."""
 
     def setUp(self):
         super().setUp()
@@ -209,37 +190,32 @@ class Names(DemoTest):
         self.rules = self.rules.rename(self.directory / "-r: les")
         self.out = self.directory / "-o: ut $x"
 
-    def in_the_directory(self, **environment):
-        return subprocess.run(
-            [RECORD, "--build", self.build.name, "--rules", self.rules.name, "--out",
-             self.out.name, "--", self.traffic.name],
-            cwd=self.directory, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE, text=True,
-            env=dict(os.environ, LD_LIBRARY_PATH=self.build / "platform/orlo", **environment))
+    def command(self, *arguments):
+        return [RECORD, "--build", self.build.name, "--rules", self.rules.name, "--out",
+                self.out.name, "--", self.traffic.name]
 
-    def test_each_way(self):
+    def options(self, mode):
+        return {"cwd": self.directory,
+                "env": dict(in_mode(mode), LD_LIBRARY_PATH=self.build / "platform/orlo")}
+
+    def test_in_each_mode(self):
         for mode in filter(can, ("bwrap", "chroot")):
             with self.subTest(mode):
-                run = self.in_the_directory(TARNIK_PRIVATE_ROOT_MODE=mode)
-                self.assertEqual(run.returncode, 0, run.stderr)
-                self.assertTrue(self.account()["balanced"])
-                self.assertEqual(self.account()["files"], 60)
+                self.assert_recorded(**self.options(mode))
 
     def test_a_rule_that_is_refused(self):
         self.rules.write_text("ips 1 x tcp\n")
-        run = self.in_the_directory()
-        self.assertEqual(run.returncode, 2)
-        self.assertIn("-r: les:1: ips identifier 1 ", run.stderr)
+        ended = self.record(**self.options("auto"))
+        self.assertEqual(ended.status, 2)
+        self.assertIn("-r: les:1: ips identifier 1 ", ended.errors)
 
 
 class ByHand(unittest.TestCase):
-    """The daemon started where something is missing says so in one line."""
+    """The daemon, started without something that it needs, says so in one line."""
 
     def run_daemon(self, script, *options):
-        return subprocess.run(
-            [PRIVATE_ROOT, "--build", BUILD, "--program", "timeout", "--program", "chmod", *options, "--",
-             "sh", "-c", script, str(BUILD / "daemon/tarnikd")],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        return run(PRIVATE_ROOT, "--build", BUILD, "--program", "timeout", "--program", "chmod",
+                   *options, "--", "sh", "-c", script, BUILD / "daemon/tarnikd")
 
     CONFIGURED = ": >/etc/tarnik.conf; : >/etc/ips.conf; : >/etc/acl.conf; "
 
@@ -248,30 +224,30 @@ class ByHand(unittest.TestCase):
         self.assertEqual(len(lines), 1, errors)
 
     def test_without_configuration(self):
-        run = self.run_daemon('"$0" -D')
-        self.assertEqual(run.returncode, 1)
-        self.assert_one_line(run.stderr, "Fatal error: tarnikd: Failed to load the configuration")
+        ended = self.run_daemon('"$0" -D')
+        self.assertEqual(ended.status, 1)
+        self.assert_one_line(ended.errors, "Fatal error: tarnikd: Failed to load the configuration")
 
     def test_without_driver(self):
-        run = self.run_daemon(self.CONFIGURED + 'timeout 4 "$0" -D; exit 0')
-        self.assert_one_line(run.stderr, "Cannot open zorvik ctl - No such file or directory")
+        ended = self.run_daemon(self.CONFIGURED + 'timeout 4 "$0" -D; exit 0')
+        self.assert_one_line(ended.errors, "Cannot open zorvik ctl - No such file or directory")
 
     def test_without_directory(self):
-        run = self.run_daemon(self.CONFIGURED +
-                              'rm -r /var/support/tarnik; timeout 1 "$0" -D; exit 0')
-        self.assert_one_line(run.stderr, "Cannot write to [/var/support/tarnik/]: No such file")
+        ended = self.run_daemon(self.CONFIGURED +
+                                'rm -r /var/support/tarnik; timeout 1 "$0" -D; exit 0')
+        self.assert_one_line(ended.errors, "Cannot write to [/var/support/tarnik/]: No such file")
 
     def test_without_the_run_directory(self):
-        run = self.run_daemon(self.CONFIGURED + 'rm -r /run/orlo; : >/run/orlo; "$0" -D')
-        self.assertEqual(run.returncode, 1)
-        self.assert_one_line(run.stderr, "Failed to create command interface: ")
+        ended = self.run_daemon(self.CONFIGURED + 'rm -r /run/orlo; : >/run/orlo; "$0" -D')
+        self.assertEqual(ended.status, 1)
+        self.assert_one_line(ended.errors, "Failed to create command interface: ")
 
     @unittest.skipUnless(os.geteuid() == 0, "only root can become another user")
     def test_without_the_right_to_write(self):
-        run = self.run_daemon(
+        ended = self.run_daemon(
             self.CONFIGURED + "chmod 755 /var/support/tarnik; chmod 777 /run/orlo; "
             'timeout 3 setpriv --reuid 65534 --clear-groups "$0" -D; exit 0', "--program", "setpriv")
-        self.assert_one_line(run.stderr,
+        self.assert_one_line(ended.errors,
                              "Cannot write to [/var/support/tarnik/]: Permission denied")
 
 

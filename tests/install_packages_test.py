@@ -1,16 +1,15 @@
 #!/usr/bin/env python3
-"""tools/install-packages, with a packager of its own that only notes what it is asked."""
+"""Tests tools/install-packages with replaced system programs that only record their calls."""
 
 import os
-import pathlib
 import shutil
-import subprocess
-import tempfile
 import unittest
 
-SCRIPT = pathlib.Path(__file__).resolve().parent.parent / "tools/install-packages"
+from support import PROJECT, DirectoryTest, run
+
+SCRIPT = PROJECT / "tools/install-packages"
 PROGRAMS = {
-    # What is installed are the files of the folder "installed".
+    # The files in the folder "installed" are the installed packages.
     "dpkg-query": '[ -e "$HERE/installed/$4" ] && printf installed',
     "apt-get": 'echo "apt-get $*" >>"$HERE/calls"\n'
                '[ "$1" = update ] || [ ! -e "$HERE/broken" ] || { echo "E: no such package"; exit 100; }\n'
@@ -23,71 +22,72 @@ PROGRAMS = {
 }
 
 
-class InstallPackages(unittest.TestCase):
+class InstallPackages(DirectoryTest):
     def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.here = pathlib.Path(directory.name)
-        (self.here / "installed").mkdir()
+        super().setUp()
+        self.add_installed()
         for name, text in PROGRAMS.items():
-            (self.here / name).write_text(f"#!/bin/sh\n{text}\n")
-            (self.here / name).chmod(0o755)
+            (self.directory / name).write_text(f"#!/bin/sh\n{text}\n")
+            (self.directory / name).chmod(0o755)
         for name in ("bash", "sh", "env", "mktemp", "rm", "tail"):
-            (self.here / name).symlink_to(shutil.which(name))
+            (self.directory / name).symlink_to(shutil.which(name))
+
+    def add_installed(self, *packages):
+        (self.directory / "installed").mkdir(exist_ok=True)
+        for package in packages:
+            (self.directory / "installed" / package).touch()
 
     def install(self, *packages, **environment):
-        run = subprocess.run(
-            [SCRIPT, *packages], stderr=subprocess.PIPE, text=True,
-            env=dict(os.environ, PATH=str(self.here), HERE=str(self.here),
-                     **environment))
-        calls = self.here / "calls"
-        return run.returncode, run.stderr, calls.read_text().splitlines() if calls.exists() else []
+        """Exit status, standard error, recorded calls."""
+        here = str(self.directory)
+        ended = run(SCRIPT, *packages, env=dict(os.environ, PATH=here, HERE=here, **environment))
+        calls = self.directory / "calls"
+        return ended.status, ended.errors, calls.read_text().splitlines() if calls.exists() else []
 
     INSTALL = "apt-get install -y -q --no-install-recommends "
 
-    def test_nothing_is_missing(self):
-        (self.here / "installed/jq").touch()
+    def test_does_nothing_when_nothing_is_missing(self):
+        self.add_installed("jq")
         self.assertEqual(self.install("jq"), (0, "", []))
 
-    def test_only_what_is_missing(self):
-        (self.here / "installed/jq").touch()
-        (self.here / "installed/nginx").touch()
+    def test_installs_only_what_is_missing(self):
+        self.add_installed("jq", "nginx")
         self.assertEqual(self.install("jq", "curl", "g++"), (
             0, "installing curl g++\n", ["apt-get update -q", self.INSTALL + "curl g++"]))
 
-    def test_sudo_for_a_user(self):
-        (self.here / "installed/nginx").touch()
+    def test_uses_sudo_when_not_root(self):
+        self.add_installed("nginx")
         status, _, calls = self.install("curl", USER_ID="1000")
         self.assertEqual((status, calls), (0, [
             "sudo apt-get", "apt-get update -q", "sudo env", self.INSTALL + "curl"]))
 
-    def test_a_web_server_that_came_with_it_does_not_stay(self):
+    def test_stops_a_web_server_that_it_installed(self):
         status, _, calls = self.install("nginx-light")
         self.assertEqual((status, calls[2:]),
                          (0, ["invoke-rc.d nginx stop", "update-rc.d nginx disable"]))
 
-    def test_a_web_server_that_was_there_stays(self):
-        (self.here / "installed/nginx").touch()
+    def test_leaves_a_web_server_that_was_installed(self):
+        self.add_installed("nginx")
         self.assertEqual(len(self.install("nginx-light")[2]), 2)
 
-    def test_what_cannot_be_installed(self):
-        (self.here / "broken").touch()
+    def test_tries_three_times(self):
+        (self.directory / "broken").touch()
         status, errors, calls = self.install("curl")
         self.assertEqual((status, len(calls)), (1, 6))
         self.assertEqual(errors, "installing curl\nE: no such package\n"
                                  "install-packages: apt-get could not install curl\n")
 
-    def test_neither_root_nor_sudo(self):
-        (self.here / "sudo").unlink()
+    def test_fails_without_root_and_sudo(self):
+        (self.directory / "sudo").unlink()
         self.assertEqual(self.install("curl", "jq", USER_ID="1000"), (
-            1, "install-packages: missing packages, and neither root nor sudo; as root: "
+            1, "install-packages: packages are missing, and there is no sudo; as root, run: "
                "apt-get install curl jq\n", []))
 
-    def test_another_system(self):
-        (self.here / "apt-get").unlink()
+    def test_fails_without_apt_get(self):
+        (self.directory / "apt-get").unlink()
         self.assertEqual(self.install("curl", "jq"), (
-            1, "install-packages: no apt-get on this machine; install what these Debian packages "
-               "hold: curl jq\n", []))
+            1, "install-packages: there is no apt-get; install the contents of these Debian "
+               "packages: curl jq\n", []))
 
 
 if __name__ == "__main__":

@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""Replays captures through the whole system and compares what was recorded with the input.
+"""Replays capture files through the whole system and compares the recorded captures with the input.
 
-Goal: for every capture, the recorded frames are byte for byte, in order, with their timestamps and
-both lengths, those of the flow in the input from the first match on. The input is read by
-tshark, flows and first matches are worked out here from tshark's fields, so that a mistake of the
-project's own reader cannot hide itself; what was recorded is read back by tshark too.
+For each flow, the recorded frames must be those of the input from the first match on: the same
+bytes, order, timestamps and both lengths. tshark reads the input and the recorded captures, and this
+script determines flows and matches from tshark's fields. So a fault in the project's own reader
+cannot hide itself.
 
 usage: replay_fidelity.py BUILD_DIR [--generated] [FILE]...
-exit status: 0 alike, 1 not, 77 no private root can be had on this machine
+exit status: 0 equal, 1 different, 77 no private root on this machine
 """
 
 import collections
@@ -15,11 +15,10 @@ import hashlib
 import json
 import pathlib
 import struct
-import subprocess
 import sys
 import tempfile
 
-PROJECT = pathlib.Path(__file__).resolve().parent.parent
+from support import PRIVATE_ROOT, PROJECT, run
 
 FIELDS = [
     "frame.number", "frame.time_epoch", "frame.cap_len", "frame.len", "frame.md5_hash",
@@ -31,7 +30,7 @@ FIELDS = [
     "sctp.srcport", "sctp.dstport",
 ]
 
-# Two sets of triggers: every frame, and one that begins in the middle of a conversation.
+# Two sets of rules: one matches every frame, one first matches in the middle of a conversation.
 RULES = {
     "every frame": ("ips 70001 everything greater 0\n", lambda frame: True),
     "first push": (
@@ -50,7 +49,7 @@ def first(values):
 
 
 def read(path, limit=None):
-    """The frames of a capture file, as tshark sees them."""
+    """tshark's fields of each frame of a capture file."""
     command = ["tshark", "-n", "-r", str(path), "-o", "frame.generate_md5_hash:TRUE",
                "-o", "ip.defragment:FALSE", "-o", "ipv6.defragment:FALSE",
                "-T", "fields", "-E", "separator=|", "-E", "occurrence=a"]
@@ -58,21 +57,19 @@ def read(path, limit=None):
         command += ["-e", field]
     if limit is not None:
         command += ["-c", str(limit)]
-    lines = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                           text=True).stdout.splitlines()
-    frames = [dict(zip(FIELDS, line.split("|"))) for line in lines]
+    frames = [dict(zip(FIELDS, line.split("|"))) for line in run(*command).output.splitlines()]
     return [] if limit == 0 else frames
 
 
 def record(frame):
-    """What a capture file keeps of a frame: microseconds, lengths, bytes."""
+    """The parts of a frame that a capture file keeps: time in microseconds, lengths, bytes."""
     seconds, _, fraction = frame["frame.time_epoch"].partition(".")
     return (seconds + "." + (fraction + "000000")[:6], frame["frame.cap_len"],
             frame["frame.len"], frame["frame.md5_hash"])
 
 
 def recorded(path):
-    """The records of a capture file that the daemon wrote: a classic pcap file, microseconds."""
+    """The records of a capture file of the daemon: classic pcap with microseconds."""
     data = path.read_bytes()
     assert data[:24] == struct.pack("<IHHiIII", 0xa1b2c3d4, 2, 4, 0, 0, 1500, 1), path.name
     records, at = [], 24
@@ -87,7 +84,7 @@ def recorded(path):
 
 
 class Flows:
-    """The flow of each frame. A later fragment belongs to the flow of its datagram's first."""
+    """Assigns frames to flows. A later fragment belongs to the flow of the first fragment."""
 
     def __init__(self):
         self.datagrams = {}
@@ -126,7 +123,7 @@ class Flows:
 
 
 def expected(frames, matches):
-    """The captures that the input must give: for each flow its frames from the first match on."""
+    """The expected captures: for each flow its frames from the first match on."""
     flows = Flows()
     captures = collections.OrderedDict()
     for frame in frames:
@@ -140,34 +137,30 @@ def expected(frames, matches):
 
 def replay(build, path, rules, directory):
     (directory / "rules").write_text(rules)
-    run = subprocess.run(
-        [PROJECT / "tools/demo/record", "--build", build, "--rules", directory / "rules",
-         "--out", directory / "out", path],
-        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    demo = run(PROJECT / "tools/demo/record", "--build", build, "--rules", directory / "rules",
+               "--out", directory / "out", path)
     account = directory / "out/account.json"
     if not account.exists():
-        raise AssertionError(f"no account; status {run.returncode}: {run.stdout}{run.stderr}")
-    return run, json.loads(account.read_text())
+        raise AssertionError(f"no account; status {demo.status}: {demo.output}{demo.errors}")
+    return demo, json.loads(account.read_text())
 
 
 def readable(path):
-    """How many frames the system's own capture library gets out of the file, and its complaint."""
-    run = subprocess.run(["tcpdump", "-n", "-t", "-q", "-r", str(path), "--count"],
-                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    count = [int(line.split()[0]) for line in (run.stdout + run.stderr).splitlines()
-             if line.endswith("packets") or line.endswith("packet")]
-    return count[0], run.returncode
+    """The number of frames that tcpdump reads from the file, and its exit status."""
+    ended = run("tcpdump", "-n", "-t", "-q", "-r", path, "--count")
+    count = [int(line.split()[0]) for line in (ended.output + ended.errors).splitlines()
+             if line.endswith(("packets", "packet"))]
+    return count[0], ended.status
 
 
 def count_with_tshark(captures, directory):
-    """How many frames tshark reads back out of all capture files."""
+    """The number of frames that tshark reads from all recorded captures."""
     if not captures:
         return 0
     merged = directory / "merged.pcap"
-    subprocess.run(["mergecap", "-a", "-F", "pcap", "-w", merged, *captures], check=True)
-    return len(subprocess.run(["tshark", "-n", "-r", merged, "-T", "fields", "-e", "frame.number"],
-                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                              text=True).stdout.splitlines())
+    assert run("mergecap", "-a", "-F", "pcap", "-w", merged, *captures).status == 0
+    return len(run("tshark", "-n", "-r", merged, "-T", "fields", "-e",
+                   "frame.number").output.splitlines())
 
 
 def check(build, path):
@@ -176,36 +169,36 @@ def check(build, path):
     for name, (rules, matches) in RULES.items():
         with tempfile.TemporaryDirectory() as directory:
             directory = pathlib.Path(directory)
-            run, account = replay(build, path, rules, directory)
+            demo, account = replay(build, path, rules, directory)
             wanted = collections.Counter(expected(frames, matches))
             captures = list((directory / "out/captures").glob("*.pcap"))
             got = collections.Counter(recorded(capture) for capture in captures)
             where = f"{path.name}, {name}: "
-            assert account["balanced"], where + json.dumps(account) + run.stderr
+            assert account["balanced"], where + json.dumps(account) + demo.errors
             assert account["seen"] == count, where + f"seen {account['seen']}, in the file {count}"
-            missing, surplus = wanted - got, got - wanted
-            assert not missing and not surplus, (
+            missing, unexpected = wanted - got, got - wanted
+            assert not missing and not unexpected, (
                 where + f"{sum(missing.values())} captures missing, "
-                f"{sum(surplus.values())} surplus: "
+                f"{sum(unexpected.values())} unexpected: "
                 f"{[(len(c), c[0]) for c in list(missing)[:3]]} "
-                f"{[(len(c), c[0]) for c in list(surplus)[:3] if c]}")
+                f"{[(len(c), c[0]) for c in list(unexpected)[:3] if c]}")
             numbers = {
                 "captures": sum(wanted.values()), "files": sum(wanted.values()),
                 "queued": sum(len(records) * n for records, n in wanted.items()), "refused": 0}
             assert numbers.items() <= account.items(), where + f"{numbers}, not {account}"
             assert count_with_tshark(captures, directory) == sum(
                 len(records) * n for records, n in wanted.items()), where + "not all read back"
-            complaints = [line for line in run.stderr.splitlines() if str(path) in line]
+            complaints = [line for line in demo.errors.splitlines() if str(path) in line]
             if failed or count == 0:
-                assert run.returncode == 1 and len(complaints) == 1, where + run.stderr
+                assert demo.status == 1 and len(complaints) == 1, where + demo.errors
             else:
-                assert run.returncode == 0 and not complaints, where + run.stderr
+                assert demo.status == 0 and not complaints, where + demo.errors
             print(f"ok: {where}{sum(wanted.values())} captures, "
                   f"{sum(len(c) * n for c, n in wanted.items())} frames", flush=True)
 
 
 def nanoseconds(path, result):
-    """A copy of a capture file with timestamps in nanoseconds, and in the other byte order."""
+    """Writes a copy of a capture file with nanoseconds, and in the other byte order."""
     data = path.read_bytes()
     out = struct.pack(">IHHiIII", 0xa1b23c4d, 2, 4, 0, 0, 65535, 1)
     at = 24
@@ -218,18 +211,19 @@ def nanoseconds(path, result):
 
 
 def generate(build, directory):
-    """Made-up traffic in each kind of capture file."""
-    paths = [directory / name for name in ("made-up.pcap", "nanoseconds.pcap", "made-up.pcapng")]
-    subprocess.run([build / "tools/make-traffic", "--flows", "200", paths[0]], check=True)
+    """Generates traffic, in each kind of capture file."""
+    paths = [directory / name for name in ("generated.pcap", "nanoseconds.pcap", "generated.pcapng")]
+    assert run(build / "tools/make-traffic", "--flows", "200", paths[0]).status == 0
     nanoseconds(paths[0], paths[1])
-    subprocess.run(["editcap", "-F", "pcapng", paths[0], paths[2]], check=True)
+    assert run("editcap", "-F", "pcapng", paths[0], paths[2]).status == 0
     return paths
 
 
 def main():
-    if subprocess.run([PROJECT / "platform/private-root/private-root", "--which", "--pair"],
-                      stdout=subprocess.DEVNULL).returncode != 0:
-        return 77  # its reason stands in the line before
+    which = run(PRIVATE_ROOT, "--which", "--pair")
+    if which.status != 0:
+        print(which.errors, end="")
+        return 77
     build = pathlib.Path(sys.argv[1])
     paths = [pathlib.Path(argument).resolve() for argument in sys.argv[2:] if argument != "--generated"]
     with tempfile.TemporaryDirectory() as directory:

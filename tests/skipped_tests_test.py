@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 """tools/skipped-tests lists the tests that a CTest log shows as skipped, one line per reason."""
 
-import pathlib
-import subprocess
 import unittest
 
-SCRIPT = pathlib.Path(__file__).resolve().parent.parent / "tools/skipped-tests"
+from support import PROJECT, run
+
+SCRIPT = PROJECT / "tools/skipped-tests"
 
 LOG = """\
 Start testing: Nov 21 03:36 UTC
@@ -33,10 +33,11 @@ skipped: spin is not installed (apt-get install spin)
 
 class SkippedTests(unittest.TestCase):
     def shown(self, log):
-        return subprocess.run([SCRIPT], input=log, stdout=subprocess.PIPE, text=True,
-                              check=True).stdout
+        ended = run(SCRIPT, input=log)
+        self.assertEqual((ended.status, ended.errors), (0, ""))
+        return ended.output
 
-    def test_each_kind(self):
+    def test_lists_each_kind_of_skipped_test(self):
         self.assertEqual(self.shown(LOG), """\
 skipped: Live.Sniffs: sniffing is not allowed here: no right
 skipped: test_chroot: chroot needs root
@@ -44,13 +45,13 @@ skipped: writer_test: private-root: bubblewrap is missing: apt-get install bubbl
 skipped: ring_model_shutdown: spin is not installed (apt-get install spin)
 """)
 
-    def test_one_line_for_a_reason_that_many_tests_share(self):
+    def test_prints_one_line_per_reason(self):
         log = "".join(f"{i}/4 Testing: replay_{i}\nskipped: no captures\n" for i in range(3))
         self.assertEqual(self.shown(log), "skipped: replay_0, replay_1, replay_2: no captures\n")
         log += "4/4 Testing: reads_test\nA.cc:1: Skipped\nno captures\n[  SKIPPED ] Reads.A (0 ms)\n"
         self.assertEqual(self.shown(log), "skipped: 4 tests: no captures\n")
 
-    def test_none(self):
+    def test_prints_nothing_when_no_test_was_skipped(self):
         self.assertEqual(self.shown("1/1 Testing: a_test\n[       OK ] A.B (0 ms)\n"), "")
 
 

@@ -1,5 +1,5 @@
-# The account of a recording: what brund-sim queued against what the daemon's statistics area and
-# the capture files hold.
+# The account of a recording. Compares the frames that brund-sim queued with the daemon's statistics
+# and with the records in the capture files.
 ($brund[0]) as $b | ($stats[0]) as $s | ($captures[0]) as $c
 | {
     seen: $b.seen,
