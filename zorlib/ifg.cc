@@ -211,6 +211,9 @@ int zorlib_ifg_devnode_wait(const char* path, int appear) {
   }
   TARNIK_ERROR("Error: zorlib_ifg_devnode_wait: Timeout waiting for devnode %s to %sappear", path,
                appear != 0 ? "" : "dis");
+  if (appear == 0) {
+    errno = ETIMEDOUT;  // access succeeded, so it set none
+  }
   return -1;
 }
 

@@ -42,7 +42,9 @@ zorlib_ifg* zorlib_ifg_alloc(const char* name);
  * unmaps the frame memory and frees the handle. */
 int zorlib_ifg_close(zorlib_ifg* ifg);
 
-/* Waits up to 1.5 s until the node at `path` exists (appear 1) or no longer exists (appear 0). */
+/* Waits up to 1.5 s until the node at `path` exists (appear 1) or no longer exists (appear 0). Fails
+ * with the errno of access(2) for a node that does not appear, and with ETIMEDOUT for one that does
+ * not disappear. */
 int zorlib_ifg_devnode_wait(const char* path, int appear);
 
 /* Returns the mapped descriptors and payload memory and their sizes in bytes; the first call maps
