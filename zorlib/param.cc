@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <cctype>
+#include <iterator>
 
 #include "base/log.h"
 
@@ -14,26 +15,46 @@ namespace {
 
 using Rule = zorlib_param_spec;
 
-// The mutex guards the variables below. Look-ups read `params` without it: an entry is complete
-// before `paramTotal` counts it.
-std::mutex mutex;
-std::array<Rule, 32> rules;
-std::uint32_t ruleCount = 0;
-std::array<Param, 128> params;
-std::atomic<std::size_t> paramTotal{0};
+struct Registry {
+  std::array<Rule, 32> rules{};
+  std::uint32_t count = 0;
 
-[[gnu::constructor]] void registerOwnRules() {
-  static const std::array<Rule, 5> kRules = {{
-      {kParamIfgQSize, 2, {ZORLIB_WORD_ANY, "q_size", {}, {}}, ZORLIB_VALUE_NUMBER},
-      {kParamCpuMask,
-       3,
-       {ZORLIB_WORD_ANY, ZORLIB_WORD_NUMBER, "cpu_mask", {}},
-       ZORLIB_VALUE_BITMASK},
-      {kParamIfMask, 3, {ZORLIB_WORD_ANY, ZORLIB_WORD_NUMBER, "if_mask", {}}, ZORLIB_VALUE_BITMASK},
-      {kParamQueueQSize, 3, {ZORLIB_WORD_ANY, ZORLIB_WORD_ANY, "q_size", {}}, ZORLIB_VALUE_NUMBER},
-      {kParamFdCount, 2, {ZORLIB_WORD_ANY, "fd_count", {}, {}}, ZORLIB_VALUE_NUMBER},
-  }};
-  static_cast<void>(zorlib_register_params(kRules.size(), kRules.data()));
+  // Appends up to `wanted` rules, as many as fit.
+  void append(const Rule* specs, std::uint32_t wanted) noexcept {
+    for (std::uint32_t i = 0; i < wanted && count < rules.size(); ++i) {
+      rules[count++] = specs[i];
+    }
+  }
+};
+
+Registry libraryRules() noexcept {
+  constexpr const char* kAny = ZORLIB_WORD_ANY;
+  const char* const number = ZORLIB_WORD_NUMBER;
+  const Rule rules[] = {
+      {kParamIfgQSize, 2, {kAny, "q_size", {}, {}}, ZORLIB_VALUE_NUMBER},
+      {kParamCpuMask, 3, {kAny, number, "cpu_mask", {}}, ZORLIB_VALUE_BITMASK},
+      {kParamIfMask, 3, {kAny, number, "if_mask", {}}, ZORLIB_VALUE_BITMASK},
+      {kParamQueueQSize, 3, {kAny, kAny, "q_size", {}}, ZORLIB_VALUE_NUMBER},
+      {kParamFdCount, 2, {kAny, "fd_count", {}, {}}, ZORLIB_VALUE_NUMBER},
+  };
+  Registry result;
+  result.append(rules, std::size(rules));
+  return result;
+}
+
+// The mutex guards the registry and the list. Look-ups read the list without it: an entry is
+// complete before `paramTotal` counts it.
+//
+// A static initialiser of the application may run before any of this file's. So the list is
+// initialised at compile time, and the registry on first use.
+constinit std::mutex mutex;
+constinit std::array<Param, 128> params;
+constinit std::atomic<std::size_t> paramTotal{0};
+
+// Needs the mutex.
+Registry& registry() noexcept {
+  static Registry instance = libraryRules();
+  return instance;
 }
 
 const char* skipSpace(const char* text) noexcept {
@@ -197,10 +218,11 @@ Verdict apply(const Rule& rule, std::uint32_t place, const Name& name, const cha
 
 // Returns the first rule that accepts the pair, or null. Needs the mutex.
 const Rule* findRule(const Name& name, const char* full, const Value& value) noexcept {
-  for (std::uint32_t i = 0; i < ruleCount; ++i) {
-    switch (apply(rules[i], i, name, full, value)) {
+  const Registry& known = registry();
+  for (std::uint32_t i = 0; i < known.count; ++i) {
+    switch (apply(known.rules[i], i, name, full, value)) {
       case Verdict::kAccepted:
-        return &rules[i];
+        return &known.rules[i];
       case Verdict::kRefused:
         break;
       case Verdict::kUnknownType:
@@ -259,15 +281,8 @@ extern "C" {
 
 int zorlib_register_params(uint32_t count, const zorlib_param_spec* specs) {
   const std::lock_guard guard(mutex);
-  std::uint32_t appended = 0;
-  if (ruleCount < rules.size()) {
-    while (specs != nullptr && appended < count && ruleCount < rules.size()) {
-      rules[ruleCount++] = specs[appended++];
-    }
-    if (ruleCount == appended) {
-      return 0;
-    }
-  }
+  registry().append(specs, specs != nullptr ? count : 0);
+  // Only the library's own rules, which came first, are expected.
   TARNIK_ERROR("Error: zorlib_register_params: Too many param specs!");
   return 0;
 }

@@ -233,6 +233,7 @@ int zorlib_del_logging(uint64_t bits);
  *   zorvik.(group).fd_count         number
  *   zorvik.(group).(n).cpu_mask     hexadecimal
  *   zorvik.(group).(n).if_mask      hexadecimal
+ * A static initialiser may set parameters.
  */
 
 /* How a rule matches a word: any word, a number, or else this text (not case-sensitive). */
