@@ -76,21 +76,13 @@ int zorlib_ifg_create(const char* name, const zorvik_ifg_config* config, zorlib_
 }
 
 int zorlib_ifg_create_frm_data(zorlib_ifg* ifg) {
-  constexpr std::uint32_t kMin = 1000;
-  constexpr std::uint32_t kMax = 1000000;
-  constexpr std::uint32_t kDefault = 16384;
+  constexpr std::uint32_t kDefaultCount = 16384;
   if (!checkHandle(ifg)) {
     return -1;
   }
-  std::uint32_t count = kDefault;
-  if (const std::optional<unsigned long> given = lookupFdCount(*ifg)) {
-    if (*given >= kMin && *given <= kMax) {
-      count = static_cast<std::uint32_t>(*given);
-    } else {
-      TARNIK_WARNING(
-          "Warning: zorlib_ifg_create_frm_data: %s fd_count out of bounds (%u<=N<=%u [per IF])",
-          ifg->name.data(), kMin, kMax);
-    }
+  std::uint32_t count = lookupFdCount(*ifg);
+  if (count == 0) {
+    count = kDefaultCount;
   }
   if (::ioctl(ifg->ifgCtlFd.get(), ZORVIK_FRM_DATA_CREATE, &count) < 0) {
     TARNIK_ERROR("Error: zorlib_ifg_create_frm_data: %s Create ioctl failed - %s", ifg->name.data(),

@@ -4,7 +4,6 @@
 #include <array>
 #include <cstdint>
 #include <memory>
-#include <optional>
 
 #include "zorlib/internal.h"
 
@@ -33,7 +32,8 @@ struct Param {
 [[nodiscard]] std::size_t paramCount() noexcept;
 [[nodiscard]] const Param& param(std::size_t place) noexcept;
 
-// Returns the value of the group's fd_count parameter, if there is one.
-[[nodiscard]] std::optional<unsigned long> lookupFdCount(const zorlib_ifg& ifg) noexcept;
+// Returns the group's fd_count parameter, or 0 when there is none or it is not usable (1000 to
+// 1000000).
+[[nodiscard]] std::uint32_t lookupFdCount(const zorlib_ifg& ifg) noexcept;
 
 }  // namespace tarnik::zorlib

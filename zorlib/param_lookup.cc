@@ -2,6 +2,8 @@
 // the caller's default applies.
 #include <strings.h>
 
+#include <optional>
+
 #include "base/log.h"
 #include "zorlib/param.h"
 
@@ -92,29 +94,52 @@ unsigned long ifgQueueSize(zorlib_ifg& ifg) noexcept {
   return *value;
 }
 
-unsigned long mask(zorlib_ifg* ifg, std::uint32_t id, std::uint32_t n) noexcept {
-  if (!checkHandle(ifg)) {
-    return 0;
-  }
-  const Param* const entry = find(id, *ifg, [n](const Param& candidate) {
-    long place = 0;
-    return candidate.words[1] && std::sscanf(candidate.words[1].get(), "%li", &place) == 1 &&
-           place == long{n};
+// Returns queue pair `n`'s first parameter of this rule, or null.
+const Param* findMask(std::uint32_t id, const zorlib_ifg& ifg, std::uint32_t n) noexcept {
+  return find(id, ifg, [n](const Param& candidate) {
+    long index = 0;
+    return candidate.words[1] && std::sscanf(candidate.words[1].get(), "%li", &index) == 1 &&
+           index == long{n};
   });
-  unsigned long value = 0;
-  if (entry != nullptr) {
-    static_cast<void>(std::sscanf(entry->value.get(), "%lx", &value));
-  }
-  return value;
+}
+
+// A mask as an entry gives it. Not usable: no hexadecimal number (0 bits), or more than 64 bits
+// (all bits).
+struct Mask {
+  unsigned long bits = 0;
+  bool usable = true;
+};
+
+Mask maskOf(const Param& entry) noexcept {
+  const int savedErrno = errno;
+  errno = 0;
+  char* end = nullptr;
+  Mask mask;
+  mask.bits = std::strtoul(entry.value.get(), &end, 16);
+  mask.usable = end != entry.value.get() && errno == 0;
+  errno = savedErrno;
+  return mask;
 }
 
 }  // namespace
 
 namespace tarnik::zorlib {
 
-std::optional<unsigned long> lookupFdCount(const zorlib_ifg& ifg) noexcept {
+std::uint32_t lookupFdCount(const zorlib_ifg& ifg) noexcept {
+  constexpr std::uint32_t kMin = 1000;
+  constexpr std::uint32_t kMax = 1000000;
   const Param* const entry = find(kParamFdCount, ifg, always);
-  return entry ? number(*entry) : std::nullopt;
+  if (entry == nullptr) {
+    return 0;
+  }
+  const std::optional<unsigned long> value = number(*entry);
+  if (!value || *value < kMin || *value > kMax) {
+    TARNIK_WARNING(
+        "Warning: zorlib_ifg_create_frm_data: %s fd_count out of bounds (%u<=N<=%u [per IF])",
+        ifg.name.data(), kMin, kMax);
+    return 0;
+  }
+  return static_cast<std::uint32_t>(*value);
 }
 
 }  // namespace tarnik::zorlib
@@ -129,21 +154,32 @@ unsigned long zorlib_ifg_lookup_qsize(zorlib_ifg* ifg, const char* queue) {
 }
 
 unsigned long zorlib_ifg_lookup_if_mask(zorlib_ifg* ifg, uint32_t n) {
-  const unsigned long value = mask(ifg, kParamIfMask, n);
-  if (value == 0) {
+  const Param* const entry = checkHandle(ifg) ? findMask(kParamIfMask, *ifg, n) : nullptr;
+  if (entry == nullptr) {
     return 0;
   }
+  const Mask mask = maskOf(*entry);
   const unsigned long count = interfaceCount(*ifg);
-  if (value >> count != 0) {
+  if (!mask.usable || mask.bits >> count != 0) {
     TARNIK_WARNING("Warning: zorlib_ifg_lookup_if_mask: %s if_mask %lx for %lu interfaces",
-                   ifg->name.data(), value, count);
+                   ifg->name.data(), mask.bits, count);
     return 0;
   }
-  return value;
+  return mask.bits;
 }
 
 unsigned long zorlib_ifg_lookup_cpu_mask(zorlib_ifg* ifg, uint32_t n) {
-  return mask(ifg, kParamCpuMask, n);
+  const Param* const entry = checkHandle(ifg) ? findMask(kParamCpuMask, *ifg, n) : nullptr;
+  if (entry == nullptr) {
+    return 0;
+  }
+  const Mask mask = maskOf(*entry);
+  if (!mask.usable) {
+    TARNIK_WARNING("Warning: zorlib_ifg_lookup_cpu_mask: Unexpected parse failure? on '%s'",
+                   entry->value.get());
+    return 0;
+  }
+  return mask.bits;
 }
 
 }  // extern "C"

@@ -218,6 +218,8 @@ TEST_F(ParamTest, FindsTheMasksOfAQueuePair) {
   accepted("zorvik.m.0x3.if_mask", "5", 1004);
   accepted("zorvik.m.6.if_mask", "ffffffff", 1004);
   accepted("zorvik.m.7.if_mask", "8000000000000001", 1004);
+  accepted("zorvik.m.8.if_mask", "1ffffffffffffffff", 1004);  // 65 bits
+  accepted("zorvik.m.8.cpu_mask", "1ffffffffffffffff", 1003);
   zorlib_ifg& ifg = group("m", 3);
   EXPECT_EQ(zorlib_ifg_lookup_cpu_mask(&ifg, 2), 0xffu);
   EXPECT_EQ(zorlib_ifg_lookup_cpu_mask(&ifg, 3), 0u);
@@ -229,10 +231,15 @@ TEST_F(ParamTest, FindsTheMasksOfAQueuePair) {
   clearLog();
   EXPECT_EQ(zorlib_ifg_lookup_if_mask(&group("m", 2), 3), 0u);
   EXPECT_EQ(zorlib_ifg_lookup_if_mask(&group("m", 32), 7), 0u);
+  EXPECT_EQ(zorlib_ifg_lookup_if_mask(&group("m", 32), 8), 0u);
+  EXPECT_EQ(zorlib_ifg_lookup_cpu_mask(&ifg, 8), 0u);
   EXPECT_EQ(
       logLines(),
       lines({"Warning: zorlib_ifg_lookup_if_mask: m if_mask 5 for 2 interfaces",
-             "Warning: zorlib_ifg_lookup_if_mask: m if_mask 8000000000000001 for 32 interfaces"}));
+             "Warning: zorlib_ifg_lookup_if_mask: m if_mask 8000000000000001 for 32 interfaces",
+             "Warning: zorlib_ifg_lookup_if_mask: m if_mask ffffffffffffffff for 32 interfaces",
+             "Warning: zorlib_ifg_lookup_cpu_mask: Unexpected parse failure? on "
+             "'1ffffffffffffffff'"}));
 }
 
 // Also when a later entry has a usable value and the first has not.
