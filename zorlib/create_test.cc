@@ -3,6 +3,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <string>
 
 #include "base/log.h"
@@ -45,15 +46,16 @@ class CreateTest : public GroupTest {
     removeCreated();
   }
   // A later step fails, and the group is removed.
-  void undone(int expectedErrno, const std::vector<std::string>& expectedLines) {
-    expectFailure([&] { return create("mine"); }, expectedErrno, expectedLines);
+  void undone(int expectedErrno, const std::vector<std::string>& expectedLines,
+              const std::string& name = "mine") {
+    expectFailure([&] { return create(name.c_str()); }, expectedErrno, expectedLines);
     EXPECT_EQ(created_, nullptr);
-    EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/mine"));
+    EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/" + name));
   }
-  void removeCreated() {
+  void removeCreated(const std::string& name = "mine") {
     EXPECT_EQ(zorlib_ifg_close(std::exchange(created_, nullptr)), 0);
-    EXPECT_EQ(zorlib_ifg_remove("mine"), 0);
-    EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/mine"));
+    EXPECT_EQ(zorlib_ifg_remove(name.c_str()), 0);
+    EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/" + name));
   }
 
   zorvik_ifg_config config_ = description(4);
@@ -299,6 +301,43 @@ TEST_F(CreateTest, TheNumberOfDescriptorsIsAParameter) {
     expectFailure([&, &called = name] { return create(called); }, EIO, expected);
     EXPECT_EQ(wanted, usable == 0 ? 16384 : usable);
   }
+}
+
+TEST_F(CreateTest, TheMasksOfQueuePairsAreParameters) {
+  for (const auto& [name, value] : {
+           std::pair("zorvik.masked.0.if_mask", "3"),
+           std::pair("zorvik.masked.3.cpu_mask", "f0"),
+           std::pair("zorvik.masked.31.if_mask", "8"),
+           std::pair("zorvik.masked.31.cpu_mask", "1"),
+           std::pair("zorvik.masked.4.if_mask", "10"),  // the fifth interface
+           std::pair("zorvik.masked.32.cpu_mask", "1"),
+           std::pair("zorvik.masked.q_size", "2000"),
+       }) {
+    ASSERT_EQ(zorlib_set_param(name, value), 0);
+  }
+  struct Pair {
+    std::uint32_t size;
+    std::uint64_t ifMask, cpuMask;
+  };
+  const std::map<std::uint32_t, Pair> expected = {
+      {0, {2000, 3, 0}}, {3, {2000, 0, 0xf0}}, {31, {2000, 8, 1}}};
+  ASSERT_EQ(create("masked"), 0);
+  EXPECT_EQ(count(ZORVIK_QPAIR_SET), 3);
+  EXPECT_EQ(logLines(),
+            lines({"Warning: zorlib_ifg_lookup_if_mask: masked if_mask 10 for 4 interfaces"}));
+  for (std::uint32_t index = 0; index < ZORLIB_MAX_QPAIRS; ++index) {
+    zorvik_qpair_cfg pair{.index = index, .size = 0, .if_mask = 0, .cpu_mask = 0};
+    EXPECT_EQ(zorlib_ifg_get_qpair_cfg(created_, &pair), 0);
+    const auto set = expected.find(index);
+    const Pair wanted = set != expected.end() ? set->second : Pair{};
+    EXPECT_EQ(pair.size, wanted.size) << index;
+    EXPECT_EQ(pair.if_mask, wanted.ifMask) << index;
+    EXPECT_EQ(pair.cpu_mask, wanted.cpuMask) << index;
+  }
+  removeCreated("masked");
+  refuse(ZORVIK_QPAIR_SET, EIO);
+  undone(EIO, {"Error: zorlib_ifg_set_qpair_cfg: set ioctl (masked/0) failed - Input/output error"},
+         "masked");
 }
 
 // ---- Removal

@@ -19,6 +19,29 @@ bool checkQueuePair(std::uint32_t index) noexcept {
   return true;
 }
 
+// Takes the masks that are 0 from the parameters.
+void fillMasks(zorlib_ifg& ifg, zorvik_qpair_cfg& pair) noexcept {
+  if (pair.if_mask == 0) {
+    pair.if_mask = zorlib_ifg_lookup_if_mask(&ifg, pair.index);
+  }
+  if (pair.cpu_mask == 0) {
+    pair.cpu_mask = zorlib_ifg_lookup_cpu_mask(&ifg, pair.index);
+  }
+}
+
+// Issues the set request; a size of 0 comes from the parameters. -1 with a log line on failure.
+int setQueuePair(zorlib_ifg& ifg, zorvik_qpair_cfg& pair) noexcept {
+  if (pair.size == 0) {
+    pair.size = static_cast<std::uint32_t>(zorlib_ifg_lookup_qsize(&ifg, nullptr));
+  }
+  if (::ioctl(ifg.ifgCtlFd.get(), ZORVIK_QPAIR_SET, &pair) < 0) {
+    TARNIK_ERROR("Error: zorlib_ifg_set_qpair_cfg: set ioctl (%s/%u) failed - %s", ifg.name.data(),
+                 pair.index, errorText());
+    return -1;
+  }
+  return 0;
+}
+
 }  // namespace
 
 namespace tarnik::zorlib {
@@ -31,6 +54,17 @@ int configureGroup(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
     return -1;
   }
   ifg.numIfs = config.num_ifs;
+  return 0;
+}
+
+int applyMasks(zorlib_ifg& ifg) noexcept {
+  for (std::uint32_t index = 0; index < ZORLIB_MAX_QPAIRS; ++index) {
+    zorvik_qpair_cfg pair{.index = index, .size = 0, .if_mask = 0, .cpu_mask = 0};
+    fillMasks(ifg, pair);
+    if ((pair.if_mask | pair.cpu_mask) != 0 && setQueuePair(ifg, pair) != 0) {
+      return -1;
+    }
+  }
   return 0;
 }
 
@@ -51,21 +85,8 @@ int zorlib_ifg_set_qpair_cfg(zorlib_ifg* ifg, const zorvik_qpair_cfg* cfg) {
     return -1;
   }
   zorvik_qpair_cfg request = *cfg;
-  if (request.size == 0) {
-    request.size = static_cast<std::uint32_t>(zorlib_ifg_lookup_qsize(ifg, nullptr));
-  }
-  if (request.if_mask == 0) {
-    request.if_mask = zorlib_ifg_lookup_if_mask(ifg, request.index);
-  }
-  if (request.cpu_mask == 0) {
-    request.cpu_mask = zorlib_ifg_lookup_cpu_mask(ifg, request.index);
-  }
-  if (::ioctl(ifg->ifgCtlFd.get(), ZORVIK_QPAIR_SET, &request) < 0) {
-    TARNIK_ERROR("Error: zorlib_ifg_set_qpair_cfg: set ioctl (%s/%u) failed - %s", ifg->name.data(),
-                 request.index, errorText());
-    return -1;
-  }
-  return 0;
+  fillMasks(*ifg, request);
+  return setQueuePair(*ifg, request);
 }
 
 int zorlib_ifg_get_qpair_cfg(zorlib_ifg* ifg, zorvik_qpair_cfg* cfg) {

@@ -38,8 +38,8 @@ void removeUnfinished(zorlib_ifg& ifg, zorvik_ifg_create& request) noexcept {
   errno = savedErrno;
 }
 
-// Creates the group of a newly allocated handle, opens its nodes and configures it. Removes it
-// again on failure.
+// Creates the group of a newly allocated handle, opens its nodes and configures it and its queue
+// pairs. Removes it again on failure.
 int createGroup(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
   zorvik_ifg_create request = requestFor(ifg.name.data());
   if (::ioctl(ifg.ctlFd.get(), ZORVIK_IFG_CREATE, &request) < 0) {
@@ -48,7 +48,7 @@ int createGroup(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept {
     return -1;
   }
   if (waitForNodes(ifg) == 0 && openControl(ifg) == 0 && zorlib_ifg_create_frm_data(&ifg) == 0 &&
-      openFrameDescriptors(ifg) == 0 && configureGroup(ifg, config) == 0) {
+      openFrameDescriptors(ifg) == 0 && configureGroup(ifg, config) == 0 && applyMasks(ifg) == 0) {
     return 0;
   }
   removeUnfinished(ifg, request);

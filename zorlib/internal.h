@@ -81,6 +81,10 @@ enum class DescriptionOf { kCreate, kConfigure };
 // Issues the configure request. -1 with a log line on failure.
 [[nodiscard]] int configureGroup(zorlib_ifg& ifg, const zorvik_ifg_config& config) noexcept;
 
+// Sets the queue pairs to which the parameters give an if_mask or cpu_mask. -1 with a log line on
+// failure.
+[[nodiscard]] int applyMasks(zorlib_ifg& ifg) noexcept;
+
 // Asks the driver for the number of interfaces and stores it in numIfs: another process may have
 // configured the group. Keeps the old number when the request fails. Logs nothing.
 void refreshInterfaces(zorlib_ifg& ifg) noexcept;

@@ -42,9 +42,9 @@ zorlib_ifg* zorlib_ifg_alloc(const char* name);
  * unmaps the frame memory and frees the handle. */
 int zorlib_ifg_close(zorlib_ifg* ifg);
 
-/* Waits up to 1.5 s until the node at `path` exists (appear 1) or no longer exists (appear 0). Fails
- * with the errno of access(2) for a node that does not appear, and with ETIMEDOUT for one that does
- * not disappear. */
+/* Waits up to 1.5 s until the node at `path` exists (appear 1) or no longer exists (appear 0).
+ * Fails with the errno of access(2) for a node that does not appear, and with ETIMEDOUT for one
+ * that does not disappear. */
 int zorlib_ifg_devnode_wait(const char* path, int appear);
 
 /* Returns the mapped descriptors and payload memory and their sizes in bytes; the first call maps
@@ -172,7 +172,8 @@ void zorlib_FRM_Vm(zorlib_ifg* ifg, struct zorvik_frm_desc* frame);
 #define ZORLIB_MAX_QPAIRS 32
 
 /* Creates the group `name` and opens it: its nodes, its frame data, the interfaces of `config` (an
- * even number, 2 to 32, mated in pairs 0 and 1, 2 and 3, ...). An invalid description fails with
+ * even number, 2 to 32, mated in pairs 0 and 1, 2 and 3, ...) and the queue pairs to which the
+ * parameters give an if_mask or cpu_mask. An invalid description fails with
  * EINVAL, ENXIO or EEXIST before any request to the driver. EEXIST also when the group exists,
  * EBUSY when another group has one of the interfaces. *ifg changes on success only. If a later step
  * fails, the group is removed again. */
