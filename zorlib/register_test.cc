@@ -1,5 +1,6 @@
 // The registry of rules, and how a pair is matched against them. In a program of its own, and in a
 // fixed order: rules remain until the process ends.
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
