@@ -47,7 +47,8 @@ class Attacker {
     return draw(2) == 0 ? chosen[draw(std::size(chosen))] : static_cast<std::uint32_t>(random_());
   }
 
-  // Changes what readers and writers depend on. Most entries name a frame that could be valid.
+  // Changes what readers and writers depend on. Most entries name a frame that could be valid, and
+  // most counters are inside the ring.
   void overwriteRing() {
     volatile zorvik_qmem& memory = q_.memory();
     const std::uint32_t frame = draw(frames_);
@@ -57,10 +58,10 @@ class Attacker {
     entries[draw(q_.mask + 1)] = kind == 0 ? 0 : kind == 1 ? value() : id;
     switch (draw(4)) {
       case 0:
-        memory.enqueue = draw(2) == 0 ? value() : draw(q_.mask + 1);
+        memory.enqueue = draw(8) == 0 ? value() : draw(q_.mask + 1);
         break;
       case 1:
-        memory.dequeue = draw(2) == 0 ? value() : draw(q_.mask + 1);
+        memory.dequeue = draw(8) == 0 ? value() : draw(q_.mask + 1);
         break;
       default:
         // Shutdowns are rare, because they stop all reads and writes.
@@ -119,6 +120,11 @@ class HostileMemoryTest : public TarnikIfTest {
     return q;
   }
 
+  static bool isExpected(int error) {
+    // EINVAL: the driver does not know the wait record that the attacker has named.
+    return error == EAGAIN || error == ESHUTDOWN || error == ENXIO || error == EINVAL;
+  }
+
   // Reads, touches and frees frames like the daemon, until the queue is closed. `q` is another
   // handle of the group.
   void readAll(TarnikQ* reader, const zorlib_q& q) {
@@ -142,7 +148,7 @@ class HostileMemoryTest : public TarnikIfTest {
       } else if (errno == ENXIO) {
         ++read_.invalid;
       } else {
-        ASSERT_TRUE(errno == EAGAIN || errno == ESHUTDOWN) << errno;
+        ASSERT_TRUE(isExpected(errno)) << errno;
       }
       if (frame != nullptr) {
         static_cast<void>(reader->Free(frame));  // fails when the descriptor has changed
@@ -171,7 +177,7 @@ class HostileMemoryTest : public TarnikIfTest {
       } else if (errno == ESHUTDOWN && closing_) {
         return;
       } else {
-        ASSERT_TRUE(errno == EAGAIN || errno == ESHUTDOWN) << errno;
+        ASSERT_TRUE(isExpected(errno)) << errno;
       }
       clearLog();
     }

@@ -74,7 +74,8 @@ int TarnikQ::Close() {
     return kQOk;
   }
   while (users_ != kClosed) {
-    // Repeat the shutdown: opening another handle clears it, and the reader may not have seen it.
+    // Repeat the wake-up: the reader may have fallen asleep after the first one, when another
+    // process has cleared the shutdown flag.
     static_cast<void>(zorlib_q_shutdown(q_));
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }

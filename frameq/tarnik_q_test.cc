@@ -1,6 +1,7 @@
 #include "frameq/tarnik_q.h"
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
@@ -210,6 +211,20 @@ TEST_F(TarnikQTest, TheErrnoOfAFailedReadGivesItsResult) {
     EXPECT_EQ(errno, each.error);
     expectLog(silent ? std::vector<std::string>{} : std::vector{"Error: Read" + line});
   }
+}
+
+// The daemon repeats a failed read at once.
+TEST_F(TarnikQTest, RepeatedFailedReadsDoNotSpin) {
+  reader_->SetTimeout(-1);
+  refuse(ZORVIK_Q_WAIT, EINVAL);  // as for a wait record that the driver does not know
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(350);
+  int reads = 0;
+  while (std::chrono::steady_clock::now() < end) {
+    EXPECT_EQ(readPkt(reader_).result, kQFailed);
+    EXPECT_EQ(errno, EINVAL);
+    ++reads;
+  }
+  EXPECT_LE(reads, 4);
 }
 
 TEST_F(TarnikQTest, AnEmptyQueueGivesATimeout) {

@@ -67,7 +67,7 @@ void takeCached(zorlib_ifg& ifg, FrameList& list, Wanted& wanted) noexcept {
     if (ring::load(frame->buf_size) >= wanted.size) {
       wanted.take(frame);
     } else {
-      static_cast<void>(freeFrame(ifg, frameId(*frame)));
+      static_cast<void>(freeFrame(ifg, *frame));
     }
   }
 }

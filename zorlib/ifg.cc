@@ -29,14 +29,24 @@ bool checkHandle(const zorlib_ifg* ifg) noexcept {
   return true;
 }
 
-std::uint32_t frameId(zorvik_frm_desc& frame) noexcept {
-  const std::uint32_t generation = ring::load(frame.generation);
-  return generation << ZORVIK_FRM_GENERATION_SHIFT | ring::load(frame.index);
+std::uint32_t frameId(const zorlib_ifg& ifg, zorvik_frm_desc& frame) noexcept {
+  const std::uint32_t index = ring::load(frame.index) & ZORVIK_FRM_INDEX_MASK;
+  const std::uintptr_t offset = reinterpret_cast<std::uintptr_t>(&frame) -
+                                reinterpret_cast<std::uintptr_t>(ifg.frmDesc.base());
+  const bool isMapped = offset < ifg.frmDescSize;  // also false for an address before the mapping
+  if (index == 0 || (isMapped && offset != index * sizeof frame)) {
+    errno = ENXIO;
+    return 0;
+  }
+  return std::uint32_t{ring::load(frame.generation)} << ZORVIK_FRM_GENERATION_SHIFT | index;
 }
 
-int freeFrame(zorlib_ifg& ifg, std::uint32_t id) noexcept {
+int freeFrame(zorlib_ifg& ifg, zorvik_frm_desc& frame) noexcept {
   zorvik_frm_free request{};
-  request.frame_id = id;
+  request.frame_id = frameId(ifg, frame);
+  if (request.frame_id == 0) {
+    return -1;
+  }
   if (::ioctl(ifg.frmDescFd.get(), ZORVIK_FRM_FREE, &request) < 0) {
     TARNIK_ERROR("Error: zorlib_ifg_frm_free: free_frm ioctl failed - %s", errorText());
     return -1;
@@ -79,7 +89,7 @@ void release(zorlib_ifg& ifg) noexcept {
   for (FrameList& list : ifg.cached) {
     while (const FrameNode* node = list.pop()) {
       // One failure, which is logged, does not keep the other frames.
-      static_cast<void>(freeFrame(ifg, frameId(frames[node - ifg.nodes.get()])));
+      static_cast<void>(freeFrame(ifg, frames[node - ifg.nodes.get()]));
     }
   }
   ifg.ifgCtlFd.reset();

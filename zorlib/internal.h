@@ -89,14 +89,18 @@ enum class DescriptionOf { kCreate, kConfigure };
 // configured the group. Keeps the old number when the request fails. Logs nothing.
 void refreshInterfaces(zorlib_ifg& ifg) noexcept;
 
-// The identifier of a descriptor in queues and requests: its generation and its index.
-[[nodiscard]] std::uint32_t frameId(zorvik_frm_desc& frame) noexcept;
+// The identifier of a frame in queues and requests: its descriptor's generation and index. Any
+// process can write the index, so this fails, with 0 and errno ENXIO, when the index is 0 or is not
+// the position of the descriptor. The position is unknown for a descriptor in another handle's
+// mapping.
+[[nodiscard]] std::uint32_t frameId(const zorlib_ifg& ifg, zorvik_frm_desc& frame) noexcept;
 
 // Issues the wake request for a side of the queue.
 void wake(const zorlib_q& q, zorvik_resq& side) noexcept;
 
-// Issues the frame-free request.
-[[nodiscard]] int freeFrame(zorlib_ifg& ifg, std::uint32_t id) noexcept;
+// Issues the frame-free request. -1 with errno when the frame has no identifier, or with a log line
+// when the request fails.
+[[nodiscard]] int freeFrame(zorlib_ifg& ifg, zorvik_frm_desc& frame) noexcept;
 
 }  // namespace tarnik::zorlib
 
@@ -144,24 +148,19 @@ struct zorlib_q : tarnik::zorlib::CMemory {
   // The number of slots - 1, checked against the mapping when the queue was opened. The shared copy
   // is not read again, because it may have changed.
   std::uint32_t mask = 0;
-  // The driver's names of the two wait records, read when the queue was opened.
-  std::uint32_t producerRecord = 0;
-  std::uint32_t consumerRecord = 0;
+  // Set by zorlib_q_shutdown for the handle's own side. Another process can clear the shared flag,
+  // but not this one.
+  std::atomic<bool> shutDown{false};
 
   [[nodiscard]] zorvik_qmem& memory() const noexcept {
     return *static_cast<zorvik_qmem*>(qmem.base());
   }
-  // The counter comes from shared memory and may have any value. The mask keeps the slot inside the
-  // mapping.
+  // `counter` is inside the ring.
   [[nodiscard]] std::uint64_t& slot(std::uint32_t counter) const noexcept {
-    return zorvik_qmem_entries(&memory())[counter & mask];
+    return zorvik_qmem_entries(&memory())[counter];
   }
   // This handle's own side of the queue.
   [[nodiscard]] zorvik_resq& side() const noexcept {
     return mode == ZORLIB_WRITE ? memory().presq : memory().cresq;
-  }
-  // The name of a side in wait and wake requests.
-  [[nodiscard]] std::uint32_t recordOf(const zorvik_resq& side) const noexcept {
-    return &side == &memory().presq ? producerRecord : consumerRecord;
   }
 };

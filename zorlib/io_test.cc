@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "zorlib/ring.h"
 #include "zorlib/testing/two_threads.h"
 
 namespace tarnik::test {
@@ -19,7 +20,7 @@ TEST_F(IoTest, ReadsFramesInTheOrderOfTheirWrites) {
   for (std::uint32_t i = 0; i + 1 < kSlots; ++i) {
     written.push_back(allocFrame(ifg_));
     EXPECT_EQ(zorlib_q_write(writer_, written.back()), 0);
-    EXPECT_EQ(entry(i), zorlib::frameId(*written.back()));
+    EXPECT_EQ(entry(i), idOf(written.back()));
   }
   EXPECT_EQ(memory_->enqueue, kSlots - 1);
   expectWriteFails(EAGAIN);  // one slot always stays empty
@@ -84,26 +85,79 @@ TEST_F(IoTest, AWakeUpKeepsThePeersOtherFlags) {
   }
 }
 
-TEST_F(IoTest, ACounterOutsideTheRingNamesASlotInside) {
-  for (const std::uint32_t outside : {kSlots + 3, 0x80000003u, 0xfffffffbu}) {
-    const auto fillBehind = [this](std::uint64_t before, std::uint64_t after) {
-      for (std::uint32_t i = kSlots; i < 64; ++i) {
-        EXPECT_EQ(entry(i), before) << i << " is outside the ring";
-        entry(i) = after;
+TEST_F(IoTest, ACounterOutsideTheRingEndsReadsAndWritesAfterAPause) {
+  nodeAppearsAt(1);  // the pause takes no time
+  zorlib_q_set_timeout(reader_, -1);
+  zorlib_q_set_timeout(writer_, -1);
+  struct Case {
+    std::uint32_t enqueue, dequeue;
+  };
+  for (const Case& each :
+       {Case{kSlots, 3}, Case{kSlots + 3, 3}, Case{3, kSlots}, Case{0xffffffff, 0},
+        Case{0, 0xffffffff}, Case{kSlots, kSlots}, Case{0x80000003, 0x80000003}}) {
+    for (const std::uint64_t content : {std::uint64_t{0}, std::uint64_t{idOf(frame_)}}) {
+      for (std::uint32_t i = 0; i < kSlots; ++i) {
+        entry(i) = content;
       }
-    };
-    memory_->dequeue = 3;
-    memory_->enqueue = outside;
-    EXPECT_EQ(write(), 0);
-    ASSERT_EQ(entry(3), zorlib::frameId(*frame_)) << outside;
-    EXPECT_EQ(memory_->enqueue, 4u);
-    fillBehind(0, 99);
-    memory_->dequeue = outside;
-    ASSERT_EQ(read(), frame_);
-    EXPECT_EQ(entry(3), 0u) << outside;
-    EXPECT_EQ(memory_->dequeue, 4u);
-    fillBehind(99, 0);
+      memory_->enqueue = each.enqueue;
+      memory_->dequeue = each.dequeue;
+      systemCalls.sleeps = 0;
+      expectReadFails(ENXIO);
+      EXPECT_EQ(systemCalls.sleeps, 1);
+      expectWriteFails(ENXIO);
+      EXPECT_EQ(systemCalls.sleeps, 2);
+      EXPECT_EQ(systemCalls.longestSleep, 100'000u);
+      EXPECT_EQ(memory_->enqueue, each.enqueue);
+      EXPECT_EQ(memory_->dequeue, each.dequeue);
+      for (std::uint32_t i = 0; i < kSlots; ++i) {
+        EXPECT_EQ(entry(i), content);
+      }
+    }
   }
+  EXPECT_THAT(requests(), IsEmpty());
+  nodesAreReal();
+}
+
+// ---- Shutdown
+
+// Another process can clear the flag in shared memory.
+TEST_F(IoTest, AShutdownIsFinalForItsHandle) {
+  EXPECT_EQ(write(), 0);
+  EXPECT_EQ(zorlib_q_shutdown(reader_), 0);
+  EXPECT_EQ(zorlib_q_shutdown(writer_), 0);
+  memory_->presq.flags = memory_->cresq.flags = 0;
+  expectReadFails(ESHUTDOWN);
+  expectWriteFails(ESHUTDOWN);
+  for (zorlib_q* const q : {reader_, writer_}) {
+    zorlib_q_set_timeout(q, -1);
+  }
+  expectReadFails(ESHUTDOWN);
+  expectWriteFails(ESHUTDOWN);
+  // Each handle has shut down its own side only.
+  zorvik_frm_desc* frame = nullptr;
+  EXPECT_EQ(zorlib_q_write(reader_, frame_), 0);
+  EXPECT_EQ(zorlib_q_read(writer_, &frame), 0);
+  EXPECT_EQ(frame, frame_);
+}
+
+TEST_F(IoTest, FlagsChangeAtomically) {
+  zorvik_resq& side = memory_->cresq;
+  const auto has = [&](std::uint32_t bit) { return (ring::load(side.flags) & bit) != 0; };
+  int lost[2] = {};
+  inTwoThreads(
+      [&] {
+        ring::raiseShutdown(side);
+        lost[0] += has(ZORVIK_RESQ_SHUTDOWN) ? 0 : 1;
+        ring::clearShutdown(side);
+        lost[0] += has(ZORVIK_RESQ_SHUTDOWN) ? 1 : 0;
+      },
+      [&] {
+        lost[1] += ring::postWakeup(side) ? 0 : 1;
+        lost[1] += has(ZORVIK_RESQ_WOKEN) ? 0 : 1;
+        lost[1] += ring::takeWakeup(side) ? 0 : 1;
+        lost[1] += has(ZORVIK_RESQ_WOKEN) ? 1 : 0;
+      });
+  EXPECT_THAT(lost, ElementsAre(0, 0));
 }
 
 TEST_F(IoTest, AShutdownAffectsItsSideOnly) {

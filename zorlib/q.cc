@@ -31,7 +31,7 @@ bool checkHandle(const zorlib_q* q) noexcept {
 
 void wake(const zorlib_q& q, zorvik_resq& side) noexcept {
   zorvik_q_wake request{};
-  request.kresq_handle = q.recordOf(side);
+  request.kresq_handle = ring::load(side.kresq_handle);  // the driver may change it
   // A failure has no consequence: the caller has no other way to wake the side.
   static_cast<void>(::ioctl(q.fd.get(), ZORVIK_Q_WAKE, &request));
 }
@@ -95,8 +95,6 @@ int attach(zorlib_q& q) noexcept {
     errno = ENXIO;
     return -1;
   }
-  q.producerRecord = ring::load(q.memory().presq.kresq_handle);
-  q.consumerRecord = ring::load(q.memory().cresq.kresq_handle);
   ring::clearShutdown(q.side());
   wake(q, q.side());
   return 0;
@@ -150,6 +148,8 @@ int zorlib_q_shutdown(zorlib_q* q) {
   if (!checkHandle(q)) {
     return -1;
   }
+  // Relaxed: the shared flag and the wake-up make a waiter look again.
+  q->shutDown.store(true, std::memory_order_relaxed);
   ring::raiseShutdown(q->side());
   wake(*q, q->side());
   return 0;

@@ -19,6 +19,22 @@ int fail(int error) noexcept {
   return -1;
 }
 
+// Whether a side is shut down, or this handle has shut it down.
+bool isShutDown(const zorlib_q& q, zorvik_resq& side) noexcept {
+  return (&side == &q.side() && q.shutDown.load(std::memory_order_relaxed)) ||
+         ring::isShutDown(side);
+}
+
+// Callers repeat a failed read or write at once. When the next one fails too, because the driver
+// refuses to wait or the ring is damaged, the pause keeps them from using a whole processor and
+// from filling the log.
+void pauseAfterFailure() noexcept {
+  constexpr useconds_t kFailurePause = 100'000;
+  const int savedErrno = errno;
+  ::usleep(kFailurePause);
+  errno = savedErrno;
+}
+
 // The time that a read or write may take. It is a budget, not a clock: each look at the ring that
 // finds nothing costs up to 1000 ms, and the caller sleeps only while more than 1000 ms remain.
 class Budget {
@@ -42,17 +58,20 @@ class Budget {
   // Sleeps in the driver until a wake-up on `side` or until the budget is spent. Returns at once
   // when a wake-up was posted since the last look.
   int sleep(const zorlib_q& q, zorvik_resq& side) noexcept {
-    if (ring::isShutDown(side)) {
+    if (isShutDown(q, side)) {
       return fail(ESHUTDOWN);
     }
     if (ring::takeWakeup(side)) {
       return 0;
     }
     zorvik_q_wait request{};
-    request.kresq_handle = q.recordOf(side);
+    request.kresq_handle = ring::load(side.kresq_handle);  // the driver may change it
     request.timeout_ms = limited() ? remaining_ : 0;
     const int left = ::ioctl(q.fd.get(), ZORVIK_Q_WAIT, &request);
     if (left < 0) {
+      if (errno != EINTR) {
+        pauseAfterFailure();
+      }
       return left;
     }
     if (limited()) {
@@ -93,7 +112,12 @@ class Spin {
   unsigned turns_ = 0;
 };
 
-enum class Look { kDone, kNothing, kShutDown };
+enum class Look { kDone, kNothing, kShutDown, kDamaged };
+
+// Whether both counters name a slot of the ring. They come from shared memory.
+bool areInside(std::uint32_t dequeue, std::uint32_t enqueue, std::uint32_t mask) noexcept {
+  return dequeue <= mask && enqueue <= mask;
+}
 
 // Takes the identifier of the next frame out of the ring. Reads the dequeue counter before the
 // enqueue counter. In the opposite order, a consumer that others overtake between the two reads
@@ -102,7 +126,11 @@ Look take(zorlib_q& q, std::uint32_t& id) noexcept {
   zorvik_qmem& memory = q.memory();
   for (Spin spin;;) {
     const std::uint32_t dequeue = ring::counter(memory.dequeue);
-    if (dequeue == ring::counter(memory.enqueue)) {
+    const std::uint32_t enqueue = ring::counter(memory.enqueue);
+    if (!areInside(dequeue, enqueue, q.mask)) {
+      return Look::kDamaged;
+    }
+    if (dequeue == enqueue) {
       return Look::kNothing;
     }
     std::uint64_t& slot = q.slot(dequeue);
@@ -112,7 +140,7 @@ Look take(zorlib_q& q, std::uint32_t& id) noexcept {
       id = static_cast<std::uint32_t>(entry);
       return Look::kDone;
     }
-    if (ring::isShutDown(memory.cresq)) {
+    if (isShutDown(q, memory.cresq)) {
       return Look::kShutDown;
     }
     if (entry == 0) {
@@ -127,7 +155,11 @@ Look put(zorlib_q& q, std::uint32_t id) noexcept {
   zorvik_qmem& memory = q.memory();
   for (Spin spin;;) {
     const std::uint32_t enqueue = ring::counter(memory.enqueue);
-    if (ring::isFull(enqueue, ring::counter(memory.dequeue), q.mask)) {
+    const std::uint32_t dequeue = ring::counter(memory.dequeue);
+    if (!areInside(dequeue, enqueue, q.mask)) {
+      return Look::kDamaged;
+    }
+    if (ring::isFull(enqueue, dequeue, q.mask)) {
       return Look::kNothing;
     }
     std::uint64_t& slot = q.slot(enqueue);
@@ -136,7 +168,7 @@ Look put(zorlib_q& q, std::uint32_t id) noexcept {
       ring::fill(slot, id);
       return Look::kDone;
     }
-    if (ring::isShutDown(memory.presq)) {
+    if (isShutDown(q, memory.presq)) {
       return Look::kShutDown;
     }
     if (!isEmpty) {
@@ -192,7 +224,7 @@ template <class LookAtRing>
 int transfer(zorlib_q& q, zorvik_resq& own, zorvik_resq& peer, std::uint32_t ms,
              LookAtRing look) noexcept {
   for (Budget budget(ms);;) {
-    if (ring::isShutDown(own)) {
+    if (isShutDown(q, own)) {
       return fail(ESHUTDOWN);
     }
     switch (look()) {
@@ -203,6 +235,9 @@ int transfer(zorlib_q& q, zorvik_resq& own, zorvik_resq& peer, std::uint32_t ms,
         return 0;
       case Look::kShutDown:
         return fail(ESHUTDOWN);
+      case Look::kDamaged:
+        pauseAfterFailure();
+        return fail(ENXIO);
       case Look::kNothing:
         break;
     }
@@ -254,7 +289,10 @@ int zorlib_q_write(zorlib_q* q, zorvik_frm_desc* frame) {
   if (!checkHandle(q) || !checkPointers(frame)) {
     return -1;
   }
-  const std::uint32_t id = frameId(*frame);
+  const std::uint32_t id = frameId(*q->ifg, *frame);
+  if (id == 0) {
+    return -1;
+  }
   const bool counted = q->type == ZORVIK_Q_FANOUT || q->type == ZORVIK_Q_APP;
   if (counted) {
     ring::increment(frame->qref_cnt);
@@ -290,7 +328,7 @@ int zorlib_frm_free(zorlib_ifg* ifg, zorvik_frm_desc* frame) {
   if (!checkHandle(ifg) || !checkPointers(frame)) {
     return -1;
   }
-  return freeFrame(*ifg, frameId(*frame));
+  return freeFrame(*ifg, *frame);
 }
 
 }  // extern "C"

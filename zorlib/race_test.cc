@@ -74,6 +74,7 @@ TEST_F(RaceTest, AShutdownAtAnyMomentEndsReadsAndWrites) {
         continue;  // it does not sleep
       }
       memory_->cresq.flags = woken;
+      reader_->shutDown = false;
       at(moment, [this] { EXPECT_EQ(zorlib_q_shutdown(reader_), 0); });
       expectReadFails(ESHUTDOWN);
       EXPECT_EQ(memory_->cresq.flags, woken | 4) << "the wake-up is taken only after the check";
@@ -83,6 +84,7 @@ TEST_F(RaceTest, AShutdownAtAnyMomentEndsReadsAndWrites) {
   zorlib_q_set_timeout(writer_, -1);
   for (int moment = 0; moment < kMoments; ++moment) {
     memory_->presq.flags = moment == kAsleep ? 0 : ZORVIK_RESQ_WOKEN;
+    writer_->shutDown = false;
     at(moment, [this] { EXPECT_EQ(zorlib_q_shutdown(writer_), 0); });
     expectWriteFails(ESHUTDOWN);
     EXPECT_EQ(memory_->presq.flags, moment == kAsleep ? 4u : 5u);
@@ -95,7 +97,7 @@ TEST_F(RaceTest, WaitsForAClaimedSlot) {
   int looks = 0;
   onLook = [&](const void* word) {
     if (word == &reader_->slot(0) && ++looks == 3) {
-      entry(0) = zorlib::frameId(*frame_);
+      entry(0) = idOf(frame_);
     }
   };
   EXPECT_EQ(read(), frame_) << "the wait costs no budget";
@@ -140,7 +142,7 @@ TEST_F(RaceTest, AReaderThatLosesTheSwapTakesTheNextFrame) {
   beforeChangeOf(&reader_->memory().dequeue, [this] { memory_->dequeue = 1; });
   EXPECT_EQ(read(), second);
   EXPECT_FALSE(onChange);
-  EXPECT_EQ(entry(0), zorlib::frameId(*frame_)) << "the other consumer empties it";
+  EXPECT_EQ(entry(0), idOf(frame_)) << "the other consumer empties it";
   entry(0) = 0;
   EXPECT_EQ(zorlib_frm_free(ifg_, second), 0);
 }
@@ -153,7 +155,7 @@ TEST_F(RaceTest, AWriterThatLosesTheSwapTakesTheNextSlot) {
   EXPECT_EQ(write(), 0);
   EXPECT_FALSE(onChange);
   EXPECT_EQ(entry(0), 0u) << "the other producer fills it";
-  EXPECT_EQ(entry(1), zorlib::frameId(*frame_));
+  EXPECT_EQ(entry(1), idOf(frame_));
   EXPECT_EQ(memory_->enqueue, 2u);
   EXPECT_EQ(frame_->qref_cnt, 1);
   // Again with the last free slot.
@@ -174,6 +176,7 @@ TEST_F(RaceTest, TakingAWakeUpKeepsAShutdown) {
     script([](std::uint32_t) { return -EINTR; });
     for (zorlib_q* const q : {reader_, writer_}) {
       q->side().flags = flags;
+      q->shutDown = false;
       // After the last check of the flags.
       beforeChangeOf(&q->side().flags, [q] { EXPECT_EQ(zorlib_q_shutdown(q), 0); });
       zorlib_q_set_timeout(q, -1);
@@ -194,7 +197,7 @@ TEST_F(RaceTest, AnEntryChangesBeforeTheWakeUp) {
   EXPECT_EQ(write(), 0);
   beforeChangeOf(&reader_->memory().presq.flags, [&] { entries.push_back(entry(0)); });
   EXPECT_EQ(read(), frame_);
-  EXPECT_THAT(entries, ElementsAre(zorlib::frameId(*frame_), 0));
+  EXPECT_THAT(entries, ElementsAre(idOf(frame_), 0));
 }
 
 TEST_F(RaceTest, AnIngressFrameHasItsDataBeforeItsReference) {

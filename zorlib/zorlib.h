@@ -99,19 +99,22 @@ int zorlib_q_app_open(zorlib_ifg* ifg, const char* name, uint32_t mode, zorlib_q
 int zorlib_q_close(zorlib_q* q);
 
 /* Shuts down this handle's side of the queue: all its reads (or writes), current and future, fail
- * with ESHUTDOWN until the side is opened again. 0 for a valid handle. Any thread. */
+ * with ESHUTDOWN until the side is opened again, and those of this handle until it is closed. 0 for
+ * a valid handle. Any thread. */
 int zorlib_q_shutdown(zorlib_q* q);
 
 /* Takes the next frame from the queue. The caller owns it and frees it exactly once. Waits up to
  * the queue's timeout, or `ms` milliseconds (UINT32_MAX: no limit). EAGAIN when no frame came,
- * ESHUTDOWN, EINTR, ENXIO for an identifier that belongs to no valid frame. *frame is null on
- * failure. The limit counts checks of the queue rather than time: a limit of up to 2000 ms never
- * sleeps. */
+ * ESHUTDOWN, EINTR, ENXIO for an identifier that belongs to no valid frame or for a damaged ring.
+ * *frame is null on failure. The limit counts checks of the queue rather than time: a limit of up to
+ * 2000 ms never sleeps. A read that fails because of the driver or of the ring takes 100 ms, so that
+ * a caller that repeats it at once does not spin; so does such a write. */
 int zorlib_q_read(zorlib_q* q, struct zorvik_frm_desc** frame);
 int zorlib_q_read_timeout(zorlib_q* q, struct zorvik_frm_desc** frame, uint32_t ms);
 
 /* Puts `frame` on the queue and passes it to the consumer. Waits for room up to the queue's
- * timeout. EAGAIN when there was no room, ESHUTDOWN. The caller keeps the frame on failure. */
+ * timeout. EAGAIN when there was no room, ESHUTDOWN, ENXIO for a damaged descriptor or ring. The
+ * caller keeps the frame on failure. */
 int zorlib_q_write(zorlib_q* q, struct zorvik_frm_desc* frame);
 
 /* Drops a reference to `frame`; the last one writes the frame to the egress queue `q`. ENXIO for

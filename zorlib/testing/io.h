@@ -62,6 +62,9 @@ class IoTest : public GroupTest {
     memory_->presq.flags = 0;
   }
 
+  static std::uint32_t idOf(const zorvik_frm_desc* frame) {
+    return std::uint32_t{frame->generation} << 24 | frame->index;
+  }
   std::uint64_t& entry(std::uint32_t i) { return zorvik_qmem_entries(memory_)[i]; }
   // Stores an entry in the ring as a producer does.
   void put(std::uint64_t value) {
