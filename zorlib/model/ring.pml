@@ -5,7 +5,12 @@
  *   CONSUMERS  number of consumers
  *   FRAMES     number of frames that each producer writes
  *   EARLY_STOP shut both sides down at any moment; without it there is no shutdown
+ *   CLEARED    with EARLY_STOP: another process clears the shared shutdown flags three times, at any
+ *              moment. When all processes wait, both sides are shut down again. Once must be enough
+ *   NOT_FINAL  with CLEARED: a shutdown is only the shared flag, without a private flag in the handle
  *   NAIVE_WAIT the driver puts a waiter to sleep without checking the flags
+ *   EARLY_WAKE a producer posts the wake-up before it claims its slot, as a processor without barriers
+ *              might
  *   UNWRAPPED  a swap fails when its counter has changed at all, even if it has advanced around the
  *              ring to the same value: the ring as if its counters never wrapped
  *
@@ -55,13 +60,20 @@ byte claimed, taken;
 #endif
 
 #ifdef EARLY_STOP
-bool producerShut, consumerShut;
-#define STOP_IF(shut) if :: shut -> goto done :: else fi
+bool producerShut, consumerShut; /* the shared flags */
+#if defined(CLEARED) && !defined(NOT_FINAL)
+bool final; /* the private flags of the handles */
+#else
+#define final false
+#endif
+#define STOP_IF(shut) if :: shut || final -> goto done :: else fi
 #else
 #define producerShut false
 #define consumerShut false
+#define final false
 #define STOP_IF(shut) skip
 #endif
+byte ended; /* number of processes */
 
 byte k; /* loop variable of the wake requests */
 
@@ -72,6 +84,19 @@ inline wakeConsumers() {
   d_step { k = 0; do :: k < CONSUMERS -> consumerAsleep[k] = false; k++ :: else -> break od; k = 0 }
 }
 
+/* zorlib_q_shutdown on each side. */
+inline shutDown() {
+#ifdef EARLY_STOP
+#if defined(CLEARED) && !defined(NOT_FINAL)
+  final = true;
+#endif
+  producerShut = true;
+  wakeProducers();
+  consumerShut = true;
+  wakeConsumers()
+#endif
+}
+
 proctype Producer(byte me) {
   byte e, m, id, left = FRAMES;
 look:
@@ -80,6 +105,9 @@ again:
   atomic { e = enqueue; KEEP(claimed) };
   if :: FULL(e, dequeue) -> goto isFull :: else fi;
   if :: slot[e] != 0 -> goto spin :: else fi;
+#ifdef EARLY_WAKE
+  atomic { consumerWoken = true; wakeConsumers() };
+#endif
   atomic {
     if
     :: UNMOVED(enqueue, claimed, e) ->
@@ -89,6 +117,9 @@ again:
     fi
   };
   atomic { slot[e] = id; e = 0; id = 0 };
+#ifdef EARLY_WAKE
+  if :: left == 0 -> goto done :: else -> goto look fi;
+#endif
   atomic {
     if
     :: consumerWoken -> if :: left == 0 -> goto done :: else -> goto look fi
@@ -97,7 +128,7 @@ again:
   };
   atomic { wakeConsumers(); if :: left == 0 -> goto done :: else -> goto look fi };
 spin:
-  atomic { (slot[e] == 0 || enqueue != e || FULL(e, dequeue) || producerShut); e = 0; m = 0 };
+  atomic { (slot[e] == 0 || enqueue != e || FULL(e, dequeue) || producerShut || final); e = 0; m = 0 };
 lost:
   STOP_IF(producerShut);
   goto again;
@@ -117,7 +148,7 @@ isFull:
   (!producerAsleep[me]);
   goto look;
 done:
-  skip
+  ended++
 }
 
 proctype Consumer(byte me) {
@@ -142,7 +173,7 @@ again:
   wakeProducers();
   goto look;
 spin:
-  atomic { (slot[d] != 0 || dequeue != d || enqueue == d || consumerShut); d = 0; m = 0 };
+  atomic { (slot[d] != 0 || dequeue != d || enqueue == d || consumerShut || final); d = 0; m = 0 };
 lost:
   STOP_IF(consumerShut);
   goto again;
@@ -165,7 +196,7 @@ endAsleep:
   (!consumerAsleep[me]);
   goto look;
 done:
-  skip
+  ended++
 }
 
 init {
@@ -180,10 +211,24 @@ init {
 #ifndef EARLY_STOP
   (taken == TOTAL)
 #else
-  /* zorlib_q_shutdown on each side. */
-  producerShut = true;
-  wakeProducers();
-  consumerShut = true;
-  wakeConsumers()
+  shutDown();
+#ifdef CLEARED
+  i = 0;
+  do
+  :: ended == PRODUCERS + CONSUMERS -> break
+  :: timeout -> atomic { i++; assert(i == 1) }; shutDown()
+  od
+#endif
 #endif
 }
+
+#ifdef CLEARED
+active proctype Clearer() {
+  byte times;
+end:
+  do
+  :: times < 3 && (producerShut || consumerShut) ->
+    atomic { producerShut = false; consumerShut = false; times++ }
+  od
+}
+#endif
