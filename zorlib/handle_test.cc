@@ -1,10 +1,13 @@
 // Handles release everything: when they are closed, and when they cannot be opened.
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,6 +15,7 @@
 #include "base/log.h"
 #include "zorlib/internal.h"
 #include "zorlib/testing/driver.h"
+#include "zorlib/testing/two_threads.h"
 
 namespace tarnik::test {
 namespace {
@@ -39,6 +43,33 @@ std::ostream& operator<<(std::ostream& out, const Holdings& held) {
              << held.descriptorMappings << '/' << held.payloadMappings << " mappings, "
              << held.objects << " objects";
 }
+
+// The calls of close and munmap while it is set, by the file or memory that they release.
+std::vector<std::string>* releases = nullptr;
+std::map<void*, std::string> mappings;
+
+}  // namespace
+}  // namespace tarnik::test
+
+// The dynamic linker prefers these functions to libc's.
+extern "C" int close(int fd) {
+  if (tarnik::test::releases != nullptr) {
+    std::error_code ignored;
+    tarnik::test::releases->push_back(
+        "close " +
+        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), ignored).string());
+  }
+  return static_cast<int>(::syscall(SYS_close, fd));
+}
+extern "C" int munmap(void* address, std::size_t size) noexcept {
+  if (tarnik::test::releases != nullptr && tarnik::test::mappings.contains(address)) {
+    tarnik::test::releases->push_back("unmap " + tarnik::test::mappings[address]);
+  }
+  return static_cast<int>(::syscall(SYS_munmap, address, size));
+}
+
+namespace tarnik::test {
+namespace {
 
 class HandleTest : public DriverTest {
  protected:
@@ -126,6 +157,40 @@ TEST_F(HandleTest, ThreadsMapTheFrameMemoryOnce) {
     EXPECT_EQ(lastWords().back(), kDeadGroup);
     EXPECT_EQ(Holdings(), before_);
   }
+}
+
+TEST_F(HandleTest, ThreadsTakeAndReleaseReferencesAtTheSameTime) {
+  zorlib_ifg* const ifg = openGroup();
+  const auto mapAndClose = [ifg] {
+    zorvik_frm_desc* descriptors = nullptr;
+    std::uint8_t* payload = nullptr;
+    std::uint32_t size = 0;
+    EXPECT_EQ(zorlib_map_frm_data(ifg, &descriptors, &size, &payload, &size), 0);
+    EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  };
+  inTwoThreads(mapAndClose, mapAndClose);
+  EXPECT_EQ(ifg->refs, 1u);
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  EXPECT_EQ(Holdings(), before_);
+}
+
+TEST_F(HandleTest, ReleasesInOrder) {
+  zorlib_ifg* const ifg = openGroup();
+  zorlib_q* const q = openQueue(ifg, ZORLIB_WRITE);
+  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
+  mappings = {{q->qmem.base(), "queue"},
+              {ifg->frmDesc.base(), "descriptors"},
+              {ifg->payload.base(), "payload"}};
+  std::vector<std::string> order;
+  order.reserve(20);
+  releases = &order;
+  EXPECT_EQ(zorlib_q_close(q), 0);
+  releases = nullptr;
+  EXPECT_THAT(order,
+              ElementsAre(std::string("close ") + kQueueNode, "unmap queue",
+                          "close /dev/zorvik/brund/ctl", std::string("close ") + kDescriptorNode,
+                          "unmap descriptors", "close /dev/zorvik/ctl", "unmap payload"));
+  EXPECT_THAT(lastWords(), ElementsAre(kDeadGroup, kDeadQueue));
 }
 
 // ---- Queues

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -183,6 +184,29 @@ TEST_F(QueueTest, RefusesMemoryThatHasNoRing) {
   memory.max_elements = 16;
   memory.mask = 15;
   EXPECT_EQ(zorlib_q_close(owner), 0);
+}
+
+// ---- Removal by name
+
+TEST_F(QueueTest, FindsTheNameInEachOfThe32Records) {
+  for (const std::uint32_t place : {0u, 15u, 31u}) {
+    answer(ZORVIK_Q_ENUM, [place](int, void* argument) {
+      auto& list = *static_cast<zorvik_q_enum*>(argument);
+      EXPECT_EQ(list.count, 32u);
+      for (std::uint32_t i = 0; i < 32; ++i) {
+        list.records[i].id = 100 + i;
+        std::strcpy(list.records[i].name, i == place ? "wanted" : "other");
+      }
+      return 0;
+    });
+    std::uint32_t removed = 0;
+    answer(ZORVIK_Q_REMOVE, [&](int, void* argument) {
+      removed = *static_cast<std::uint32_t*>(argument);
+      return 0;
+    });
+    EXPECT_EQ(zorlib_ifg_remove_q_app(ifg_, "WANTED"), 0);
+    EXPECT_EQ(removed, 100 + place);
+  }
 }
 
 // ---- Checks and properties of a handle

@@ -106,9 +106,9 @@ int zorlib_q_shutdown(zorlib_q* q);
 /* Takes the next frame from the queue. The caller owns it and frees it exactly once. Waits up to
  * the queue's timeout, or `ms` milliseconds (UINT32_MAX: no limit). EAGAIN when no frame came,
  * ESHUTDOWN, EINTR, ENXIO for an identifier that belongs to no valid frame or for a damaged ring.
- * *frame is null on failure. The limit counts checks of the queue rather than time: a limit of up to
- * 2000 ms never sleeps. A read that fails because of the driver or of the ring takes 100 ms, so that
- * a caller that repeats it at once does not spin; so does such a write. */
+ * *frame is null on failure. The limit counts checks of the queue rather than time: a limit of up
+ * to 2000 ms never sleeps. A read that fails because of the driver or of the ring takes 100 ms, so
+ * that a caller that repeats it at once does not spin; so does such a write. */
 int zorlib_q_read(zorlib_q* q, struct zorvik_frm_desc** frame);
 int zorlib_q_read_timeout(zorlib_q* q, struct zorvik_frm_desc** frame, uint32_t ms);
 
