@@ -177,12 +177,13 @@ class BadInput(DemoTest):
         large = struct.pack("<IIII", 1, 0, 70000, 70000) + whole[40:54] + bytes(70000 - 14)
         (self.directory / "large.pcap").write_bytes(whole[:24] + large + whole[24:])
         status, output, errors = self.record(self.directory / "large.pcap")
-        self.assertEqual(status, 0, errors)
+        self.assertEqual(status, 3, errors)
         account = self.account()
         self.assertEqual(account["not_queued_by_reason"], {"too large": 1})
         self.assertEqual(account["matched"], account["queued"] + 1)
         self.assertTrue(account["balanced"])
         self.assertIn("not queued: 1 (too large)", output)
+        self.assertIn("matched frames were not queued (1: longer than a frame of the driver)\n", errors)
 
 
 class Leftovers(DemoTest):

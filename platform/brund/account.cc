@@ -14,6 +14,22 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+// By Refusal: its name in the account, and its words.
+constexpr struct {
+  const char* name;
+  const char* words;
+} kReasons[] = {
+    {"no frame in the pool", "the driver had no free frame"},
+    {"queue full", "the queue was full"},
+    {"too large", "longer than a frame of the driver"},
+    {"empty", "without data"},
+    {"metadata socket full", "the daemon did not accept new captures fast enough"},
+    {"no daemon", "no daemon listened"},
+    {"after close", "after the close of their connection"},
+    {"stopped", "the run was stopped"},
+};
+static_assert(std::size(kReasons) == static_cast<std::size_t>(Refusal::kCount));
+
 // File names and rule names may be in any encoding; JSON is UTF-8.
 std::string dump(const Json& json, int indent = -1) {
   return json.dump(indent, ' ', false, Json::error_handler_t::replace);
@@ -42,27 +58,7 @@ Json toJson(const Account::Capture& capture) {
 }  // namespace
 
 const char* toText(Refusal reason) {
-  switch (reason) {
-    case Refusal::kNoFrame:
-      return "no frame in the pool";
-    case Refusal::kQueueFull:
-      return "queue full";
-    case Refusal::kTooLarge:
-      return "too large";
-    case Refusal::kEmpty:
-      return "empty";
-    case Refusal::kMetadataFull:
-      return "metadata socket full";
-    case Refusal::kNoDaemon:
-      return "no daemon";
-    case Refusal::kAfterClose:
-      return "after close";
-    case Refusal::kStopped:
-      return "stopped";
-    case Refusal::kCount:
-      break;
-  }
-  return "";
+  return kReasons[static_cast<std::size_t>(reason)].name;
 }
 
 std::size_t Account::begin(std::uint64_t id, const FlowKey& flow, const Trigger& trigger) {
@@ -102,6 +98,35 @@ std::string Account::summary() const {
   text += separator[0] == ',' ? ")" : "";
   if (dropped_ != 0) {
     text += ", " + std::to_string(dropped_) + " dropped by the kernel before they were seen";
+  }
+  return text;
+}
+
+bool Account::complete() const {
+  const std::uint64_t late = refused_[static_cast<std::size_t>(Refusal::kAfterClose)];
+  return matched_ == queued_ + late && dropped_ == 0;
+}
+
+std::string Account::verdict() const {
+  std::string text;
+  if (matched_ == 0) {
+    text = "nothing was queued: no frame matched a rule";
+  } else if (matched_ == queued_) {
+    text = "all " + std::to_string(matched_) + " matched frames were queued";
+  } else {
+    text = std::to_string(matched_ - queued_) + " of " + std::to_string(matched_) +
+           " matched frames were not queued";
+    const char* separator = " (";
+    for (std::size_t i = 0; i < refused_.size(); ++i) {
+      if (refused_[i] != 0) {
+        text += separator + std::to_string(refused_[i]) + ": " + kReasons[i].words;
+        separator = "; ";
+      }
+    }
+    text += separator[0] == ';' ? ")" : "";
+  }
+  if (dropped_ != 0) {
+    text += "; the kernel dropped " + std::to_string(dropped_) + " frames before they were read";
   }
   return text;
 }

@@ -56,8 +56,13 @@ class Account {
   [[nodiscard]] std::uint64_t refusedFrames() const;
   [[nodiscard]] const std::vector<std::string>& problems() const { return problems_; }
   [[nodiscard]] bool balanced() const { return matched_ == queued_ + refusedFrames(); }
-  // One line for the user.
+  // Whether every frame of a capture was queued, and the kernel dropped none. Frames that come
+  // after the close of their connection do not count: their capture has ended.
+  [[nodiscard]] bool complete() const;
+  // One line with the numbers.
   [[nodiscard]] std::string summary() const;
+  // One line that says in words which frames were not queued, and why.
+  [[nodiscard]] std::string verdict() const;
   // The content of account.json (platform/README.md).
   [[nodiscard]] std::string json() const;
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include "base/owned.h"
 
@@ -107,6 +108,54 @@ TEST(AccountTest, SummaryNamesTheReasons) {
   EXPECT_EQ(account.summary(),
             "1 frames seen, 1 matched, 0 queued in 0 captures, 3 refused (1 queue full, 2 empty), "
             "7 dropped by the kernel before they were seen");
+}
+
+TEST(AccountTest, VerdictSaysWhatWasNotQueuedAndWhy) {
+  const struct {
+    int matched;
+    int queued;
+    std::vector<Refusal> refused;
+    std::uint64_t dropped;
+    bool complete;
+    const char* verdict;
+  } cases[] = {
+      {0, 0, {}, 0, true, "nothing was queued: no frame matched a rule"},
+      {2, 2, {}, 0, true, "all 2 matched frames were queued"},
+      {2,
+       2,
+       {},
+       3,
+       false,
+       "all 2 matched frames were queued; the kernel dropped 3 frames before they were read"},
+      {2,
+       1,
+       {Refusal::kAfterClose},
+       0,
+       true,
+       "1 of 2 matched frames were not queued (1: after the close of their connection)"},
+      {5,
+       1,
+       {Refusal::kQueueFull, Refusal::kEmpty, Refusal::kEmpty, Refusal::kAfterClose},
+       0,
+       false,
+       "4 of 5 matched frames were not queued (1: the queue was full; 2: without data; 1: after "
+       "the close of their connection)"},
+  };
+  for (const auto& entry : cases) {
+    Account account;
+    for (int i = 0; i < entry.matched; ++i) {
+      account.matched();
+    }
+    for (int i = 0; i < entry.queued; ++i) {
+      account.queued(0, 1, false);
+    }
+    for (const Refusal reason : entry.refused) {
+      account.refused(reason);
+    }
+    account.dropped(entry.dropped);
+    EXPECT_EQ(account.verdict(), entry.verdict);
+    EXPECT_EQ(account.complete(), entry.complete) << entry.verdict;
+  }
 }
 
 // Standard error is a pseudoterminal.

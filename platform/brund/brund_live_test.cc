@@ -14,6 +14,7 @@ namespace {
 
 using namespace test;
 using ::testing::AllOf;
+using ::testing::AnyOf;
 using ::testing::ContainsRegex;
 using ::testing::Each;
 using ::testing::Field;
@@ -210,7 +211,7 @@ TEST_F(Live, FramesOfWaitingFlowsStayInOrder) {
       ASSERT_EQ(send(sender.get(), &round, 1, 0), 1);
     }
   }
-  EXPECT_EQ(stop(), 0) << errors();
+  EXPECT_THAT(stop(), AnyOf(0, 3)) << errors();  // 3: the queue was full
   daemon.stop();
   ASSERT_THAT(daemon.metadata(), SizeIs(50));
   for (const auto& [capture, metadata] : daemon.metadata()) {

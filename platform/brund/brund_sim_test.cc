@@ -11,8 +11,7 @@ namespace {
 
 using namespace test;
 using ::testing::AllOf;
-using ::testing::Each;
-using ::testing::Field;
+using ::testing::EndsWith;
 using ::testing::Gt;
 using ::testing::HasSubstr;
 using ::testing::Lt;
@@ -91,6 +90,7 @@ TEST_F(Replay, FramesOfMatchedFlowsArriveUnchanged) {
                                HasSubstr("\"queued\": 5,"), HasSubstr("\"captures\": 3,"),
                                HasSubstr("\"refused\": 0,"), HasSubstr("\"balanced\": true")));
   EXPECT_THAT(errors(), HasSubstr("brund-sim: 7 frames seen, 5 matched, 5 queued in 3 captures"));
+  EXPECT_THAT(errors(), EndsWith("brund-sim: all 5 matched frames were queued\n"));
 }
 
 TEST_F(Replay, FilesAreOneInput) {
@@ -141,8 +141,10 @@ TEST_F(Replay, WaitsForRoom) {
 TEST_F(Replay, FramesThatCannotBeCarriedAreCounted) {
   const Driver driver;
   Daemon daemon;
-  EXPECT_EQ(replay({capture("a.pcap", {web(1, 65481), web(1, 65482), web(2, 65490)})}), 0)
+  EXPECT_EQ(replay({capture("a.pcap", {web(1, 65481), web(1, 65482), web(2, 65490)})}), 3)
       << errors();
+  EXPECT_THAT(errors(), EndsWith("brund-sim: 2 of 3 matched frames were not queued (2: longer than "
+                                 "a frame of the driver)\n"));
   daemon.stop();
   ASSERT_THAT(daemon.frames(), SizeIs(1));
   EXPECT_THAT(daemon.frames()[0].data, SizeIs(65535));
@@ -158,7 +160,7 @@ TEST_F(Replay, EmptyFramesAreCounted) {
   Daemon daemon;
   start(file("all", "ips 70000 ALL greater 0\n"),
         {capture("a.pcap", {Bytes(), Bytes(5, 1), Bytes()})});
-  EXPECT_EQ(finish(), 0) << errors();
+  EXPECT_EQ(finish(), 3) << errors();
   daemon.stop();
   ASSERT_THAT(daemon.frames(), SizeIs(1));
   EXPECT_EQ(daemon.frames()[0].data, Bytes(5, 1));
@@ -187,8 +189,8 @@ TEST_F(Replay, UnreadableInputIsNamedAndTheRestPlayed) {
                            HasSubstr("brund-sim: " + missing + ": No such file or directory\n"),
                            HasSubstr("brund-sim: " + emptyPath + ": empty file\n"),
                            HasSubstr("brund-sim: " + noFrames + ": no frames in it\n")));
-  // Each once; the other lines are the summary and who still uses the group.
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 6) << lines;
+  // Each once; the other lines are the summary, who still uses the group, and the verdict.
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 7) << lines;
 }
 
 TEST_F(Replay, RefusedRulesEndItBeforeItStarts) {

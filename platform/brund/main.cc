@@ -27,7 +27,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kNoticeAfter{1};
 constexpr std::chrono::milliseconds kPoll{20};
 
-enum ExitStatus : int { kDone = 0, kFailed = 1, kRefused = 2 };
+enum ExitStatus : int { kDone = 0, kFailed = 1, kRefused = 2, kIncomplete = 3 };
 
 void say(const std::string& line) {
   std::fprintf(stderr, "brund-sim: %s\n", line.c_str());
@@ -167,7 +167,7 @@ bool removeGroup(const Options& options, GroupOwner& owner) {
   return true;
 }
 
-bool run(const Options& options, const RuleSet& rules, LiveSource* live) {
+ExitStatus run(const Options& options, const RuleSet& rules, LiveSource* live) {
   GroupOwner owner;
   Announcer announcer;
   Account account;
@@ -175,13 +175,20 @@ bool run(const Options& options, const RuleSet& rules, LiveSource* live) {
   if (done) {
     done = runWithGroup(options, rules, live, *owner.group(), announcer, account);
   }
-  bool good = false;
-  if (done) {
-    good = conclude(options, announcer, account);
-  } else {
+  if (!done) {
     say(done.error());
+    static_cast<void>(removeGroup(options, owner));
+    return kFailed;
   }
-  return removeGroup(options, owner) && good;
+  const bool good = conclude(options, announcer, account);
+  const bool removed = removeGroup(options, owner);
+  if (!options.quiet) {
+    say(account.verdict());
+  }
+  if (!good || !removed) {
+    return kFailed;
+  }
+  return account.complete() ? kDone : kIncomplete;
 }
 
 ExitStatus runLive(const Options& options, const RuleSet& rules) {
@@ -190,7 +197,7 @@ ExitStatus runLive(const Options& options, const RuleSet& rules) {
     say(options.interface + ": " + source.error());
     return kFailed;
   }
-  return run(options, rules, &*source) ? kDone : kFailed;
+  return run(options, rules, &*source);
 }
 
 ExitStatus writePolicyFiles(const Options& options, const RuleSet& rules) {
@@ -224,9 +231,8 @@ ExitStatus runAction(const Options& options) {
     return writePolicyFiles(options, *rules);
   }
   catchStopSignals();
-  return options.action == Options::Action::kLive
-             ? runLive(options, *rules)
-             : (run(options, *rules, nullptr) ? kDone : kFailed);
+  return options.action == Options::Action::kLive ? runLive(options, *rules)
+                                                  : run(options, *rules, nullptr);
 }
 
 }  // namespace

@@ -34,7 +34,9 @@ brund-sim creates the driver's interface group "brund" and its queue, waits for 
 both at the end. It leaves what tarnikd still has open, and the next brund-sim takes that over.
 
 Exit status: 0 done; 1 something could not be read, created, sent or written, the run was stopped
-early, or the account does not balance; 2 wrong usage or refused rules.
+early, or the account does not balance; 2 wrong usage or refused rules; 3 the run was completed, but
+some matched frames were not queued (the last line says why), or the kernel dropped frames. Frames
+after the close of a connection do not count: their capture has ended.
 )";
 
 constexpr std::uint64_t kYear = 366ull * 24 * 3600;
