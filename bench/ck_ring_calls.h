@@ -1,5 +1,5 @@
-/* Concurrency Kit's ring for C++, which its own header does not compile as. Calls that are not
- * inlined cost what those of the frame library do. */
+/* Concurrency Kit's ring for C++: its own header does not compile as C++. The calls are not
+ * inlined, like those of the frame library. */
 #ifndef BENCH_CK_RING_CALLS_H
 #define BENCH_CK_RING_CALLS_H
 

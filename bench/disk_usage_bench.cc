@@ -1,7 +1,7 @@
-// What the measurement after every frame costs with 10, 1,000 and 20,000 capture files: when
-// nothing changed, when a file grew (a stream's buffer was written out), and as a scan.
+// Measures the directory usage check that follows every frame, with 10, 1,000 and 20,000 capture
+// files: without changes, after a file has grown, and as a scan.
 //
-// Works on the capture directory itself: run it in a private root.
+// Uses the capture directory itself: run it in a private root.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>

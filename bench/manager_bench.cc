@@ -1,5 +1,5 @@
-// What a frame costs the manager, with the measurement after it, while 10, 1,000 and 20,000 files
-// lie in the directory; and what a whole short capture costs.
+// Measures the capture manager: a frame, with the usage check after it, while the directory
+// contains 10, 1,000 and 20,000 files; and a whole short capture.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -32,7 +32,7 @@ void announce(std::uint64_t captureId, std::uint32_t triggerId) {
   TarnikMetaCache::instance().add(captureId, captureId, triggerId);
 }
 
-// As the capture thread does it.
+// The steps of the capture thread.
 void consume(const Frame& frame, std::uint64_t captureId, std::uint32_t flags = 0) {
   if (manager().ConsumeFrame(captureId, frame.header, frame.data, flags) != 0) {
     giveUp("ConsumeFrame");
@@ -49,7 +49,7 @@ void makeFile(std::size_t number) {
   }
 }
 
-// Nanoseconds a frame with `files` files in the directory, those of the captures included.
+// Nanoseconds per frame with `files` files in the directory, including those of the captures.
 double frameAmong(std::size_t files, const Traffic& traffic) {
   for (std::size_t file = kFlows; file < files; ++file) {
     makeFile(file);
@@ -85,8 +85,8 @@ void framesAmongFiles(benchmark::State& state) {
   }
 }
 
-// Captures of one frame, announced, opened, named, closed and described; and the shell's part in
-// it, the copy of the info template.
+// Captures of one frame each, with everything from the metadata to the info file. Also the part of
+// the shell, which copies the info template.
 void captures(benchmark::State& state) {
   constexpr unsigned kCaptures = 300;
   using Clock = std::chrono::steady_clock;

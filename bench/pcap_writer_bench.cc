@@ -1,9 +1,9 @@
-// The processor time of a frame that is written to its capture's file: by the writer, by libpcap's
-// pcap_dump, and by bare streams with buffers of several sizes. Frames of 40 to 960 bytes, 500 in
-// the mean, in random order over the files; opening and closing them is not counted. What a
-// buffer's size costs besides, in looks at grown files, pipeline_bench tells.
+// Measures the processor time to write a frame to the file of its capture: with the writer, with
+// libpcap's pcap_dump, and with plain streams that have buffers of several sizes. The frames have
+// 40 to 960 bytes (mean 500) and are spread over the files at random. Opening and closing are not
+// counted. pipeline_bench measures what the buffer size costs in usage checks of grown files.
 //
-// Works on the capture directory itself: run it in a private root, whose files lie in memory.
+// Uses the capture directory itself: run it in a private root, where files are in memory.
 #include <benchmark/benchmark.h>
 #include <pcap/pcap.h>
 
@@ -57,7 +57,8 @@ double processorTime() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Runs `open` (gives the files), then `write` for each frame, timed, then lets the files go.
+// Calls `open`, which returns the files, then `write` for each frame, and closes the files. Only
+// the writes are timed.
 template <class Open, class Write>
 void measure(benchmark::State& state, std::size_t fileCount, Open open, Write write) {
   if (std::getenv("TARNIK_PRIVATE_ROOT") == nullptr) {
@@ -65,7 +66,7 @@ void measure(benchmark::State& state, std::size_t fileCount, Open open, Write wr
     std::exit(1);
   }
   const std::vector<Frame> all = frames(fileCount);
-  bool warm = false;  // the first pass pays for the machine's memory
+  bool warm = false;  // the first pass also allocates memory
   const auto pass = [&] {
     auto files = open(fileCount);
     const double start = processorTime();
@@ -128,12 +129,12 @@ void libpcap(benchmark::State& state) {
         return dumpers;
       },
       [](Dumper& dumper, const FrameHeader& header) {
-        pcap_pkthdr header{};
-        header.ts.tv_sec = header.seconds;
-        header.ts.tv_usec = header.microseconds;
-        header.caplen = header.capturedLength;
-        header.len = header.wireLength;
-        ::pcap_dump(reinterpret_cast<u_char*>(dumper.get()), &header, data().data());
+        pcap_pkthdr record{};
+        record.ts.tv_sec = header.seconds;
+        record.ts.tv_usec = header.microseconds;
+        record.caplen = header.capturedLength;
+        record.len = header.wireLength;
+        ::pcap_dump(reinterpret_cast<u_char*>(dumper.get()), &record, data().data());
       });
 }
 

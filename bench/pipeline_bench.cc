@@ -1,7 +1,7 @@
-// What a frame costs from the queue to its return to the driver, beside a bare libpcap loop that
-// writes the same frames into a pcap_dump file for each flow: once reading them from a capture
-// file, and once from memory, which saves it the reading. And what a frame costs with half of the
-// buffer that a capture's stream has. The capture thread is the daemon's.
+// Measures a frame from the queue to its return to the driver, with the daemon's capture thread.
+// For comparison, a plain libpcap loop writes the same frames to one pcap_dump file per flow: once
+// it reads them from a capture file, and once from memory. Also measures a frame when the streams
+// of the captures have half of their buffer.
 //
 // Needs the driver with the group "brund" (platform/zorvik/on-the-driver).
 #include <dlfcn.h>
@@ -36,7 +36,7 @@ std::size_t largestBuffer = SIZE_MAX;  // of a stream; changed while no capture 
 
 }  // namespace
 
-// In front of the C library's: the captures' streams ask for their buffers here.
+// Replaces the C library's function: the captures' streams set their buffers with it.
 extern "C" int setvbuf(std::FILE* stream, char* buffer, int mode, std::size_t size) noexcept {
   using Setvbuf = int (*)(std::FILE*, char*, int, std::size_t);
   static const auto real = reinterpret_cast<Setvbuf>(::dlsym(RTLD_NEXT, "setvbuf"));
@@ -47,12 +47,12 @@ namespace tarnik::bench {
 namespace {
 
 constexpr std::size_t kFlows = 1000;
-// So many that what still waits in a file's buffer at the end is next to nothing.
+// So many that the frames left in the buffers at the end do not matter.
 constexpr std::size_t kFrames = 396000;
 constexpr char kDumpDir[] = "/tmp/dumps/";
 constexpr char kSource[] = "/tmp/frames.pcap";
 
-// Nanoseconds: of the first frames of all flows, which open the files, and of all others.
+// In nanoseconds. The first frames of all flows open the files; the others follow.
 struct Cost {
   double opening = 0;
   double frames = 0;
@@ -62,7 +62,7 @@ struct Cost {
 
 // ---- The pipeline
 
-// The frames come in bursts, each in the queue as good as at once, so that the thread does not wait
+// The frames come in bursts. A burst is queued almost at once, so that the thread does not wait
 // while it is measured.
 class Pipeline {
  public:
@@ -132,7 +132,7 @@ class Pipeline {
     return copy;
   }
 
-  // By the statistics area; then the last frame has all the time it needs.
+  // Waits for the statistics, then gives the last frame time to finish.
   void awaitConsumed() {
     std::array<std::uint64_t, 6> counters{};
     while (counters[3] != consumed_) {
@@ -166,7 +166,7 @@ struct PcapCloser {
 using Pcap = std::unique_ptr<pcap_t, PcapCloser>;
 using Dumper = std::unique_ptr<pcap_dumper_t, PcapCloser>;
 
-// A file for each flow.
+// One file per flow.
 class Dumpers {
  public:
   ~Dumpers() {
@@ -211,7 +211,7 @@ void writeSource(const Traffic& traffic) {
   }
 }
 
-// Runs `next(count)` for the first frames and then for all others.
+// Calls `next(count)` for the first frames, then for the others.
 template <class Next>
 Cost timed(Next next) {
   Cost cost;
@@ -261,14 +261,14 @@ const Traffic& traffic() {
   return all;
 }
 
-// One for all benchmarks, since it counts what the process's statistics count.
+// Shared by all benchmarks, because the statistics are those of the process.
 Pipeline& pipeline() {
   static Pipeline one;
   return one;
 }
 
 void pipelineAndLibpcap(benchmark::State& state) {
-  static const bool warm = [] {  // the machine's memory
+  static const bool warm = [] {  // the first run also allocates memory
     emptyDirectory(kDumpDir);
     writeSource(traffic());
     pipeline().run(traffic());

@@ -1,4 +1,4 @@
-// What a reload costs with policy files of a large sensor: 200,000 lines, 500 captured rules.
+// Measures a reload with the policy files of a large sensor: 200,000 lines, 500 rules with capture.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -18,7 +18,7 @@ namespace {
 constexpr unsigned kLines = 200000;
 constexpr unsigned kReferences = 500;
 
-// A file that goes with the process.
+// A file that exists as long as the process.
 class TemporaryFile {
  public:
   explicit TemporaryFile(const std::string& content) {
@@ -49,7 +49,7 @@ std::string uuid(unsigned rule) {
   return text;
 }
 
-// Four settings a rule; every hundredth rule's response asks for capture.
+// Four settings per rule. The response of every hundredth rule asks for capture.
 const TemporaryFile& policy() {
   static const TemporaryFile file([] {
     std::string content;
@@ -93,7 +93,7 @@ void readReferences(benchmark::State& state) {
   }
 }
 
-// The rules of all references, as the generators read them.
+// Reads the rules of all references, like the template generators.
 void readRules(benchmark::State& state) {
   const References all = references();
   for (auto _ : state) {

@@ -1,7 +1,8 @@
-// What a frame costs to write to a queue and read from it, by one thread and from one thread to
-// another, beside two well-known rings for several producers and consumers that carry pointers:
-// Concurrency Kit's and DPDK's, where they are installed. Ours also checks the handle, counts the
-// frame's reference, looks for a sleeper to wake and validates the descriptor it reads.
+// Measures a frame that is written to a queue and read from it, by one thread and between two
+// threads. For comparison, two well-known rings for several producers and consumers carry pointers:
+// those of Concurrency Kit and DPDK, where they are installed. Our ring also checks the handle,
+// counts the frame's reference, looks for a sleeper to wake and validates the descriptor that it
+// reads.
 //
 // Needs the driver with the group "brund" (platform/zorvik/on-the-driver).
 #if TARNIK_BENCH_RTE
@@ -24,9 +25,9 @@ namespace {
 
 constexpr unsigned kSlots = 1024;
 constexpr unsigned kBurst = 1000;      // fits into every ring
-constexpr unsigned kPassed = 1000000;  // frames a turn
+constexpr unsigned kPassed = 1000000;  // frames per turn
 
-// More than can be in the ring, so that none is in it twice.
+// More than fit into the ring, so that no frame is in it twice.
 const std::vector<zorvik_frm_desc*>& frames(zorlib_ifg* group = nullptr) {
   static const std::vector<zorvik_frm_desc*> all = [group] {
     std::vector<zorvik_frm_desc*> taken(2 * kSlots);
@@ -118,7 +119,7 @@ class RteRing {
 };
 #endif
 
-// Tries until it works; the other thread may not be running.
+// Retries until it succeeds: the other thread may not be running.
 template <class Attempt>
 void insist(Attempt attempt) {
   for (unsigned turn = 1; !attempt(); ++turn) {
@@ -146,7 +147,7 @@ void takeAll(Ring& ring, unsigned first, unsigned count) {
   }
 }
 
-// Both in nanoseconds a frame: processor time of bursts by one thread, elapsed time between two.
+// In nanoseconds per frame: processor time of bursts by one thread, elapsed time between two.
 template <class Ring>
 double byOneThread(Ring& ring) {
   const double start = threadTime();

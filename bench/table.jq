@@ -1,5 +1,5 @@
-# Google Benchmark's results, one file a program, as one document with the ratios that matter:
-# each of the medians, and of the minimums, of all rounds.
+# Combines Google Benchmark's results, one file per program, into one document with the important
+# ratios: those of the medians and of the minimums of all rounds.
 
 def rounds($benchmark; $counter):
   [.[] | select(.run_type == "iteration" and .repetitions > 1)

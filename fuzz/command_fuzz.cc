@@ -1,5 +1,5 @@
-// One datagram of the command socket through processMessage, over the recording platform. What was
-// done about it must follow from its bytes.
+// Passes one datagram of the command socket to processMessage, with the recording SDK. The recorded
+// calls must follow from its bytes.
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -21,7 +21,7 @@ std::uint64_t number(const std::vector<std::uint8_t>& bytes, std::size_t offset,
   return value;
 }
 
-// The type of an acceptable request; 0 for all others, which nothing is done about.
+// The type of a valid request; 0 for all others, which must have no effect.
 RequestType requestType(std::vector<std::uint8_t> bytes) {
   const std::size_t received = std::min(bytes.size(), kMaxMessage);
   bytes.resize(kMaxMessage);

@@ -1,4 +1,4 @@
-// The CSV reader under the issue map.
+// Reads the input as CSV and as an issue map.
 #include <orlo_sdk.h>
 
 #include "base/log.h"
@@ -10,7 +10,7 @@ using namespace tarnik;
 
 namespace {
 
-// Every column of every record, read both ways.
+// Reads every column of every record as a number and as a text.
 void readColumns(const char* path) {
   const Stream stream = openForReading(path);
   fuzz::require(stream != nullptr, "the input file can be opened");

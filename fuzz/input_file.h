@@ -1,4 +1,4 @@
-// A fuzz target's input as a file with a path, for code that opens what it reads.
+// The input of a fuzz target as a file, for code that opens a path.
 #pragma once
 
 #include <sys/mman.h>
@@ -12,7 +12,7 @@
 
 namespace tarnik::fuzz {
 
-// Ends the target, and so reports the input, when what has to hold does not.
+// Ends the target when `holds` is false, so that the fuzzer reports the input.
 inline void require(bool holds, const char* what) {
   if (!holds) {
     std::fprintf(stderr, "does not hold: %s\n", what);
@@ -20,8 +20,8 @@ inline void require(bool holds, const char* what) {
   }
 }
 
-// Holds `size` bytes of `data` in a file in memory; one such file serves all inputs. Its path,
-// valid until the next call.
+// Writes `size` bytes of `data` to a file in memory and returns its path. All inputs use the same
+// file: the path is valid until the next call.
 inline const char* inputFile(const std::uint8_t* data, std::size_t size) {
   static const int fd = memfd_create("input", 0);
   static const std::string path = "/proc/self/fd/" + std::to_string(fd);

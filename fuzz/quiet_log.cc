@@ -1,4 +1,4 @@
-// The log of a fuzz target: every line is formatted, so that a bad argument shows, and dropped.
+// The log of a fuzz target. Formats every line, so that a wrong argument is found, and drops it.
 #include <syslog.h>
 
 #include <cstdarg>

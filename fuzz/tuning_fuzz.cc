@@ -1,5 +1,5 @@
-// The readers of policy files: the NAP map, the references and their rules, and the template made
-// of them.
+// Reads the input as a policy file: the NAP map, the references and their rules, and the template
+// written from them.
 #include <algorithm>
 
 #include "base/log.h"
@@ -12,7 +12,7 @@ using namespace tarnik;
 
 namespace {
 
-// Every rule of a reference contains it, and the template is written.
+// Every rule of a reference must contain it, and the template must be written.
 void checkRules(const char* path, const References& references, bool good) {
   CaptureRules captureRules(path, references);
   std::vector<RuleSpan> rules;
