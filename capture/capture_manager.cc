@@ -285,6 +285,7 @@ void CaptureManager::EraseConnWriter(WriterTable::iterator& position) {
   }
   TARNIK_DEBUG(3, "Debug: %s: captureId=0x%lx", "EraseConnWriter", position->first);
   writers_.erase(position);
+  finishedCaptures_.fetch_add(1, std::memory_order_relaxed);
   position = writers_.end();
 }
 
@@ -309,8 +310,8 @@ void CaptureManager::CloseWriters() {
 
 // Metadata that arrived after the last frame still names the file.
 void CaptureManager::closeWriter(const char* operation, WriterTable::iterator position) {
-  const auto [captureId, writer] = *position;
-  if (!ProcessMetaData(*writer, captureId)) {
+  const std::uint64_t captureId = position->first;
+  if (!ProcessMetaData(*position->second, captureId)) {
     TARNIK_DEBUG(0, "Debug: %s: No metadata for flow 0x%lx", operation, captureId);
   }
   EraseConnWriter(position);

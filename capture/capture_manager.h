@@ -10,6 +10,7 @@
 // handle; an operation holds another one while it works on a writer.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <memory>
@@ -82,6 +83,11 @@ class CaptureManager {
   void ExpireWriters();
   // Closes all writers.
   void CloseWriters();
+  // The number of captures that have left the table. It grows while ExpireWriters or CloseWriters
+  // makes progress. Any thread.
+  [[nodiscard]] std::uint64_t finishedCaptures() const {
+    return finishedCaptures_.load(std::memory_order_relaxed);
+  }
 
   // Measures the capture directory. The limits use the last measurement.
   void UpdateUsageCounters();
@@ -119,6 +125,7 @@ class CaptureManager {
   // that a lookup touches fewer pages.
   std::pmr::unsynchronized_pool_resource entries_;
   WriterTable writers_{&entries_};
+  std::atomic<std::uint64_t> finishedCaptures_{0};  // relaxed: a gauge of progress
   DiskUsage usage_;
   std::uint64_t diskUsed_ = 0;
   std::uint64_t filesUsed_ = 0;

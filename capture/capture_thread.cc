@@ -14,7 +14,7 @@
 namespace tarnik {
 namespace {
 
-constexpr std::chrono::seconds kJoinRound{1};
+constexpr std::chrono::milliseconds kJoinRound{100};
 
 }  // namespace
 
@@ -41,13 +41,13 @@ void CaptureThread::stop() {
   }
 }
 
-void CaptureThread::join(const std::function<void()>& onRound) {
+void CaptureThread::join(const std::function<void()>& onProgress) {
   TARNIK_DEBUG(3, "Debug: %s: Packet capture stopping", "join");
   if (!started_) {
     return;
   }
   if (::pthread_equal(thread_, ::pthread_self()) == 0) {  // otherwise pthread_join fails
-    awaitEnd(onRound);
+    awaitEnd(onProgress);
   }
   const int error = ::pthread_join(thread_, nullptr);
   if (error != 0) {
@@ -57,7 +57,9 @@ void CaptureThread::join(const std::function<void()>& onRound) {
 }
 
 // pthread_timedjoin_np would use the wall clock, which may be set back.
-void CaptureThread::awaitEnd(const std::function<void()>& onRound) {
+void CaptureThread::awaitEnd(const std::function<void()>& onProgress) {
+  const CaptureManager& manager = CaptureManager::instance();
+  std::uint64_t finishedBefore = manager.finishedCaptures();
   std::unique_lock lock(mutex_);
   while (!end_.wait_for(lock, kJoinRound, [this] { return ended_; })) {
     // A process that shares the memory of the queue can clear the shutdown, so request it again.
@@ -65,9 +67,11 @@ void CaptureThread::awaitEnd(const std::function<void()>& onRound) {
       captureIf_->Shutdown();
     }
     lock.unlock();
-    if (onRound) {
-      onRound();
+    const std::uint64_t finished = manager.finishedCaptures();
+    if (finished != finishedBefore && onProgress) {
+      onProgress();
     }
+    finishedBefore = finished;
     lock.lock();
   }
 }

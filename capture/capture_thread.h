@@ -32,10 +32,11 @@ class CaptureThread {
   void start(std::uint64_t queueTimeout);
   // Asks the thread to end and wakes it from a read.
   void stop();
-  // Waits until the thread has ended and has closed all captures. Calls `onRound` once a second
-  // while it waits, because closing thousands of captures takes long. Does nothing when the thread
-  // was never started.
-  void join(const std::function<void()>& onRound = {});
+  // Waits until the thread has ended and has closed all captures. Closing thousands of captures
+  // takes long: calls `onProgress` every tenth of a second in which captures were finished. Without
+  // progress, as when a child process hangs, there are no calls. Does nothing when the thread was
+  // never started.
+  void join(const std::function<void()>& onProgress = {});
 
  protected:
   enum class Opening {
@@ -63,7 +64,7 @@ class CaptureThread {
   };
 
   static void* threadFunc(void* self);
-  void awaitEnd(const std::function<void()>& onRound);
+  void awaitEnd(const std::function<void()>& onProgress);
   void run();
   [[nodiscard]] bool initStatistics();
   void processFrames();

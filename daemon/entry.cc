@@ -132,7 +132,8 @@ void startCapture() {
 void shutDown(const LoopContext& context) {
   tickleWatchdog(&context);
   setState(kStopping);
-  // Thousands of open captures take longer to finalise than the watchdog waits.
+  // Thousands of open captures take longer to finalise than the watchdog waits, so each progress
+  // tickles it. A capture that hangs lets the watchdog end the process.
   captureThread.join([&context] { tickleWatchdog(&context); });
   tickleWatchdog(&context);
   OrloWatchdogTimerVirtDestroy(context.watchdogTimer);

@@ -1,5 +1,6 @@
 // The real daemon and its watchdog. With thousands of captures open on the real queue and the
 // preloaded driver, closing them takes longer than the watchdog waits.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -132,6 +134,28 @@ TEST_F(ShutdownTest, ClosesEveryCaptureHoweverLongThatTakes) {
   if (took < kWatchdog + seconds(1)) {
     GTEST_SKIP() << captures << " captures, the most that may be open here, are closed too quickly";
   }
+}
+
+// A child process of the daemon that hangs while captures are closed must not hang the daemon.
+TEST_F(ShutdownTest, TheWatchdogEndsADaemonWhoseChildHangs) {
+  constexpr char kHungCp[] = "/tmp/bin/cp";
+  fs::create_directories(fs::path(kHungCp).parent_path());
+  writeFile(kHungCp, "#!/bin/sh\necho $$ > /tmp/hung\nexec sleep 1000\n");
+  fs::permissions(kHungCp, fs::perms::all);
+  const std::string path = std::getenv("PATH");
+  ::setenv("PATH", ("/tmp/bin:" + path).c_str(), 1);
+  DaemonProcess daemon({"-D", "-w", "5", "-p", "/etc"});
+  ::setenv("PATH", path.c_str(), 1);
+  ASSERT_TRUE(daemon.waitFor("Daemon started"));
+  ASSERT_NO_FATAL_FAILURE(feed(3));
+  ASSERT_NO_FATAL_FAILURE(awaitOpen(3));
+  const auto begin = steady_clock::now();
+  daemon.signal(SIGTERM);
+  const Ending ending = daemon.wait();
+  EXPECT_EQ(ending, killedBy(SIGABRT));
+  EXPECT_LT(steady_clock::now() - begin, seconds(30));
+  EXPECT_THAT(daemon.errors(), ::testing::HasSubstr("Watchdog: no sign of life for 6 seconds"));
+  ::kill(std::stoi(readFile("/tmp/hung").value_or("0")), SIGKILL);
 }
 
 // Without tickles the watchdog would end the daemon after five seconds.
