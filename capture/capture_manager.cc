@@ -137,6 +137,9 @@ int CaptureManager::ConsumeFrame(std::uint64_t captureId, const FrameHeader& fra
     return kFileCountExceeded;
   }
 
+  if (limits.diskSpace != sharedDiskSpace_) {
+    shareBuffers(limits.diskSpace, writers_.size());
+  }
   Writer writer;
   WriterTable::iterator position;
   if (!LookupConnWriter(captureId, writer, position)) {
@@ -162,8 +165,9 @@ int CaptureManager::consumeFirstFrame(std::uint64_t captureId, const FrameHeader
   TARNIK_DEBUG(3, "Debug: %s: New writer: 0x%lx", "ConsumeFrame", captureId);
   char name[17];
   std::snprintf(name, sizeof name, "%lx", captureId);
-  const Writer writer = std::make_shared<PcapWriter>(std::string(kCaptureDir) + name,
-                                                     static_cast<std::uint64_t>(maxFileSize));
+  shareBuffers(sharedDiskSpace_, writers_.size() + 1);
+  const Writer writer = std::make_shared<PcapWriter>(
+      std::string(kCaptureDir) + name, static_cast<std::uint64_t>(maxFileSize), bufferShare_);
   if (!writer->Open()) {
     TARNIK_ERROR("Error: %s: Open [%s] failed", "ConsumeFrame", name);
     return kOpenFailed;
@@ -179,6 +183,20 @@ int CaptureManager::consumeFirstFrame(std::uint64_t captureId, const FrameHeader
     PushConnWriter(captureId, writer);
   }
   return kOk;
+}
+
+// Divides the memory for buffers among `captures` open captures. The share changes rarely, so most
+// calls cost a comparison.
+void CaptureManager::shareBuffers(std::uint64_t diskSpace, std::size_t captures) {
+  const std::size_t share = bufferShare(diskSpace, captures, kLargestBuffer);
+  sharedDiskSpace_ = diskSpace;
+  if (share == bufferShare_) {
+    return;
+  }
+  bufferShare_ = share;
+  for (const auto& [captureId, writer] : writers_) {
+    writer->limitBuffer(share);
+  }
 }
 
 bool CaptureManager::ProcessMetaData(PcapWriter& writer, std::uint64_t captureId) {

@@ -110,6 +110,7 @@ class CaptureManager {
                                       const std::uint8_t* data, std::uint32_t flags,
                                       std::int64_t maxFileSize);
   void closeWriter(const char* operation, WriterTable::iterator position);
+  void shareBuffers(std::uint64_t diskSpace, std::size_t captures);
   [[nodiscard]] bool LookupIssueName(std::int32_t issueId, std::string& name) const;
   [[nodiscard]] bool LookupNapUuid(std::int32_t priority, std::string& uuid) const;
 
@@ -126,6 +127,8 @@ class CaptureManager {
   std::pmr::unsynchronized_pool_resource entries_;
   WriterTable writers_{&entries_};
   std::atomic<std::uint64_t> finishedCaptures_{0};  // relaxed: a gauge of progress
+  std::size_t bufferShare_ = kLargestBuffer;        // bytes that each writer may buffer
+  std::uint64_t sharedDiskSpace_ = 0;               // the limit that bufferShare_ was computed from
   DiskUsage usage_;
   std::uint64_t diskUsed_ = 0;
   std::uint64_t filesUsed_ = 0;

@@ -2,6 +2,15 @@
 
 namespace tarnik {
 
+std::size_t bufferShare(std::uint64_t diskSpace, std::size_t captures, std::size_t largest) {
+  constexpr std::uint64_t kBufferedPart = 16;
+  std::size_t share = largest;
+  while (share > kSmallestBuffer && share * captures > diskSpace / kBufferedPart) {
+    share /= 2;
+  }
+  return share;
+}
+
 LimitEvent::Verdict LimitEvent::test(std::uint64_t used, std::uint64_t limit, std::time_t now,
                                      const Limits& limits) {
   if (used > limit && armed_) {

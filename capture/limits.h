@@ -1,6 +1,7 @@
 // The limits on captures, and when a frame over a limit raises an event.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 
@@ -14,6 +15,16 @@ struct Limits {
   std::int64_t eventInterval = 0;    // longest quiet period after an event, in seconds
   std::uint32_t eventThreshold = 0;  // longest quiet period after an event, in frames
 };
+
+// The records that wait in the buffers of open captures are not in the capture directory yet, so
+// the limit on disk space does not see them. Together they may take a sixteenth of that limit, or
+// kSmallestBuffer per capture if that is more.
+inline constexpr std::size_t kSmallestBuffer = 4096;
+
+// The largest buffer, in bytes, that each of `captures` open captures may have: a power of two from
+// kSmallestBuffer to `largest`.
+[[nodiscard]] std::size_t bufferShare(std::uint64_t diskSpace, std::size_t captures,
+                                      std::size_t largest);
 
 // The event of one limit. It is raised once and is then quiet until enough frames or enough time
 // have passed. Frames within the limit count too. Not thread-safe.
