@@ -1,7 +1,9 @@
 #include "capture/capture_manager.h"
 
 #include <orlo_sdk.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <utility>
@@ -63,6 +65,7 @@ int CaptureManager::Init(const std::string& issuesPath, std::int64_t maxTimeout,
   if (result == kOk) {
     nameTime_ = std::time(nullptr);
     nameSeq_ = 0;
+    latestNameTime_ = std::max(nameTime_, latestNameTime_);
     diskUsed_ = 0;
     filesUsed_ = 0;
   }
@@ -222,12 +225,7 @@ bool CaptureManager::UpdateWriter(PcapWriter& writer, std::int32_t triggerId,
                                   std::uint64_t flowId) {
   TARNIK_DEBUG(3, "Debug: %s: triggerId=%d", "UpdateWriter", triggerId);
   const std::time_t now = std::time(nullptr);
-  if (now != nameTime_) {
-    nameTime_ = now;
-    nameSeq_ = 0;
-  } else {
-    ++nameSeq_;
-  }
+  nextSequence(now);
   std::tm utc{};
   if (::gmtime_r(&now, &utc) == nullptr) {
     TARNIK_ERROR("Error: %s: Failed to get timestamp: %d", "UpdateWriter", errno);
@@ -248,11 +246,51 @@ bool CaptureManager::UpdateWriter(PcapWriter& writer, std::int32_t triggerId,
     case TriggerClass::kUnknown:
       break;
   }
-  const std::string path = captureFileName(utc, triggerId, policyName, nameSeq_);
+  const std::string path = chooseName(utc, triggerId, policyName);
   TARNIK_DEBUG(0, "Debug: %s: %s", "UpdateWriter", path.c_str());
   writer.Update(path, static_cast<std::uint32_t>(triggerId), policyName,
                 static_cast<std::int64_t>(flowId));
   return true;
+}
+
+void CaptureManager::nextSequence(std::time_t now) {
+  if (now == nameTime_) {
+    ++nameSeq_;
+    return;
+  }
+  nameTime_ = now;
+  nameSeq_ = 0;
+  secondRepeats_ = now <= latestNameTime_;
+  latestNameTime_ = std::max(now, latestNameTime_);
+}
+
+// The first name from nameSeq_ on that is free. Skipping a name uses up its number.
+std::string CaptureManager::chooseName(const std::tm& utc, std::int32_t triggerId,
+                                       const std::string& issueName) {
+  std::string path = captureFileName(utc, triggerId, issueName, nameSeq_);
+  while (isTaken(path)) {
+    std::string next = captureFileName(utc, triggerId, issueName, nameSeq_ + 1);
+    if (next == path) {
+      break;  // truncated before the number, so no number helps
+    }
+    ++nameSeq_;
+    path = std::move(next);
+  }
+  return path;
+}
+
+// The names of open captures are not in the directory yet. They can only be equal to `path` if
+// sequence numbers do not distinguish them.
+bool CaptureManager::isTaken(const std::string& path) const {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) == 0) {
+    return true;
+  }
+  if (!secondRepeats_ && path.size() < kMaxCapturePath) {
+    return false;
+  }
+  return std::ranges::any_of(writers_,
+                             [&](const auto& item) { return item.second->finalPath() == path; });
 }
 
 bool CaptureManager::LookupIssueName(std::int32_t issueId, std::string& name) const {

@@ -67,8 +67,11 @@ class CaptureManager {
 
   // Names the writer from the capture's metadata. True when the writer has a name.
   bool ProcessMetaData(PcapWriter& writer, std::uint64_t captureId);
-  // Names the writer's file after the current time and the trigger. Logs a line and returns false
-  // when the issue or rule is unknown.
+  // Names the writer's file after the current time and the trigger. Skips the names of existing
+  // files and of open captures. A name that is truncated before its sequence number may have no
+  // free alternative; the writer then gets a taken name, and its Close keeps the working file
+  // instead of replacing another one. Logs a line and returns false when the issue or rule is
+  // unknown.
   [[nodiscard]] bool UpdateWriter(PcapWriter& writer, std::int32_t triggerId, std::uint64_t flowId);
 
   // Finds a capture's writer and its position in the table. Otherwise returns false and the end.
@@ -111,6 +114,10 @@ class CaptureManager {
                                       std::int64_t maxFileSize);
   void closeWriter(const char* operation, WriterTable::iterator position);
   void shareBuffers(std::uint64_t diskSpace, std::size_t captures);
+  void nextSequence(std::time_t now);
+  [[nodiscard]] std::string chooseName(const std::tm& utc, std::int32_t triggerId,
+                                       const std::string& issueName);
+  [[nodiscard]] bool isTaken(const std::string& path) const;
   [[nodiscard]] bool LookupIssueName(std::int32_t issueId, std::string& name) const;
   [[nodiscard]] bool LookupNapUuid(std::int32_t priority, std::string& uuid) const;
 
@@ -132,8 +139,10 @@ class CaptureManager {
   DiskUsage usage_;
   std::uint64_t diskUsed_ = 0;
   std::uint64_t filesUsed_ = 0;
-  std::time_t nameTime_ = 0;   // second of the last name
-  std::uint64_t nameSeq_ = 0;  // sequence number of the last name within that second
+  std::time_t nameTime_ = 0;        // second of the last name
+  std::uint64_t nameSeq_ = 0;       // sequence number of the last name within that second
+  std::time_t latestNameTime_ = 0;  // latest second of all names
+  bool secondRepeats_ = false;      // the clock was set back: nameTime_ may have had names before
 };
 
 }  // namespace tarnik

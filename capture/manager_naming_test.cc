@@ -45,6 +45,12 @@ class NamingTest : public test::ManagerTest {
     policyName = writer.info().policyName;
     return writer.finalPath().substr(20);
   }
+  // Opens an unknown capture and returns its name.
+  std::string capture(std::uint64_t captureId) {
+    announce(captureId, 65535);
+    EXPECT_EQ(consume(captureId), 0);
+    return writerOf(captureId)->finalPath().substr(20);
+  }
 
   std::string policyName;  // of the last name()
 };
@@ -112,6 +118,61 @@ TEST_F(NamingTest, EveryFailureUsesANumber) {
   EXPECT_EQ(name(0), "none");
   noCalendar = false;
   EXPECT_EQ(name(0), "20240305-070810.unknown.3.pcap");
+}
+
+// Files of an earlier run, or of a time before the clock was set back.
+TEST_F(NamingTest, NamesOfExistingFilesAreSkipped) {
+  const std::string begin = std::string(kCaptureDir) + "20240305-070810.";
+  test::writeFile(begin + "unknown.0.pcap", "");
+  test::writeFile(begin + "ips.web.1.pcap", "");
+  std::filesystem::create_symlink("/nowhere", begin + "ips.web.2.pcap");
+  std::filesystem::create_directory(begin + "unknown.5.pcap");
+  EXPECT_EQ(name(0), "20240305-070810.unknown.1.pcap");
+  EXPECT_EQ(name(70000), "20240305-070810.ips.web.3.pcap");
+  EXPECT_EQ(name(0), "20240305-070810.unknown.4.pcap");
+  EXPECT_EQ(name(0), "20240305-070810.unknown.6.pcap");
+}
+
+TEST_F(NamingTest, NamesOfOpenCapturesAreSkippedAfterTheClockWasSetBack) {
+  EXPECT_EQ(capture(1), "20240305-070810.unknown.0.pcap");
+  EXPECT_EQ(capture(2), "20240305-070810.unknown.1.pcap");
+  wait(0);  // Init's second, before the first name
+  EXPECT_EQ(capture(3), "20240305-070809.unknown.0.pcap");
+  wait(1);
+  EXPECT_EQ(capture(4), "20240305-070810.unknown.2.pcap");
+  EXPECT_EQ(capture(5), "20240305-070810.unknown.3.pcap");
+  wait(2);
+  EXPECT_EQ(capture(6), "20240305-070811.unknown.0.pcap");
+  wait(1);
+  EXPECT_EQ(capture(7), "20240305-070810.unknown.4.pcap");
+  manager.CloseWriters();
+  EXPECT_EQ(captures().size(), 7u);
+}
+
+TEST_F(NamingTest, InitsSecondMayRepeatToo) {
+  wait(0);
+  EXPECT_EQ(capture(1), "20240305-070809.unknown.1.pcap");
+  wait(-1);
+  EXPECT_EQ(capture(2), "20240305-070808.unknown.0.pcap");
+  wait(0);
+  EXPECT_EQ(capture(3), "20240305-070809.unknown.0.pcap");
+  EXPECT_EQ(capture(4), "20240305-070809.unknown.2.pcap");
+}
+
+// The truncated name has room for one digit of the number.
+TEST_F(NamingTest, TruncatedNamesAreNotSharedWhileTheyDiffer) {
+  test::writeFile(test::kIssuesPath, "70000," + std::string(212, 'n') + "\n");
+  ASSERT_EQ(reload({}), 0);
+  std::vector<std::string> paths;
+  for (std::uint64_t captureId = 0; captureId < 10; ++captureId) {
+    announce(captureId, 70000);
+    ASSERT_EQ(consume(captureId), 0);
+    paths.push_back(writerOf(captureId)->finalPath());
+    EXPECT_EQ(paths.back().substr(252), "." + std::to_string(captureId));
+  }
+  announce(10, 70000);
+  ASSERT_EQ(consume(10), 0) << "no free name, which must not take forever";
+  EXPECT_THAT(paths, testing::Contains(writerOf(10)->finalPath()));
 }
 
 TEST_F(NamingTest, ATimeWithoutACalendarDate) {
