@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include "base/log.h"
@@ -168,16 +169,36 @@ int CaptureManager::consumeFirstFrame(std::uint64_t captureId, const FrameHeader
   TARNIK_DEBUG(3, "Debug: %s: New writer: 0x%lx", "ConsumeFrame", captureId);
   char name[17];
   std::snprintf(name, sizeof name, "%lx", captureId);
-  shareBuffers(sharedDiskSpace_, writers_.size() + 1);
-  const Writer writer = std::make_shared<PcapWriter>(
-      std::string(kCaptureDir) + name, static_cast<std::uint64_t>(maxFileSize), bufferShare_);
-  if (!writer->Open()) {
+  WriterTable::iterator entry = writers_.end();
+  Result result = kOpenFailed;
+  try {
+    shareBuffers(sharedDiskSpace_, writers_.size() + 1);
+    const Writer writer = std::make_shared<PcapWriter>(
+        std::string(kCaptureDir) + name, static_cast<std::uint64_t>(maxFileSize), bufferShare_);
+    // Adds an empty entry before the file exists. So PushConnWriter needs no memory.
+    entry = writers_.try_emplace(captureId).first;
+    if (writer->Open()) {
+      result = writeFirstFrame(writer, captureId, frame, data, flags);
+    } else {
+      TARNIK_ERROR("Error: %s: Open [%s] failed", "ConsumeFrame", name);
+    }
+  } catch (const std::bad_alloc&) {
     TARNIK_ERROR("Error: %s: Open [%s] failed", "ConsumeFrame", name);
-    return kOpenFailed;
   }
+  if (entry != writers_.end() && entry->second == nullptr) {
+    writers_.erase(entry);
+  }
+  return result;
+}
+
+CaptureManager::Result CaptureManager::writeFirstFrame(const Writer& writer,
+                                                       std::uint64_t captureId,
+                                                       const FrameHeader& frame,
+                                                       const std::uint8_t* data,
+                                                       std::uint32_t flags) {
   if (!writer->Write(frame, data)) {
     const Result result = reportWriteFailure(*writer, captureId);
-    raiseFileSizeEvent(result, maxFileSize);
+    raiseFileSizeEvent(result, static_cast<std::int64_t>(writer->maxFileSize()));
     return result;
   }
   TarnikMetaCache::instance().update(captureId);
@@ -214,7 +235,12 @@ bool CaptureManager::ProcessMetaData(PcapWriter& writer, std::uint64_t captureId
     return false;
   }
   TARNIK_DEBUG(3, "Debug: %s: Found metadata: 0x%lx", "ProcessMetaData", flowId);
-  if (!UpdateWriter(writer, static_cast<std::int32_t>(triggerId), flowId)) {
+  bool updated = false;
+  try {
+    updated = UpdateWriter(writer, static_cast<std::int32_t>(triggerId), flowId);
+  } catch (const std::bad_alloc&) {  // the next frame tries again
+  }
+  if (!updated) {
     TARNIK_ERROR("Error: %s: Failed to update writer: 0x%lx", "ProcessMetaData", captureId);
     return false;
   }
@@ -289,8 +315,9 @@ bool CaptureManager::isTaken(const std::string& path) const {
   if (!secondRepeats_ && path.size() < kMaxCapturePath) {
     return false;
   }
-  return std::ranges::any_of(writers_,
-                             [&](const auto& item) { return item.second->finalPath() == path; });
+  return std::ranges::any_of(writers_, [&](const auto& item) {
+    return item.second != nullptr && item.second->finalPath() == path;
+  });
 }
 
 bool CaptureManager::LookupIssueName(std::int32_t issueId, std::string& name) const {

@@ -6,6 +6,10 @@
 // their events, which a mutex guards, and the two maps, which guard themselves. None of these locks
 // is held while a file is written or a line is logged.
 //
+// Out of memory: a new capture fails as if its file could not be opened, and a capture that cannot
+// be named is tried again. Only Init and Reload throw std::bad_alloc; the limits are then
+// unchanged.
+//
 // A writer closes and finalises its file when its last handle is destroyed. The table holds one
 // handle; an operation holds another one while it works on a writer.
 #pragma once
@@ -19,6 +23,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "capture/block_pool.h"
 #include "capture/disk_usage.h"
 #include "capture/limits.h"
 #include "capture/pcap_writer.h"
@@ -112,6 +117,9 @@ class CaptureManager {
   [[nodiscard]] int consumeFirstFrame(std::uint64_t captureId, const FrameHeader& frame,
                                       const std::uint8_t* data, std::uint32_t flags,
                                       std::int64_t maxFileSize);
+  [[nodiscard]] Result writeFirstFrame(const Writer& writer, std::uint64_t captureId,
+                                       const FrameHeader& frame, const std::uint8_t* data,
+                                       std::uint32_t flags);
   void closeWriter(const char* operation, WriterTable::iterator position);
   void shareBuffers(std::uint64_t diskSpace, std::size_t captures);
   void nextSequence(std::time_t now);
@@ -129,9 +137,9 @@ class CaptureManager {
   IssueMap issueMap_;
   NapMap napMap_;
 
-  // Keeps the table's entries next to each other in memory, not between the writers' buffers, so
-  // that a lookup touches fewer pages.
-  std::pmr::unsynchronized_pool_resource entries_;
+  // Keeps the entries of the table apart from the writers' buffers, so that lookups touch few
+  // pages.
+  BlockPool entries_;
   WriterTable writers_{&entries_};
   std::atomic<std::uint64_t> finishedCaptures_{0};  // relaxed: a gauge of progress
   std::size_t bufferShare_ = kLargestBuffer;        // bytes that each writer may buffer

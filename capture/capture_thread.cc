@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "base/log.h"
@@ -86,7 +87,13 @@ void* CaptureThread::threadFunc(void* self) {
 }
 
 void CaptureThread::run() {
-  if (!initCaptureQueue(Opening::kFirst)) {
+  bool ready = false;
+  try {
+    ready = initCaptureQueue(Opening::kFirst);
+  } catch (const std::bad_alloc&) {  // TarnikIfCreate found no memory
+    TARNIK_ERROR("Error: %s: Failed to create tarnikd interface", "initCaptureQueue");
+  }
+  if (!ready) {
     TARNIK_ERROR("Error: %s: Failed initialize the thread for capture", "threadFunc");
     return;
   }

@@ -1,6 +1,8 @@
 #include "capture/meta_cache.h"
 
 #include <algorithm>
+#include <new>
+#include <vector>
 
 #include "base/log.h"
 
@@ -33,7 +35,10 @@ TarnikMetaCache& TarnikMetaCache::instance() {
 }
 
 TarnikMetaCache::TarnikMetaCache() : lockReady_(pthread_rwlock_init(&lock_, nullptr) == 0) {
-  entries_.reserve(kUsualEntries);
+  try {
+    entries_.reserve(kUsualEntries);
+  } catch (const std::bad_alloc&) {  // the index grows later
+  }
 }
 
 TarnikMetaCache::~TarnikMetaCache() {
@@ -55,8 +60,12 @@ void TarnikMetaCache::config(int timeout) {
 void TarnikMetaCache::add(std::uint64_t captureId, std::uint64_t flowId, std::uint32_t triggerId) {
   TARNIK_DEBUG(3, "Debug: %s: Add metatdata for 0x%lx", "add", captureId);
   const std::time_t now = std::time(nullptr);
-  const Guard guard(lock_, pthread_rwlock_wrlock);
-  entries_[captureId] = {flowId, triggerId, expireTimeFrom(now)};
+  try {
+    const Guard guard(lock_, pthread_rwlock_wrlock);
+    entries_[captureId] = {flowId, triggerId, expireTimeFrom(now)};
+  } catch (const std::bad_alloc&) {
+    TARNIK_ERROR("Error: %s: No memory for the metadata of 0x%lx", "add", captureId);
+  }
 }
 
 bool TarnikMetaCache::lookup(std::uint64_t captureId, std::uint64_t& flowId,
@@ -96,35 +105,44 @@ void TarnikMetaCache::expire() {
   TARNIK_DEBUG(3, "Debug: %s: entry", "expire");
   const std::time_t now = std::time(nullptr);
   const Guard guard(lock_, pthread_rwlock_wrlock);
-  for (const Entries::iterator item : ascending()) {
+  visitAscending([&](Entries::iterator item) {
     const auto& [captureId, entry] = *item;
-    if (now <= entry.expireTime) {
-      continue;
+    if (now > entry.expireTime) {
+      TARNIK_DEBUG(3, "Debug: %s: Expiring 0x%lx (flowId=0x%lx, triggerId=0x%x)", "expire",
+                   captureId, entry.flowId, entry.triggerId);
+      entries_.erase(item);
     }
-    TARNIK_DEBUG(3, "Debug: %s: Expiring 0x%lx (flowId=0x%lx, triggerId=0x%x)", "expire", captureId,
-                 entry.flowId, entry.triggerId);
-    entries_.erase(item);
-  }
+  });
 }
 
 void TarnikMetaCache::dump() {
   const Guard guard(lock_, pthread_rwlock_rdlock);
   TARNIK_INFO("%s: TarnikMetaCache", "dump");
-  for (const Entries::iterator item : ascending()) {
+  visitAscending([](Entries::iterator item) {
     const auto& [captureId, entry] = *item;
     TARNIK_INFO("0x%lx: 0x%lx 0x%x", captureId, entry.flowId, entry.triggerId);
-  }
+  });
 }
 
-std::vector<TarnikMetaCache::Entries::iterator> TarnikMetaCache::ascending() {
+template <typename Visit>
+void TarnikMetaCache::visitAscending(Visit visit) {
   std::vector<Entries::iterator> items;
-  items.reserve(entries_.size());
+  try {
+    items.reserve(entries_.size());
+  } catch (const std::bad_alloc&) {
+    for (auto next = entries_.begin(); next != entries_.end();) {
+      visit(next++);
+    }
+    return;
+  }
   for (auto item = entries_.begin(); item != entries_.end(); ++item) {
     items.push_back(item);
   }
   std::sort(items.begin(), items.end(),
             [](const auto& one, const auto& other) { return one->first < other->first; });
-  return items;
+  for (const Entries::iterator item : items) {
+    visit(item);
+  }
 }
 
 }  // namespace tarnik

@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <ctime>
 #include <unordered_map>
-#include <vector>
 
 namespace tarnik {
 
@@ -28,7 +27,8 @@ class TarnikMetaCache {
 
   // Sets the life of entries added or refreshed from now on, in seconds. Main thread.
   void config(int timeout);
-  // Adds an entry, or replaces the capture's entry and restarts its life. Main thread.
+  // Adds an entry, or replaces the capture's entry and restarts its life. Logs a line and drops the
+  // metadata when there is no memory. Main thread.
   void add(std::uint64_t captureId, std::uint64_t flowId, std::uint32_t triggerId);
   // Returns true and the entry's values, or false and zeroes. Finds an entry past its time too,
   // until expire removes it. Any thread.
@@ -52,9 +52,11 @@ class TarnikMetaCache {
   using Entries = std::unordered_map<std::uint64_t, Entry>;
 
   [[nodiscard]] std::time_t expireTimeFrom(std::time_t now) const;
-  // All entries by ascending captureId. Every frame needs an entry, but the order is needed rarely:
-  // the map is unordered and sorted on demand.
-  [[nodiscard]] std::vector<Entries::iterator> ascending();
+  // Calls `visit` for all entries by ascending captureId; `visit` may erase its entry. Every frame
+  // needs an entry, but the order is needed rarely: the map is unordered and sorted on demand.
+  // Without memory for that, the order is undefined.
+  template <typename Visit>
+  void visitAscending(Visit visit);
 
   Entries entries_;  // guarded by lock_
   pthread_rwlock_t lock_;

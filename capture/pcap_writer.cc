@@ -198,8 +198,8 @@ void PcapWriter::limitBuffer(std::size_t bytes) {
 void PcapWriter::Update(const std::string& finalPath, std::uint32_t policyId,
                         const std::string& policyName, std::int64_t flowId) {
   TARNIK_DEBUG(3, "Debug: %s: [%s]", "Update", finalPath.c_str());
-  finalPath_ = finalPath;
   info_.set(finalPath, policyId, policyName, flowId);
+  finalPath_ = finalPath;  // last: without memory the writer stays without a name
   named_ = true;
 }
 

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <latch>
+#include <new>
 
 #include "base/testing/process.h"
 #include "capture/testing/thread.h"
@@ -71,6 +72,14 @@ TEST_F(ThreadLifeTest, FailuresToOpen) {
        "Error: initCaptureQueue: Failed to open tarnikd ifg"},
       {{.create = false},
        {"TarnikIfgOpen", "TarnikIfCreate"},
+       "Error: initCaptureQueue: Failed to create tarnikd interface"},
+      {{.onCall =
+            [](const std::string& call) {
+              if (call == "TarnikIfCreate") {
+                throw std::bad_alloc();
+              }
+            }},
+       {"TarnikIfgOpen"},
        "Error: initCaptureQueue: Failed to create tarnikd interface"},
       {{.open = kQFailed},
        {"TarnikIfgOpen", "TarnikIfCreate", "Open(0)"},

@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <new>
 
 namespace tarnik::test {
 namespace {
@@ -17,12 +18,15 @@ void keep(int priority, const char* format, va_list arguments) {
   va_copy(copy, arguments);
   const int length = std::vsnprintf(nullptr, 0, format, copy);
   va_end(copy);
-  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-  std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-  const std::lock_guard guard(mutex);
-  lines.push_back({LOG_PRI(priority), std::move(text)});
-  if (lineHook != nullptr) {
-    lineHook(lines.back());
+  try {
+    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    const std::lock_guard guard(mutex);
+    lines.push_back({LOG_PRI(priority), std::move(text)});
+    if (lineHook != nullptr) {
+      lineHook(lines.back());
+    }
+  } catch (const std::bad_alloc&) {  // a line without memory is lost, as in a real log
   }
 }
 
