@@ -175,6 +175,23 @@ TEST_F(NamingTest, TruncatedNamesAreNotSharedWhileTheyDiffer) {
   EXPECT_THAT(paths, testing::Contains(writerOf(10)->finalPath()));
 }
 
+TEST_F(NamingTest, ACaptureWithoutAFreeNameKeepsItsWorkingName) {
+  test::writeFile(test::kIssuesPath, "70000," + std::string(300, 'n') + "\n");
+  ASSERT_EQ(reload({}), 0);
+  for (const std::uint64_t captureId : {1U, 2U}) {
+    announce(captureId, 70000);
+    ASSERT_EQ(consume(captureId, 100, static_cast<unsigned>(captureId)), 0);
+  }
+  ASSERT_EQ(consumeLast(1), 0);
+  const std::string path = writerOf(2)->finalPath();
+  EXPECT_EQ(records(path.substr(20)).at(0), record(100, 1));
+  ASSERT_EQ(consumeLast(2), 0);
+  EXPECT_THAT(test::logTexts(),
+              testing::Contains("Error: Finalize: Failed to finalize [" + path + "]: File exists"));
+  EXPECT_EQ(records(path.substr(20)).at(0), record(100, 1));
+  EXPECT_EQ(records("2").at(0), record(100, 2));
+}
+
 TEST_F(NamingTest, ATimeWithoutACalendarDate) {
   test::setTime(std::numeric_limits<std::time_t>::max());
   EXPECT_EQ(name(0), "none");
