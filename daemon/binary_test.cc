@@ -46,8 +46,8 @@ TEST(BinaryTest, NeedsOnlyTheLanguageAndThePlatform) {
 }
 
 TEST(BinaryTest, HasTheWatchdogTimerAsAGlobal) {
-  EXPECT_THAT(readelf({"-s", "-W"}),
-              ::testing::ContainsRegex("OBJECT +GLOBAL +DEFAULT.*tarnik13watchdogTimer"));
+  const auto isGlobal = ::testing::ContainsRegex("OBJECT +GLOBAL +DEFAULT.*tarnik13watchdogTimer");
+  EXPECT_TRUE(::testing::Value(readelf({"-s", "-W"}), isGlobal));
 }
 
 TEST(BinaryTest, ReadsNoEnvironment) {

@@ -271,16 +271,18 @@ TEST_F(BadCsvTest, NulByteAndUnclosedQuoteAreBadRecords) {
   }
 }
 
-// The error cuts the name "bcd" to "bc".
+// The error follows a record, or cuts the name "bcd" to "bc".
 TEST_F(BadCsvTest, AReadErrorIsAFailure) {
   const std::string csv = file("7,a\n8,bcd\n");
-  platform.readErrorAt = 8;
-  IssueMap map;
-  EXPECT_FALSE(map.PopulateIssueMap(csv.c_str()));
-  std::string name;
-  EXPECT_FALSE(map.LookupIssueName(8, name));
-  EXPECT_THAT(logLines().back(),
-              errorLine("Error: PopulateIssueMap: Could not read [" + csv + "], line: 2"));
+  for (const std::size_t offset : {4u, 8u}) {
+    platform.readErrorAt = offset;
+    IssueMap map;
+    EXPECT_FALSE(map.PopulateIssueMap(csv.c_str())) << offset;
+    std::string name;
+    EXPECT_FALSE(map.LookupIssueName(8, name));
+    EXPECT_THAT(logLines().back(),
+                errorLine("Error: PopulateIssueMap: Could not read [" + csv + "], line: 2"));
+  }
 }
 
 TEST_F(BadCsvTest, TenMebibytesOfOneRecord) {
