@@ -79,8 +79,8 @@ struct CommandResponse {
 
 // Daemon side.
 
-// Reads the header of a message of which `received` bytes arrived. `message` has at least
-// kHeaderSize bytes all the same: zeroes follow those received. The first three fields are 0 when
+// Reads the header of a message of which `received` bytes arrived. `message` always has
+// at least kHeaderSize bytes: zeroes follow those received. The first three fields are 0 when
 // fewer than 16 bytes arrived.
 [[nodiscard]] CommandHeader decodeHeader(const std::uint8_t* message, std::size_t received);
 

@@ -1,5 +1,5 @@
-// The real command socket and the real metadata cache: announcing a capture costs no memory beyond
-// the cache's entry.
+// The real command socket and the real metadata cache: a metadata message allocates only the
+// cache's entry.
 #include <gtest/gtest.h>
 #include <orlo_sdk.h>
 #include <sys/socket.h>

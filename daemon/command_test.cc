@@ -1,5 +1,5 @@
-// The command protocol over the recording platform: what is refused, in which order, and what is
-// done and answered, byte by byte.
+// The command protocol with the recording platform: the checks and their order, the actions, and
+// the responses byte by byte.
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -21,7 +21,7 @@ constexpr char kSender[] = "/run/orlo/client";
 
 class CommandTest : public DaemonTest {
  protected:
-  // What the daemon did about one datagram, its receipt aside.
+  // The record of one datagram, without its receipt.
   static Record process(const Bytes& bytes, const std::string& sender = kSender) {
     return process(RecordingSdk::Datagram{bytes, sender, {}});
   }
@@ -79,7 +79,7 @@ TEST_F(CommandTest, HeaderChecks) {
   EXPECT_TRUE(sdk().responses.empty());
 }
 
-// Everything is wrong; mending the first fault shows the second.
+// A message with all faults. Each correction shows the next fault.
 TEST_F(CommandTest, HeaderChecksInTheirOrder) {
   Message message{.type = 5, .length = 5000, .id = 0, .component = 6, .flags = 2};
   const RecordingSdk::Datagram longer{resized(message.bytes(), 4096), kSender, 4097};
@@ -115,7 +115,7 @@ TEST_F(CommandTest, EveryLengthOfAGoodMessage) {
   }
 }
 
-// The bytes behind a short datagram are zeroes, not the last message's.
+// The bytes after a short datagram are zeroes, not those of the last message.
 TEST_F(CommandTest, ShortMessagesThatClaimTheirOwnLength) {
   EXPECT_EQ(process(resized(Message{.length = 16}.bytes(), 16)), refusal("Invalid flags: 00"));
   EXPECT_EQ(process(resized(Message{.length = 17}.bytes(), 17)), refusal("Invalid flags: 00"));

@@ -23,7 +23,7 @@ struct Options {
 extern Options options;
 
 // Parses the command line into `options` and `flags`. Each -v raises the platform's debug level.
-// Returns 0, or 12 when the command line is not acceptable; it parses to the end all the same.
+// Returns 0, or 12 when the command line is not acceptable; then too it parses to the end.
 // Prints nothing.
 [[nodiscard]] int parseOptions(int argc, char** argv, std::uint32_t& flags);
 

@@ -85,7 +85,7 @@ INSTANTIATE_TEST_SUITE_P(
                     .moduleDir = "/q"},
         CommandLine{.arguments = {"-D", "--"}, .flags = 1}));
 
-// Whatever is wrong, the rest of the command line is read and the path of the issue list built.
+// After an error the rest of the command line is still read and the issue list's path is built.
 INSTANTIATE_TEST_SUITE_P(
     Refused, OptionsTest,
     ::testing::Values(

@@ -147,7 +147,7 @@ TEST_F(ProcessTest, AReloadRequestAndAHangupTogether) {
   EXPECT_EQ(daemon.stop(), kSucceeded);
 }
 
-// The reload runs a command meanwhile. Large policies make it long enough for the second signal.
+// Meanwhile the reload runs a command. A large policy makes the reload last longer.
 TEST_F(ProcessTest, ASignalDuringAReloadIsNotLost) {
   std::string policy;
   for (int line = 0; line < 20000; ++line) {

@@ -81,7 +81,7 @@ TEST_F(ReloadTest, SetsTheReloadingStateBeforeItsFirstTickle) {
   EXPECT_EQ(OrloLogDebugLevel, 0U);
 }
 
-// State and debug level as each step finds them.
+// Records the state and the debug level at each step.
 TEST_F(ReloadTest, ChangesStateAndLevelBetweenItsSteps) {
   writeConfig("tarnik.debuglevel=2\n");
   OrloLogDebugLevel = 5;

@@ -38,7 +38,7 @@ struct TarnikSettings {
 [[nodiscard]] TarnikSettings& getSettings();
 
 // Reads the file at `path` into the record, line by line. Returns 0 at its end; 1 when it cannot be
-// opened or read, or when a value was rejected: then the lines before that one have taken effect
+// opened or read, or when a value was rejected. The lines before that one have then taken effect,
 // and those after it are not read. Only a regular file is opened.
 [[nodiscard]] int load(TarnikSettings& settings, const char* path);
 

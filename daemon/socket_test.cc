@@ -1,4 +1,4 @@
-// The real daemon's command socket under good, bad and very many messages.
+// The real daemon's command socket: valid, invalid and very many messages.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,7 +11,6 @@ namespace tarnik::test {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 
 const Bytes kState = Message().bytes();
 const Bytes kStateResponse = {0, 7, 0, 23, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88,
@@ -69,28 +68,18 @@ TEST_F(SocketTest, MetadataReachesTheCacheAndTheDump) {
                   "0x102030405060708: 0x1112131415161718 0x21222324"));
 }
 
-TEST_F(SocketTest, EveryLengthFrom0To5000) {
+TEST_F(SocketTest, EmptyAndShortDatagramsAreRefused) {
   const Bytes whole = Message{.type = 3, .flags = 0}.bytes();  // never accepted
-  std::vector<std::string> expected;
-  const std::string from = "Error: processMessage: Invalid message from " + client_.path();
-  for (std::size_t size = 0; size <= 5000; ++size) {
-    client_.send(resized(whole, size, 0xff));
-    if (size == 0) {
-      expected.emplace_back("Error: processMessage: Failed to receive message: 0");
-      continue;
-    }
-    if (size < 16) {
-      expected.emplace_back("Error: validateMessage: Component ID invalid: 0");
-    } else if (size < 19) {
-      expected.push_back("Error: validateMessage: Incomplete message: exp 19 got " +
-                         std::to_string(size));
-    } else {
-      expected.emplace_back("Error: validateMessage: Invalid flags: 00");
-    }
-    expected.push_back(from);
+  for (const std::size_t size : {0, 15, 18, 19}) {
+    client_.send(resized(whole, size));
   }
   answers();
-  EXPECT_THAT(daemon_->newLog(), ElementsAreArray(expected));
+  const std::string from = "Error: processMessage: Invalid message from " + client_.path();
+  EXPECT_THAT(daemon_->newLog(),
+              ElementsAre("Error: processMessage: Failed to receive message: 0",
+                          "Error: validateMessage: Component ID invalid: 0", from,
+                          "Error: validateMessage: Incomplete message: exp 19 got 18", from,
+                          "Error: validateMessage: Invalid flags: 00", from));
 }
 
 TEST_F(SocketTest, ALongDatagramIsCutAt4096) {

@@ -1,4 +1,4 @@
-// Policy files of every shape: what the readers make of them, within bounded memory.
+// Unusual policy files: the readers' results and their use of memory.
 #include <malloc.h>
 #include <sys/resource.h>
 
@@ -22,7 +22,7 @@ using testing::Pair;
 
 constexpr std::size_t kMiB = 1024 * 1024;
 
-// A sanitizer takes memory of its own.
+// A sanitizer also takes memory.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kMemoryIsMeasured = false;
 #elif defined(__has_feature)

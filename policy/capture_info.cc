@@ -1,6 +1,5 @@
 #include "policy/capture_info.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -26,7 +25,7 @@ void writeTimes(std::FILE* stream, const CaptureInfo& info) {
 }
 
 void writePolicy(std::FILE* stream, const CaptureInfo& info) {
-  const int id = static_cast<int>(info.policyId);  // read as signed: large ids come out negative
+  const int id = static_cast<int>(info.policyId);  // signed: large ids are printed as negative
   const long flow = info.flowId;
   if (isNapRule(info)) {
     std::fprintf(stream, "nap.priority=%d\nnap.uuid=%s\nnap.flow.id=%ld\n", id,
@@ -66,7 +65,7 @@ bool fini(CaptureInfo& info) {
   const std::string templatePath =
       isNapRule(info) ? kNapTemplatePrefix + info.policyName : kIpsTemplatePath;
   const int copied = copyTemplate(templatePath, info.infoPath);
-  Stream stream = openForWriting(info.infoPath.c_str(), O_APPEND);
+  Stream stream = openForWriting(info.infoPath.c_str(), WriteMode::kAppend);
   if (!stream) {
     TARNIK_ERROR("Error: %s: Failed to open: %s, errno=%d", "fini", info.infoPath.c_str(), errno);
     return false;

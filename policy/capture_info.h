@@ -7,7 +7,7 @@
 
 namespace tarnik {
 
-// In info files a trigger identifier up to this one is a NAP rule priority, a larger one an IPS
+// In an info file a trigger identifier up to this one is a NAP rule priority, a larger one an IPS
 // issue.
 inline constexpr std::uint32_t kMaxNapPriority = 65535;
 

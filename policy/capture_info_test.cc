@@ -16,7 +16,7 @@ using testing::Optional;
 
 constexpr char kDirectory[] = "/var/support/tarnik";
 
-// Captures in the sensor's directory, one hour of the year 2024 long, of 12 bytes.
+// Captures of 12 bytes in the sensor's directory that last one hour.
 class CaptureInfoTest : public PolicyTest {
  protected:
   CaptureInfoTest() {
@@ -225,7 +225,7 @@ TEST_F(CaptureInfoTest, EndTimeAndDebugLineComeBeforeTheCopyAndTheSizeBehindIt) 
       Optional(std::string(kTimes) + "nap.priority=5\nnap.uuid=6f9a\nnap.flow.id=1\nfile.size=5"));
 }
 
-// What no rule or issue started is described like a rule without a name.
+// A capture that no rule or issue started is described like one of a rule without a name.
 TEST_F(CaptureInfoTest, NamelessCapture) {
   writeFile(inDirectory("template.nap."), "nap=1\n");
   for (const std::uint32_t id : {0u, 65535u}) {

@@ -1,7 +1,5 @@
 #include "policy/info_template.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <string>
@@ -29,7 +27,7 @@ void writeRules(std::FILE* stream, std::span<const RuleSpan> rules) {
 }  // namespace
 
 bool writeInfoTemplate(const char* path, std::span<const RuleSpan> rules) {
-  Stream stream = openForWriting(path, O_TRUNC);
+  Stream stream = openForWriting(path, WriteMode::kReplace);
   if (!stream) {
     TARNIK_ERROR("Error: %s: Failed to open: %s, errno=%d", "writeInfoTemplate", path, errno);
     return false;

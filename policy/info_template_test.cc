@@ -52,8 +52,9 @@ TEST_F(InfoTemplateTest, NewFilesHaveTheModeThatTheMaskLeavesAndStayOutOfTheShel
   for (const mode_t mask : {0u, 022u}) {
     const std::string name = path(std::to_string(mask));
     const mode_t before = umask(mask);
-    for (const int how : {O_TRUNC, O_APPEND}) {
-      const Stream stream = openForWriting((name + std::to_string(how)).c_str(), how);
+    for (const WriteMode mode : {WriteMode::kReplace, WriteMode::kAppend}) {
+      const Stream stream =
+          openForWriting((name + (mode == WriteMode::kAppend ? "a" : "w")).c_str(), mode);
       ASSERT_TRUE(stream);
       struct stat status {};
       EXPECT_EQ(fstat(fileno(stream.get()), &status), 0);
@@ -197,7 +198,7 @@ TEST_F(InfoTemplateTest, NapReferenceThatRepeatsHasItsRulesOnce) {
       Optional(std::string("acl.rule.responses.a=tarnik:\nacl.rule.responses.a=tarnik:\n")));
 }
 
-// What a file is does not decide what its references are.
+// A file's references depend on its keys, not on its name.
 TEST_F(InfoTemplateTest, EitherFileMayHoldResponsesOfTheOther) {
   writeFile("/etc/ips.conf", "acl.rule.responses.a = tarnik:\n");
   writeFile("/etc/acl.conf", "ips.responses.object.b = tarnik:\n");

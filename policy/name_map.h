@@ -1,4 +1,4 @@
-// A map from numbers to names that one thread fills while others look up.
+// A map from numbers to names. One thread fills it while others look names up.
 //
 // Thread safety: only the main thread calls add and refill; any thread may call the rest. A mutex
 // guards the map. add and refill build the new map aside and swap it in, so a look-up never waits

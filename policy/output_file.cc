@@ -9,12 +9,14 @@
 
 namespace tarnik {
 
-Stream openForWriting(const char* path, int how) noexcept {
-  OwnedFd fd(::open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | how, 0666));
+Stream openForWriting(const char* path, WriteMode mode) noexcept {
+  const bool append = mode == WriteMode::kAppend;
+  const int flag = append ? O_APPEND : O_TRUNC;
+  OwnedFd fd(::open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flag, 0666));
   if (!fd) {
     return nullptr;
   }
-  Stream stream(::fdopen(fd.get(), (how & O_APPEND) != 0 ? "a" : "w"));
+  Stream stream(::fdopen(fd.get(), append ? "a" : "w"));
   if (stream) {
     fd.release();
   }

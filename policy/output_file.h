@@ -1,16 +1,20 @@
-// How templates and info files are written: never waiting, and never failing in silence.
+// Writing templates and info files, without waiting for pipes and with a log line for each failure.
 #pragma once
+
+#include <cstdint>
 
 #include "base/owned.h"
 
 namespace tarnik {
 
-// Opens like fopen(path, "w") (`how` is O_TRUNC) or fopen(path, "a") (O_APPEND), but does not wait
-// at a pipe: one that nobody reads fails with ENXIO. Close-on-exec. Empty, with errno, on failure.
-[[nodiscard]] Stream openForWriting(const char* path, int how) noexcept;
+enum class WriteMode : std::uint8_t { kReplace, kAppend };
 
-// Closes the stream; logs for `operation` when not all that was written has reached the file, as on
-// a full disk. Such a file is cut short, and stays: what it holds is right.
+// Opens like fopen with mode "w" or "a", but does not wait at a pipe: one that nobody reads fails
+// with ENXIO. Close-on-exec. Empty, with errno, on failure.
+[[nodiscard]] Stream openForWriting(const char* path, WriteMode mode) noexcept;
+
+// Closes the stream. Logs for `operation` when the file is incomplete, as on a full disk; such a
+// file stays, because what it contains is correct.
 void finishWriting(const char* operation, const char* path, Stream& stream) noexcept;
 
 }  // namespace tarnik

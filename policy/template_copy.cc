@@ -16,7 +16,7 @@
 namespace tarnik {
 namespace {
 
-// Not isalnum(): what it takes for a letter depends on the locale.
+// Not isalnum(), which depends on the locale.
 bool isPlain(char character) {
   constexpr std::string_view kPlain =
       "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./:@%+=,-";
@@ -33,7 +33,7 @@ bool isPipe(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
-// Whether the shell takes the path for no more than itself and cp does not wait there.
+// Whether the path has no special meaning to the shell and cp does not wait there.
 bool isOrdinary(const std::string& path) {
   return isPlain(path) && !isPipe(path);
 }

@@ -17,8 +17,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Optional;
 
-// Names that, in a command line, would make the shell create a file named "ran", or make it or cp
-// take one path for something else.
+// Names that would make the shell create a file named "ran", or change the meaning of the command.
 const std::string kHostileNames[] = {"x; echo >ran",
                                      "x$(echo >ran)",
                                      "x`echo >ran`",
@@ -91,7 +90,7 @@ TEST_F(TemplateCopyTest, HostileNamesRunNothingAndAreCopied) {
   EXPECT_FALSE(std::filesystem::exists("ran"));
 }
 
-// What a shell makes of these names, to show that the test above can fail.
+// The same names given to a shell, to show that the test above can fail.
 TEST_F(TemplateCopyTest, HostileNamesWouldRun) {
   int ran = 0;
   for (const std::string& name : kHostileNames) {
@@ -126,8 +125,8 @@ TEST_F(TemplateCopyTest, HostileCaptureStillGetsItsTemplateLines) {
 
 // ---- The copy made here has the effect of cp ------------------------------------------------
 
-// Prepares source and target anew for the shell ("plain") and for the copy made here ("o d d"), and
-// expects the same file, with the same mode, of both.
+// Prepares source and target once for cp ("plain") and once for our copy ("o d d"), and expects the
+// same file with the same mode both times.
 class LikeCp : public TemplateCopyTest {
  protected:
   template <typename Prepare>

@@ -1,4 +1,4 @@
-// What the tests of the daemon over the recording platform share.
+// The fixture of tests with the recording platform.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -14,27 +14,27 @@ namespace tarnik::test {
 
 using Record = std::vector<std::string>;
 
-// Gives each test a daemon that has not run yet: a fresh platform, whose record has the log lines
-// as well, default settings and options, state 0.
+// Resets the platform, the settings, the options and the state before each test. Log lines are in
+// the platform's record too.
 class DaemonTest : public ::testing::Test {
  protected:
   DaemonTest();
   ~DaemonTest() override;
 };
 
-// The entries without the reading of settings, whose many calls are of no interest to most tests.
+// The entries without the calls that read settings.
 [[nodiscard]] Record withoutParsing(const Record& record);
 
-// The calls, log lines and tickles that match: those that begin with one of the prefixes.
+// The entries that begin with one of the prefixes.
 [[nodiscard]] Record startingWith(const Record& record, const std::vector<std::string>& prefixes);
 
-// How a daemon that ran in a process of its own ended.
+// The result of a daemon that ran in a child process.
 struct Outcome {
   int exitStatus;      // -1 when a signal ended it
   Record record;       // the platform's record at its exit
   std::string errors;  // what it wrote to standard error
 };
-// Runs the daemon's main function in a child process, on the platform as it is prepared now.
+// Runs the daemon's main function in a child process, with the platform as it is prepared now.
 // `arguments` do not include the program's name.
 [[nodiscard]] Outcome runDaemon(const std::vector<std::string>& arguments);
 

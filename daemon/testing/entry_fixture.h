@@ -1,4 +1,4 @@
-// A run of the daemon call by call, for tests of its main function in a private root.
+// The calls of a run of the daemon's main function, for tests in a private root.
 #pragma once
 
 #include <csignal>
@@ -51,7 +51,7 @@ inline const Record kStart = {
     "OrloLoop()",
 };
 
-// From the loop's end on.
+// After the loop.
 inline const Record kShutdown = {
     "OrloLoop returns",
     "tickle",
@@ -69,7 +69,7 @@ inline Record joined(std::initializer_list<Record> parts) {
   return result;
 }
 
-// The start up to, and with, the first entry that begins with `last`.
+// The start up to and including the first entry that begins with `last`.
 inline Record startUpTo(const std::string& last) {
   Record result;
   for (const std::string& entry : kStart) {

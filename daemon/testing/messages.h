@@ -9,7 +9,7 @@ namespace tarnik::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// A message whose fields differ from those of a good request of its type only where told.
+// A valid request of its type, except for the fields that the test sets.
 struct Message {
   std::uint16_t type = 2;
   std::uint16_t length = 19;
@@ -38,7 +38,7 @@ struct Message {
 };
 
 // A metadata request for capture 0x0102030405060708, flow 0x1112131415161718 and trigger
-// 0x21222324, whose values stand in the message with their low byte first.
+// 0x21222324. The message has each value's low byte first.
 inline Bytes metadataMessage() {
   return Message{.type = 4, .length = 39, .payload = {0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02,
                                                       0x01, 0x18, 0x17, 0x16, 0x15, 0x14, 0x13,

@@ -1,8 +1,8 @@
-// Stand-ins for what the daemon calls beyond the platform, for tests that check the order of
-// things: the capture manager, the capture thread, the metadata cache and the template generators,
-// and runShell(), umask() and sigprocmask(). Each call is recorded by sdk() and can be failed
-// there; only the signal mask and the umask take effect as well. A test program that links this
-// file has none of the real ones, and no shell.
+// Recording implementations of the rest that the daemon calls: the capture manager, the capture
+// thread, the metadata cache and the template generators, and runShell(), umask() and
+// sigprocmask(). Each call is recorded by sdk() and can be failed there; only the signal mask and
+// the umask take effect as well. A test program that links this file has none of the real ones, and
+// no shell.
 #include <dlfcn.h>
 #include <sys/stat.h>
 

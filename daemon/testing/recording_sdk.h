@@ -1,8 +1,8 @@
-// A second implementation of orlo_sdk.h, for tests: it does nothing but record every call with its
-// arguments, in order, and answer as it is told. It is linked in place of liborlo_sdk.
+// An implementation of orlo_sdk.h for tests. It records every call with its arguments and returns
+// what the test wants. Tests link it in place of liborlo_sdk.
 //
 // The record is a list of texts: calls as "OrloCmdInit(\"tarnikd\", 0)", log lines as
-// "<3>Error: ...", and "tickle" where the watchdog's word was found at 0 again. Main thread.
+// "<3>Error: ...", and "tickle" where the watchdog was tickled. Main thread.
 #pragma once
 
 #include <orlo_sdk.h>
@@ -22,7 +22,7 @@ class RecordingSdk {
  public:
   // Adds an entry to the record, preceded by "tickle" if the watchdog was tickled since the last.
   void record(std::string entry);
-  // Records a call and returns the result it was told to give, or `usual`.
+  // Records a call and returns the result set by failWhere, or `usual`.
   int call(std::string entry, int usual = 0);
 
   // Makes calls whose entry begins with `prefix` return `result` (null or false where the call
@@ -31,23 +31,23 @@ class RecordingSdk {
     failures_.emplace_back(std::move(prefix), result);
   }
 
-  // Called while a call is being made, with its entry: the place to look at the daemon's own state.
+  // Called during each call, with its entry. Tests look at the daemon's state here.
   std::function<void(const std::string& entry)> onCall;
 
   // The record since the last clear(), a last tickle included.
   [[nodiscard]] std::vector<std::string> entries();
   void clear();
 
-  // How a pointer reads in the record: the name given here, "null", or "?".
+  // The text of a pointer in the record: the name given here, "null", or "?".
   void nameOf(const void* pointer, std::string name) { names_[pointer] = std::move(name); }
   void nameOf(OrloLoopCallback callback, std::string name) {
     nameOf(reinterpret_cast<const void*>(callback), std::move(name));
   }
   [[nodiscard]] std::string name(const void* pointer) const;
-  // How user data reads: "null", "context" for the first there was, "another" for others.
+  // The text of user data: "null", "context" for the first there was, "another" for others.
   [[nodiscard]] std::string userDataName(const void* userData);
 
-  // ---- the loop: OrloLoop takes its steps until one quits it or none is left
+  // ---- the loop: OrloLoop runs these steps until one quits the loop
   std::vector<std::function<void()>> loopSteps;
   // Runs the callback registered for a signal, timer interval or descriptor.
   int raise(int signal) const { return run(signals_.at(signal), signal); }
@@ -67,7 +67,7 @@ class RecordingSdk {
   };
   std::vector<Response> responses;
 
-  // ---- the capture thread: so often its join calls back
+  // ---- the capture thread: the number of rounds of its join
   unsigned joinRounds = 0;
 
   // ---- state of the platform
@@ -98,7 +98,7 @@ class RecordingSdk {
 
 // The one platform of the test program.
 [[nodiscard]] RecordingSdk& sdk();
-// Replaces it by a new one with nothing recorded and nothing to fail; the debug level becomes 0.
+// Replaces it by a new one with an empty record and no failures, and resets the debug level to 0.
 void resetSdk();
 
 }  // namespace tarnik::test
