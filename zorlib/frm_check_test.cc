@@ -164,9 +164,11 @@ TEST_F(CheckDeathTest, NamesTheFirstConditionThatIsViolated) {
 
 TEST_F(CheckDeathTest, LogsTheDescriptor) {
   frame_->ref_cnt = 255;
+  frame_->qref_cnt = 8;
+  frame_->eng_ref_cnt = 7;
   dies("fp->ref_ctl.ref_cnt < 10",
        text("%p [%p-%p/257] bsz 64 fsz 64 idx 5 if_in 1 if_out 4294967295 num_if 2 ref_cnt 255 "
-            "qref_cnt 9 eng_ref_cnt 9",
+            "qref_cnt 8 eng_ref_cnt 7",
             static_cast<void*>(frame_), static_cast<void*>(q_->frmDesc),
             static_cast<void*>(q_->frmDesc + kFrames + 1)));
 }
