@@ -14,7 +14,7 @@ using ::testing::IsEmpty;
 
 using ArgumentsTest = GroupTest;
 
-// A look-up has no result of its own for a bad handle; the caller sees errno.
+// A look-up reports a bad handle like a missing parameter, but sets errno.
 int asStatus(unsigned long found) {
   return found == 0 ? -1 : 0;
 }

@@ -142,18 +142,6 @@ TEST_F(GroupsTest, CountersOutliveTheirProcesses) {
   EXPECT_EQ(zorlib_ifg_close(ifg), 0);  // the mapping's reference
 }
 
-TEST_F(GroupsTest, NeedInterfacesThatExist) {
-  zorvik_ifg_config config{};
-  config.num_ifs = 2;
-  zorlib_ifg* ifg = nullptr;
-  EXPECT_EQ(zorlib_ifg_create("mine", &config, &ifg), -1);
-  EXPECT_EQ(errno, ENXIO);
-  ASSERT_EQ(logLines().size(), 1u);
-  EXPECT_THAT(logLines()[0].text,
-              HasSubstr("Error: zorlib_ifg_create: Invalid kern IF 0 [if#0] failed - "));
-  EXPECT_THAT(groups(), ElementsAre(std::pair("brund", 0u)));
-}
-
 // Two interfaces of the machine, mated.
 class PairTest : public GroupsTest {
  protected:
@@ -195,8 +183,6 @@ TEST_F(PairTest, OtherProcessesSeeTheCreatorsSettings) {
     EXPECT_EQ(zorlib_set_param("zorvik.mine.3.cpu_mask", "f0"), 0);
     zorlib_ifg* ifg = nullptr;
     EXPECT_EQ(zorlib_ifg_create("mine", &config_, &ifg), 0);
-    const zorvik_qpair_cfg pair{.index = 3, .size = 0, .if_mask = 0, .cpu_mask = 0};
-    EXPECT_EQ(zorlib_ifg_set_qpair_cfg(ifg, &pair), 0);
     return zorlib_ifg_close(ifg);
   });
   ASSERT_EQ(creator.wait(), kSucceeded);
@@ -231,49 +217,6 @@ TEST_F(PairTest, ListsTheMachinesInterfaces) {
     EXPECT_EQ(found->index, config_.ifs[i].kern_if);
   }
   EXPECT_EQ(zorlib_if_enum(list.data(), 1), 1);
-}
-
-TEST_F(PairTest, AnOpenGroupSeesAnotherProcesssInterfaces) {
-  ASSERT_EQ(zorlib_set_param("zorvik.brund.q_size", "1000"), 0);
-  zorlib_ifg* const ifg = opened("brund");
-  zorvik_frm_desc* descriptors = nullptr;
-  std::uint32_t size = 0;
-  std::uint8_t* payload = nullptr;
-  ASSERT_EQ(zorlib_map_frm_data(ifg, &descriptors, &size, &payload, &size), 0);
-  zorvik_frm_desc* const frame = zorlib_ifg_frm_alloc(ifg, 100);
-  ASSERT_NE(frame, nullptr);
-  zorlib_FRM_Vm(ifg, frame);
-  Process owner([this] {
-    zorlib_ifg* const mine = opened("brund");
-    EXPECT_EQ(zorlib_ifg_configure(mine, &config_), 0);
-    return zorlib_ifg_close(mine);
-  });
-  ASSERT_EQ(owner.wait(), kSucceeded);
-  EXPECT_EQ(zorlib_ifg_lookup_qsize(ifg, nullptr), 1000u);
-  frame->if_in = 0;
-  frame->if_out = 1;
-  zorlib_FRM_Vm(ifg, frame);
-  EXPECT_THAT(logLines(), IsEmpty());
-  EXPECT_EQ(zorlib_frm_free(ifg, frame), 0);
-  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
-  EXPECT_EQ(zorlib_ifg_close(ifg), 0);  // the mapping's reference
-}
-
-TEST_F(PairTest, AGroupWithInterfacesOfAnotherGroupIsNotCreated) {
-  zorlib_ifg* const ifg = opened("brund");
-  ASSERT_EQ(zorlib_ifg_configure(ifg, &config_), 0);
-  zorlib_ifg* mine = nullptr;
-  errno = 0;
-  EXPECT_EQ(zorlib_ifg_create("mine", &config_, &mine), -1);
-  EXPECT_EQ(errno, EBUSY);
-  EXPECT_EQ(mine, nullptr);
-  EXPECT_THAT(logLines(),
-              ElementsAre(LogLine{LOG_ERR,
-                                  "Error: zorlib_ifg_configure: configure ioctl (mine) failed - "
-                                  "Device or resource busy"}));
-  EXPECT_THAT(groups(), ElementsAre(std::pair("brund", 2u)));
-  EXPECT_FALSE(std::filesystem::exists("/dev/zorvik/mine"));
-  EXPECT_EQ(zorlib_ifg_close(ifg), 0);
 }
 
 TEST_F(PairTest, AKilledProcessLeavesNoHalfWrittenConfiguration) {

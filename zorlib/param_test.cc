@@ -1,5 +1,5 @@
-// Tuning parameters. The list belongs to the process: each test uses group names of its own, and
-// the test that fills the list is the last.
+// Tuning parameters. The list belongs to the process: each test uses other group names, and the
+// test that fills the list is the last.
 #include "zorlib/param.h"
 
 #include <cerrno>

@@ -1,5 +1,5 @@
-// The registry of rules, and how a pair is matched against them. In a program of its own, and in a
-// fixed order: rules remain until the process ends.
+// The registry of rules, and how a pair is matched against them. This is a separate
+// program with a fixed order of tests, because rules remain until the process ends.
 #include <cerrno>
 #include <cstring>
 #include <string>

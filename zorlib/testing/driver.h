@@ -85,7 +85,7 @@ class DriverTest : public ::testing::Test {
   void TearDown() override;
 
   static zorlib_ifg* openGroup();
-  // Configures "brund" with that many interfaces through a handle of its own.
+  // Configures "brund" with that many interfaces, through another handle.
   static void configureElsewhere(std::uint32_t interfaces);
   static void createQueue(zorlib_ifg* ifg, std::uint32_t type = ZORVIK_Q_APP,
                           std::uint32_t size = 16, const char* name = "TarnikQ");

@@ -46,7 +46,7 @@ inline constexpr unsigned kLastInterface = 164;
 // ---- Memory: calloc, free and nothrow new
 
 // The library's handles come from calloc. Objects of nothrow new count too where kReplacesNew is
-// true; a program with a sanitizer has an operator new of its own.
+// true; a sanitizer brings its own operator new.
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define TARNIK_SANITIZED
