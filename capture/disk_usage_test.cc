@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/aio_abi.h>
 #include <linux/capability.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -294,6 +295,26 @@ TEST_F(DiskUsageTest, ReportsChangesToRegularFilesAtOnce) {
   EXPECT_EQ(listings, static_cast<int>(std::size(kChanges))) << "only the comparison scans";
 }
 
+// The kernel reports no such write.
+void writeAsynchronously(const std::string& path, long long offset) {
+  aio_context_t context = 0;
+  if (::syscall(SYS_io_setup, 1, &context) != 0) {
+    return;  // not every kernel allows it
+  }
+  const OwnedFd file(::open(path.c_str(), O_WRONLY));
+  iocb request{};
+  request.aio_fildes = static_cast<std::uint32_t>(file.get());
+  request.aio_lio_opcode = IOCB_CMD_PWRITE;
+  request.aio_buf = reinterpret_cast<std::uint64_t>("x");
+  request.aio_nbytes = 1;
+  request.aio_offset = offset;
+  iocb* requests[] = {&request};
+  EXPECT_EQ(::syscall(SYS_io_submit, context, 1, requests), 1);
+  io_event event{};
+  EXPECT_EQ(::syscall(SYS_io_getevents, context, 1, 1, &event, nullptr), 1);
+  ::syscall(SYS_io_destroy, context);
+}
+
 TEST_F(DiskUsageTest, ReportsOtherChangesWithinASecond) {
   writeFile("/var/other/target", "");
   fs::create_symlink("/var/other/target", kDir + "link.pcap");
@@ -304,6 +325,7 @@ TEST_F(DiskUsageTest, ReportsOtherChangesWithinASecond) {
       {"the target of a link", [] { append("/var/other/target", 10); }},
       {"a dangling link", [] { writeFile("/var/other/nothing", "now there"); }},
       {"a file through another name", [] { append("/var/other/hard", 10); }},
+      {"an asynchronous write", [] { writeAsynchronously(kDir + "a.pcap", 3000); }},
       {"a subdirectory",
        [] {
          for (int i = 0; i < 300; ++i) {

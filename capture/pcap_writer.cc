@@ -183,13 +183,11 @@ bool PcapWriter::truncateToWholeRecords() {
 }
 
 void PcapWriter::limitBuffer(std::size_t bytes) {
-  bufferLimit_ = std::min(bytes, bufferSize_);
+  bufferLimit_ = bytes;
   if (!stream_ || __fpending(stream_.get()) <= bufferLimit_) {
     return;
   }
-  if (std::fflush(stream_.get()) == 0) {
-    complete_ = {kPcapFileHeader.size() + bytesWritten_, records_};
-  } else {
+  if (std::fflush(stream_.get()) != 0) {
     TARNIK_ERROR("Error: %s: Failed to write packet: %s", "Write", std::strerror(errno));
     dropPartialRecord("Write");
   }

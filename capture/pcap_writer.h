@@ -96,7 +96,7 @@ class PcapWriter {
   std::string workingPath_;
   std::string finalPath_;
   std::size_t bufferSize_;
-  std::size_t bufferLimit_;         // at most bufferSize_
+  std::size_t bufferLimit_;
   std::unique_ptr<char[]> buffer_;  // used by stream_, so declared before it
   Stream stream_;
   std::uint64_t bytesWritten_ = 0;

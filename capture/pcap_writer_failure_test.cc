@@ -93,15 +93,18 @@ TEST_F(PcapWriterFailureTest, OpenLeavesDescriptorsForOtherFiles) {
     return opened;
   };
   std::vector<OwnedFd> others;
-  for (int i = 0; i < 100; ++i) {
-    others.emplace_back(::dup(0));
-  }
+  const auto use = [&others](std::size_t count) {
+    while (others.size() < count) {
+      others.emplace_back(::dup(0));
+    }
+  };
+  use(20);
+  EXPECT_TRUE(open(10)) << "of few descriptors a quarter is left";
+  use(100);
   EXPECT_TRUE(open(17));
   clearLog();
   EXPECT_FALSE(open(16));
   expectLog({{LOG_ERR, "Error: Open: Failed to open /var/support/tarnik/1f: Too many open files"}});
-  others.clear();
-  EXPECT_TRUE(open(5)) << "of few descriptors three quarters can be used";
 }
 
 // A write that fails after some bytes of the record header or the data.
@@ -140,7 +143,7 @@ TEST_F(PcapWriterFailureTest, AFailedWriteLeavesWholeRecords) {
 
 // A partial record that cannot be truncated: the next write and Close try again.
 TEST_F(PcapWriterFailureTest, TruncationFails) {
-  for (const int times : {1, 2, 100}) {
+  for (const int times : {1, 2, 3, 100}) {
     SCOPED_TRACE(times);
     emptyCaptureDir();
     const auto writer = started();
@@ -189,6 +192,28 @@ TEST_F(PcapWriterFailureTest, FlushAtCloseFails) {
              {LOG_ERR,
               "Error: Close: Failed to close [/var/support/tarnik/1f]: No space left on device"}});
   EXPECT_EQ(readFile(kFinal), kPcapHeader) << "the record was still in the buffer";
+}
+
+// The buffer is lost twice, once with the header of the file.
+TEST_F(PcapWriterFailureTest, ALostRecordIsCountedOnce) {
+  const LogLine lost{LOG_ERR, "Error: Write: Lost 1 record(s) of [/var/support/tarnik/1f]"};
+  const auto writer = std::make_unique<PcapWriter>(kWorking, kNoLimit);
+  {
+    const LimitedSize limited(0);
+    EXPECT_TRUE(writer->Open());
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_TRUE(write(*writer, 100));
+      writer->limitBuffer(100);
+      expectLog({{LOG_ERR, "Error: Write: Failed to write packet: File too large"}, lost});
+      EXPECT_EQ(writer->bytesWritten(), 0U);
+      writer->limitBuffer(kLargestBuffer);
+    }
+  }
+  EXPECT_TRUE(write(*writer, 100));
+  writer->Update(kFinal, 7, "uuid", 12);
+  EXPECT_TRUE(writer->Close());
+  EXPECT_EQ(recordsIn(kFinal), 1U);
+  EXPECT_THAT(logLines(), IsEmpty());
 }
 
 TEST_F(PcapWriterFailureTest, CloseFailsAndFreesTheStream) {
