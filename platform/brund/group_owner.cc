@@ -72,7 +72,7 @@ std::string whyRefused(const zorvik_ifg_config& config, const std::vector<std::s
 
 template <class Use>
 void forEachIn(const fs::path& directory, Use use) {
-  std::error_code error;  // a process may end meanwhile
+  std::error_code error;  // a process may end now
   for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
        entry.increment(error)) {
     use(entry->path());

@@ -70,7 +70,7 @@ void Daemon::stop() {
     zorlib_ifg_close(group_);
   }
   if (socket_) {
-    receiveMetadata();
+    receiveAllMetadata();
     socket_.reset();
     unlink(brund::kDaemonSocket);
   }
@@ -86,6 +86,8 @@ void Daemon::serve(Reads reads) {
   queue_ = queue;
   if (reads == Reads::kFrames && queue != nullptr) {
     read();
+  } else if (reads == Reads::kSlowSocket && queue != nullptr) {
+    readSlowSocket();
   }
 }
 
@@ -94,14 +96,26 @@ void Daemon::read() {
     const bool last = stopping_;  // frames that were queued before are still read
     zorvik_frm_desc* frame = nullptr;
     while (zorlib_q_read_timeout(queue_, &frame, 0) == 0) {
+      receiveAllMetadata();
       take(frame);
       usleep(pauseUs_);
     }
     if (last) {
       return;
     }
-    receiveMetadata();
+    receiveAllMetadata();
     usleep(200);
+  }
+}
+
+void Daemon::readSlowSocket() {
+  while (!stopping_) {
+    zorvik_frm_desc* frame = nullptr;
+    while (zorlib_q_read_timeout(queue_, &frame, 0) == 0) {
+      take(frame);
+    }
+    receiveMetadata();
+    usleep(pauseUs_);
   }
 }
 
@@ -120,21 +134,27 @@ void Daemon::take(zorvik_frm_desc* frame) {
   if (data != nullptr) {
     received.data.assign(data, data + frame->cap_len);
   }
-  receiveMetadata();
   received.announced = metadata_.contains(received.capture);
   frames_.push_back(std::move(received));
   ++taken_;
   EXPECT_EQ(zorlib_frm_free(group_, frame), 0) << std::strerror(errno);
 }
 
-void Daemon::receiveMetadata() {
+bool Daemon::receiveMetadata() {
   Bytes bytes(100);
-  ssize_t got = 0;
-  while ((got = recv(socket_.get(), bytes.data(), bytes.size(), 0)) > 0) {
-    EXPECT_EQ(got, 39);
-    const CaptureMetadata metadata{littleEndian(bytes, 19, 8), littleEndian(bytes, 27, 8),
-                                   static_cast<std::uint32_t>(littleEndian(bytes, 35, 4))};
-    EXPECT_TRUE(metadata_.emplace(metadata.captureId, metadata).second);
+  const ssize_t got = recv(socket_.get(), bytes.data(), bytes.size(), 0);
+  if (got <= 0) {
+    return false;
+  }
+  EXPECT_EQ(got, 39);
+  const CaptureMetadata metadata{littleEndian(bytes, 19, 8), littleEndian(bytes, 27, 8),
+                                 static_cast<std::uint32_t>(littleEndian(bytes, 35, 4))};
+  EXPECT_TRUE(metadata_.emplace(metadata.captureId, metadata).second);
+  return true;
+}
+
+void Daemon::receiveAllMetadata() {
+  while (receiveMetadata()) {
   }
 }
 

@@ -52,9 +52,12 @@ struct Received {
 // Listens on the daemon's socket, opens the queue when it appears, and reads it.
 class Daemon {
  public:
-  enum class Reads : std::uint8_t { kFrames, kNothing };
+  enum class Reads : std::uint8_t {
+    kFrames,      // and the metadata at once; takes `pauseUs` for each frame
+    kSlowSocket,  // frames at once, but takes `pauseUs` for each metadata request
+    kNothing,
+  };
 
-  // `pauseUs`: the time it takes for each frame.
   explicit Daemon(Reads reads = Reads::kFrames, unsigned pauseUs = 0);
   ~Daemon() { stop(); }
   Daemon(const Daemon&) = delete;
@@ -75,8 +78,10 @@ class Daemon {
  private:
   void serve(Reads reads);
   void read();
+  void readSlowSocket();
   void take(zorvik_frm_desc* frame);
-  void receiveMetadata();
+  bool receiveMetadata();  // one request; false when there is none
+  void receiveAllMetadata();
 
   unsigned pauseUs_;
   OwnedFd socket_;
