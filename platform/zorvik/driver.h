@@ -1,6 +1,8 @@
 // One process's access to the driver: the state and the memory shared with applications.
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <memory>
 #include <string>
@@ -27,6 +29,12 @@ class Driver {
 
   [[nodiscard]] State& state() const noexcept { return *state_; }
 
+  // The number of this process, 1 to kMaxProcesses, for processLives(); 0 when all are taken. A
+  // number is free again after its process died. The caller holds the lock.
+  [[nodiscard]] std::uint8_t process();
+  [[nodiscard]] bool hasProcess() const;
+  [[nodiscard]] static bool processLives(std::uint8_t process);
+
   // The shared memory of a group's descriptors and of a queue, mapped on first use. Null, with
   // errno, when it cannot be mapped. The caller holds the lock; the memory of a queue can also be
   // used without it.
@@ -42,6 +50,12 @@ class Driver {
   std::unique_ptr<Mapping> memory_;
   std::unique_ptr<Driver> previous_;  // kept because other threads may still use it
   State* state_;
+  // The process has a number while it has this mapping of the control node: the mapping keeps an
+  // open file description, which has locked the byte with that offset. The kernel removes the lock
+  // with the process. A child of fork() shares the mapping until it takes its own number.
+  std::unique_ptr<Mapping> registration_;
+  std::uint8_t process_ = 0;
+  pid_t registeredPid_ = 0;
   // Guarded by the driver's lock, so that a child of fork() never finds them locked.
   std::array<Cached, kMaxGroups> descriptors_;
   std::array<std::array<Cached, kMaxQueues>, kMaxGroups> queues_;

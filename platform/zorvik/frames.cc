@@ -6,6 +6,7 @@
 #include <atomic>
 #include <bit>
 #include <cerrno>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -100,7 +101,7 @@ void returnFrame(State& state, Group& group, zorvik_frm_desc& descriptor, std::u
   pushRecord(state, group, index);
 }
 
-// Which of the group's descriptors are on a queue; empty when a queue cannot be mapped.
+// Which of the group's descriptors are on a queue. Empty when a queue cannot be mapped.
 std::vector<bool> queuedFrames(Driver& driver, Group& group) {
   std::vector<bool> queued(group.records);
   for (const Queue& queue : group.queues) {
@@ -121,6 +122,40 @@ std::vector<bool> queuedFrames(Driver& driver, Group& group) {
     }
   }
   return queued;
+}
+
+// The number of the calling process, for the frames that it allocates.
+std::uint8_t ownerNumber(Driver& driver) {
+  if (!driver.hasProcess()) {
+    // The number may be that of a dead process, whose frames must not become the new one's.
+    for (Group& group : driver.state().groups) {
+      if (group.life == Life::kLive) {
+        reclaimFrames(driver, group, Reclaim::kOfDead);
+      }
+    }
+  }
+  return driver.process();
+}
+
+// Allocates frames until there are `count` of them or the pool has no more. Returns their number.
+std::uint32_t takeFrames(State& state, Group& group, zorvik_frm_desc* descriptors,
+                         std::uint32_t size, std::span<std::uint32_t> frameIds,
+                         std::uint8_t owner) {
+  std::uint32_t taken = 0;
+  for (FrameClass& each : classesOf(state)) {
+    while (size <= each.bufSize && taken < frameIds.size() && each.freeCount > 0 &&
+           group.freeCount > 0) {
+      const std::uint32_t buffer = popBuffer(state, each);
+      const std::uint32_t index = popRecord(state, group);
+      FrameRecord& record = state.records(group)[index];
+      ++group.allocs;  // before the frame is allocated, so never less than the frames in use
+      record.owner = owner;
+      std::atomic_ref(record.buffer).store(buffer + 1, std::memory_order_release);
+      store(descriptors[index], freshDescriptor(each, buffer, index, record.generation));
+      frameIds[taken++] = std::uint32_t{record.generation} << ZORVIK_FRM_GENERATION_SHIFT | index;
+    }
+  }
+  return taken;
 }
 
 }  // namespace
@@ -169,17 +204,11 @@ int allocFrames(Driver& driver, Group& group, std::uint32_t size, std::uint32_t*
     ++group.allocTooLarge;
     return -EMSGSIZE;
   }
-  std::uint32_t taken = 0;
-  for (FrameClass& each : classesOf(state)) {
-    while (size <= each.bufSize && taken < count && each.freeCount > 0 && group.freeCount > 0) {
-      const std::uint32_t buffer = popBuffer(state, each);
-      const std::uint32_t index = popRecord(state, group);
-      FrameRecord& record = state.records(group)[index];
-      ++group.allocs;  // before the frame is allocated, so never less than the frames in use
-      record.buffer = buffer + 1;
-      store(descriptors[index], freshDescriptor(each, buffer, index, record.generation));
-      frameIds[taken++] = std::uint32_t{record.generation} << ZORVIK_FRM_GENERATION_SHIFT | index;
-    }
+  const std::uint8_t owner = ownerNumber(driver);
+  std::uint32_t taken = takeFrames(state, group, descriptors, size, {frameIds, count}, owner);
+  if (taken == 0) {
+    reclaimFrames(driver, group, Reclaim::kOfDead);
+    taken = takeFrames(state, group, descriptors, size, {frameIds, count}, owner);
   }
   if (taken == 0) {
     ++group.allocEmpty;
@@ -208,19 +237,44 @@ int freeFrame(Driver& driver, Group& group, std::uint32_t frameId) {
   return 0;
 }
 
-int reclaimFrames(Driver& driver, Group& group) {
-  State& state = driver.state();
-  zorvik_frm_desc* descriptors = driver.descriptors(group);
-  const std::vector<bool> queued = queuedFrames(driver, group);
-  if (descriptors == nullptr || queued.empty()) {
-    return -ENOMEM;
+void reclaimFrames(Driver& driver, Group& group, Reclaim which) {
+  const bool countsReferences =
+      std::all_of(std::begin(group.queues), std::end(group.queues), [](const Queue& queue) {
+        return queue.life != Life::kLive || queue.type == ZORVIK_Q_FANOUT ||
+               queue.type == ZORVIK_Q_APP;
+      });
+  if (group.records == 0 || (which == Reclaim::kOfDead && !countsReferences)) {
+    return;
   }
-  for (std::uint32_t i = 1; i < group.records; ++i) {
-    if (state.records(group)[i].buffer != 0 && !queued[i]) {
+  State& state = driver.state();
+  const std::span records(state.records(group), group.records);
+  std::array<std::optional<bool>, kMaxProcesses + 1> dead;
+  dead[0] = false;
+  const auto isDead = [&](const FrameRecord& record) {
+    std::optional<bool>& known = dead[record.owner];
+    if (!known) {
+      known = !Driver::processLives(record.owner);
+    }
+    return *known;
+  };
+  std::optional<std::vector<bool>> queued;
+  zorvik_frm_desc* descriptors = driver.descriptors(group);
+  for (std::uint32_t i = 1; i < group.records && descriptors != nullptr; ++i) {
+    if (records[i].buffer == 0 ||
+        (which == Reclaim::kOfDead &&
+         (!isDead(records[i]) || std::atomic_ref(descriptors[i].qref_cnt).load() != 0))) {
+      continue;
+    }
+    if (!queued) {
+      queued = queuedFrames(driver, group);
+      if (queued->empty()) {
+        return;
+      }
+    }
+    if (!(*queued)[i]) {
       returnFrame(state, group, descriptors[i], i);
     }
   }
-  return 0;
 }
 
 void releaseFrames(State& state, Group& group) {

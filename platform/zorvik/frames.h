@@ -22,9 +22,15 @@ namespace tarnik::zorvik {
 // allocated or the identifier is an old one, EINVAL when the group has no such frame.
 [[nodiscard]] int freeFrame(Driver& driver, Group& group, std::uint32_t frameId);
 
-// Frees every frame that is not on a queue, for a group that no process has open: the frames
-// belonged to processes that died.
-[[nodiscard]] int reclaimFrames(Driver& driver, Group& group);
+// Frees the frames of processes that died, except those on a queue.
+enum class Reclaim {
+  // Of the frames that dead processes allocated, those without a queue reference: a living process
+  // may have read a frame with one from a queue, and will free it. None while the group has queues
+  // of types other than 4 and 5, because those do not count references.
+  kOfDead,
+  kAll,  // no process has the group open
+};
+void reclaimFrames(Driver& driver, Group& group, Reclaim which);
 
 // Frees all buffers of a group that is being removed.
 void releaseFrames(State& state, Group& group);

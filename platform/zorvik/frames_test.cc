@@ -214,30 +214,91 @@ TEST_F(FramesTest, RemovingAQueueFreesItsFrames) {
   EXPECT_THAT(take(1, 12), SizeIs(11));
 }
 
-// A child allocates all frames, leaves two on the queue and dies.
-void dieWithFrames() {
-  Process child([] {
-    const Fd desc = node("brund/frm_desc");
-    const auto ids = alloc(desc, 1, 12);
-    EXPECT_EQ(ids.size(), 12u);
-    const OpenQueue queue("brund/q");
-    queue.entries()[7] = ids.at(3);
-    queue.entries()[0] = ids.at(4);
-    queue.qmem().dequeue = 7;
-    queue.qmem().enqueue = 1;
-    return ::raise(SIGKILL);
-  });
-  EXPECT_EQ(child.wait(), test::killedBy(SIGKILL));
+// ---- Frames of dead processes
+
+class DeadOwnerTest : public FramesTest {
+ protected:
+  void SetUp() override {
+    FramesTest::SetUp();
+    ASSERT_GT(createQ(ifg_, "q", 8), 0);
+  }
+  // A child allocates all frames, leaves two on the queue, gives two a queue reference and dies.
+  static void dieWithFrames() {
+    Process child([] {
+      const Fd desc = node("brund/frm_desc");
+      const auto ids = alloc(desc, 1, 62);
+      EXPECT_EQ(ids.size(), 12u);
+      const OpenQueue queue("brund/q");
+      queue.entries()[7] = ids.at(3);
+      queue.entries()[0] = ids.at(4);
+      queue.qmem().dequeue = 7;
+      queue.qmem().enqueue = 1;
+      const Mapping memory(desc.get(), sizeof(zorvik_frm_desc) * 13);
+      auto* frames = reinterpret_cast<zorvik_frm_desc*>(memory.base());
+      frames[ids.at(3)].qref_cnt = 1;
+      frames[ids.at(5)].qref_cnt = 1;
+      return ::raise(SIGKILL);
+    });
+    EXPECT_EQ(child.wait(), test::killedBy(SIGKILL));
+  }
+};
+
+TEST_F(DeadOwnerTest, FramesAreFreedAtTheNextRequestThatNeedsThem) {
+  // All but the two on the queue and the one that a living reader may have read.
+  constexpr std::uint32_t kFreed = 9;
+  const struct {
+    std::function<void()> request;
+    std::uint32_t freeAfterwards;
+  } cases[] = {{[this] { expectFrames(12, kFreed); }, kFreed},
+               {[this] { EXPECT_THAT(take(1, 62), SizeIs(kFreed)); }, 0},
+               {[] { EXPECT_TRUE(node("brund/frm_desc")); }, kFreed}};
+  for (const auto& each : cases) {
+    dieWithFrames();
+    each.request();
+    EXPECT_EQ(findGroup(Driver::get()->state(), "brund")->freeCount, each.freeAfterwards);
+    TearDown();
+    SetUp();
+  }
 }
 
-TEST_F(FramesTest, FramesOfADeadProcessAreFreedWhenTheGroupIsOpenedAgain) {
-  ASSERT_GT(createQ(ifg_, "q", 8), 0);
+TEST_F(DeadOwnerTest, FramesStayWhileAQueueDoesNotCountReferences) {
+  const int id = createQ(ifg_, "raw", 8, ZORVIK_Q_RAW);
   dieWithFrames();
-  EXPECT_GT(descSize(desc_), 0);
+  expectFrames(12, 0);
+  EXPECT_EQ(removeQ(ifg_, id), 0);
+  expectFrames(12, 9);
+}
+
+TEST_F(DeadOwnerTest, AllFramesAreFreedWhenNoProcessHasTheGroupOpen) {
+  memory_.reset();
+  desc_ = Fd();
+  dieWithFrames();
+  desc_ = node("brund/frm_desc");
   expectFrames(12, 10);  // all but the two on the queue
   EXPECT_THAT(take(1, 62), SizeIs(10));
-  EXPECT_GT(descSize(desc_), 0);
   EXPECT_EQ(allocError(desc_, 1), -ENOBUFS) << "a living process lost its frames";
+  memory_ = std::make_unique<Mapping>(desc_.get(), sizeof(zorvik_frm_desc) * 13);
+}
+
+TEST_F(DeadOwnerTest, ANewProcessDoesNotInheritTheFramesOfADeadOne) {
+  const auto takeAndDie = [](std::uint32_t count, int signal) {
+    Process child([=] {
+      EXPECT_THAT(alloc(node("brund/frm_desc"), 1, count), SizeIs(count));
+      return signal == 0 ? 0 : ::raise(signal);
+    });
+    (void)child.wait();
+  };
+  takeAndDie(5, SIGKILL);
+  takeAndDie(12, 0);
+  expectFrames(17, 17);
+}
+
+TEST_F(DeadOwnerTest, AFrameOfTheParentOutlivesItsChild) {
+  const std::uint32_t mine = take(1, 1).at(0);
+  Process child([&] { return static_cast<int>(alloc(desc_, 1, 62).size()); });
+  EXPECT_EQ(child.wait(), test::exited(11));
+  expectFrames(12, 11);
+  EXPECT_EQ(freeId(desc_, mine), 0);
 }
 
 TEST_F(FramesTest, ALivingProcessKeepsItsFrames) {

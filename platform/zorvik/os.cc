@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,12 +19,31 @@ Fd::~Fd() {
   }
 }
 
+namespace {
+
+Fd openFile(const std::string& path, int flags) noexcept {
+  const auto fd =
+      ::syscall(SYS_openat, AT_FDCWD, path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600);
+  return Fd(static_cast<int>(fd));
+}
+
+struct flock byteLock(unsigned offset) noexcept {
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = offset;
+  lock.l_len = 1;
+  return lock;
+}
+
+}  // namespace
+
 Fd Fd::open(const std::string& path) noexcept {
-  return Fd(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+  return openFile(path, 0);
 }
 
 Fd Fd::create(const std::string& path) noexcept {
-  Fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+  Fd fd = openFile(path, O_CREAT | O_EXCL);
   return fd && ::fchmod(fd.get(), 0660) == 0 ? std::move(fd) : Fd();
 }
 
@@ -57,6 +77,16 @@ void markInUse(int fd) noexcept {
 bool isIdle(const std::string& path) noexcept {
   const Fd fd = Fd::open(path);
   return !fd || ::flock(fd.get(), LOCK_EX | LOCK_NB) == 0;
+}
+
+bool lockByte(int fd, unsigned offset) noexcept {
+  const struct flock lock = byteLock(offset);
+  return ::fcntl(fd, F_OFD_SETLK, &lock) == 0;
+}
+
+bool isByteLocked(int fd, unsigned offset) noexcept {
+  struct flock lock = byteLock(offset);
+  return ::fcntl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 }  // namespace tarnik::zorvik

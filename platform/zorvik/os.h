@@ -21,7 +21,8 @@ class Fd {
   ~Fd();  // preserves errno
 
   // Opens an existing node for reading and writing, or creates a file with mode 0660 whatever the
-  // umask is. Close-on-exec. Empty, with errno, on failure.
+  // umask is. Close-on-exec. Empty, with errno, on failure. Both make the system call themselves,
+  // because the library replaces open().
   [[nodiscard]] static Fd open(const std::string& path) noexcept;
   [[nodiscard]] static Fd create(const std::string& path) noexcept;
 
@@ -62,5 +63,12 @@ void markInUse(int fd) noexcept;
 
 // True when no process has the node marked as in use, or the node does not exist.
 [[nodiscard]] bool isIdle(const std::string& path) noexcept;
+
+// Locks one byte of the file for the open file description, as long as that exists. False when
+// another one has locked it.
+[[nodiscard]] bool lockByte(int fd, unsigned offset) noexcept;
+
+// True when another open file description has locked the byte.
+[[nodiscard]] bool isByteLocked(int fd, unsigned offset) noexcept;
 
 }  // namespace tarnik::zorvik

@@ -1,6 +1,7 @@
 // libzorvik.so, for LD_PRELOAD: replaces ioctl() and answers the driver's requests; every other
-// request goes to the kernel. Also replaces the calls that close or replace a descriptor, because
-// it remembers which descriptors are nodes.
+// request goes to the kernel. It also replaces open(), because a node is in use while it is open,
+// and the calls that close or replace a descriptor, because it remembers which descriptors are
+// nodes.
 #include <dlfcn.h>
 #include <linux/ioctl.h>
 
@@ -43,9 +44,14 @@ class Next {
 };
 
 constinit Next<int (*)(int, unsigned long, ...)> nextIoctl("ioctl");
+constinit Next<int (*)(const char*, int, ...)> nextOpen("open");
 constinit Next<int (*)(int)> nextClose("close");
 constinit Next<int (*)(int, int)> nextDup2("dup2");
 constinit Next<int (*)(int, int, int)> nextDup3("dup3");
+
+int openWithNext(const char* path, int flags, unsigned mode) {
+  return nextOpen(path, flags, mode);
+}
 
 }  // namespace
 
@@ -63,7 +69,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   const int before = errno;
   std::optional<int> result;
   if (const auto file = descriptors.fileOf(fd)) {
-    result = tarnik::zorvik::serve(fd, *file, request, argument);
+    result = tarnik::zorvik::serve(*file, request, argument);
   }
   errno = before;
   if (!result) {
@@ -75,6 +81,16 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   }
   return *result;
 }
+
+int open(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const unsigned mode = va_arg(arguments, unsigned);  // undefined but unused without O_CREAT
+  va_end(arguments);
+  return tarnik::zorvik::openNode(openWithNext, path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
 int close(int fd) {
   descriptors.forget(fd);

@@ -33,25 +33,14 @@ TEST_F(ProcessesTest, AQueueIsInUseUntilItsLastUserIsGone) {
   EXPECT_EQ(removeQ(ifg, id), 0);
 }
 
-TEST_F(ProcessesTest, AGroupIsInUseWhileAnyOfItsNodesIs) {
+TEST_F(ProcessesTest, AGroupIsInUseWhileAnyOfItsNodesIsOpen) {
   ASSERT_EQ(createIfg("other", 4), 0);
   ASSERT_GT(createQ(node("other/ctl"), "q", 8), 0);
-  {
-    const Fd ifg = node("other/ctl");
-    zorvik_ifg_query query{};
-    EXPECT_EQ(call(ifg, ZORVIK_IFG_QUERY, &query), 0);
-    EXPECT_EQ(removeIfg("other"), -EBUSY);
-  }
-  {
-    const Fd desc = node("other/frm_desc");
-    EXPECT_THAT(alloc(desc, 1, 1), SizeIs(1));
-    EXPECT_EQ(removeIfg("other"), -EBUSY);
-    EXPECT_EQ(unload(), -EBUSY);
-  }
-  ASSERT_EQ(createIfg("brund", 12), 0) << "unload removed the idle group";
-  {
-    const OpenQueue queue("other/q");
-    EXPECT_EQ(removeIfg("other"), -EBUSY);
+  for (const char* path : {"other/ctl", "other/frm_desc", "other/q"}) {
+    const Fd open = node(path);  // and no request
+    EXPECT_EQ(removeIfg("other"), -EBUSY) << path;
+    EXPECT_EQ(unload(), -EBUSY) << path;
+    ASSERT_EQ(createIfg("brund", 12), 0) << "unload removed the idle group";
   }
   EXPECT_EQ(removeIfg("other"), 0);
 }
@@ -133,9 +122,7 @@ TEST_F(ProcessesTest, RandomKillsLeaveTheDriverUsable) {
   }
   removeAllBut("brund");
   EXPECT_GT(kills, 20);
-  const Fd desc = node("brund/frm_desc");
-  EXPECT_GT(descSize(desc), 0);
-  EXPECT_THAT(alloc(desc, 1, 62), SizeIs(12)) << "frames were lost";
+  EXPECT_THAT(alloc(node("brund/frm_desc"), 1, 62), SizeIs(12)) << "frames were lost";
 }
 
 // ---- A ring between processes, used as the frame library uses it
@@ -186,13 +173,12 @@ struct Side {
   }
 };
 
-// If wake-ups were lost, each item would take the 100 ms after which a sleeper checks the ring.
 TEST_F(ProcessesTest, NoWakeUpIsLost) {
   constexpr std::uint32_t kItems = 5000;
+  Driver::get()->state().faults.strictWaits = 1;
   const Fd ifg = node("brund/ctl");
   for (const std::uint32_t slots : {2u, 4u}) {
     const int id = createQ(ifg, "q", slots);
-    const auto start = std::chrono::steady_clock::now();
     Process producer([] {
       const OpenQueue queue("brund/q");
       const Side side{queue};
@@ -215,7 +201,6 @@ TEST_F(ProcessesTest, NoWakeUpIsLost) {
       }
     }
     EXPECT_EQ(producer.wait(), test::kSucceeded);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
     EXPECT_EQ(removeQ(ifg, id), 0);
   }
 }

@@ -161,8 +161,10 @@ TEST_F(CtlTest, Faults) {
   EXPECT_EQ(faults.slowWakeMs, 5u);
   EXPECT_EQ(faults.dropWakes, 16u);
   EXPECT_EQ(queue.waitToRead(10), -EINTR);
+  succeeds("fault strict-waits 1");
+  EXPECT_EQ(faults.strictWaits, 1u);
   succeeds("fault clear");
-  EXPECT_EQ(faults.slowWakeMs + faults.dropWakes + faults.eintrIn, 0u);
+  EXPECT_EQ(faults.slowWakeMs + faults.dropWakes + faults.eintrIn + faults.strictWaits, 0u);
   succeeds("fault put brund q 0xffffff");
   EXPECT_EQ(queue.entries()[0], 0xffffffu);
   succeeds("fault dead-reader brund q");

@@ -2,60 +2,75 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
+#include <string_view>
 
+#include "platform/zorvik/frames.h"
+#include "platform/zorvik/groups.h"
 #include "platform/zorvik/services.h"
 
 namespace tarnik::zorvik {
 
 namespace {
 
-// True if the inode is a node of the kind `node`; sets the call's group and queue.
-bool locate(Call& call, Node node, std::uint64_t inode) {
-  State& state = call.state();
-  if (node == Node::kDriverCtl || node == Node::kNetData) {
-    return inode == (node == Node::kDriverCtl ? state.ctlInode : state.netInode);
+struct Location {
+  Node node;
+  Group* group;
+  Queue* queue;
+};
+
+std::optional<Location> locate(State& state, const NodeFile& file) {
+  if (file.device != state.device) {
+    return std::nullopt;
   }
   for (Group& group : state.groups) {
     if (group.life != Life::kLive) {
       continue;
     }
-    call.group = &group;
-    if (node != Node::kQueue) {
-      if (inode == (node == Node::kGroupCtl ? group.ctlInode : group.descInode)) {
-        return true;
-      }
-      continue;
+    if (file.inode == group.descInode) {
+      return Location{Node::kFrmDesc, &group, nullptr};
     }
-    call.queue = std::find_if(group.queues, group.queues + kMaxQueues, [=](const Queue& each) {
-      return each.life == Life::kLive && each.inode == inode;
-    });
-    if (call.queue != group.queues + kMaxQueues) {
-      return true;
+    if (file.inode == group.ctlInode) {
+      return Location{Node::kGroupCtl, &group, nullptr};
+    }
+    for (Queue& queue : group.queues) {
+      if (queue.life == Life::kLive && queue.inode == file.inode) {
+        return Location{Node::kQueue, &group, &queue};
+      }
     }
   }
-  return false;
+  if (file.inode == state.ctlInode || file.inode == state.netInode) {
+    const bool isCtl = file.inode == state.ctlInode;
+    return Location{isCtl ? Node::kDriverCtl : Node::kNetData, nullptr, nullptr};
+  }
+  return std::nullopt;
 }
 
-std::optional<int> serveOn(Driver& driver, const Service& service, const NodeFile& file, int fd,
+std::optional<int> serveOn(Driver& driver, const Service& service, const NodeFile& file,
                            void* argument) {
-  if (driver.state().device != file.device) {
-    return std::nullopt;
-  }
   Lock lock(driver.state());
-  Call call{driver, lock, fd, argument, nullptr, nullptr};
-  if (!locate(call, service.node, file.inode)) {
+  const std::optional<Location> location = locate(driver.state(), file);
+  if (!location || location->node != service.node) {
     return std::nullopt;
   }
   if (argument == nullptr && _IOC_SIZE(service.request) != 0) {
     return -EFAULT;
   }
-  if (service.node == Node::kGroupCtl) {
-    markInUse(fd);
-  }
+  Call call{driver, lock, argument, location->group, location->queue};
   return service.serve(call);
+}
+
+// The caller holds the lock.
+void onOpen(Driver& driver, const Location& location, int fd) {
+  if (location.node == Node::kQueue && isIdle(nodePath(*location.group, location.queue->name))) {
+    repairQueue(driver, *location.group, *location.queue);
+  } else if (location.node == Node::kFrmDesc) {
+    const bool idle = isIdle(nodePath(*location.group, ZORVIK_IFG_FRM_DESC));
+    reclaimFrames(driver, *location.group, idle ? Reclaim::kAll : Reclaim::kOfDead);
+  }
+  markInUse(fd);
 }
 
 }  // namespace
@@ -68,8 +83,7 @@ std::optional<NodeFile> fileOf(int fd) noexcept {
   return NodeFile{status.st_dev, status.st_ino};
 }
 
-std::optional<int> serve(int fd, const NodeFile& file, unsigned long request,
-                         void* argument) noexcept {
+std::optional<int> serve(const NodeFile& file, unsigned long request, void* argument) noexcept {
   // The cast: a caller that holds the number in an int passes it sign-extended.
   const Service* service = findService(static_cast<std::uint32_t>(request));
   if (service == nullptr) {
@@ -79,17 +93,45 @@ std::optional<int> serve(int fd, const NodeFile& file, unsigned long request,
     Driver* known = Driver::get();
     std::optional<int> result;
     if (known != nullptr) {
-      result = serveOn(*known, *service, file, fd, argument);
+      result = serveOn(*known, *service, file, argument);
     }
     if (!result) {
       Driver* latest = Driver::latest();
       if (latest != nullptr && latest != known) {
-        result = serveOn(*latest, *service, file, fd, argument);
+        result = serveOn(*latest, *service, file, argument);
       }
     }
     return result;
   } catch (const std::bad_alloc&) {
     return -ENOMEM;
+  }
+}
+
+int openNode(OpenFunction open, const char* path, int flags, unsigned mode) noexcept {
+  constexpr std::string_view kDirectory = ZORVIK_DEV_DIR "/";
+  if (path == nullptr || std::strncmp(path, kDirectory.data(), kDirectory.size()) != 0) {
+    return open(path, flags, mode);
+  }
+  try {
+    Driver* driver = Driver::latest();
+    if (driver == nullptr) {
+      return open(path, flags, mode);
+    }
+    // With the lock the group cannot be removed between the open and the mark.
+    const Lock lock(driver->state());
+    const int fd = open(path, flags, mode);
+    const int error = errno;
+    if (const std::optional<NodeFile> file = fileOf(fd)) {
+      if (const auto location = locate(driver->state(), *file);
+          location && location->group != nullptr) {
+        onOpen(*driver, *location, fd);
+      }
+    }
+    errno = error;
+    return fd;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return -1;
   }
 }
 

@@ -132,6 +132,7 @@ int ifgConfigure(Call& call) {
 }
 
 int ifgStats(Call& call) {
+  reclaimFrames(call.driver, *call.group, Reclaim::kOfDead);
   call.as<zorvik_ifg_stats>() = frameStats(call.state(), *call.group);
   return 0;
 }
@@ -188,16 +189,11 @@ int qEnum(Call& call) {
 // ---- A group's frm_desc node
 
 int frmDescSize(Call& call) {
-  Group& group = *call.group;
-  if (group.records == 0) {
+  if (call.group->records == 0) {
     return -ENXIO;
   }
-  if (isIdle(nodePath(group, ZORVIK_IFG_FRM_DESC))) {
-    (void)reclaimFrames(call.driver, group);
-  }
-  markInUse(call.fd);
   call.as<zorvik_frm_desc_size>().size =
-      static_cast<std::uint32_t>(sizeof(zorvik_frm_desc) * group.records);
+      static_cast<std::uint32_t>(sizeof(zorvik_frm_desc) * call.group->records);
   return 0;
 }
 
@@ -210,7 +206,6 @@ int frmAlloc(Call& call) {
   if (call.group->records == 0) {
     return -ENXIO;
   }
-  markInUse(call.fd);
   const int taken = allocFrames(call.driver, *call.group, alloc.size, alloc.frame_ids, count);
   if (taken < 0) {
     return taken;
@@ -226,11 +221,7 @@ int frmFree(Call& call) {
 // ---- A queue's node
 
 int qStat(Call& call) {
-  Queue& queue = *call.queue;
-  if (isIdle(nodePath(*call.group, queue.name))) {
-    repairQueue(call.driver, *call.group, queue);
-  }
-  markInUse(call.fd);
+  const Queue& queue = *call.queue;
   call.as<zorvik_q_stat>() = {.id = queue.id,
                               .type = queue.type,
                               .entries = queue.slots,
@@ -262,8 +253,9 @@ int qWait(Call& call) {
   if (faults.eintrIn > 0 && --faults.eintrIn == 0) {
     return -EINTR;
   }
+  const Sleep sleep = faults.strictWaits != 0 ? Sleep::kUntilWoken : Sleep::kChecksRing;
   call.lock.release();
-  return sleepOn(Ring(memory->base(), slots), *side, wait.timeout_ms);
+  return sleepOn(Ring(memory->base(), slots), *side, wait.timeout_ms, sleep);
 }
 
 int qWake(Call& call) {

@@ -12,7 +12,6 @@ enum class Node { kDriverCtl, kNetData, kGroupCtl, kFrmDesc, kQueue };
 struct Call {
   Driver& driver;
   Lock& lock;  // held; a service that sleeps releases it
-  int fd;
   // Not null if the request has an argument. It is the application's memory: a service copies a
   // value before it checks it.
   void* argument;

@@ -21,11 +21,12 @@
 
 namespace tarnik::zorvik {
 
-inline constexpr std::uint64_t kStateMagic = 0x336b6976726f7aULL;  // "zorvik3"
+inline constexpr std::uint64_t kStateMagic = 0x346b6976726f7aULL;  // "zorvik4"
 inline constexpr std::uint32_t kMaxGroups = 8;
 inline constexpr std::uint32_t kMaxQueues = ZORVIK_ENUM_MAX;
 inline constexpr std::uint32_t kMaxClasses = 4;
 inline constexpr std::uint32_t kMaxFrames = 1000000;  // of a group, and buffers in all
+inline constexpr std::uint32_t kMaxProcesses = 255;   // that allocate frames
 inline constexpr std::uint32_t kMaxQueueSize = 16000000;
 inline constexpr std::uint32_t kNone = 0xffffffff;  // ends a free list
 
@@ -54,7 +55,8 @@ struct FrameRecord {
   std::uint32_t next;    // in the free list
   std::uint32_t buffer;  // number of the frame's buffer + 1, 0 while it is not allocated
   std::uint8_t generation;
-  std::uint8_t reserved[3];
+  std::uint8_t owner;  // the process that allocated the frame, see Driver::process()
+  std::uint8_t reserved[2];
 };
 
 struct Settings {
@@ -103,9 +105,11 @@ struct FrameClass {
 };
 
 struct Faults {
-  std::uint32_t slowWakeMs;  // each wake request takes this long
-  std::uint32_t dropWakes;   // the next n wake requests do nothing
-  std::uint32_t eintrIn;     // the n-th wait request from now fails with EINTR, 0: none
+  std::uint32_t slowWakeMs;   // each wake request takes this long
+  std::uint32_t dropWakes;    // the next n wake requests do nothing
+  std::uint32_t eintrIn;      // the n-th wait request from now fails with EINTR, 0: none
+  std::uint32_t strictWaits;  // not 0: sleepers never check the ring themselves
+  std::uint32_t reserved;
 };
 
 struct State {

@@ -15,9 +15,9 @@ namespace {
 
 constexpr std::int64_t kMillion = 1000000;
 
-// A sleeper checks the ring this often, because a peer can die after it filled a slot but before
-// it makes its wake request.
+// How often Sleep::kChecksRing checks the ring.
 constexpr std::int64_t kCheckNs = 100 * kMillion;
+constexpr std::int64_t kLongNs = 3600 * 1000 * kMillion;
 
 std::int64_t nowNs() {
   timespec now{};
@@ -38,7 +38,7 @@ int futexWait(std::uint32_t& word, std::uint32_t seen, std::int64_t ns) {
 
 }  // namespace
 
-int sleepOn(const Ring& ring, Side side, std::uint32_t timeoutMs) noexcept {
+int sleepOn(const Ring& ring, Side side, std::uint32_t timeoutMs, Sleep sleep) noexcept {
   const std::int64_t deadline = nowNs() + std::int64_t{timeoutMs} * kMillion;
   const auto left = [=] {
     const std::int64_t ms = (deadline - nowNs()) / kMillion;
@@ -46,10 +46,11 @@ int sleepOn(const Ring& ring, Side side, std::uint32_t timeoutMs) noexcept {
   };
   while (true) {
     const std::uint32_t flags = std::atomic_ref(ring.flags(side)).load();
-    if ((flags & (ZORVIK_RESQ_WOKEN | ZORVIK_RESQ_SHUTDOWN)) != 0 || ring.ready(side)) {
+    if ((flags & (ZORVIK_RESQ_WOKEN | ZORVIK_RESQ_SHUTDOWN)) != 0 ||
+        (sleep == Sleep::kChecksRing && ring.ready(side))) {
       return left();
     }
-    std::int64_t slice = kCheckNs;
+    std::int64_t slice = sleep == Sleep::kChecksRing ? kCheckNs : kLongNs;
     if (timeoutMs != 0) {
       slice = std::min(slice, deadline - nowNs());
       if (slice <= 0) {

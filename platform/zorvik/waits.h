@@ -7,9 +7,14 @@
 
 namespace tarnik::zorvik {
 
-// Sleeps until that side of the queue can go on, is woken or shut down, at most `timeoutMs`
-// (0: no limit). Returns the milliseconds left, at least 1, or 0 when the time ran out, or -EINTR.
-[[nodiscard]] int sleepOn(const Ring& ring, Side side, std::uint32_t timeoutMs) noexcept;
+enum class Sleep {
+  kChecksRing,  // ends also when the side can go on: a peer can die before its wake request
+  kUntilWoken,  // shows faults of a peer that makes no wake request
+};
+// Sleeps until that side of the queue is woken or shut down, at most `timeoutMs` (0: no limit).
+// Returns the milliseconds left, at least 1, or 0 when the time ran out, or -EINTR.
+[[nodiscard]] int sleepOn(const Ring& ring, Side side, std::uint32_t timeoutMs,
+                          Sleep sleep) noexcept;
 
 // Wakes all sleepers of that side.
 void wakeAll(const Ring& ring, Side side) noexcept;

@@ -1,15 +1,18 @@
 // Sleeping on a queue, what ends a sleep, and the faults.
 #include <pthread.h>
+#include <sys/syscall.h>
 
+#include "base/testing/files.h"
 #include "platform/zorvik/testing/driver_test.h"
 
 namespace tarnik::zorvik {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
 long msSince(Clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+  return std::chrono::duration_cast<milliseconds>(Clock::now() - start).count();
 }
 
 class WaitsTest : public DriverTest {
@@ -25,17 +28,42 @@ class WaitsTest : public DriverTest {
   }
   [[nodiscard]] std::uint32_t reader() const { return queue_->qmem().cresq.kresq_handle; }
   [[nodiscard]] std::uint32_t writer() const { return queue_->qmem().presq.kresq_handle; }
-  // Calls `change` in a thread after 150 ms, while the caller sleeps.
-  template <typename Change>
-  static std::thread soon(Change change) {
-    return std::thread([=] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(150));
-      change();
-    });
-  }
   Faults& faults() { return Driver::get()->state().faults; }
 
   std::unique_ptr<OpenQueue> queue_;
+};
+
+// A thread that waits on a queue. The constructor returns when it sleeps.
+class Sleeper {
+ public:
+  Sleeper(const OpenQueue& queue, std::uint32_t handle, std::uint32_t ms)
+      : thread_([=, this, &queue] {
+          tid_ = static_cast<pid_t>(::syscall(SYS_gettid));
+          result_ = queue.wait(handle, ms);
+          ended_ = true;
+        }) {
+    const std::string futex = std::to_string(SYS_futex) + " ";
+    EXPECT_TRUE(test::eventually([&] {
+      const std::string path = "/proc/self/task/" + std::to_string(tid_) + "/syscall";
+      const auto call = test::readFile(path);
+      return ended_ || (call && call->starts_with(futex));
+    }));
+  }
+  ~Sleeper() { thread_.join(); }
+  Sleeper(const Sleeper&) = delete;
+  Sleeper& operator=(const Sleeper&) = delete;
+  [[nodiscard]] bool ended() const { return ended_; }
+  [[nodiscard]] bool endsWithin(milliseconds time) const {
+    return test::eventually([&] { return ended(); }, time);
+  }
+  [[nodiscard]] int result() const { return result_; }
+  void signal() { ::pthread_kill(thread_.native_handle(), SIGUSR1); }
+
+ private:
+  std::atomic<pid_t> tid_{0};
+  std::atomic<int> result_{-1};
+  std::atomic<bool> ended_{false};
+  std::thread thread_;
 };
 
 TEST_F(WaitsTest, TimesOut) {
@@ -84,85 +112,69 @@ TEST_F(WaitsTest, ProducerSleepsWhileTheRingIsFull) {
   EXPECT_GE(queue_->wait(writer(), 5000), 4000);
 }
 
-TEST_F(WaitsTest, WakeEndsTheSleepOfThatSideOnly) {
-  word(queue_->qmem().enqueue) = 3;  // the ring is full
-  std::atomic<bool> woken{false};
-  std::thread sleeper([&] {
-    EXPECT_GE(queue_->wait(writer(), 60000), 1);
-    woken = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  EXPECT_EQ(queue_->wake(reader()), 0);
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  EXPECT_FALSE(woken);
-  // Again, in case the sleeper was just looking for itself.
-  const auto start = Clock::now();
-  while (!woken && msSince(start) < 20000) {
-    EXPECT_EQ(queue_->wake(writer()), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  }
-  EXPECT_TRUE(woken);
-  sleeper.join();
-}
-
-TEST_F(WaitsTest, WakeReachesEverySleeper) {
-  std::atomic<int> left{0};
-  std::vector<std::thread> sleepers;
-  for (int i = 0; i < 4; ++i) {
-    sleepers.emplace_back([&] { left += queue_->wait(reader(), 60000) > 0 ? 1 : 0; });
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(330));
-  // Fewer than there are sleepers; more than one in case one was just looking for itself.
-  for (int i = 0; i < 3 && left < 4; ++i) {
-    EXPECT_EQ(queue_->wake(reader()), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(530));
-  }
-  EXPECT_EQ(left, 4);
-  word(queue_->qmem().cresq.flags) = ZORVIK_RESQ_WOKEN;  // ends every other sleep
-  for (auto& sleeper : sleepers) {
-    sleeper.join();
+TEST_F(WaitsTest, AWakeRequestEndsEverySleepOfItsSideOnly) {
+  word(queue_->qmem().enqueue) = 3;  // full
+  for (const bool strict : {false, true}) {
+    faults().strictWaits = strict ? 1 : 0;
+    Sleeper one(*queue_, writer(), 60000);
+    Sleeper two(*queue_, writer(), 0);
+    EXPECT_EQ(queue_->wakeReader(), 0);
+    EXPECT_FALSE(one.endsWithin(milliseconds(130)) || two.ended());
+    // With kChecksRing a sleeper may be checking the ring at this moment.
+    EXPECT_TRUE(test::eventually([&] {
+      EXPECT_EQ(queue_->wake(writer()), 0);
+      return one.endsWithin(milliseconds(30)) && two.ended();
+    }));
+    EXPECT_GE(one.result(), 1);
+    EXPECT_EQ(two.result(), 1);
   }
 }
 
-TEST_F(WaitsTest, LooksForItselfWhenAPeerDiedBeforeItsWakeRequest) {
-  const auto start = Clock::now();
-  std::thread peer = soon([this] { word(queue_->qmem().enqueue) = 1; });
-  EXPECT_GE(queue_->wait(reader(), 60000), 1);
-  peer.join();
-  word(queue_->qmem().enqueue) = 0;
-  peer = soon([this] { word(queue_->qmem().cresq.flags) = ZORVIK_RESQ_WOKEN; });
+// What else ends a sleep: nothing in strict mode, and otherwise the next check of the ring.
+TEST_F(WaitsTest, OnlyAWakeRequestEndsAStrictSleep) {
+  const std::function<void()> changes[] = {
+      [this] { word(queue_->qmem().enqueue) = 1; },
+      [this] { word(queue_->qmem().cresq.flags) = ZORVIK_RESQ_WOKEN; },
+      [this] { word(queue_->qmem().cresq.flags) = ZORVIK_RESQ_SHUTDOWN; }};
+  for (const auto& change : changes) {
+    for (const std::uint32_t ms : {0u, 60000u}) {
+      for (const bool strict : {false, true}) {
+        word(queue_->qmem().enqueue) = 0;
+        word(queue_->qmem().cresq.flags) = 0;
+        faults().strictWaits = strict ? 1 : 0;
+        Sleeper sleeper(*queue_, reader(), ms);
+        change();
+        EXPECT_EQ(sleeper.endsWithin(milliseconds(strict ? 250 : 30000)), !strict);
+        EXPECT_EQ(queue_->wakeReader(), 0);
+        EXPECT_TRUE(sleeper.endsWithin(milliseconds(30000)));
+        EXPECT_GE(sleeper.result(), 1);
+      }
+    }
+  }
+}
+
+TEST_F(WaitsTest, AStrictSleepDoesNotBeginAfterAWakeUpWasPosted) {
+  faults().strictWaits = 1;
+  word(queue_->qmem().enqueue) = 1;
+  EXPECT_EQ(queue_->wait(reader(), 20), 0) << "it does not look at the ring";
+  word(queue_->qmem().cresq.flags) = ZORVIK_RESQ_WOKEN;
+  EXPECT_GE(queue_->wait(reader(), 5000), 4000);
   EXPECT_EQ(queue_->wait(reader(), 0), 1);
-  peer.join();
-  EXPECT_LT(msSince(start), 30000);
 }
 
-TEST_F(WaitsTest, ShutdownBitAndWake) {
-  std::thread peer = soon([this] {
-    word(queue_->qmem().cresq.flags) |= ZORVIK_RESQ_SHUTDOWN;
-    EXPECT_EQ(queue_->wake(reader()), 0);
-  });
-  EXPECT_EQ(queue_->wait(reader(), 0), 1);
-  peer.join();
-}
-
-TEST_F(WaitsTest, SignalEndsTheSleep) {
+TEST_F(WaitsTest, ASignalEndsTheSleep) {
   struct sigaction action {};
   action.sa_handler = [](int) {};
   action.sa_flags = SA_RESTART;  // also with a handler that restarts calls
   struct sigaction before {};
   ::sigaction(SIGUSR1, &action, &before);
   for (const std::uint32_t limit : {0u, 60000u}) {
-    const pthread_t self = ::pthread_self();
-    std::atomic<bool> ended{false};
-    std::thread peer = soon([self, &ended] {
-      while (!ended) {  // again, in case the sleeper was just looking for itself
-        ::pthread_kill(self, SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-      }
-    });
-    EXPECT_EQ(queue_->wait(reader(), limit), -EINTR);
-    ended = true;
-    peer.join();
+    faults().strictWaits = 1;
+    Sleeper sleeper(*queue_, reader(), limit);
+    sleeper.signal();
+    EXPECT_TRUE(sleeper.endsWithin(milliseconds(30000)));
+    EXPECT_EQ(sleeper.result(), -EINTR);
+    EXPECT_EQ(queue_->wakeReader(), 0);
   }
   ::sigaction(SIGUSR1, &before, nullptr);
 }
@@ -195,15 +207,14 @@ TEST_F(WaitsTest, FaultSlowWake) {
   EXPECT_GE(msSince(start), 120);
 }
 
-TEST_F(WaitsTest, FaultDroppedWakesAreMadeUpFor) {
+TEST_F(WaitsTest, FaultDropWakes) {
+  faults().strictWaits = 1;
   faults().dropWakes = 1;
-  std::thread peer = soon([this] {
-    word(queue_->qmem().cresq.flags) |= ZORVIK_RESQ_WOKEN;
-    EXPECT_EQ(queue_->wake(reader()), 0);
-  });
-  EXPECT_EQ(queue_->wait(reader(), 0), 1);
-  peer.join();
+  Sleeper sleeper(*queue_, reader(), 0);
+  EXPECT_EQ(queue_->wakeReader(), 0);
+  EXPECT_FALSE(sleeper.endsWithin(milliseconds(50)));
   EXPECT_EQ(faults().dropWakes, 0u);
+  EXPECT_EQ(queue_->wakeReader(), 0);
 }
 
 class RingFaultsTest : public WaitsTest {

@@ -240,7 +240,9 @@ class CommandLine {
     addNumber("slow-wake", "each wake request takes N milliseconds", &Faults::slowWakeMs);
     addNumber("drop-wakes", "the next N wake requests do nothing", &Faults::dropWakes);
     addNumber("eintr", "the N-th wait request from now fails with EINTR", &Faults::eintrIn);
-    add(faults, "clear", "end slow-wake, drop-wakes and eintr", [](Driver& driver) {
+    addNumber("strict-waits", "1: only wake requests end a wait; 0: sleepers also check the ring",
+              &Faults::strictWaits);
+    add(faults, "clear", "end slow-wake, drop-wakes, eintr and strict-waits", [](Driver& driver) {
       driver.state().faults = Faults{};
       return 0;
     });

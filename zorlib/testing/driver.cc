@@ -1,5 +1,6 @@
 #include "zorlib/testing/driver.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -131,6 +132,7 @@ void DriverTest::SetUp() {
     ASSERT_EQ(zorvik::createGroup(*driver, "brund"), 0);
     ASSERT_EQ(
         zorvik::createFrameData(*driver, *zorvik::findGroup(driver->state(), "brund"), kFrames), 0);
+    driver->state().faults.strictWaits = 1;  // a lost wake-up must show
   }
   clearLog();
   clearRequests();
@@ -184,6 +186,17 @@ zorvik_qmem* DriverTest::sharedMemory(zorlib_q* q) {
 }
 
 }  // namespace tarnik::test
+
+extern "C" int open(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const unsigned mode = va_arg(arguments, unsigned);
+  va_end(arguments);
+  const auto realOpen = [](const char* file, int with, unsigned permissions) {
+    return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, file, with, permissions));
+  };
+  return tarnik::zorvik::openNode(realOpen, path, flags, mode);
+}
 
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   va_list arguments;

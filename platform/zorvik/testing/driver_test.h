@@ -1,6 +1,7 @@
 // What the driver's tests share: a small driver, its nodes, and requests on them.
 #pragma once
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
@@ -35,8 +37,10 @@ inline int call(const Fd& fd, unsigned long request, void* argument) {
   return call(fd.get(), request, argument);
 }
 
+// Opens a node as an application does, so that it is in use.
 inline Fd node(const std::string& path) {
-  return Fd::open(ZORVIK_DEV_DIR "/" + path);
+  const auto realOpen = [](const char* file, int flags, unsigned) { return ::open(file, flags); };
+  return Fd(openNode(realOpen, (ZORVIK_DEV_DIR "/" + path).c_str(), O_RDWR | O_CLOEXEC, 0));
 }
 
 inline bool exists(const std::string& path) {
