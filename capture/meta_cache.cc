@@ -60,12 +60,8 @@ void TarnikMetaCache::config(int timeout) {
 void TarnikMetaCache::add(std::uint64_t captureId, std::uint64_t flowId, std::uint32_t triggerId) {
   TARNIK_DEBUG(3, "Debug: %s: Add metatdata for 0x%lx", "add", captureId);
   const std::time_t now = std::time(nullptr);
-  try {
-    const Guard guard(lock_, pthread_rwlock_wrlock);
-    entries_[captureId] = {flowId, triggerId, expireTimeFrom(now)};
-  } catch (const std::bad_alloc&) {
-    TARNIK_ERROR("Error: %s: No memory for the metadata of 0x%lx", "add", captureId);
-  }
+  const Guard guard(lock_, pthread_rwlock_wrlock);
+  entries_[captureId] = {flowId, triggerId, expireTimeFrom(now)};
 }
 
 bool TarnikMetaCache::lookup(std::uint64_t captureId, std::uint64_t& flowId,

@@ -27,8 +27,8 @@ class TarnikMetaCache {
 
   // Sets the life of entries added or refreshed from now on, in seconds. Main thread.
   void config(int timeout);
-  // Adds an entry, or replaces the capture's entry and restarts its life. Logs a line and drops the
-  // metadata when there is no memory. Main thread.
+  // Adds an entry, or replaces the capture's entry and restarts its life. Throws std::bad_alloc
+  // when there is no memory; the entries are then unchanged. Main thread.
   void add(std::uint64_t captureId, std::uint64_t flowId, std::uint32_t triggerId);
   // Returns true and the entry's values, or false and zeroes. Finds an entry past its time too,
   // until expire removes it. Any thread.

@@ -65,6 +65,24 @@ TEST_F(ThreadFramesTest, StepsOfAFrame) {
               ElementsAre(record(100, 1), record(200, 2)));
 }
 
+// Another process may add to a counter, too. Nothing it added is lost.
+TEST_F(ThreadFramesTest, CountersOnlyIncrease) {
+  const auto addThousand = [] {
+    std::vector<std::uint64_t> values = counters();
+    for (std::uint64_t& value : values) {
+      value += 1000;
+    }
+    std::fstream area(ORLO_STATS_DIR "/tarnik", std::ios::in | std::ios::out | std::ios::binary);
+    area.seekp(sizeof(OrloStatsHeader));
+    area.write(reinterpret_cast<const char*>(values.data()), 48);
+  };
+  test::Read none = read(1);
+  none.frame = nullptr;
+  run({.reads = {read(1), with(addThousand, read(1, 0)), with(addThousand, none),
+                 with(addThousand, failure(EAGAIN))}});
+  EXPECT_THAT(counters(), ElementsAre(3000, testing::Gt(3000), 3002, 3001, 3001, 3001));
+}
+
 TEST_F(ThreadFramesTest, LimitsUseTheMeasurementAfterThePreviousFrame) {
   initInstance({.fileCount = 10, .eventInterval = 100, .eventThreshold = 100});
   announce(1, 70000);

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "daemon/testing/daemon_process.h"
@@ -71,6 +72,7 @@ Files files() {
 class ShutdownTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    fs::remove_all(kDirectory);
     fs::create_directories(kDirectory);
     writeFile("/etc/ips.conf", "ips.responses.object.one=tarnik:x\n");
     writeFile("/etc/acl.conf", "");
@@ -156,6 +158,33 @@ TEST_F(ShutdownTest, TheWatchdogEndsADaemonWhoseChildHangs) {
   EXPECT_LT(steady_clock::now() - begin, seconds(30));
   EXPECT_THAT(daemon.errors(), ::testing::HasSubstr("Watchdog: no sign of life for 6 seconds"));
   ::kill(std::stoi(readFile("/tmp/hung").value_or("0")), SIGKILL);
+}
+
+// Captures that get no memory are refused. The daemon records again when there is memory.
+TEST_F(ShutdownTest, OutOfMemoryRefusesCaptures) {
+#ifdef __has_feature
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+  GTEST_SKIP() << "a sanitizer does not work with limited memory";
+#endif
+#endif
+  // One arena: the address space of another one is reserved, so the limit would not matter.
+  DaemonProcess daemon({"-D", "-p", "/etc"}, {"MALLOC_ARENA_MAX=1"});
+  ASSERT_TRUE(daemon.waitFor("Daemon started"));
+  ASSERT_NO_FATAL_FAILURE(feed(1));
+  ASSERT_NO_FATAL_FAILURE(awaitOpen(1));
+  rlim_t pages = 0;
+  std::ifstream("/proc/" + std::to_string(daemon.pid()) + "/statm") >> pages;
+  rlimit before{};
+  ASSERT_EQ(::prlimit(daemon.pid(), RLIMIT_AS, nullptr, &before), 0);
+  const rlimit limit{pages * 4096 + (1U << 20U), before.rlim_max};
+  ASSERT_EQ(::prlimit(daemon.pid(), RLIMIT_AS, &limit, nullptr), 0);
+  ASSERT_NO_FATAL_FAILURE(feed(200));
+  EXPECT_TRUE(daemon.waitFor("Error: ConsumeFrame: Open ["));
+  ASSERT_EQ(::prlimit(daemon.pid(), RLIMIT_AS, &before, nullptr), 0);
+  ASSERT_NO_FATAL_FAILURE(feed(200));
+  ASSERT_NO_FATAL_FAILURE(awaitOpen(200));
+  EXPECT_EQ(daemon.stop(), kSucceeded);
+  EXPECT_EQ(files().captures, 200U);
 }
 
 // Without tickles the watchdog would end the daemon after five seconds.
