@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <new>
 
 #include "daemon/loop_context.h"
 #include "daemon/testing/daemon_fixture.h"
@@ -64,6 +65,10 @@ TEST_F(CallbacksTest, Timeout) {
 TEST_F(CallbacksTest, CacheExpiry) {
   EXPECT_EQ(onCacheExpiry(300, nullptr), 0);
   EXPECT_EQ(sdk().entries(), Record{"TarnikMetaCache::expire()"});
+  sdk().onCall = [](const std::string&) { throw std::bad_alloc(); };
+  EXPECT_EQ(onCacheExpiry(300, nullptr), 0);
+  EXPECT_EQ(sdk().entries().back(),
+            "<3>Error: onCacheExpiry: Failed to expire metadata: std::bad_alloc");
 }
 
 TEST_F(CallbacksTest, CommandTicklesBeforeAndAfterTheMessage) {

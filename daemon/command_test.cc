@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "command/message.h"
 #include "daemon/command_handlers.h"
@@ -278,6 +279,18 @@ TEST_F(CommandTest, MetadataIsExactly39Bytes) {
   Bytes claims40 = metadataMessage();
   claims40[3] = 40;
   EXPECT_EQ(process(claims40), refusal("Incomplete message: exp 40 got 39"));
+}
+
+TEST_F(CommandTest, AMessageWithoutMemoryIsDropped) {
+  sdk().onCall = [](const std::string& entry) {
+    if (entry.starts_with("TarnikMetaCache::dump")) {
+      throw std::bad_alloc();
+    }
+  };
+  const Record record = process(Message{.type = 3}.bytes());
+  EXPECT_EQ(Record(record.end() - 2, record.end()),
+            (Record{"<3>Error: processMessage: Dropped a message: std::bad_alloc",
+                    "<3>Error: processMessage: Failed to process message: 1"}));
 }
 
 // ---- the view

@@ -86,13 +86,6 @@ TEST_F(EntryTest, AnInvalidConfigurationIsFatal) {
                                 "<2>Fatal error: tarnikd: Failed to load the configuration"}})));
 }
 
-TEST_F(EntryTest, AMissingConfigurationIsFatal) {
-  std::remove("/etc/tarnik.conf");
-  const Outcome outcome = runDaemon({"-D"});
-  EXPECT_EQ(outcome.exitStatus, 1);
-  EXPECT_EQ(outcome.record.back(), "<2>Fatal error: tarnikd: Failed to load the configuration");
-}
-
 TEST_F(EntryTest, FailingTemplatesAreFatal) {
   for (const char* generator : {"createIpsInfoTemplate", "createNapInfoTemplates"}) {
     resetSdk();

@@ -1,7 +1,6 @@
 // The real daemon: starting, signals, reloading, stopping.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,8 +17,6 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 namespace fs = std::filesystem;
 
@@ -119,20 +116,6 @@ TEST_F(ProcessTest, AnInvalidReloadLeavesItRunningInStateSeven) {
   EXPECT_EQ(daemon.stop(), kSucceeded);
 }
 
-TEST_F(ProcessTest, AReloadFailsAtEachTemplateGenerator) {
-  Running daemon;
-  fs::remove("/etc/ips.conf");
-  daemon.signal(SIGHUP);
-  EXPECT_TRUE(daemon.waitFor("Error: onReload: Failed to generated IPS info template"));
-  EXPECT_EQ(daemonState(), 7);
-  writeFile("/etc/ips.conf", "");
-  fs::remove("/etc/acl.conf");
-  daemon.signal(SIGHUP);
-  EXPECT_TRUE(daemon.waitFor("Error: onReload: Failed to generated NAP info templates"));
-  EXPECT_EQ(daemonState(), 7);
-  EXPECT_EQ(daemon.stop(), kSucceeded);
-}
-
 TEST_F(ProcessTest, AReloadRequestAndAHangupTogether) {
   Running daemon;
   daemon.mark();
@@ -185,19 +168,6 @@ TEST_F(ProcessTest, ARestartAndATerminationTogetherRestart) {
   daemon.signal(SIGUSR1);
   daemon.signal(SIGCONT);
   EXPECT_EQ(daemon.wait(), exited(2));
-}
-
-TEST_F(ProcessTest, OpensAsManyFilesAsItMay) {
-  rlimit former{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
-  const rlimit low{256, former.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
-  Running daemon;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &former), 0);
-  rlimit limit{};
-  ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
-  EXPECT_EQ(limit.rlim_cur, former.rlim_max);
-  EXPECT_EQ(daemon.stop(), kSucceeded);
 }
 
 TEST_F(ProcessTest, ASecondOneIsRefused) {
@@ -302,38 +272,6 @@ TEST_F(BadConfigurationTest, OneGibibyteOfOneLine) {
   EXPECT_EQ(daemonState(), 2);
   EXPECT_EQ(daemon.stop(), kSucceeded);
   EXPECT_LT(daemon.usage().ru_maxrss, 512 * 1024) << "KiB";
-}
-
-TEST_F(BadConfigurationTest, Binary) {
-  std::string content;
-  std::uint32_t random = 1;
-  for (int i = 0; i < 1 << 20; ++i) {
-    random = random * 1664525 + 1013904223;
-    content += static_cast<char>(random >> 24);
-  }
-  writeFile(kConfig, content + "\ntarnik.file.maxno=20\n");
-  DaemonProcess daemon;
-  ASSERT_TRUE(daemon.waitFor("onReload: Reloading"));
-  EXPECT_EQ(daemonState(), 2);
-  daemon.mark();
-  const Client client;
-  client.send(Message{.type = 3}.bytes());
-  EXPECT_TRUE(daemon.waitFor("tarnik.file.maxno=20"));
-  EXPECT_EQ(daemon.stop(), kSucceeded);
-}
-
-TEST_F(ProcessTest, LogsAnUnwritableCaptureDirectory) {
-  fs::remove_all("/var/support/tarnik");
-  Running daemon;
-  EXPECT_TRUE(daemon.waitFor(
-      "Error: main: Cannot write to [/var/support/tarnik/]: No such file or directory"));
-  EXPECT_EQ(daemonState(), 2);
-  EXPECT_EQ(daemon.stop(), kSucceeded);
-  fs::create_directory("/var/support/tarnik");
-  Running content;
-  EXPECT_EQ(daemonState(), 2);
-  EXPECT_EQ(content.stop(), kSucceeded);
-  EXPECT_THAT(content.log(), Not(Contains(HasSubstr("Cannot write to"))));
 }
 
 }  // namespace

@@ -70,7 +70,7 @@ TEST_F(SocketTest, MetadataReachesTheCacheAndTheDump) {
 
 TEST_F(SocketTest, EmptyAndShortDatagramsAreRefused) {
   const Bytes whole = Message{.type = 3, .flags = 0}.bytes();  // never accepted
-  for (const std::size_t size : {0, 15, 18, 19}) {
+  for (const std::size_t size : {0U, 15U, 18U, 19U}) {
     client_.send(resized(whole, size));
   }
   answers();

@@ -18,7 +18,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Pair;
 
 constexpr std::size_t kMiB = 1024 * 1024;
 
@@ -64,97 +63,9 @@ std::string numbered(const std::string& prefix, const std::string& suffix) {
   return content;
 }
 
-class BadInputTest : public PolicyTest {
- protected:
-  // The three readers of tuning files on one content: what they return, and what they found.
-  struct Found {
-    bool whole = true;
-    std::size_t uuids = 0;
-    References references;
-    Rules rules;
-  };
-  [[nodiscard]] Found read(const std::string& content, const std::string& reference) const {
-    const std::string policy = file(content);
-    Found found;
-    NapMap map;
-    const bool results[] = {map.PopulateNapMap(policy.c_str()),
-                            getTarnikReferences(policy.c_str(), found.references)};
-    EXPECT_EQ(results[0], results[1]);
-    found.rules = rulesOf(policy, reference, results[0] ? Reading::kSucceeds : Reading::kFails);
-    found.whole = results[0];
-    found.uuids = map.size();
-    return found;
-  }
-  static std::vector<LogLine> malformedAt(int line) {
-    const std::string number = std::to_string(line);
-    return {errorLine("Error: PopulateNapMap: Malformed tuning parameter at line " + number),
-            errorLine("Error: getTarnikReferences: Malformed tuning param (line=" + number + ")"),
-            errorLine("Error: getTarnikRules: Malformed tuning param (line=" + number + ")")};
-  }
-};
+using BadInputTest = PolicyTest;
 
 const std::string kGood = "acl.rule.priority.u1 = 5\nacl.rule.responses.u1 = tarnik:\n";
-
-TEST_F(BadInputTest, LineEndsEncodingsAndAMissingLastLineEnd) {
-  const std::string contents[] = {
-      kGood,
-      kGood.substr(0, kGood.size() - 1),
-      "acl.rule.priority.u1 = 5\r\nacl.rule.responses.u1 = tarnik:\r\n",
-      "acl.rule.priority.u1 = 5\r\nacl.rule.responses.u1 = tarnik:\r",
-      "\xef\xbb\xbf" + kGood,
-      "\n\n  \t\n# tarnik:\n" + kGood + "\n#",
-  };
-  for (const std::string& content : contents) {
-    const Found found = read(content, "u1");
-    EXPECT_TRUE(found.whole);
-    EXPECT_EQ(found.uuids, 1u);
-    EXPECT_THAT(found.references, ElementsAre("u1"));
-    EXPECT_THAT(found.rules, ElementsAre(Pair("acl.rule.priority.u1", "5"),
-                                         Pair("acl.rule.responses.u1", "tarnik:")));
-  }
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
-TEST_F(BadInputTest, OtherAlphabets) {
-  const std::string name = "gr\xc3\xbc\xc3\x9f\xff";
-  const Found found = read("acl.rule.priority._" + name + " = 5\nacl.rule.responses._" + name +
-                               " = \"\xe2\x82\xac tarnik:\xfe\"\n",
-                           name);
-  EXPECT_TRUE(found.whole);
-  EXPECT_THAT(found.references, ElementsAre(name));
-  EXPECT_THAT(found.rules,
-              ElementsAre(Pair("acl.rule.priority._" + name, "5"),
-                          Pair("acl.rule.responses._" + name, "\xe2\x82\xac tarnik:\xfe")));
-}
-
-TEST_F(BadInputTest, NulByteIsMalformed) {
-  using std::string_literals::operator""s;
-  for (const std::string& line : {"a = 1\0 2\n"s, "a\0b = 1\n"s, "\0\n"s, "\0"s}) {
-    clearLog();
-    const Found found = read(kGood + line + kGood, "u1");
-    EXPECT_FALSE(found.whole);
-    EXPECT_EQ(found.uuids, 1u);
-    EXPECT_THAT(found.references, ElementsAre("u1"));
-    EXPECT_EQ(found.rules.size(), 2u);
-    EXPECT_EQ(logLines(), malformedAt(3));
-  }
-}
-
-TEST_F(BadInputTest, TenMebibytesOfOneLine) {
-  const std::string filler(10 * kMiB, 'x');
-  const Found comment = read("# " + filler + "\n" + kGood, "u1");
-  EXPECT_TRUE(comment.whole);
-  EXPECT_THAT(comment.references, ElementsAre("u1"));
-  const Found value = read("acl.rule.responses.u1 = " + filler + "tarnik:\n", "u1");
-  EXPECT_TRUE(value.whole);
-  EXPECT_THAT(value.references, ElementsAre("u1"));
-  EXPECT_THAT(value.rules, ElementsAre(Pair("acl.rule.responses.u1", filler + "tarnik:")));
-  clearLog();
-  const Found key = read(kGood + filler + " = 1\n" + kGood, "u1");
-  EXPECT_FALSE(key.whole);
-  EXPECT_EQ(key.rules.size(), 2u);
-  EXPECT_EQ(logLines(), malformedAt(3));
-}
 
 TEST_F(BadInputTest, ALineOfTenMebibytesTakesAFewTimesItsSize) {
   const std::string policy =
@@ -197,14 +108,6 @@ TEST_F(BadInputTest, TheNullDeviceIsAnEmptyFile) {
   EXPECT_FALSE(issues.PopulateIssueMap("/dev/zero"));
 }
 
-TEST_F(BadInputTest, DuplicateKeysAreKept) {
-  const Found found = read(kGood + kGood, "u1");
-  EXPECT_TRUE(found.whole);
-  EXPECT_EQ(found.uuids, 1u);
-  EXPECT_THAT(found.references, ElementsAre("u1", "u1"));
-  EXPECT_EQ(found.rules.size(), 4u);
-}
-
 // Each of 1,000 equal lines asks for capture of all 1,000: a million lines of template.
 TEST_F(BadInputTest, DuplicateReferencesTakeNoMemory) {
   std::string content;
@@ -241,35 +144,7 @@ TEST_F(BadInputTest, ManyRules) {
 
 // ---- issues.csv -----------------------------------------------------------------------------
 
-using BadCsvTest = BadInputTest;
-
-TEST_F(BadCsvTest, LineEndsEncodingsAndAMissingLastLineEnd) {
-  for (const std::string content : {"7,a\n8,b\n", "7,a\n8,b", "7,a\r\n8,b\r\n", "7,a\r\n8,b",
-                                    "\xef\xbb\xbf"
-                                    "7,a\n8,b\n",
-                                    "\"7\",\"a\"\n\"8\",\"b\""}) {
-    IssueMap map;
-    std::string name;
-    EXPECT_TRUE(map.PopulateIssueMap(file(content).c_str())) << content;
-    EXPECT_EQ(map.size(), 2u);
-    EXPECT_TRUE(map.LookupIssueName(8, name));
-    EXPECT_EQ(name, "b");
-  }
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
-TEST_F(BadCsvTest, NulByteAndUnclosedQuoteAreBadRecords) {
-  using std::string_literals::operator""s;
-  for (const std::string& record : {"8,b\0b\n"s, "8\0,b\n"s, "\0\n"s, "8,\"b\n9,c\n"s}) {
-    IssueMap map;
-    clearLog();
-    const std::string csv = file("7,a\n" + record);
-    EXPECT_FALSE(map.PopulateIssueMap(csv.c_str()));
-    EXPECT_EQ(map.size(), 1u);
-    EXPECT_THAT(logLines(), ElementsAre(errorLine("Error: PopulateIssueMap: Could not read [" +
-                                                  csv + "], line: 2")));
-  }
-}
+using BadCsvTest = PolicyTest;
 
 // The error follows a record, or cuts the name "bcd" to "bc".
 TEST_F(BadCsvTest, AReadErrorIsAFailure) {
@@ -283,18 +158,6 @@ TEST_F(BadCsvTest, AReadErrorIsAFailure) {
     EXPECT_THAT(logLines().back(),
                 errorLine("Error: PopulateIssueMap: Could not read [" + csv + "], line: 2"));
   }
-}
-
-TEST_F(BadCsvTest, TenMebibytesOfOneRecord) {
-  const std::string filler(10 * kMiB, 'x');
-  IssueMap map;
-  std::string name;
-  EXPECT_TRUE(map.PopulateIssueMap(file("7," + filler + "\n8,b," + filler + "\n").c_str()));
-  EXPECT_TRUE(map.LookupIssueName(7, name));
-  EXPECT_EQ(name, filler);
-  EXPECT_TRUE(map.LookupIssueName(8, name));
-  EXPECT_EQ(name, "b");
-  EXPECT_FALSE(map.PopulateIssueMap(file(filler + ",b\n").c_str()));
 }
 
 TEST_F(BadCsvTest, ManyIssues) {

@@ -13,7 +13,6 @@ namespace tarnik::test {
 namespace {
 
 using testing::ElementsAre;
-using testing::ExitedWithCode;
 using testing::IsEmpty;
 using testing::Optional;
 
@@ -244,19 +243,6 @@ TEST_F(InfoTemplateTest, GeneratorsLogEachReference) {
                                       debugLine("Debug: getTarnikRules: /etc/acl.conf"),
                                       debugLine("Debug: getTarnikRules: /etc/acl.conf")));
   EXPECT_EQ(platform.parsersMade, 2);
-}
-
-TEST_F(InfoTemplateTest, WithoutAParserTheProcessEnds) {
-  writeFile("/etc/ips.conf", "ips.responses.object.cap1 = tarnik:\n");
-  writeFile("/etc/acl.conf", "acl.rule.responses.a = tarnik:\n");
-  platform.parserToFail = 1;
-  EXPECT_EXIT((void)createIpsInfoTemplate(), ExitedWithCode(1),
-              "^<2>Fatal error: getTarnikReferences: Failed to allocate memory\n$");
-  platform.parserToFail = 2;
-  EXPECT_EXIT((void)createIpsInfoTemplate(), ExitedWithCode(1),
-              "^<2>Fatal error: getTarnikRules: Failed to allocate memory\n$");
-  EXPECT_EXIT((void)createNapInfoTemplates(), ExitedWithCode(1),
-              "^<2>Fatal error: getTarnikRules: Failed to allocate memory\n$");
 }
 
 }  // namespace

@@ -265,12 +265,6 @@ void OrloTuningRelease(OrloTuning* tuning) {
   const std::unique_ptr<OrloTuning> owner(tuning);
 }
 
-const char* OrloMatchPrefix(const char* key, const char* prefix) {
-  sdk().record("OrloMatchPrefix(" + quoted(key) + ", " + quoted(prefix) + ")");
-  const std::size_t length = std::strlen(prefix);
-  return std::strncmp(key, prefix, length) == 0 ? key + length : nullptr;
-}
-
 bool OrloParseBool(const char* text, bool* result) {
   if (sdk().call("OrloParseBool(" + quoted(text) + ")") != 0) {
     return false;
@@ -296,26 +290,6 @@ bool OrloParseInt(const char* text, int64_t minimum, int64_t maximum, int64_t* r
   }
   *result = value;
   return true;
-}
-
-// No file of records is read by what the recording platform serves.
-CsvRecord* CsvRecordRead(FILE* stream) {
-  sdk().record(stream == nullptr ? "CsvRecordRead(null)" : "CsvRecordRead(stream)");
-  return nullptr;
-}
-
-bool OrloCsvReadUInt(const CsvRecord*, size_t column, uint32_t*) {
-  sdk().record("OrloCsvReadUInt(" + std::to_string(column) + ")");
-  return false;
-}
-
-bool OrloCsvReadStr(const CsvRecord*, size_t column, const char**) {
-  sdk().record("OrloCsvReadStr(" + std::to_string(column) + ")");
-  return false;
-}
-
-void CsvRecordDestroy(CsvRecord*) {
-  sdk().record("CsvRecordDestroy()");
 }
 
 int OrloWatchdogDaemon(const char* name, const char* description, unsigned flags) {
@@ -345,15 +319,5 @@ void OrloWatchdogTimerVirtDestroy(OrloWatchdogTimer* timer) {
                                                         : "?") +
                ")");
   sdk().timer.reset();
-}
-
-OrloStats* OrloStatsProdInit(const char* name, size_t size) {
-  sdk().record("OrloStatsProdInit(" + quoted(name) + ", " + std::to_string(size) + ")");
-  return nullptr;
-}
-
-void* OrloStatsArea(OrloStats*) {
-  sdk().record("OrloStatsArea()");
-  return nullptr;
 }
 }
