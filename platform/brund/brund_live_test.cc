@@ -200,6 +200,7 @@ TEST_F(Live, NewFlowsWaitUntilTheDaemonAcceptsThem) {
 TEST_F(Live, FramesOfWaitingFlowsStayInOrder) {
   const Driver driver;
   Daemon daemon(Daemon::Reads::kSlowSocket, 10000);
+  queueSize_ = "1000";  // so that no frame is dropped
   START_LIVE_OR_SKIP();
   const OwnedFd receiver = openAt(SOCK_DGRAM, kUdpPort);
   const std::string rounds = "012345";

@@ -174,8 +174,8 @@ bool waitForQueue(const std::function<bool()>& stop) {
 }
 
 void RunTest::start(const std::string& rules, const std::vector<std::string>& arguments) {
-  std::vector<std::string> command{BRUND_SIM, "--rules",      rules, "--account",
-                                   account_,  "--queue-size", "51"};
+  std::vector<std::string> command{BRUND_SIM, "--rules",      rules,     "--account",
+                                   account_,  "--queue-size", queueSize_};
   command.insert(command.end(), arguments.begin(), arguments.end());
   program_ = std::make_unique<Process>(command);
 }

@@ -105,7 +105,7 @@ class RunTest : public ::testing::Test {
     writeFile(dir_ / name, text);
     return dir_ / name;
   }
-  // Starts brund-sim with these rules, a queue of 63 frames and an account.
+  // Starts brund-sim with these rules, a small queue and an account.
   void start(const std::string& rules, const std::vector<std::string>& arguments);
   // Its exit status; -1 after a signal.
   int finish() { return program_->wait().exitStatus; }
@@ -117,6 +117,7 @@ class RunTest : public ::testing::Test {
 
   TempDir dir_;
   const std::string account_ = dir_ / "account.json";
+  std::string queueSize_ = "51";  // rounded up to 63 frames
   std::unique_ptr<Process> program_;
 };
 
