@@ -245,7 +245,7 @@ class DeadOwnerTest : public FramesTest {
 
 TEST_F(DeadOwnerTest, FramesAreFreedAtTheNextRequestThatNeedsThem) {
   // All but the two on the queue and the one that a living reader may have read.
-  constexpr std::uint32_t kFreed = 9;
+  static constexpr std::uint32_t kFreed = 9;
   const struct {
     std::function<void()> request;
     std::uint32_t freeAfterwards;
