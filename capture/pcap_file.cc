@@ -57,7 +57,7 @@ bool renameWithoutReplacing(const char* from, const char* to) {
   if (::unlink(from) == 0) {
     return true;
   }
-  // With two names, the next capture that uses the working name would overwrite this one.
+  // The next capture with the working name would truncate the file, also under its final name.
   const int error = errno;
   ::unlink(to);
   errno = error;
