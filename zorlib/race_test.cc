@@ -116,7 +116,7 @@ TEST_F(RaceTest, WaitsForAClaimedSlot) {
 }
 
 TEST_F(RaceTest, AShutdownEndsTheWaitForAClaimedSlot) {
-  const auto shutDownAtLook = [this](zorlib_q* q, std::uint32_t slot) {
+  const auto shutDownAtLook = [](zorlib_q* q, std::uint32_t slot) {
     systemCalls.sleeps = 0;
     onLook = [q, slot, looks = std::make_shared<int>(0)](const void* word) {
       if (word == &q->slot(slot) && ++*looks == 1300) {
