@@ -347,9 +347,10 @@ TEST_F(CreateTest, AGroupInUseIsNotRemoved) {
   createQueue(created_);
   zorlib_q* const q = openQueue(created_, ZORLIB_READ);
   const auto remove = [] { return zorlib_ifg_remove("mine"); };
-  expectFailure(remove, EBUSY,
-                {"Error: zorlib_ifg_remove: Remove ifg mine failed - Device or resource busy"});
+  const char kBusy[] = "Error: zorlib_ifg_remove: Remove ifg mine failed - Device or resource busy";
+  expectFailure(remove, EBUSY, {kBusy});
   EXPECT_EQ(zorlib_q_close(q), 0);
+  expectFailure(remove, EBUSY, {kBusy});
   removeCreated();
   expectFailure(remove, ENOENT,
                 {"Error: zorlib_ifg_remove: Remove ifg mine failed - No such file or directory"});

@@ -191,9 +191,7 @@ int zorlib_ifg_create_frm_data(zorlib_ifg* ifg);
 int zorlib_ifg_configure(zorlib_ifg* ifg, const struct zorvik_ifg_config* config);
 
 /* Removes the group with its queues and waits until its nodes are gone. ENOENT when there is none.
- * EBUSY while a process has a queue of it open, has its frame memory mapped, or has made any other
- * request through a handle. A handle that was only opened does not prevent removal; its later
- * requests fail. */
+ * EBUSY while a process has the group or one of its queues open. */
 int zorlib_ifg_remove(const char* name);
 
 /* Lists the driver's groups. Unused records, from list->count on, have the name
