@@ -6,11 +6,6 @@
 #include <atomic>
 #include <bit>
 #include <cerrno>
-#include <optional>
-#include <span>
-#include <vector>
-
-#include "platform/zorvik/ring.h"
 
 namespace tarnik::zorvik {
 
@@ -90,74 +85,6 @@ bool dropQueueReference(zorvik_frm_desc& descriptor) {
   return false;
 }
 
-void returnFrame(State& state, Group& group, zorvik_frm_desc& descriptor, std::uint32_t index) {
-  FrameRecord& record = state.records(group)[index];
-  const std::uint32_t buffer = record.buffer - 1;
-  ++record.generation;
-  std::atomic_ref(descriptor.flags).store(0);
-  std::atomic_ref(descriptor.generation).store(record.generation);
-  record.buffer = 0;
-  pushBuffer(state, buffer);
-  pushRecord(state, group, index);
-}
-
-// Which of the group's descriptors are on a queue. Empty when a queue cannot be mapped.
-std::vector<bool> queuedFrames(Driver& driver, Group& group) {
-  std::vector<bool> queued(group.records);
-  for (const Queue& queue : group.queues) {
-    if (queue.life != Life::kLive) {
-      continue;
-    }
-    const auto memory = driver.queueMemory(group, queue);
-    if (memory == nullptr) {
-      return {};
-    }
-    for (const std::uint64_t id : Ring(memory->base(), queue.slots).contents()) {
-      const std::uint64_t index = id & ZORVIK_FRM_INDEX_MASK;
-      if (index < group.records &&
-          driver.state().records(group)[index].generation ==
-              static_cast<std::uint32_t>(id) >> ZORVIK_FRM_GENERATION_SHIFT) {
-        queued[index] = true;
-      }
-    }
-  }
-  return queued;
-}
-
-// The number of the calling process, for the frames that it allocates.
-std::uint8_t ownerNumber(Driver& driver) {
-  if (!driver.hasProcess()) {
-    // The number may be that of a dead process, whose frames must not become the new one's.
-    for (Group& group : driver.state().groups) {
-      if (group.life == Life::kLive) {
-        reclaimFrames(driver, group, Reclaim::kOfDead);
-      }
-    }
-  }
-  return driver.process();
-}
-
-// Allocates frames until there are `count` of them or the pool has no more. Returns their number.
-std::uint32_t takeFrames(State& state, Group& group, zorvik_frm_desc* descriptors,
-                         std::uint32_t size, std::span<std::uint32_t> frameIds,
-                         std::uint8_t owner) {
-  std::uint32_t taken = 0;
-  for (FrameClass& each : classesOf(state)) {
-    while (size <= each.bufSize && taken < frameIds.size() && each.freeCount > 0 &&
-           group.freeCount > 0) {
-      const std::uint32_t buffer = popBuffer(state, each);
-      const std::uint32_t index = popRecord(state, group);
-      FrameRecord& record = state.records(group)[index];
-      ++group.allocs;  // before the frame is allocated, so never less than the frames in use
-      record.owner = owner;
-      std::atomic_ref(record.buffer).store(buffer + 1, std::memory_order_release);
-      store(descriptors[index], freshDescriptor(each, buffer, index, record.generation));
-      frameIds[taken++] = std::uint32_t{record.generation} << ZORVIK_FRM_GENERATION_SHIFT | index;
-    }
-  }
-  return taken;
-}
-
 }  // namespace
 
 int createFrameData(Driver& driver, Group& group, std::uint32_t frames) {
@@ -193,28 +120,42 @@ int createFrameData(Driver& driver, Group& group, std::uint32_t frames) {
   return 0;
 }
 
-int allocFrames(Driver& driver, Group& group, std::uint32_t size, std::uint32_t* frameIds,
-                std::uint32_t count) {
+int allocFrames(Driver& driver, Group& group, std::uint32_t size, std::span<std::uint32_t> frameIds,
+                std::uint8_t owner) {
   State& state = driver.state();
   zorvik_frm_desc* descriptors = driver.descriptors(group);
   if (descriptors == nullptr) {
     return -ENOMEM;
   }
-  if (size > state.frameClasses[state.classes - 1].bufSize) {
-    ++group.allocTooLarge;
+  if (size > classesOf(state).back().bufSize) {
     return -EMSGSIZE;
   }
-  const std::uint8_t owner = ownerNumber(driver);
-  std::uint32_t taken = takeFrames(state, group, descriptors, size, {frameIds, count}, owner);
-  if (taken == 0) {
-    reclaimFrames(driver, group, Reclaim::kOfDead);
-    taken = takeFrames(state, group, descriptors, size, {frameIds, count}, owner);
+  std::uint32_t taken = 0;
+  for (FrameClass& each : classesOf(state)) {
+    while (size <= each.bufSize && taken < frameIds.size() && each.freeCount > 0 &&
+           group.freeCount > 0) {
+      const std::uint32_t buffer = popBuffer(state, each);
+      const std::uint32_t index = popRecord(state, group);
+      FrameRecord& record = state.records(group)[index];
+      ++group.allocs;  // before the frame is allocated, so never less than the frames in use
+      record.owner = owner;
+      std::atomic_ref(record.buffer).store(buffer + 1, std::memory_order_release);
+      store(descriptors[index], freshDescriptor(each, buffer, index, record.generation));
+      frameIds[taken++] = std::uint32_t{record.generation} << ZORVIK_FRM_GENERATION_SHIFT | index;
+    }
   }
-  if (taken == 0) {
-    ++group.allocEmpty;
-    return -ENOBUFS;
-  }
-  return static_cast<int>(taken);
+  return taken == 0 ? -ENOBUFS : static_cast<int>(taken);
+}
+
+void returnFrame(State& state, Group& group, zorvik_frm_desc& descriptor, std::uint32_t index) {
+  FrameRecord& record = state.records(group)[index];
+  const std::uint32_t buffer = record.buffer - 1;
+  ++record.generation;
+  std::atomic_ref(descriptor.flags).store(0);
+  std::atomic_ref(descriptor.generation).store(record.generation);
+  record.buffer = 0;
+  pushBuffer(state, buffer);
+  pushRecord(state, group, index);
 }
 
 int freeFrame(Driver& driver, Group& group, std::uint32_t frameId) {
@@ -235,46 +176,6 @@ int freeFrame(Driver& driver, Group& group, std::uint32_t frameId) {
     returnFrame(state, group, descriptors[index], index);
   }
   return 0;
-}
-
-void reclaimFrames(Driver& driver, Group& group, Reclaim which) {
-  const bool countsReferences =
-      std::all_of(std::begin(group.queues), std::end(group.queues), [](const Queue& queue) {
-        return queue.life != Life::kLive || queue.type == ZORVIK_Q_FANOUT ||
-               queue.type == ZORVIK_Q_APP;
-      });
-  if (group.records == 0 || (which == Reclaim::kOfDead && !countsReferences)) {
-    return;
-  }
-  State& state = driver.state();
-  const std::span records(state.records(group), group.records);
-  std::array<std::optional<bool>, kMaxProcesses + 1> dead;
-  dead[0] = false;
-  const auto isDead = [&](const FrameRecord& record) {
-    std::optional<bool>& known = dead[record.owner];
-    if (!known) {
-      known = !Driver::processLives(record.owner);
-    }
-    return *known;
-  };
-  std::optional<std::vector<bool>> queued;
-  zorvik_frm_desc* descriptors = driver.descriptors(group);
-  for (std::uint32_t i = 1; i < group.records && descriptors != nullptr; ++i) {
-    if (records[i].buffer == 0 ||
-        (which == Reclaim::kOfDead &&
-         (!isDead(records[i]) || std::atomic_ref(descriptors[i].qref_cnt).load() != 0))) {
-      continue;
-    }
-    if (!queued) {
-      queued = queuedFrames(driver, group);
-      if (queued->empty()) {
-        return;
-      }
-    }
-    if (!(*queued)[i]) {
-      returnFrame(state, group, descriptors[i], i);
-    }
-  }
 }
 
 void releaseFrames(State& state, Group& group) {

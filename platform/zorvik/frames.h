@@ -3,6 +3,8 @@
 // only. The caller holds the lock. Results: 0 or more, or a negative errno.
 #pragma once
 
+#include <span>
+
 #include "platform/zorvik/driver.h"
 
 namespace tarnik::zorvik {
@@ -11,26 +13,19 @@ namespace tarnik::zorvik {
 // than kMaxFrames.
 [[nodiscard]] int createFrameData(Driver& driver, Group& group, std::uint32_t frames);
 
-// Allocates up to `count` frames with room for `size` bytes, each with the smallest free buffer
-// that is large enough; returns their number. ENOBUFS when there is none, EMSGSIZE when no buffer
-// is that large.
+// Allocates frames with room for `size` bytes for the process `owner`, each with the smallest free
+// buffer that is large enough, until `frameIds` is full or the pool has no more; returns their
+// number. ENOBUFS when there is none, EMSGSIZE when no buffer is that large.
 [[nodiscard]] int allocFrames(Driver& driver, Group& group, std::uint32_t size,
-                              std::uint32_t* frameIds, std::uint32_t count);
+                              std::span<std::uint32_t> frameIds, std::uint8_t owner);
 
 // Frees a frame. A frame that was written to several queues of types 4 and 5 has as many queue
 // references: each call drops one and the last call frees the frame. ENOENT when the frame is not
 // allocated or the identifier is an old one, EINVAL when the group has no such frame.
 [[nodiscard]] int freeFrame(Driver& driver, Group& group, std::uint32_t frameId);
 
-// Frees the frames of processes that died, except those on a queue.
-enum class Reclaim {
-  // Of the frames that dead processes allocated, those without a queue reference: a living process
-  // may have read a frame with one from a queue, and will free it. None while the group has queues
-  // of types other than 4 and 5, because those do not count references.
-  kOfDead,
-  kAll,  // no process has the group open
-};
-void reclaimFrames(Driver& driver, Group& group, Reclaim which);
+// Frees an allocated frame whatever its queue references are.
+void returnFrame(State& state, Group& group, zorvik_frm_desc& descriptor, std::uint32_t index);
 
 // Frees all buffers of a group that is being removed.
 void releaseFrames(State& state, Group& group);

@@ -7,8 +7,8 @@
 #include <new>
 #include <string_view>
 
-#include "platform/zorvik/frames.h"
 #include "platform/zorvik/groups.h"
+#include "platform/zorvik/reclaim.h"
 #include "platform/zorvik/services.h"
 
 namespace tarnik::zorvik {

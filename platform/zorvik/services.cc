@@ -4,11 +4,12 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <optional>
+#include <memory>
 #include <string_view>
 
 #include "platform/zorvik/frames.h"
 #include "platform/zorvik/groups.h"
+#include "platform/zorvik/reclaim.h"
 #include "platform/zorvik/waits.h"
 
 namespace tarnik::zorvik {
@@ -206,7 +207,18 @@ int frmAlloc(Call& call) {
   if (call.group->records == 0) {
     return -ENXIO;
   }
-  const int taken = allocFrames(call.driver, *call.group, alloc.size, alloc.frame_ids, count);
+  Group& group = *call.group;
+  const auto allocate = [&] {
+    return allocFrames(call.driver, group, alloc.size, {alloc.frame_ids, count},
+                       ownerNumber(call.driver));
+  };
+  int taken = allocate();
+  if (taken == -ENOBUFS) {
+    reclaimFrames(call.driver, group, Reclaim::kOfDead);
+    taken = allocate();
+  }
+  group.allocEmpty += taken == -ENOBUFS ? 1 : 0;
+  group.allocTooLarge += taken == -EMSGSIZE ? 1 : 0;
   if (taken < 0) {
     return taken;
   }
@@ -230,24 +242,30 @@ int qStat(Call& call) {
   return 0;
 }
 
-// The side whose wait record has that handle. Nothing if it is none of this queue.
-std::optional<Side> sideOf(const Queue& queue, std::uint32_t handle) {
-  if (handle == queue.producerHandle()) {
-    return Side::kProducer;
+// The ring of the call's queue, and the side whose wait record has the handle.
+struct RingSide {
+  std::shared_ptr<Mapping> memory;
+  std::uint32_t slots;
+  Side side;
+  [[nodiscard]] Ring ring() const { return {memory->base(), slots}; }
+};
+
+// EINVAL when the handle is none of this queue.
+int findSide(const Call& call, std::uint32_t handle, RingSide& found) {
+  const Queue& queue = *call.queue;
+  if (handle != queue.producerHandle() && handle != queue.consumerHandle()) {
+    return -EINVAL;
   }
-  return handle == queue.consumerHandle() ? std::optional(Side::kConsumer) : std::nullopt;
+  found = {call.driver.queueMemory(*call.group, queue), queue.slots,
+           handle == queue.producerHandle() ? Side::kProducer : Side::kConsumer};
+  return found.memory == nullptr ? -ENOMEM : 0;
 }
 
 int qWait(Call& call) {
   const zorvik_q_wait wait = call.as<const zorvik_q_wait>();
-  const auto side = sideOf(*call.queue, wait.kresq_handle);
-  if (!side) {
-    return -EINVAL;
-  }
-  const std::uint32_t slots = call.queue->slots;
-  const auto memory = call.driver.queueMemory(*call.group, *call.queue);
-  if (memory == nullptr) {
-    return -ENOMEM;
+  RingSide found;
+  if (const int error = findSide(call, wait.kresq_handle, found); error != 0) {
+    return error;
   }
   Faults& faults = call.state().faults;
   if (faults.eintrIn > 0 && --faults.eintrIn == 0) {
@@ -255,18 +273,14 @@ int qWait(Call& call) {
   }
   const Sleep sleep = faults.strictWaits != 0 ? Sleep::kUntilWoken : Sleep::kChecksRing;
   call.lock.release();
-  return sleepOn(Ring(memory->base(), slots), *side, wait.timeout_ms, sleep);
+  return sleepOn(found.ring(), found.side, wait.timeout_ms, sleep);
 }
 
 int qWake(Call& call) {
-  const auto side = sideOf(*call.queue, call.as<const zorvik_q_wake>().kresq_handle);
-  if (!side) {
-    return -EINVAL;
-  }
-  const std::uint32_t slots = call.queue->slots;
-  const auto memory = call.driver.queueMemory(*call.group, *call.queue);
-  if (memory == nullptr) {
-    return -ENOMEM;
+  RingSide found;
+  if (const int error = findSide(call, call.as<const zorvik_q_wake>().kresq_handle, found);
+      error != 0) {
+    return error;
   }
   Faults& faults = call.state().faults;
   if (faults.dropWakes > 0) {
@@ -276,7 +290,7 @@ int qWake(Call& call) {
   const std::uint32_t slowMs = faults.slowWakeMs;
   call.lock.release();
   pauseMs(slowMs);
-  wakeAll(Ring(memory->base(), slots), *side);
+  wakeAll(found.ring(), found.side);
   return 0;
 }
 
