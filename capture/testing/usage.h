@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <filesystem>
@@ -30,23 +31,39 @@ inline void passOneSecond() {
   clockMilliseconds += 1000;
 }
 
-// Compares an update with a scan: both counters and what is logged.
-inline testing::AssertionResult agrees(DiskUsage& usage) {
+// Both counters. Their initial values are those of an earlier measurement.
+struct Usage {
   std::uint64_t bytes = 4711;
   std::uint64_t files = 12;
-  std::uint64_t scannedBytes = bytes;
-  std::uint64_t scannedFiles = files;
+  bool operator==(const Usage&) const = default;
+};
+
+inline std::uint64_t sizeOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+  return static_cast<std::uint64_t>(status.st_size);
+}
+
+// What the directory and its parent count.
+inline std::uint64_t directories() {
+  return sizeOf(kCaptureDir + std::string(".")) + sizeOf(kCaptureDir + std::string(".."));
+}
+
+// Compares an update with a scan: both counters and what is logged.
+inline testing::AssertionResult agrees(DiskUsage& usage) {
+  Usage updated;
+  Usage scanned;
   clearLog();
-  usage.update(bytes, files);
+  usage.update(updated.bytes, updated.files);
   const auto logged = logLines();
   clearLog();
-  scanDiskUsage(scannedBytes, scannedFiles);
+  scanDiskUsage(scanned.bytes, scanned.files);
   const auto scanLogged = logLines();
   clearLog();
-  if (bytes != scannedBytes || files != scannedFiles) {
+  if (updated != scanned) {
     return testing::AssertionFailure()
-           << bytes << " bytes, " << files << " files; the scan: " << scannedBytes << " and "
-           << scannedFiles;
+           << updated.bytes << " bytes, " << updated.files << " files; the scan: " << scanned.bytes
+           << " and " << scanned.files;
   }
   if (logged != scanLogged) {
     return testing::AssertionFailure() << testing::PrintToString(logged)

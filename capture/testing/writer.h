@@ -3,7 +3,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <memory>
 #include <string>
 
@@ -14,6 +16,23 @@
 #include "capture/testing/files.h"
 
 namespace tarnik::test {
+
+// Limits the size of the files that this process writes: a write across the limit is partial.
+class LimitedSize {
+ public:
+  explicit LimitedSize(rlim_t bytes) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit{bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  LimitedSize(const LimitedSize&) = delete;
+  LimitedSize& operator=(const LimitedSize&) = delete;
+  ~LimitedSize() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+
+ private:
+  rlimit before_{};
+};
 
 // An empty capture directory without info templates, no faults and an empty log.
 class WriterTest : public testing::Test {
