@@ -23,7 +23,8 @@ struct FrameHeader {
 // frame's owner only.
 void writeFrameHeader(zorvik_frm_desc& frame, const FrameHeader& header) noexcept;
 
-// Likewise, the numbers of the interfaces, in the frame's group, that it came in on and leaves on.
+// Fills in the group's numbers of the frame's input and output interfaces. Called like
+// writeFrameHeader.
 void writeFrameInterfaces(zorvik_frm_desc& frame, std::int16_t in, std::int16_t out) noexcept;
 
 }  // namespace tarnik

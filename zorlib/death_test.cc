@@ -37,7 +37,7 @@ class DeathTest : public ProcessTest {
     EXPECT_TRUE(readMoreThan(0));
   }
 
-  // Waits until more than so many frames have been read.
+  // Waits until more than `frames` frames have been read.
   bool readMoreThan(std::uint64_t frames, std::chrono::milliseconds time = 10s) const {
     return eventually([&] { return shared_->read > frames; }, time);
   }

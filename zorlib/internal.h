@@ -148,8 +148,8 @@ struct zorlib_q : tarnik::zorlib::CMemory {
   // The number of slots - 1, checked against the mapping when the queue was opened. The shared copy
   // is not read again, because it may have changed.
   std::uint32_t mask = 0;
-  // Set by zorlib_q_shutdown for the handle's own side. Another process can clear the shared flag,
-  // but not this one.
+  // Set by zorlib_q_shutdown for the handle's own side. Other processes cannot clear it, unlike the
+  // shared flag.
   std::atomic<bool> shutDown{false};
 
   [[nodiscard]] zorvik_qmem& memory() const noexcept {

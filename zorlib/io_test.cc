@@ -214,7 +214,7 @@ TEST_F(IoTest, TheTypeDecidesHowReferencesAreCounted) {
   frame_->data_off = offset;
 }
 
-constexpr int kBatch = 256;  // after so many changes a count of one byte has its old value
+constexpr int kBatch = 256;  // a count of one byte has its old value after 256 changes
 
 TEST_F(IoTest, ThreadsWhoseWritesFailKeepTheQueueReferences) {
   frame_->qref_cnt = 7;

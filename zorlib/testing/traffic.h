@@ -103,7 +103,7 @@ class ProcessTest : public DriverTest {
     }
   }
 
-  // Waits until so many processes have opened the queue. A later open would clear a shutdown.
+  // Waits until this number of processes has opened the queue. A later open would clear a shutdown.
   void waitUntilReady(int processes) const {
     EXPECT_TRUE(eventually([&] { return shared_->ready >= processes; }));
   }
