@@ -305,19 +305,16 @@ std::string CaptureManager::chooseName(const std::tm& utc, std::int32_t triggerI
   return path;
 }
 
-// The names of open captures are not in the directory yet. They can only be equal to `path` if
-// sequence numbers do not distinguish them.
+// The names of open captures are not in the directory yet. The sequence distinguishes them unless
+// the clock was set back.
 bool CaptureManager::isTaken(const std::string& path) const {
   struct stat status {};
   if (::lstat(path.c_str(), &status) == 0) {
     return true;
   }
-  if (!secondRepeats_ && path.size() < kMaxCapturePath) {
-    return false;
-  }
-  return std::ranges::any_of(writers_, [&](const auto& item) {
-    return item.second != nullptr && item.second->finalPath() == path;
-  });
+  return secondRepeats_ && std::ranges::any_of(writers_, [&](const auto& item) {
+           return item.second != nullptr && item.second->finalPath() == path;
+         });
 }
 
 bool CaptureManager::LookupIssueName(std::int32_t issueId, std::string& name) const {
