@@ -44,7 +44,7 @@ class MetaCacheTest : public testing::Test {
     std::snprintf(text, sizeof text, "%s%lx/%x", known ? "" : "none ", flowId, triggerId);
     return text;
   }
-  // The same after an expire at so many seconds after the test's start.
+  // The same after an expire at the given second after the start of the test.
   std::string foundAfterExpire(std::uint64_t captureId, std::time_t second) {
     test::setTime(kNow + second);
     cache.expire();

@@ -59,7 +59,7 @@ class ManagerTest : public testing::Test {
     setDebugLevel(level);
     clearLog();
   }
-  // Advances the clock to so many seconds after the test's start.
+  // Sets the clock to this number of seconds after the start of the test.
   static void wait(std::time_t seconds) { setTime(kNow + seconds); }
 
   static int configure(decltype(&CaptureManager::Init) operation, CaptureManager& target,
