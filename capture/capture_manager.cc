@@ -1,17 +1,14 @@
 #include "capture/capture_manager.h"
 
 #include <orlo_sdk.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <new>
 #include <utility>
 
 #include "base/log.h"
 #include "base/paths.h"
-#include "capture/file_name.h"
 #include "capture/meta_cache.h"
 #include "frameq/tarnik_q.h"
 
@@ -64,9 +61,7 @@ int CaptureManager::Init(const std::string& issuesPath, std::int64_t maxTimeout,
       configure(Operation::kInit, issuesPath,
                 {maxTimeout, diskSpace, fileCount, maxFileSize, eventInterval, eventThreshold});
   if (result == kOk) {
-    nameTime_ = std::time(nullptr);
-    nameSeq_ = 0;
-    latestNameTime_ = std::max(nameTime_, latestNameTime_);
+    namer_.restart();
     diskUsed_ = 0;
     filesUsed_ = 0;
   }
@@ -91,11 +86,13 @@ int CaptureManager::configure(Operation operation, const std::string& issuesPath
                name, issuesPath.c_str(), limits.maxTimeout, limits.diskSpace, limits.fileCount,
                limits.eventInterval, std::size_t{limits.eventThreshold});
   // Each of the two messages names the other map. Users know them this way, so they stay.
-  if (!(reload ? napMap_.Reload() : napMap_.Load())) {
+  NapMap& napMap = namer_.napMap();
+  if (!(reload ? napMap.Reload() : napMap.Load())) {
     TARNIK_ERROR("Error: %s: Loading of IPS lookup failed", name);
     return kNapMapFailed;
   }
-  if (!(reload ? issueMap_.Reload(issuesPath) : issueMap_.PopulateIssueMap(issuesPath.c_str()))) {
+  IssueMap& issueMap = namer_.issueMap();
+  if (!(reload ? issueMap.Reload(issuesPath) : issueMap.PopulateIssueMap(issuesPath.c_str()))) {
     TARNIK_ERROR("Error: %s: Loading of NAP lookup failed ", name);
     return kIssueMapFailed;
   }
@@ -249,96 +246,11 @@ bool CaptureManager::ProcessMetaData(PcapWriter& writer, std::uint64_t captureId
 
 bool CaptureManager::UpdateWriter(PcapWriter& writer, std::int32_t triggerId,
                                   std::uint64_t flowId) {
-  TARNIK_DEBUG(3, "Debug: %s: triggerId=%d", "UpdateWriter", triggerId);
-  const std::time_t now = std::time(nullptr);
-  nextSequence(now);
-  std::tm utc{};
-  if (::gmtime_r(&now, &utc) == nullptr) {
-    TARNIK_ERROR("Error: %s: Failed to get timestamp: %d", "UpdateWriter", errno);
-    return false;
-  }
-  std::string policyName;  // an issue's name, a rule's UUID, or nothing
-  switch (classifyTrigger(triggerId)) {
-    case TriggerClass::kIpsIssue:
-      if (!LookupIssueName(triggerId, policyName)) {
-        return false;
-      }
-      break;
-    case TriggerClass::kNapRule:
-      if (!LookupNapUuid(triggerId, policyName)) {
-        return false;
-      }
-      break;
-    case TriggerClass::kUnknown:
-      break;
-  }
-  const std::string path = chooseName(utc, triggerId, policyName);
-  TARNIK_DEBUG(0, "Debug: %s: %s", "UpdateWriter", path.c_str());
-  writer.Update(path, static_cast<std::uint32_t>(triggerId), policyName,
-                static_cast<std::int64_t>(flowId));
-  return true;
-}
-
-void CaptureManager::nextSequence(std::time_t now) {
-  if (now == nameTime_) {
-    ++nameSeq_;
-    return;
-  }
-  nameTime_ = now;
-  nameSeq_ = 0;
-  secondRepeats_ = now <= latestNameTime_;
-  latestNameTime_ = std::max(now, latestNameTime_);
-}
-
-// The first name from nameSeq_ on that is free. Skipping a name uses up its number.
-std::string CaptureManager::chooseName(const std::tm& utc, std::int32_t triggerId,
-                                       const std::string& issueName) {
-  std::string path = captureFileName(utc, triggerId, issueName, nameSeq_);
-  while (isTaken(path)) {
-    std::string next = captureFileName(utc, triggerId, issueName, nameSeq_ + 1);
-    if (next == path) {
-      break;  // truncated before the number, so no number helps
-    }
-    ++nameSeq_;
-    path = std::move(next);
-  }
-  return path;
-}
-
-// The names of open captures are not in the directory yet. The sequence distinguishes them unless
-// the clock was set back.
-bool CaptureManager::isTaken(const std::string& path) const {
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) == 0) {
-    return true;
-  }
-  return secondRepeats_ && std::ranges::any_of(writers_, [&](const auto& item) {
-           return item.second != nullptr && item.second->finalPath() == path;
-         });
-}
-
-bool CaptureManager::LookupIssueName(std::int32_t issueId, std::string& name) const {
-  const auto id = static_cast<std::uint32_t>(issueId);
-  TARNIK_DEBUG(3, "Debug: %s: issueId=0x%x", "LookupIssueName", id);
-  if (!issueMap_.LookupIssueName(id, name)) {
-    TARNIK_DEBUG(0, "Debug: %s: No UUID for issueId %d", "LookupIssueName", issueId);
-    TARNIK_ERROR("Error: %s: Failed issue name lookup: 0x%x", "UpdateWriter", id);
-    return false;
-  }
-  TARNIK_DEBUG(0, "Debug: %s: %d=%s ", "LookupIssueName", issueId, name.c_str());
-  return true;
-}
-
-bool CaptureManager::LookupNapUuid(std::int32_t priority, std::string& uuid) const {
-  const auto id = static_cast<std::uint32_t>(priority);
-  TARNIK_DEBUG(3, "Debug: %s: rulePriority=0x%x", "LookupNapUuid", id);
-  if (!napMap_.LookupNapUuid(id, uuid)) {
-    TARNIK_DEBUG(0, "Debug: %s: No UUID for NAP rule %d", "LookupNapUuid", priority);
-    TARNIK_ERROR("Error: %s: Failed nap name lookup: 0x%x", "UpdateWriter", id);
-    return false;
-  }
-  TARNIK_DEBUG(0, "Debug: %s: %d=%s ", "LookupNapUuid", priority, uuid.c_str());
-  return true;
+  return namer_.UpdateWriter(writer, triggerId, flowId, [this](const std::string& path) {
+    return std::ranges::any_of(writers_, [&](const auto& item) {
+      return item.second != nullptr && item.second->finalPath() == path;
+    });
+  });
 }
 
 bool CaptureManager::LookupConnWriter(std::uint64_t captureId, Writer& writer,

@@ -24,12 +24,11 @@
 #include <unordered_map>
 
 #include "capture/block_pool.h"
+#include "capture/capture_namer.h"
 #include "capture/disk_usage.h"
 #include "capture/limits.h"
 #include "capture/pcap_writer.h"
 #include "frameq/frame_header.h"
-#include "policy/issue_map.h"
-#include "policy/nap_map.h"
 
 namespace tarnik {
 
@@ -72,11 +71,7 @@ class CaptureManager {
 
   // Names the writer from the capture's metadata. True when the writer has a name.
   bool ProcessMetaData(PcapWriter& writer, std::uint64_t captureId);
-  // Names the writer's file after the current time and the trigger. Skips the names of existing
-  // files and of open captures. A name that is truncated before its sequence number may have no
-  // free alternative; the writer then gets a taken name, and its Close keeps the working file
-  // instead of replacing another one. Logs a line and returns false when the issue or rule is
-  // unknown.
+  // Names the writer's file, as CaptureNamer::UpdateWriter describes.
   [[nodiscard]] bool UpdateWriter(PcapWriter& writer, std::int32_t triggerId, std::uint64_t flowId);
 
   // Finds a capture's writer and its position in the table. Otherwise returns false and the end.
@@ -122,21 +117,13 @@ class CaptureManager {
                                        std::uint32_t flags);
   void closeWriter(const char* operation, WriterTable::iterator position);
   void shareBuffers(std::uint64_t diskSpace, std::size_t captures);
-  void nextSequence(std::time_t now);
-  [[nodiscard]] std::string chooseName(const std::tm& utc, std::int32_t triggerId,
-                                       const std::string& issueName);
-  [[nodiscard]] bool isTaken(const std::string& path) const;
-  [[nodiscard]] bool LookupIssueName(std::int32_t issueId, std::string& name) const;
-  [[nodiscard]] bool LookupNapUuid(std::int32_t priority, std::string& uuid) const;
 
   mutable std::mutex mutex_;  // guards limits_, diskEvent_ and filesEvent_
   Limits limits_;
   LimitEvent diskEvent_;
   LimitEvent filesEvent_;
 
-  IssueMap issueMap_;
-  NapMap napMap_;
-
+  CaptureNamer namer_;
   // Keeps the entries of the table apart from the writers' buffers, so that lookups touch few
   // pages.
   BlockPool entries_;
@@ -147,10 +134,6 @@ class CaptureManager {
   DiskUsage usage_;
   std::uint64_t diskUsed_ = 0;
   std::uint64_t filesUsed_ = 0;
-  std::time_t nameTime_ = 0;        // second of the last name
-  std::uint64_t nameSeq_ = 0;       // sequence number of the last name within that second
-  std::time_t latestNameTime_ = 0;  // latest second of all names
-  bool secondRepeats_ = false;      // the clock was set back: nameTime_ may have had names before
 };
 
 }  // namespace tarnik
