@@ -221,6 +221,9 @@ class DeadOwnerTest : public FramesTest {
   void SetUp() override {
     FramesTest::SetUp();
     ASSERT_GT(createQ(ifg_, "q", 8), 0);
+    // The first allocation of a process frees the frames of dead ones, the later ones only when
+    // there is no other frame.
+    ASSERT_EQ(freeId(desc_, take(1, 1).at(0)), 0);
   }
   // A child allocates all frames, leaves two on the queue, gives two a queue reference and dies.
   static void dieWithFrames() {
@@ -249,7 +252,7 @@ TEST_F(DeadOwnerTest, FramesAreFreedAtTheNextRequestThatNeedsThem) {
   const struct {
     std::function<void()> request;
     std::uint32_t freeAfterwards;
-  } cases[] = {{[this] { expectFrames(12, kFreed); }, kFreed},
+  } cases[] = {{[this] { expectFrames(13, 1 + kFreed); }, kFreed},
                {[this] { EXPECT_THAT(take(1, 62), SizeIs(kFreed)); }, 0},
                {[] { EXPECT_TRUE(node("brund/frm_desc")); }, kFreed}};
   for (const auto& each : cases) {
@@ -264,9 +267,9 @@ TEST_F(DeadOwnerTest, FramesAreFreedAtTheNextRequestThatNeedsThem) {
 TEST_F(DeadOwnerTest, FramesStayWhileAQueueDoesNotCountReferences) {
   const int id = createQ(ifg_, "raw", 8, ZORVIK_Q_RAW);
   dieWithFrames();
-  expectFrames(12, 0);
+  expectFrames(13, 1);
   EXPECT_EQ(removeQ(ifg_, id), 0);
-  expectFrames(12, 9);
+  expectFrames(13, 10);
 }
 
 TEST_F(DeadOwnerTest, AllFramesAreFreedWhenNoProcessHasTheGroupOpen) {
@@ -274,30 +277,34 @@ TEST_F(DeadOwnerTest, AllFramesAreFreedWhenNoProcessHasTheGroupOpen) {
   desc_ = Fd();
   dieWithFrames();
   desc_ = node("brund/frm_desc");
-  expectFrames(12, 10);  // all but the two on the queue
+  expectFrames(13, 11);  // all but the two on the queue
   EXPECT_THAT(take(1, 62), SizeIs(10));
   EXPECT_EQ(allocError(desc_, 1), -ENOBUFS) << "a living process lost its frames";
   memory_ = std::make_unique<Mapping>(desc_.get(), sizeof(zorvik_frm_desc) * 13);
 }
 
-TEST_F(DeadOwnerTest, ANewProcessDoesNotInheritTheFramesOfADeadOne) {
-  const auto takeAndDie = [](std::uint32_t count, int signal) {
-    Process child([=] {
-      EXPECT_THAT(alloc(node("brund/frm_desc"), 1, count), SizeIs(count));
-      return signal == 0 ? 0 : ::raise(signal);
-    });
-    (void)child.wait();
-  };
-  takeAndDie(5, SIGKILL);
-  takeAndDie(12, 0);
-  expectFrames(17, 17);
+TEST_F(DeadOwnerTest, AProcessWithTheNumberOfADeadOneDoesNotInheritItsFrames) {
+  const Signal open;
+  const Signal dead;
+  Process heir([&] {
+    const Fd desc = node("brund/frm_desc");
+    open.send();
+    dead.await();
+    return static_cast<int>(alloc(desc, 1, 62).size());
+  });
+  open.await();
+  Process child([&] { return static_cast<int>(alloc(desc_, 1, 5).size()); });
+  EXPECT_EQ(child.wait(), test::exited(5));
+  dead.send();
+  EXPECT_EQ(heir.wait(), test::exited(12));
+  expectFrames(18, 18);
 }
 
 TEST_F(DeadOwnerTest, AFrameOfTheParentOutlivesItsChild) {
   const std::uint32_t mine = take(1, 1).at(0);
   Process child([&] { return static_cast<int>(alloc(desc_, 1, 62).size()); });
   EXPECT_EQ(child.wait(), test::exited(11));
-  expectFrames(12, 11);
+  expectFrames(13, 12);
   EXPECT_EQ(freeId(desc_, mine), 0);
 }
 

@@ -194,7 +194,9 @@ int main(int argc, char** argv) {
   REFUSED(ioctl(ctl, ZORVIK_IFG_REMOVE, &group), EBUSY);
   close(desc);
   close(ifg);
-  const int again = node(ZORVIK_DEV_DIR "/client/frm_desc"); /* open, without a request */
+  /* Open, without a request. */
+  const int again = open64(ZORVIK_DEV_DIR "/client/frm_desc", O_RDWR);
+  CHECK(again >= 0);
   REFUSED(ioctl(ctl, ZORVIK_IFG_REMOVE, &group), EBUSY);
   close(again);
   CHECK(ioctl(ctl, ZORVIK_IFG_REMOVE, &group) == 0);
