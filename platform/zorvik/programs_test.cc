@@ -128,7 +128,10 @@ TEST_F(CtlTest, LoadCreateStatusRemoveUnload) {
                   {"create-ifg ABCDEFGHIJKLMNOPQ", 1, "a name has"},
                   {"remove-ifg nobody", 1, "there is no such group"}});
   EXPECT_GT(createQ(node("brund/ctl"), "TarnikQ", 5000), 0);
-  EXPECT_EQ(alloc(node("brund/frm_desc"), 1, 3).size(), 3u);
+  Fd desc = node("brund/frm_desc");
+  EXPECT_EQ(alloc(desc, 1, 3).size(), 3u);
+  Process dead([] { return static_cast<int>(alloc(node("brund/frm_desc"), 1, 2).size()); });
+  EXPECT_EQ(dead.wait(), test::exited(2));
   // The index of no interface of any machine.
   zorvik_ifg_config config = description(2, 0x7fffff00);
   EXPECT_EQ(call(node("brund/ctl"), ZORVIK_IFG_CONFIGURE, &config), 0);
@@ -140,6 +143,7 @@ TEST_F(CtlTest, LoadCreateStatusRemoveUnload) {
             "  interface 1 (gone)  index 2147483393\n"
             "  queue TarnikQ  type 5  entries 8192  queued 0  closed\n"
             "group small  frames 5, 5 free\n");
+  desc = Fd();
   {
     const OpenQueue queue("brund/TarnikQ");
     expectFailures({{"remove-ifg brund", 1, "it is in use"}, {"unload", 1, "it is in use"}});

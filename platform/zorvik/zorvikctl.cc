@@ -12,6 +12,7 @@
 
 #include "platform/zorvik/frames.h"
 #include "platform/zorvik/groups.h"
+#include "platform/zorvik/reclaim.h"
 #include "platform/zorvik/ring.h"
 #include "platform/zorvik/setup.h"
 
@@ -121,7 +122,12 @@ void printGroup(Driver& driver, const Group& group) {
 }
 
 int printStatus(Driver& driver) {
-  const State& state = driver.state();
+  State& state = driver.state();
+  for (Group& group : state.groups) {
+    if (group.life == Life::kLive) {
+      reclaimFrames(driver, group, Reclaim::kOfDead);
+    }
+  }
   for (std::uint32_t i = 0; i < state.classes; ++i) {
     const FrameClass& each = state.frameClasses[i];
     std::printf("buffers of %u bytes: %u, %u free\n", each.bufSize, each.count, each.freeCount);
