@@ -228,6 +228,7 @@ bool CaptureManager::ProcessMetaData(PcapWriter& writer, std::uint64_t captureId
   std::uint64_t flowId = 0;
   std::uint32_t triggerId = 0;
   if (!TarnikMetaCache::instance().lookup(captureId, flowId, triggerId)) {
+    // The line shows the flow, which is 0 here.
     TARNIK_DEBUG(3, "Debug: %s: No metadata: 0x%lx", "ProcessMetaData", flowId);
     return false;
   }

@@ -63,9 +63,9 @@ class CaptureManager {
              std::uint32_t eventThreshold);
 
   // Writes one frame to its capture's file. Opens the file for the first frame, names it as soon as
-  // the capture's metadata is known, and closes it after the last frame (a flag of ReadPkt). `data`
-  // stays the caller's. After a result other than kOk the frame is in no file; a log line says why,
-  // and for limits a platform event.
+  // the capture's metadata is known, and closes it after the last frame (kPktLastFrame) if it has a
+  // name. `data` stays the caller's. After a result other than kOk the frame is in no file; a log
+  // line says why, and for limits a platform event.
   [[nodiscard]] int ConsumeFrame(std::uint64_t captureId, const FrameHeader& frame,
                                  const std::uint8_t* data, std::uint32_t flags);
 

@@ -23,7 +23,7 @@ struct TarnikSettings {
   } file;
   struct {
     std::int64_t timeout = 300;       // seconds
-    std::int64_t interval = 300;      // seconds; no key writes it
+    std::int64_t interval = 300;      // seconds; no key sets it
     std::int64_t qtimeout = 5000000;  // milliseconds
     std::int64_t qsize = 5000;        // not used: the queue's owner sets its size
   } brund;

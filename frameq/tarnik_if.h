@@ -15,13 +15,14 @@ namespace tarnik {
 // Opens the group, once per process. Returns kQOk at once when it is open already.
 [[nodiscard]] int TarnikIfgOpen();
 void TarnikIfgClose();
-// Creates an object that the caller passes to TarnikIfDestroy after its Close. Returns null when no
-// group is open or memory is short.
+// Creates a TarnikQ that is not open; null when no group is open or memory is short. The caller
+// closes it, then passes it to TarnikIfDestroy.
 [[nodiscard]] TarnikQ* TarnikIfCreate();
 void TarnikIfDestroy(TarnikQ* q);
 
 // For the queue's owner: create the queue (51 to 99999 entries, any other size gives 5000) and
-// remove it. QInit2 and QFini2 use a group that the caller has opened, and never open or close one.
+// remove it. TarnikIfQInit2 and TarnikIfQFini2 use a group that the caller has opened, and never
+// open or close one.
 [[nodiscard]] int TarnikIfQInit(std::size_t size);
 [[nodiscard]] int TarnikIfQInit2(zorlib_ifg* ifgHandle, std::size_t size);
 [[nodiscard]] int TarnikIfQFini();

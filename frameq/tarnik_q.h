@@ -23,7 +23,7 @@ enum QResult : int {
 };
 
 // Packet flags of ReadPkt and WritePkt.
-inline constexpr std::uint32_t kPktFlag1 = 1;
+inline constexpr std::uint32_t kPktFlag1 = 1;  // passed through unchanged
 inline constexpr std::uint32_t kPktLastFrame = 4;
 
 class TarnikQ {

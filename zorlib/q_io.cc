@@ -115,8 +115,8 @@ bool checkRead(const zorlib_q* q, zorvik_frm_desc** frame) noexcept {
   return checkHandle(q) && checkPointers(frame);
 }
 
-// One read or write: calls `look` until it has moved a frame, sleeps on the own wait record between
-// the calls, then wakes the peer.
+// One read or write. Calls `look` until it has moved a frame, and sleeps on the wait record of its
+// own side in between. After moving a frame it wakes the other side.
 template <class LookAtRing>
 int transfer(zorlib_q& q, zorvik_resq& own, zorvik_resq& peer, std::uint32_t ms,
              LookAtRing look) noexcept {

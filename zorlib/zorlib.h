@@ -112,9 +112,9 @@ int zorlib_q_shutdown(zorlib_q* q);
 int zorlib_q_read(zorlib_q* q, struct zorvik_frm_desc** frame);
 int zorlib_q_read_timeout(zorlib_q* q, struct zorvik_frm_desc** frame, uint32_t ms);
 
-/* Puts `frame` on the queue and passes it to the consumer. Waits for room up to the queue's
- * timeout. EAGAIN when there was no room, ESHUTDOWN, ENXIO for a damaged descriptor or ring. The
- * caller keeps the frame on failure. */
+/* Puts `frame` on the queue, passes it to the consumer and wakes a sleeping consumer
+ * (ZORVIK_Q_WAKE). Waits for room up to the queue's timeout. EAGAIN when there was no room,
+ * ESHUTDOWN, ENXIO for a damaged descriptor or ring. The caller keeps the frame on failure. */
 int zorlib_q_write(zorlib_q* q, struct zorvik_frm_desc* frame);
 
 /* Drops a reference to `frame`; the last one writes the frame to the egress queue `q`. ENXIO for

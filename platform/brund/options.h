@@ -27,10 +27,10 @@ struct Options {
   double framesPerSecond = 0;  // with kRate
   std::uint64_t loops = 1;
   std::uint64_t queueSize = 5000;
-  std::uint64_t wait = 30;    // seconds
+  std::uint64_t wait = 30;    // seconds to wait for tarnikd
   std::uint64_t seconds = 0;  // of live capture; 0: until a signal
-  std::uint64_t idle = 30;    // seconds
-  bool stay = false;
+  std::uint64_t idle = 30;    // seconds without a frame that end a flow
+  bool stay = false;          // wait until tarnikd has ended
   bool quiet = false;
 };
 
