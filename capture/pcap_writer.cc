@@ -26,11 +26,6 @@ std::unique_ptr<char[]> allocateBuffer(std::size_t size) {
   }
 }
 
-bool isRegularFile(const char* path) {
-  struct stat status {};
-  return ::lstat(path, &status) == 0 && S_ISREG(status.st_mode);
-}
-
 void removeFile(const std::string& path) {
   if (std::remove(path.c_str()) != 0) {
     TARNIK_DEBUG(0, "Debug: %s: Failed to remove [%s]: %s", "Finalize", path.c_str(),
@@ -248,15 +243,12 @@ bool PcapWriter::Finalize() {
   return true;
 }
 
-// Moves the file to its final name. False, with errno, if it ends in a partial record, or if its
-// final name or the name of its info file belongs to another capture.
+// Moves the file to its final name. False, with errno, if it ends in a partial record or if another
+// file has that name. An info file from an earlier capture is replaced: an issue name that contains
+// ".pcap" gives all captures of a second the same info file, and they must all be published.
 bool PcapWriter::publish() const {
   if (truncateError_ != 0) {
     errno = truncateError_;
-    return false;
-  }
-  if (isRegularFile(info_.infoPath.c_str())) {
-    errno = EEXIST;
     return false;
   }
   return renameWithoutReplacing(workingPath_.c_str(), finalPath_.c_str());

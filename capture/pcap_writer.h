@@ -60,9 +60,9 @@ class PcapWriter {
   // Flushes and closes the stream, moves the file to its final name and writes the info file.
   // Removes the capture if it has no final name, if the info file cannot be written, or if not even
   // its header reached the disk. Records that cannot be flushed are lost, with a log line.
-  // False, with a log line, if the stream cannot be closed or the file cannot be moved. It is never
-  // moved over another capture or its info file. The working file then remains. Returns true at
-  // once if the stream is not open, also after a Close that failed.
+  // False, with a log line, if the stream cannot be closed or the file cannot be moved. The
+  // working file then remains; another file is never replaced. Returns true at once if the stream
+  // is not open, also after a Close that failed.
   bool Close();
 
   [[nodiscard]] const std::string& workingPath() const { return workingPath_; }

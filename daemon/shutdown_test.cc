@@ -157,7 +157,9 @@ TEST_F(ShutdownTest, TheWatchdogEndsADaemonWhoseChildHangs) {
   EXPECT_EQ(ending, killedBy(SIGABRT));
   EXPECT_LT(steady_clock::now() - begin, seconds(30));
   EXPECT_THAT(daemon.errors(), ::testing::HasSubstr("Watchdog: no sign of life for 6 seconds"));
-  ::kill(std::stoi(readFile("/tmp/hung").value_or("0")), SIGKILL);
+  const int hung = std::stoi(readFile("/tmp/hung").value_or("0"));
+  ASSERT_GT(hung, 1);
+  ::kill(hung, SIGKILL);
 }
 
 // Captures that get no memory are refused. The daemon records again when there is memory.

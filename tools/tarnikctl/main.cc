@@ -69,8 +69,8 @@ Result<> reload(const Options& options) {
   }
   if ((*response).status != 0) {
     return Error{"the reload failed (status " + std::to_string((*response).status) +
-                 "): the configuration is invalid, and the daemon runs on with what was in force; "
-                 "settings before the invalid one may have been applied; look in the daemon's log"};
+                 "): the new configuration is in force only in part or not at all; the daemon's "
+                 "log names the cause"};
   }
   return {};
 }

@@ -119,7 +119,10 @@ TEST_F(TarnikctlWithDaemon, SendsEachCommand) {
 
 TEST_F(TarnikctlWithDaemon, SaysThatAReloadFailed) {
   writeFile("/etc/tarnik.conf", "tarnik.file.maxno = 9\n");
-  expectError("reload", 1, "the reload failed (status 12): the configuration is invalid");
+  expectError(
+      "reload", 1,
+      "the reload failed (status 12): the new configuration is in force only in part or not at "
+      "all; the daemon's log names the cause");
   EXPECT_EQ(outputOf("state"), "configuration invalid\n");
 }
 
