@@ -1,3 +1,13 @@
+# Makes the targets that link `target` search `root` for headers.
+function(tarnik_include_directory target root)
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL INTERFACE_LIBRARY)
+    target_include_directories(${target} INTERFACE ${root})
+  else()
+    target_include_directories(${target} PUBLIC ${root})
+  endif()
+endfunction()
+
 # tarnik_headers(TARGET FOLDER): makes the headers of a folder available to all that link the target.
 # They are included by their path from the top of the project ("base/log.h"). Nothing else finds
 # them: each folder has an include directory of its own, with a symbolic link to the folder.
@@ -6,12 +16,7 @@ function(tarnik_headers target folder)
   cmake_path(GET folder PARENT_PATH parent)
   file(MAKE_DIRECTORY ${root}/${parent})
   file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${folder} ${root}/${folder} SYMBOLIC)
-  get_target_property(type ${target} TYPE)
-  if(type STREQUAL INTERFACE_LIBRARY)
-    target_include_directories(${target} INTERFACE ${root})
-  else()
-    target_include_directories(${target} PUBLIC ${root})
-  endif()
+  tarnik_include_directory(${target} ${root})
 endfunction()
 
 # tarnik_public_headers(TARGET FOLDER HEADER...): as tarnik_headers, for these headers only.
@@ -21,12 +26,7 @@ function(tarnik_public_headers target folder)
   foreach(header IN LISTS ARGN)
     file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${folder}/${header} ${root}/${folder}/${header} SYMBOLIC)
   endforeach()
-  get_target_property(type ${target} TYPE)
-  if(type STREQUAL INTERFACE_LIBRARY)
-    target_include_directories(${target} INTERFACE ${root})
-  else()
-    target_include_directories(${target} PUBLIC ${root})
-  endif()
+  tarnik_include_directory(${target} ${root})
 endfunction()
 
 # Compiles the files of a test without optimisation, which is quicker. The code under test is in
